@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building, testing and demonstrating halden needs.
+# Idempotent: packages that are present are left alone. Runs as root, or through sudo.
+set -euo pipefail
+
+packages=(
+  build-essential cmake ninja-build git
+  libzookeeper-mt-dev libboost1.81-dev libprotobuf-dev protobuf-compiler
+  libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev zlib1g-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  zookeeper openjdk-17-jre-headless
+)
+if [[ "${1:-}" == "--style" ]]; then # what scripts/check.sh needs on top
+  packages+=(clang clang-format clang-tidy)
+fi
+
+missing=()
+for package in "${packages[@]}"; do
+  status=$(dpkg-query --show --showformat='${db:Status-Status}' "$package" 2>/dev/null || true)
+  [[ "$status" == "installed" ]] || missing+=("$package")
+done
+if [[ ${#missing[@]} -eq 0 ]]; then
+  echo "setup: all ${#packages[@]} packages are installed"
+  exit 0
+fi
+
+as_root=()
+if [[ $EUID -ne 0 ]]; then
+  command -v sudo >/dev/null || { echo "setup: not root and no sudo; install by hand: ${missing[*]}" >&2; exit 1; }
+  as_root=(sudo)
+fi
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+if ! { "${as_root[@]}" apt-get update && # env: sudo drops the variable otherwise
+       "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+         apt-get install --yes --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
+  tail -n 20 "$log" >&2
+  echo "setup: apt-get failed" >&2
+  exit 1
+fi
+echo "setup: done"
