@@ -1,0 +1,124 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "halden/connection_v2.h"
+#include "halden/error.h"
+#include "halden/service_id.h"
+#include "halden/service_watcher.h"
+#include "zrstl/observable.h"
+#include "zrstl/string.h"
+
+namespace zr::halden {
+
+class GlobalServiceWatcherImpl;
+
+/// The library makes and manages one connection per data centre of the configuration file at `configPath`.
+struct LibraryManaged {
+  zr::String configPath;
+};
+
+/// The application makes, starts and stops its connections and hands them in with `AddConnection`.
+struct ApplicationManaged {};
+
+/// One data centre as its connection and watcher see it.
+struct DataCenterStatus {
+  zr::String name;
+  ConnectionStatus connection;
+  ServiceWatcherStatus watcher;
+};
+
+/// Follows one service in all data centres at once: merged instance lists, instance data, and events.
+///
+///     zr::halden::GlobalServiceWatcher watcher("orders", zr::halden::LibraryManaged{"halden.toml"});
+///     watcher.RegisterShared(std::make_shared<MyObserver>());
+///     watcher.StartManagedConnections();
+///     watcher.AwaitSynchronized(std::chrono::seconds(10));
+///     for (const auto& id : watcher.ListInstances()) { ... }
+///
+/// Threads: every operation may be called from any thread; none waits for the network but those named
+/// `Await...` and `Close`. Events of one data centre arrive in order on one thread; those of different data
+/// centres arrive concurrently. See ServiceWatcher for what events promise.
+/// Callbacks: an observer may call every operation from inside a callback, with one exception: while another
+/// thread is in `DisconnectDC` or `StopManagedConnections`, which wait for running callbacks with the watcher's
+/// lock held, an operation that takes that lock (queries, connection operations, `Status`) deadlocks with it.
+/// Programs that disconnect while they run hand events to a thread of their own instead.
+/// Observers: registered as in zrstl/observable_impl.h. One instance published in two data centres is two
+/// instances: the `watcher` argument tells them apart.
+/// Ownership: connections and per-data-centre watchers are shared. Destruction releases them, which closes the
+/// sessions of library-managed mode in the background; `Close` does it in order and waits. A callback that is
+/// running on another thread may end after the destructor; after `Close` none runs.
+/// Errors: library-managed operations on an application-managed watcher throw
+/// details::ExceptionWrapper<HaldenErrorTag, std::runtime_error> ("Invalid Library Usage"); a connect string
+/// that can never work throws ZooError when it is connected. A configuration that cannot be read is no error of
+/// construction: it is logged, and what could be read of it counts.
+class GlobalServiceWatcher final : public zr::Observable<ServiceWatcherObserver> {
+ public:
+  GlobalServiceWatcher(const zr::String& serviceName, LibraryManaged mode, ZkErrorHandler errorHandler = {});
+  GlobalServiceWatcher(const zr::String& serviceName, ApplicationManaged mode,
+                       ZkErrorHandler errorHandler = {});
+  ~GlobalServiceWatcher() override;
+
+  GlobalServiceWatcher(const GlobalServiceWatcher&) = delete;
+  GlobalServiceWatcher& operator=(const GlobalServiceWatcher&) = delete;
+
+  // Observers
+  void RegisterShared(std::shared_ptr<ServiceWatcherObserver> observer) override;
+  void RegisterWeak(std::weak_ptr<ServiceWatcherObserver> observer) override;
+  void UnregisterShared(const std::shared_ptr<ServiceWatcherObserver>& observer) override;
+  void UnregisterWeak(const std::weak_ptr<ServiceWatcherObserver>& observer) override;
+  void UnregisterRaw(const ServiceWatcherObserver* observer) override;
+
+  // Library-managed mode
+
+  /// Connects every configured data centre, also those connected already: call it once.
+  void StartManagedConnections();
+  /// Connects one data centre; false when it is not configured or is connected already.
+  bool ConnectDC(const zr::String& dcName);
+  /// Ends the data centre's session and, in library-managed mode, stops and forgets its connection; false when
+  /// it has none. Its instances are no longer listed; observers hear no removals.
+  bool DisconnectDC(const zr::String& dcName);
+  /// Stops all connections. What is known stays served; observers hear no more.
+  void StopManagedConnections();
+
+  // Application-managed mode
+
+  /// Follows the service through `conn`, which must not be null; the application starts and stops it.
+  void AddConnection(std::shared_ptr<Connection> conn);
+  void RemoveConnection(const std::shared_ptr<Connection>& conn);
+
+  bool HasConnection(const zr::String& dcName);
+  std::shared_ptr<Connection> GetConnection(const zr::String& dcName);
+
+  // Queries
+
+  /// The instances of all data centres, one after the other: neither sorted nor without duplicates.
+  std::vector<ServiceId> ListInstances() const;
+  /// False when no data centre knows `id`; else fills `data` and says in `watcher` which one does.
+  bool GetInstanceData(const ServiceId& id, std::shared_ptr<ServiceWatcher>& watcher,
+                       ServiceInstanceData& data) const;
+
+  /// The watcher of every connected data centre, in no particular order.
+  std::vector<std::shared_ptr<ServiceWatcher>> Watchers() const;
+  /// The names of the data centres that the configuration holds, sorted.
+  std::vector<zr::String> ConfiguredDataCenters() const;
+  /// Every connected data centre, sorted by name.
+  std::vector<DataCenterStatus> Status() const;
+
+  /// Waits until every connected data centre has been read completely once; false at the deadline.
+  bool AwaitSynchronized(std::chrono::milliseconds limit) const;
+
+  /// Library-managed mode: stops all connections and waits until their sessions are closed; false when some
+  /// were not at the deadline. Not from a callback.
+  bool Close(std::chrono::milliseconds limit);
+
+ private:
+  const std::shared_ptr<GlobalServiceWatcherImpl> m_impl;
+};
+
+}  // namespace zr::halden

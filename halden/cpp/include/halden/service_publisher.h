@@ -1,0 +1,74 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+#include "halden/connection_v2.h"
+#include "halden/service_id.h"
+#include "halden/service_watcher.h"
+#include "zrstl/string.h"
+
+namespace zr::halden {
+
+namespace details {
+class PublisherCore;
+}
+
+/// What has become of an instance's node.
+///
+///   Absent     -> Publishing                Publish
+///   Publishing -> Published | Absent        written; Remove
+///   Published  -> Publishing | Absent       new data, session lost, node deleted by others; Remove
+enum class PublishState : std::uint8_t { Absent, Publishing, Published };
+
+std::string_view ToString(PublishState state);
+
+struct PublisherStatus {
+  PublishState state = PublishState::Absent;  ///< what ZooKeeper last confirmed
+  int lastError = 0;                          ///< of the last try that failed; 0 after a success
+  std::uint64_t published = 0;                ///< times that the node was created
+};
+
+/// Publishes one instance through one connection and keeps it true: the node is written again in every new
+/// session, replaced when an earlier session of the same instance left it behind, and created again when others
+/// delete it.
+///
+/// Threads: every operation may be called from any thread, and returns without waiting; only the `Await...` ones
+/// wait, with a limit (not from a callback). What is asked while disconnected is done on reconnect; only the
+/// latest wish counts.
+/// Ownership: shares ownership of its connection. The destructor removes the node in the background if the
+/// session lives; a program that ends calls `Remove` and `AwaitAbsent` first, or stops the connection and awaits
+/// its close.
+/// Errors: the constructor throws std::invalid_argument (null connection, bad service name); `Publish` throws
+/// ZooError(ZBADARGUMENTS) for data that does not fit into a node. Failed writes are logged to
+/// "halden.publisher", kept in `Status`, and tried again with back-off.
+class ServicePublisher {
+ public:
+  ServicePublisher(std::shared_ptr<Connection> conn, const zr::String& serviceName, const ServiceId& id);
+  ~ServicePublisher();
+
+  ServicePublisher(const ServicePublisher&) = delete;
+  ServicePublisher& operator=(const ServicePublisher&) = delete;
+
+  /// Publishes `data`, or replaces what is published. `service_name` is filled in where it is empty.
+  void Publish(ServiceInstanceData data);
+
+  /// Takes the instance back; `Publish` may follow.
+  void Remove();
+
+  const ServiceId& Id() const;
+  PublisherStatus Status() const;
+
+  /// Waits until the last `Publish` (`Remove`) is confirmed: true then, false at the deadline.
+  bool AwaitPublished(std::chrono::milliseconds limit) const;
+  bool AwaitAbsent(std::chrono::milliseconds limit) const;
+
+ private:
+  const std::shared_ptr<Connection> m_conn;
+  const std::shared_ptr<details::PublisherCore> m_core;
+};
+
+}  // namespace zr::halden

@@ -1,0 +1,39 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "halden/utils.h"
+#include "zrstl/string.h"
+
+namespace zr::halden {
+
+/// Something wrong in a configuration file. Line and column count from 1; both are 0 when the fault is not at a
+/// place in the text (a file that cannot be read).
+struct ConfigFault {
+  std::string file;
+  unsigned line = 0;
+  unsigned column = 0;
+  zr::String message;
+
+  /// "file:line:column: message", as compilers write it; "file: message" where there is no place.
+  zr::String Text() const;
+};
+
+struct ZooKeeperConfig {
+  DataCenterEnsembleMapT ensembles;   ///< the entries that are in order
+  std::vector<ConfigFault> faults;    ///< empty when the whole file is in order
+  std::vector<ConfigFault> warnings;  ///< what is ignored: unknown keys and tables
+};
+
+/// Reads the TOML file at `path`:
+///
+///     [data_centers]
+///     eu-west = "zk1.eu:2181,zk2.eu:2181/platform"
+///
+/// Throws nothing on bad input: every fault is in the result, and costs no entry but its own (a syntax error
+/// costs all entries, since what follows it cannot be trusted).
+ZooKeeperConfig ReadZooKeeperConfig(const std::string& path);
+
+}  // namespace zr::halden

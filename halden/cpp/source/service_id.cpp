@@ -1,0 +1,46 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "halden/service_id.h"
+
+#include <boost/uuid/random_generator.hpp>
+#include <cstddef>
+
+namespace zr::halden {
+
+namespace {
+
+constexpr std::string_view kHexDigits = "0123456789abcdef";
+constexpr std::size_t kTextLength = 36;
+
+constexpr bool IsHyphenPosition(std::size_t i) {
+  return i == 8 || i == 13 || i == 18 || i == 23;
+}
+
+}  // namespace
+
+ServiceId MakeServiceId() {
+  return boost::uuids::random_generator()();
+}
+
+zr::String ToString(const ServiceId& id) {
+  return boost::uuids::to_string(id);
+}
+
+std::optional<ServiceId> ParseServiceId(std::string_view text) {
+  if (text.size() != kTextLength) return std::nullopt;
+  ServiceId id{};
+  std::size_t nibble = 0;
+  for (std::size_t i = 0; i < kTextLength; ++i) {
+    if (IsHyphenPosition(i)) {
+      if (text[i] != '-') return std::nullopt;
+      continue;
+    }
+    const auto digit = kHexDigits.find(text[i]);
+    if (digit == std::string_view::npos) return std::nullopt;
+    auto& byte = id.data[nibble / 2];
+    byte = static_cast<std::uint8_t>((byte << 4) | digit);
+    ++nibble;
+  }
+  return id;
+}
+
+}  // namespace zr::halden
