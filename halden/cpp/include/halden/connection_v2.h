@@ -37,15 +37,16 @@ std::string_view ToString(ConnectionState state);
 /// A copy of what a connection knows of itself, for people and metrics.
 struct ConnectionStatus {
   ConnectionState state = ConnectionState::Stopped;
-  std::int64_t sessionId = 0;      ///< 0 before the first session
-  int lastError = 0;               ///< ZooKeeper error code of the last trouble; 0 for none so far
-  zr::String lastErrorText;        ///< what it was, for people
-  std::uint64_t sessions = 0;      ///< sessions established
-  std::uint64_t reconnects = 0;    ///< times that a session went on after a lost connection
-  std::uint64_t expiries = 0;      ///< sessions lost to expiry, forced ones included
+  std::int64_t sessionId = 0;    ///< 0 before the first session
+  int lastError = 0;             ///< ZooKeeper error code of the last trouble; 0 for none so far
+  zr::String lastErrorText;      ///< what it was, for people
+  std::uint64_t sessions = 0;    ///< sessions established
+  std::uint64_t reconnects = 0;  ///< times that a session went on after a lost connection
+  std::uint64_t expiries = 0;    ///< sessions lost to expiry, forced ones included
 };
 
-/// One ZooKeeper session to one ensemble, kept alive and, where allowed, replaced by a new one when it expires.
+/// One ZooKeeper session to one ensemble, kept alive and, where allowed, replaced by a new one when it
+/// expires.
 ///
 /// Threads: every operation may be called from any thread, callbacks of this library included, and none waits
 /// for the network: `Start`, `Stop` and `ForceExpire` post to the connection's own thread and return. Only
@@ -59,7 +60,8 @@ struct ConnectionStatus {
 /// expiry the ephemeral nodes are gone; publishers publish again, and watchers read everything anew.
 class Connection {
  public:
-  /// A ZooKeeper watch event: type (ZOO_CREATED_EVENT, ...), session state, and the node's path below the chroot.
+  /// A ZooKeeper watch event: type (ZOO_CREATED_EVENT, ...), session state, and the node's path below the
+  /// chroot.
   using WatchFunction = std::function<void(int, int, zr::String)>;
 
   /// The entry behind every watch that is set through this connection. One context may serve any number of
@@ -67,37 +69,36 @@ class Connection {
   /// It must not be used once its connection is gone, except to destroy it.
   struct WatchContext {
     WatchContext(const Connection& conn, WatchFunction&& func);
-    /// Copies and moves take the function and whether it is still valid; the copy has a lock of its own and is
-    /// not running. Assignment keeps the connection that the target was made for.
+    /// Copies and moves take the function and whether it is still valid; the copy has a lock of its own and
+    /// is not running. Assignment keeps the connection that the target was made for.
     WatchContext(const WatchContext& other);
     WatchContext(WatchContext&& other) noexcept;
     WatchContext& operator=(const WatchContext& other);
     WatchContext& operator=(WatchContext&& other) noexcept;
     ~WatchContext() = default;
 
-    /// Ends the context: no call of the function starts after this returned. True when none is running either;
-    /// `done` is then dropped uncalled. False when one is running just then (on another thread, or on this one,
-    /// further up the stack): `done` runs right after it, on the thread that ran it.
+    /// Ends the context: no call of the function starts after this returned. True when none is running
+    /// either; `done` is then dropped uncalled. False when one is running just then (on another thread, or on
+    /// this one, further up the stack): `done` runs right after it, on the thread that ran it.
     bool Invalidate(std::function<void()> done);
 
     /// Runs the function for one event, unless the context has ended.
     void Invoke(int type, int state, const zr::String& path);
 
     const Connection& m_conn;
-    WatchFunction m_func;          // constant but for assignment
-    mutable std::mutex m_mtx;      // guards the three below; not held while the function or the callable runs
-    bool m_valid = true;           // false once invalidated
-    bool m_invoking = false;       // the function is running
-    std::function<void()> m_cbk;   // what Invalidate was given, to run after the function
+    WatchFunction m_func;         // constant but for assignment
+    mutable std::mutex m_mtx;     // guards the three below; not held while the function or the callable runs
+    bool m_valid = true;          // false once invalidated
+    bool m_invoking = false;      // the function is running
+    std::function<void()> m_cbk;  // what Invalidate was given, to run after the function
   };
 
-  /// `hosts`: each element a connect string, "host:port[,host:port...][/chroot]"; all name one ensemble, and the
-  /// last one's chroot holds for all. Nothing is checked before `Start`.
-  /// `renewExpired`: whether a session that expired is replaced by a new one. When false the connection stays
-  /// `Expired`, tells its watchers' error handlers, and waits for `Start`.
-  /// `auth`: "scheme:credential" (for example "digest:user:password"), empty for none; given to every session.
-  /// `sessionTimeout`: requested of the server, which clamps it to limits of its own.
-  /// `dcName`: the data centre's name.
+  /// `hosts`: each element a connect string, "host:port[,host:port...][/chroot]"; all name one ensemble, and
+  /// the last one's chroot holds for all. Nothing is checked before `Start`. `renewExpired`: whether a
+  /// session that expired is replaced by a new one. When false the connection stays `Expired`, tells its
+  /// watchers' error handlers, and waits for `Start`. `auth`: "scheme:credential" (for example
+  /// "digest:user:password"), empty for none; given to every session. `sessionTimeout`: requested of the
+  /// server, which clamps it to limits of its own. `dcName`: the data centre's name.
   Connection(const std::vector<zr::String>& hosts, bool renewExpired, zr::String auth,
              std::chrono::milliseconds sessionTimeout, zr::String dcName);
   ~Connection();
@@ -113,7 +114,8 @@ class Connection {
   void Stop();
 
   /// Ends the session on the server, so that its ephemeral nodes go, as an expiry would; what follows is as
-  /// after an expiry. Without a session there is nothing to end. A `Stop` right after it does not cut it short.
+  /// after an expiry. Without a session there is nothing to end. A `Stop` right after it does not cut it
+  /// short.
   void ForceExpire();
 
   zr::String GetDCName() { return m_dcName; }
@@ -121,8 +123,8 @@ class Connection {
 
   ConnectionStatus Status() const;
 
-  /// Waits until a stopped connection's session is closed: true then, false at the deadline. For programs that
-  /// end: ephemeral nodes go at once instead of after the session timeout.
+  /// Waits until a stopped connection's session is closed: true then, false at the deadline. For programs
+  /// that end: ephemeral nodes go at once instead of after the session timeout.
   bool AwaitClosed(std::chrono::milliseconds limit) const;
 
   /// The session machinery, for this library's own watchers and publishers.

@@ -13,8 +13,8 @@ struct HaldenErrorTag;
 
 namespace details {
 
-/// A standard exception `B` under a type of its own, told apart by the tag `D`. Catch it as itself, as `B` or as
-/// std::exception.
+/// A standard exception `B` under a type of its own, told apart by the tag `D`. Catch it as itself, as `B` or
+/// as std::exception.
 template <typename D, typename B>
 class ExceptionWrapper : public B {
  public:
@@ -30,8 +30,8 @@ class ExceptionWrapper : public B {
 
 }  // namespace details
 
-/// A ZooKeeper call failed, or could never work (a malformed host list). `Code` is the client library's return
-/// code (ZBADARGUMENTS and so on); `what` its description.
+/// A ZooKeeper call failed, or could never work (a malformed host list). `Code` is the client library's
+/// return code (ZBADARGUMENTS and so on); `what` its description.
 class ZooError : public details::ExceptionWrapper<HaldenErrorTag, std::runtime_error> {
  public:
   explicit ZooError(int code);

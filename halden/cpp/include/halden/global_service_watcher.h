@@ -45,18 +45,18 @@ struct DataCenterStatus {
 /// `Await...` and `Close`. Events of one data centre arrive in order on one thread; those of different data
 /// centres arrive concurrently. See ServiceWatcher for what events promise.
 /// Callbacks: an observer may call every operation from inside a callback, with one exception: while another
-/// thread is in `DisconnectDC` or `StopManagedConnections`, which wait for running callbacks with the watcher's
-/// lock held, an operation that takes that lock (queries, connection operations, `Status`) deadlocks with it.
-/// Programs that disconnect while they run hand events to a thread of their own instead.
+/// thread is in `DisconnectDC` or `StopManagedConnections`, which wait for running callbacks with the
+/// watcher's lock held, an operation that takes that lock (queries, connection operations, `Status`)
+/// deadlocks with it. Programs that disconnect while they run hand events to a thread of their own instead.
 /// Observers: registered as in zrstl/observable_impl.h. One instance published in two data centres is two
 /// instances: the `watcher` argument tells them apart.
-/// Ownership: connections and per-data-centre watchers are shared. Destruction releases them, which closes the
-/// sessions of library-managed mode in the background; `Close` does it in order and waits. A callback that is
-/// running on another thread may end after the destructor; after `Close` none runs.
-/// Errors: library-managed operations on an application-managed watcher throw
+/// Ownership: connections and per-data-centre watchers are shared. Destruction releases them, which closes
+/// the sessions of library-managed mode in the background; `Close` does it in order and waits. A callback
+/// that is running on another thread may end after the destructor; after `Close` none runs. Errors:
+/// library-managed operations on an application-managed watcher throw
 /// details::ExceptionWrapper<HaldenErrorTag, std::runtime_error> ("Invalid Library Usage"); a connect string
-/// that can never work throws ZooError when it is connected. A configuration that cannot be read is no error of
-/// construction: it is logged, and what could be read of it counts.
+/// that can never work throws ZooError when it is connected. A configuration that cannot be read is no error
+/// of construction: it is logged, and what could be read of it counts.
 class GlobalServiceWatcher final : public zr::Observable<ServiceWatcherObserver> {
  public:
   GlobalServiceWatcher(const zr::String& serviceName, LibraryManaged mode, ZkErrorHandler errorHandler = {});
@@ -80,8 +80,8 @@ class GlobalServiceWatcher final : public zr::Observable<ServiceWatcherObserver>
   void StartManagedConnections();
   /// Connects one data centre; false when it is not configured or is connected already.
   bool ConnectDC(const zr::String& dcName);
-  /// Ends the data centre's session and, in library-managed mode, stops and forgets its connection; false when
-  /// it has none. Its instances are no longer listed; observers hear no removals.
+  /// Ends the data centre's session and, in library-managed mode, stops and forgets its connection; false
+  /// when it has none. Its instances are no longer listed; observers hear no removals.
   bool DisconnectDC(const zr::String& dcName);
   /// Stops all connections. What is known stays served; observers hear no more.
   void StopManagedConnections();

@@ -1,6 +1,7 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -57,31 +58,32 @@ struct ServiceWatcherStatus {
   Freshness freshness = Freshness::NeverSynchronized;
   std::optional<std::chrono::system_clock::time_point> staleSince;  ///< set while Stale
   std::size_t instances = 0;                                        ///< known now
-  std::size_t quarantined = 0;  ///< nodes whose payload does not decode
-  std::uint64_t resyncs = 0;    ///< complete reads of everything, the first one included
-  int lastError = 0;            ///< last ZooKeeper error told to the error handler; 0 for none
+  std::size_t quarantined = 0;                                      ///< nodes whose payload does not decode
+  std::uint64_t resyncs = 0;  ///< complete reads of everything, the first one included
+  int lastError = 0;          ///< last ZooKeeper error told to the error handler; 0 for none
 };
 
 /// Follows the instances of one service through one connection.
 ///
-/// Truth: an instance is removed only on evidence from a live session, never because of a disconnect, an expiry
-/// or a read that failed; until then what is known stays served (`Status` says how fresh it is). An instance
-/// whose payload does not decode keeps its last good value; one that never had any is not announced.
+/// Truth: an instance is removed only on evidence from a live session, never because of a disconnect, an
+/// expiry or a read that failed; until then what is known stays served (`Status` says how fresh it is). An
+/// instance whose payload does not decode keeps its last good value; one that never had any is not announced.
 /// Events: for each instance added, then any number of modified, then removed; each once, in order, from one
-/// thread per connection. Changes that overtake a slow observer are merged: it then sees the newest state, and
-/// memory stays bounded by the number of instances. A node deleted and created again is removed, then added.
-/// Threads: queries may be called from any thread and never wait for the network. A query inside a callback
-/// shows that change, or a newer one. No lock is held while observers run.
-/// Ownership: must be owned by a std::shared_ptr before `Start`. Shares ownership of its connection. Events end
-/// with the last owner; a callback that is running then is finished first, and keeps the watcher alive for it.
-/// Errors: an observer that throws loses that event for the observers after it; it is logged to
-/// "halden.service_watcher" and nothing else is lost.
+/// thread per connection. Changes that overtake a slow observer are merged: it then sees the newest state,
+/// and memory stays bounded by the number of instances. A node deleted and created again is removed, then
+/// added. Threads: queries may be called from any thread and never wait for the network. A query inside a
+/// callback shows that change, or a newer one. No lock is held while observers run. Ownership: must be owned
+/// by a std::shared_ptr before `Start`. Shares ownership of its connection. Events end with the last owner; a
+/// callback that is running then is finished first, and keeps the watcher alive for it. Errors: an observer
+/// that throws loses that event for the observers after it; it is logged to "halden.service_watcher" and
+/// nothing else is lost.
 class ServiceWatcher : public std::enable_shared_from_this<ServiceWatcher>,
                        public zr::ObservableImpl<ServiceWatcherObserver> {
  public:
   /// `conn` must not be null. Throws std::invalid_argument for a null connection and for a service name that
   /// cannot be a node's name (see IsValidServiceName).
-  ServiceWatcher(std::shared_ptr<Connection> conn, const zr::String& serviceName, ZkErrorHandler errorHandler);
+  ServiceWatcher(std::shared_ptr<Connection> conn, const zr::String& serviceName,
+                 ZkErrorHandler errorHandler);
   ~ServiceWatcher() override;
 
   ServiceWatcher(const ServiceWatcher&) = delete;
@@ -110,6 +112,7 @@ class ServiceWatcher : public std::enable_shared_from_this<ServiceWatcher>,
   const std::shared_ptr<Connection> m_conn;
   const std::shared_ptr<details::WatcherDelivery> m_delivery;
   const std::shared_ptr<details::ServiceReader> m_reader;
+  std::atomic<bool> m_started{false};
 };
 
 /// A service name is 1 to 255 bytes of valid UTF-8 without "/" and control characters, and not "." or "..".

@@ -9,8 +9,8 @@
 
 namespace zr::halden {
 
-/// Something wrong in a configuration file. Line and column count from 1; both are 0 when the fault is not at a
-/// place in the text (a file that cannot be read).
+/// Something wrong in a configuration file. Line and column count from 1; both are 0 when the fault is not at
+/// a place in the text (a file that cannot be read).
 struct ConfigFault {
   std::string file;
   unsigned line = 0;

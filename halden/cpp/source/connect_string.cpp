@@ -1,0 +1,215 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "connect_string.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <limits>
+#include <utility>
+
+namespace zr::halden::details {
+
+namespace {
+
+constexpr std::size_t kMaxHostBytes = 253;
+constexpr std::size_t kMaxLabelBytes = 63;
+
+bool IsDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+bool IsNameCharacter(char c) {
+  return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' || c == '_';
+}
+
+template <typename Address>
+bool IsAddress(int family, std::string_view text) {
+  Address address;
+  return inet_pton(family, zr::String(text).c_str(), &address) == 1;
+}
+
+/// A link-local address may name its interface: "fe80::1%eth0".
+bool IsIpv6Address(std::string_view text) {
+  const auto percent = text.find('%');
+  if (percent != std::string_view::npos) {
+    const auto zone = text.substr(percent + 1);
+    if (zone.empty() || !std::all_of(zone.begin(), zone.end(), IsNameCharacter)) return false;
+  }
+  return IsAddress<in6_addr>(AF_INET6, text.substr(0, percent));
+}
+
+/// Goes through the text once; the first fault ends it. Its steps return whether all was well so far.
+class Parser {
+ public:
+  explicit Parser(std::string_view text) : m_text(text) {}
+
+  ParsedConnectString Parse() {
+    if (!CheckBlanks() || !ParseServers() || !ParseChroot()) m_parsed.value = {};
+    return std::move(m_parsed);
+  }
+
+ private:
+  bool Fail(std::size_t offset, zr::String error) {
+    m_parsed.offset = offset;
+    m_parsed.error = std::move(error);
+    return false;
+  }
+
+  bool CheckBlanks() {
+    if (m_text.empty()) return Fail(0, "empty: expected host:port[,host:port...][/chroot]");
+    const auto isBlank = [](unsigned char c) { return c <= ' ' || c == 0x7F; };
+    const auto blank = std::find_if(m_text.begin(), m_text.end(), isBlank);
+    if (blank == m_text.end()) return true;
+    return Fail(static_cast<std::size_t>(blank - m_text.begin()),
+                "blank or control character: expected none anywhere");
+  }
+
+  bool ParseServers() {
+    const auto servers = m_text.substr(0, m_text.find('/'));
+    for (std::size_t begin = 0; begin <= servers.size();) {
+      const auto end = std::min(servers.find(',', begin), servers.size());
+      if (!ParseServer(begin, end)) return false;
+      begin = end + 1;
+    }
+    return true;
+  }
+
+  bool ParseServer(std::size_t begin, std::size_t end) {
+    const auto server = m_text.substr(begin, end - begin);
+    if (server.empty()) return Fail(begin, "host missing: expected host:port");
+    std::size_t hostBytes = 0;
+    zr::String host;
+    if (server.front() == '[') {
+      const auto close = server.find(']');
+      if (close == std::string_view::npos) return Fail(begin, "\"[\" is not closed: expected [IPv6]:port");
+      host = server.substr(1, close - 1);
+      if (!IsIpv6Address(host)) return Fail(begin + 1, "not an IPv6 address: expected one in the brackets");
+      hostBytes = close + 1;
+    } else {
+      hostBytes = std::min(server.find(':'), server.size());
+      host = server.substr(0, hostBytes);
+      if (!CheckHost(host, begin)) return false;
+    }
+    std::uint16_t port = 0;
+    if (!ParsePort(begin + hostBytes, end, port)) return false;
+    m_parsed.value.hosts.push_back({std::move(host), port});
+    return true;
+  }
+
+  bool CheckHost(std::string_view host, std::size_t begin) {
+    if (host.empty()) return Fail(begin, "host missing: expected host:port");
+    if (host.size() > kMaxHostBytes)
+      return Fail(begin, "host name too long: expected at most 253 characters");
+    std::size_t label = 0;
+    for (std::size_t i = 0; i < host.size(); ++i) {
+      if (host[i] != '.' && !IsNameCharacter(host[i])) {
+        return Fail(begin + i,
+                    "not a character of a host name: expected letters, digits, \"-\", \"_\", \".\"");
+      }
+      label = host[i] == '.' ? 0 : label + 1;
+      if (label > kMaxLabelBytes)
+        return Fail(begin + i, "host name: more than 63 characters between two dots");
+      if (label == 0 && (i == 0 || host[i - 1] == '.'))
+        return Fail(begin + i, "host name: nothing before a dot");
+    }
+    // The resolver takes "10.0.0" for 10.0.0.0, and "10.0.0.256" for a name.
+    const auto isNumeric =
+        std::all_of(host.begin(), host.end(), [](char c) { return IsDigit(c) || c == '.'; });
+    if (!isNumeric || IsAddress<in_addr>(AF_INET, host)) return true;
+    return Fail(begin, "not an IPv4 address: expected four numbers from 0 to 255");
+  }
+
+  bool ParsePort(std::size_t colon, std::size_t end, std::uint16_t& port) {
+    const auto begin = colon + 1;
+    if (colon >= end || m_text[colon] != ':' || begin == end) {
+      return Fail(std::min(colon, end), "port missing: expected host:port");
+    }
+    const auto digits = m_text.substr(begin, end - begin);
+    const auto odd = std::find_if_not(digits.begin(), digits.end(), IsDigit);
+    if (odd != digits.end()) {
+      const auto offset = begin + static_cast<std::size_t>(odd - digits.begin());
+      if (*odd == ':') return Fail(offset, "second \":\": expected host:port, an IPv6 address in brackets");
+      return Fail(offset, "not a digit of a port: expected host:port, and commas between hosts");
+    }
+    const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), port);
+    if (result.ec == std::errc() && port != 0) return true;
+    return Fail(begin, "port out of range: expected 1 to 65535");
+  }
+
+  bool ParseChroot() {
+    const auto chroot = m_text.find('/');
+    if (chroot == std::string_view::npos) return true;
+    for (std::size_t begin = chroot + 1; begin <= m_text.size();) {
+      const auto end = std::min(m_text.find('/', begin), m_text.size());
+      if (!CheckChrootElement(m_text.substr(begin, end - begin), begin)) return false;
+      begin = end + 1;
+    }
+    m_parsed.value.chroot = m_text.substr(chroot);
+    return true;
+  }
+
+  bool CheckChrootElement(std::string_view element, std::size_t begin) {
+    if (element.empty()) {
+      if (begin == m_text.size())
+        return Fail(begin - 1, "\"/\" at the end: expected a chroot without it, or none");
+      return Fail(begin, "empty element in the chroot: expected one \"/\" between two");
+    }
+    if (element == "." || element == "..")
+      return Fail(begin, "relative chroot: expected no \".\" and \"..\"");
+    // ZooKeeper would take the comma, and all behind it as more of the path.
+    const auto comma = element.find(',');
+    if (comma != std::string_view::npos) {
+      return Fail(begin + comma, "\",\" in the chroot: expected one chroot, behind the last host");
+    }
+    const auto bad = FindBadPathCharacter(element);
+    if (bad == std::string_view::npos) return true;
+    return Fail(begin + bad, "character in the chroot that ZooKeeper refuses: expected printable UTF-8");
+  }
+
+  std::string_view m_text;
+  ParsedConnectString m_parsed;
+};
+
+}  // namespace
+
+ParsedConnectString ParseConnectString(const zr::String& text) {
+  return Parser(text).Parse();
+}
+
+std::optional<char32_t> TakeCodePoint(std::string_view& text) {
+  constexpr std::array<char32_t, 5> leastOfLength{0, 0, 0x80, 0x800, 0x10000};
+  const auto lead = static_cast<unsigned char>(text.front());
+  if (lead < 0x80) {
+    text.remove_prefix(1);
+    return lead;
+  }
+  const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
+  if (lead < 0xC0 || lead > 0xF4 || text.size() < length) return std::nullopt;
+  char32_t point = lead & (0xFFU >> (length + 1));
+  for (std::size_t i = 1; i < length; ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if ((byte & 0xC0U) != 0x80) return std::nullopt;
+    point = (point << 6U) | (byte & 0x3FU);
+  }
+  const bool isSurrogate = point >= 0xD800 && point <= 0xDFFF;
+  if (point < leastOfLength[length] || point > 0x10FFFF || isSurrogate) return std::nullopt;
+  text.remove_prefix(length);
+  return point;
+}
+
+std::size_t FindBadPathCharacter(std::string_view text) {
+  for (std::string_view rest = text; !rest.empty();) {
+    const auto offset = text.size() - rest.size();
+    const auto point = TakeCodePoint(rest);
+    if (!point) return offset;
+    // Servers look at UTF-16: what takes a pair of surrogates there falls under their ban of U+D800 to
+    // U+F8FF.
+    if (*point < 0x20 || (*point >= 0x7F && *point <= 0x9F)) return offset;
+    if ((*point >= 0xD800 && *point <= 0xF8FF) || *point >= 0xFFF0) return offset;
+  }
+  return std::string_view::npos;
+}
+
+}  // namespace zr::halden::details

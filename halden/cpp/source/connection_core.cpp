@@ -1,0 +1,424 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "connection_core.h"
+
+#include <array>
+#include <limits>
+#include <system_error>
+#include <utility>
+
+#include "client_log.h"
+#include "log_sources.h"
+#include "name_resolution.h"
+
+namespace zr::halden::details {
+
+namespace {
+
+// The client sets its watches again in one packet, which servers refuse past 1 MiB: it would reconnect for
+// ever.
+constexpr std::size_t kMaxWatchBytes = 900'000;
+constexpr std::chrono::seconds kWatchdogPeriod{5};
+constexpr std::chrono::seconds kEndingLimit{2};
+constexpr int kEndingTries = 5;
+
+bool IsLegal(ConnectionState from, ConnectionState to) {
+  using S = ConnectionState;
+  switch (from) {
+    case S::Stopped:
+      return to == S::Connecting;
+    case S::Connecting:
+      return to != S::Suspended;
+    case S::Connected:
+      return to != S::Connected;
+    case S::Suspended:
+      return to != S::Suspended;
+    case S::Expired:
+    case S::AuthFailed:
+      return to == S::Connecting || to == S::Stopped;
+  }
+  return false;
+}
+
+struct Hex {
+  std::int64_t value;
+};
+
+std::ostream& operator<<(std::ostream& out, Hex hex) {
+  return out << "0x" << std::hex << static_cast<std::uint64_t>(hex.value) << std::dec;
+}
+
+}  // namespace
+
+ConnectionCore::ConnectionCore(ConnectionOptions options) : m_options(std::move(options)) {}
+
+ConnectionCore::~ConnectionCore() {
+  m_epoch.reset();
+  m_ending.reset();
+}
+
+// Any thread.
+
+void ConnectionCore::Start(const clientid_t* session) {
+  const auto resume = session != nullptr ? std::optional(*session) : std::nullopt;
+  const std::lock_guard lock(m_startMtx);
+  if (!m_started) Validate();
+  try {
+    PostMember([this, resume] { DoStart(resume); });
+    m_started = true;
+  } catch (const std::system_error& e) {  // no thread to be had
+    throw ZooError(ZSYSTEMERROR, e.what());
+  }
+}
+
+void ConnectionCore::Validate() {
+  ConnectString ensemble;
+  for (const auto& text : m_options.hosts) {
+    auto parsed = ParseConnectString(text);
+    if (!parsed.error.empty()) {
+      throw ZooError(ZBADARGUMENTS, "connect string \"" + text + "\", character " +
+                                        std::to_string(parsed.offset + 1) + ": " + parsed.error);
+    }
+    ensemble.hosts.insert(ensemble.hosts.end(), parsed.value.hosts.begin(), parsed.value.hosts.end());
+    ensemble.chroot = std::move(parsed.value.chroot);
+  }
+  if (ensemble.hosts.empty()) throw ZooError(ZBADARGUMENTS, "no host is given");
+  const auto timeout = m_options.sessionTimeout.count();
+  if (timeout <= 0 || timeout > std::numeric_limits<int>::max()) {
+    throw ZooError(ZBADARGUMENTS, "session timeout out of range: " + std::to_string(timeout) + " ms");
+  }
+  if (!m_options.auth.empty()) {
+    const auto colon = m_options.auth.find(':');
+    if (colon == zr::String::npos || colon == 0) {  // the text itself is secret
+      throw ZooError(ZBADARGUMENTS, "authentication is not of the form scheme:credential");
+    }
+    m_authScheme = m_options.auth.substr(0, colon);
+    m_authCredential = m_options.auth.substr(colon + 1);
+  }
+  m_ensemble = std::move(ensemble);
+}
+
+void ConnectionCore::Stop() {
+  if (!StartedOnce()) return;
+  {
+    const std::lock_guard lock(m_statusMtx);
+    ++m_stopsAsked;
+  }
+  m_thread.Post([self = shared_from_this()] { self->DoStop(); });
+}
+
+void ConnectionCore::ForceExpire() {
+  if (!StartedOnce()) return;
+  PostMember([this] { DoForceExpire(); });
+}
+
+/// Before the first start there is nothing to end, and no thread to do it.
+bool ConnectionCore::StartedOnce() {
+  const std::lock_guard lock(m_startMtx);
+  return m_started;
+}
+
+ConnectionStatus ConnectionCore::Status() const {
+  const std::lock_guard lock(m_statusMtx);
+  return m_status;
+}
+
+bool ConnectionCore::AwaitClosed(std::chrono::milliseconds limit) const {
+  std::unique_lock lock(m_statusMtx);
+  return m_closedChanged.wait_for(lock, limit, [this] { return m_closed && m_stopsAsked == 0; });
+}
+
+void ConnectionCore::PostMember(TaskThread::Task task) {
+  m_thread.Post([weak = weak_from_this(), task = std::move(task)] {
+    if (const auto self = weak.lock()) task();
+  });
+}
+
+void ConnectionCore::PostSession(std::uint64_t epoch, int state) {
+  PostMember([this, epoch, state] { OnSession(epoch, state); });
+}
+
+void ConnectionCore::PostReply(std::uint64_t epoch, void* slot, Reply reply) {
+  m_thread.Post([weak = weak_from_this(), epoch, slot, reply = std::move(reply)]() mutable {
+    const auto self = weak.lock();
+    if (self && self->IsCurrent(epoch)) self->m_epoch->Complete(slot, reply);
+  });
+}
+
+void ConnectionCore::PostWatch(std::uint64_t epoch, void* binding, int type, int state, std::string path) {
+  PostMember([this, epoch, binding, type, state, path = std::move(path)] {
+    if (IsCurrent(epoch)) m_epoch->Dispatch(binding, type, state, path);
+  });
+}
+
+// The connection's thread.
+
+void ConnectionCore::AddListener(const std::shared_ptr<ConnectionListener>& listener) {
+  m_listeners.push_back(listener);
+  if (Connected()) listener->OnConnected(true);
+}
+
+void ConnectionCore::Submit(Request request) {
+  if (m_epoch) m_epoch->Submit(std::move(request));
+}
+
+void ConnectionCore::DoStart(const std::optional<clientid_t>& session) {
+  if (m_wanted) return;
+  m_wanted = true;
+  m_resume = session;
+  m_backoff.Reset();
+  UpdateClosed();
+  Open();
+}
+
+void ConnectionCore::DoStop() {
+  m_wanted = false;
+  m_resume.reset();
+  ++m_attempt;
+  if (m_epoch) {
+    const bool unanswered = m_state == ConnectionState::Connected && m_epoch->Outstanding() != 0;
+    const clientid_t session = m_session;
+    CloseEpoch();
+    // A close with requests under way often leaves the session alive on the server.
+    if (unanswered) EndSession(session);
+  }
+  if (m_state != ConnectionState::Stopped) SetState(ConnectionState::Stopped);
+  {
+    const std::lock_guard lock(m_statusMtx);
+    if (m_stopsAsked != 0) --m_stopsAsked;
+  }
+  UpdateClosed();
+}
+
+void ConnectionCore::DoForceExpire() {
+  if (!m_epoch || m_session.client_id == 0) {
+    ZRLOG(ZRLOG_INFO, ConnectionLog()) << "no session to expire, dc_name=" << m_options.dcName;
+    return;
+  }
+  const clientid_t session = m_session;
+  ZRLOG(ZRLOG_INFO, ConnectionLog()) << "expiring the session, session_id=" << Hex{session.client_id}
+                                     << ", dc_name=" << m_options.dcName;
+  OnSessionOver(ZSESSIONEXPIRED, ConnectionState::Expired);
+  EndSession(session);
+}
+
+void ConnectionCore::Open() {
+  if (!m_wanted || m_epoch || m_ending) return;
+  if (m_state != ConnectionState::Connecting) SetState(ConnectionState::Connecting);
+  const ResolvedHosts resolved = Resolve(m_ensemble.hosts);
+  if (resolved.addresses.empty()) {
+    SetError(ZSYSTEMERROR, "no host resolves: " + resolved.error);
+    return OpenLater();
+  }
+  m_addresses = resolved.addresses;
+  m_epoch = MakeEpoch();
+  if (!OpenHandle(*m_epoch, m_resume ? &*m_resume : nullptr)) {
+    m_epoch.reset();
+    return OpenLater();
+  }
+  UpdateClosed();
+  PostAfter(kWatchdogPeriod, [weak = weak_from_this(), epoch = m_epoch->Number()] {
+    if (const auto self = weak.lock()) self->Watchdog(epoch, 1);
+  });
+}
+
+std::unique_ptr<Epoch> ConnectionCore::MakeEpoch() {
+  EpochEvents& events = *this;
+  return std::make_unique<Epoch>(m_nextEpoch++, events, m_ensemble.chroot);
+}
+
+void ConnectionCore::OpenLater() {
+  PostAfter(m_backoff.Next(), [weak = weak_from_this(), attempt = ++m_attempt] {
+    const auto self = weak.lock();
+    if (self && self->m_attempt == attempt) self->Open();
+  });
+}
+
+bool ConnectionCore::OpenHandle(Epoch& epoch, const clientid_t* resume) {
+  const int error = epoch.Open(m_addresses, m_options.sessionTimeout, resume);
+  if (error != 0) {
+    SetError(ZSYSTEMERROR, "no client handle: " + std::generic_category().message(error));
+    return false;
+  }
+  if (!m_authScheme.empty()) epoch.Authenticate(m_authScheme, m_authCredential);
+  return true;
+}
+
+/// Ends the current epoch. Listeners hear first: from here on nothing they asked for will be answered.
+void ConnectionCore::CloseEpoch() {
+  const std::unique_ptr<Epoch> epoch = std::move(m_epoch);
+  m_session = {};
+  ++m_attempt;
+  Tell([](ConnectionListener& listener) { listener.OnDisconnected(true); });
+  epoch->Close();
+  DrainClientLog();
+}
+
+/// Runs now and then while an epoch lives. A client that finds no server says nothing: so this does. And
+/// names may have moved since the epoch was opened.
+void ConnectionCore::Watchdog(std::uint64_t epoch, unsigned round) {
+  if (!IsCurrent(epoch)) return;
+  DrainClientLog();
+  if (Connected()) {
+    round = 0;
+  } else {
+    constexpr unsigned kLogEvery = 12;
+    if (m_state == ConnectionState::Connecting && round % kLogEvery == 1) {
+      SetError(ZCONNECTIONLOSS, "no server of the ensemble is reached: " + m_addresses);
+    }
+    const auto resolved = Resolve(m_ensemble.hosts);
+    if (!resolved.addresses.empty() && resolved.addresses != m_addresses) {
+      m_addresses = resolved.addresses;
+      m_epoch->SetServers(m_addresses);
+      ZRLOG(ZRLOG_INFO, ConnectionLog())
+          << "the ensemble's addresses have changed, addresses=" << m_addresses;
+    }
+  }
+  PostAfter(kWatchdogPeriod, [weak = weak_from_this(), epoch, round] {
+    if (const auto self = weak.lock()) self->Watchdog(epoch, round + 1);
+  });
+}
+
+void ConnectionCore::OnSession(std::uint64_t epoch, int state) {
+  if (m_ending && m_ending->Number() == epoch) return OnEnding(state);
+  if (!IsCurrent(epoch)) return;
+  if (state == ZOO_CONNECTED_STATE) {
+    OnEstablished();
+  } else if (state == ZOO_CONNECTING_STATE || state == ZOO_NOTCONNECTED_STATE) {
+    OnLost();
+  } else if (state == ZOO_EXPIRED_SESSION_STATE) {
+    const bool established = m_session.client_id != 0;
+    OnSessionOver(ZSESSIONEXPIRED, ConnectionState::Expired);
+    established ? Open() : OpenLater();  // a session that was dead before it began could be so again
+  } else if (state == ZOO_AUTH_FAILED_STATE) {
+    OnSessionOver(ZAUTHFAILED, ConnectionState::AuthFailed);
+    OpenLater();
+  }
+  DrainClientLog();
+}
+
+void ConnectionCore::OnEstablished() {
+  const bool newEpoch = m_session.client_id == 0;
+  if (m_state == ConnectionState::Connected) {  // it can come without word of the loss before it
+    const auto epoch = m_epoch->Number();
+    OnLost();
+    if (!IsCurrent(epoch)) return;
+  }
+  m_session = m_epoch->Session();
+  const bool resumed = m_resume && m_resume->client_id == m_session.client_id;
+  m_resume.reset();
+  m_backoff.Reset();
+  {
+    const std::lock_guard lock(m_statusMtx);
+    m_status.sessionId = m_session.client_id;
+    ++(newEpoch && !resumed ? m_status.sessions : m_status.reconnects);
+  }
+  SetState(ConnectionState::Connected);
+  ZRLOG(ZRLOG_INFO, ConnectionLog()) << "connected, session_id=" << Hex{m_session.client_id}
+                                     << ", dc_name=" << m_options.dcName;
+  Tell([newEpoch](ConnectionListener& listener) { listener.OnConnected(newEpoch); });
+}
+
+void ConnectionCore::OnLost() {
+  if (m_state != ConnectionState::Connected) return;
+  SetError(ZCONNECTIONLOSS, "connection lost");
+  if (m_epoch->WatchBytes() > kMaxWatchBytes) {
+    m_resume = m_session;  // a new handle has no watches to set again, and goes on with the same session
+    CloseEpoch();
+    return Open();
+  }
+  SetState(ConnectionState::Suspended);
+  Tell([](ConnectionListener& listener) { listener.OnDisconnected(false); });
+}
+
+void ConnectionCore::OnSessionOver(int code, ConnectionState state) {
+  SetError(code,
+           "session " + std::string(code == ZAUTHFAILED ? "refused: authentication failed" : "expired"));
+  m_resume.reset();
+  if (code == ZSESSIONEXPIRED) {
+    const std::lock_guard lock(m_statusMtx);
+    ++m_status.expiries;
+  }
+  CloseEpoch();
+  SetState(state);
+  m_wanted = m_options.renewExpired;
+  if (!m_wanted || code == ZAUTHFAILED) {
+    Tell([code](ConnectionListener& listener) { listener.OnSessionError(code); });
+  }
+  UpdateClosed();
+}
+
+/// Makes the server end a session whose handle is closed: takes the session up again alone and closes it
+/// idle, until the server says that it is gone.
+void ConnectionCore::EndSession(const clientid_t& session) {
+  m_endingSession = session;
+  m_endingTries = 0;
+  m_self = shared_from_this();
+  TryEndSession();
+}
+
+void ConnectionCore::TryEndSession() {
+  m_ending = MakeEpoch();
+  if (++m_endingTries > kEndingTries || !OpenHandle(*m_ending, &m_endingSession)) {
+    ZRLOG(ZRLOG_WARNING, ConnectionLog())
+        << "session not ended on the server, it ends after its timeout, dc_name=" << m_options.dcName;
+    return FinishEnding();
+  }
+  UpdateClosed();
+  PostAfter(kEndingLimit, [weak = weak_from_this(), epoch = m_ending->Number()] {
+    const auto self = weak.lock();
+    if (!self || !self->m_ending || self->m_ending->Number() != epoch) return;
+    self->m_endingTries = kEndingTries;  // no answer: no use asking again
+    self->m_ending->Close();
+    self->TryEndSession();
+  });
+}
+
+void ConnectionCore::OnEnding(int state) {
+  if (state == ZOO_CONNECTED_STATE) {
+    m_ending->Close();
+    TryEndSession();
+  } else if (state == ZOO_EXPIRED_SESSION_STATE || state == ZOO_AUTH_FAILED_STATE) {
+    FinishEnding();
+  }
+}
+
+void ConnectionCore::FinishEnding() {
+  m_ending.reset();
+  const auto self = std::move(m_self);
+  UpdateClosed();
+  Open();
+}
+
+void ConnectionCore::SetState(ConnectionState state) {
+  if (!IsLegal(m_state, state)) {
+    ZRLOG(ZRLOG_ERROR, ConnectionLog()) << "illegal state change, from=" << ToString(m_state)
+                                        << ", to=" << ToString(state) << ", dc_name=" << m_options.dcName;
+  }
+  m_state = state;
+  const std::lock_guard lock(m_statusMtx);
+  m_status.state = state;
+  if (state != ConnectionState::Connected && state != ConnectionState::Suspended) m_status.sessionId = 0;
+}
+
+void ConnectionCore::SetError(int code, zr::String text) {
+  ZRLOG(ZRLOG_WARNING, ConnectionLog()) << text << ", dc_name=" << m_options.dcName;
+  const std::lock_guard lock(m_statusMtx);
+  m_status.lastError = code;
+  m_status.lastErrorText = std::move(text);
+}
+
+void ConnectionCore::UpdateClosed() {
+  const std::lock_guard lock(m_statusMtx);
+  m_closed = !m_wanted && !m_epoch && !m_ending;
+  m_closedChanged.notify_all();
+}
+
+void ConnectionCore::Tell(const std::function<void(ConnectionListener&)>& what) {
+  std::erase_if(m_listeners, [](const auto& weak) { return weak.expired(); });
+  const auto listeners = m_listeners;  // a listener may add another
+  for (const auto& weak : listeners) {
+    if (const auto listener = weak.lock()) what(*listener);
+  }
+}
+
+}  // namespace zr::halden::details
