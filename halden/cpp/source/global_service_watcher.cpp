@@ -1,0 +1,132 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "halden/global_service_watcher.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "global_service_watcher_impl.h"
+
+namespace zr::halden {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::chrono::milliseconds Until(Clock::time_point deadline) {
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+  return std::max(left, std::chrono::milliseconds::zero());
+}
+
+}  // namespace
+
+GlobalServiceWatcher::GlobalServiceWatcher(const zr::String& serviceName, LibraryManaged mode,
+                                           ZkErrorHandler errorHandler)
+    : m_impl(std::make_shared<GlobalServiceWatcherImpl>(*this, serviceName, true, std::move(mode.configPath),
+                                                        std::move(errorHandler))) {}
+
+GlobalServiceWatcher::GlobalServiceWatcher(const zr::String& serviceName, ApplicationManaged /*mode*/,
+                                           ZkErrorHandler errorHandler)
+    : m_impl(std::make_shared<GlobalServiceWatcherImpl>(*this, serviceName, false, zr::String(),
+                                                        std::move(errorHandler))) {}
+
+GlobalServiceWatcher::~GlobalServiceWatcher() = default;
+
+void GlobalServiceWatcher::RegisterShared(std::shared_ptr<ServiceWatcherObserver> observer) {
+  m_impl->RegisterShared(std::move(observer));
+}
+
+void GlobalServiceWatcher::RegisterWeak(std::weak_ptr<ServiceWatcherObserver> observer) {
+  m_impl->RegisterWeak(std::move(observer));
+}
+
+void GlobalServiceWatcher::UnregisterShared(const std::shared_ptr<ServiceWatcherObserver>& observer) {
+  m_impl->UnregisterShared(observer);
+}
+
+void GlobalServiceWatcher::UnregisterWeak(const std::weak_ptr<ServiceWatcherObserver>& observer) {
+  m_impl->UnregisterWeak(observer);
+}
+
+void GlobalServiceWatcher::UnregisterRaw(const ServiceWatcherObserver* observer) {
+  m_impl->UnregisterRaw(observer);
+}
+
+void GlobalServiceWatcher::StartManagedConnections() {
+  m_impl->StartManagedConnections();
+}
+
+bool GlobalServiceWatcher::ConnectDC(const zr::String& dcName) {
+  return m_impl->ConnectDC(dcName);
+}
+
+bool GlobalServiceWatcher::DisconnectDC(const zr::String& dcName) {
+  return m_impl->DisconnectDC(dcName);
+}
+
+void GlobalServiceWatcher::StopManagedConnections() {
+  m_impl->StopManagedConnections();
+}
+
+void GlobalServiceWatcher::AddConnection(std::shared_ptr<Connection> conn) {
+  m_impl->AddConnection(std::move(conn));
+}
+
+void GlobalServiceWatcher::RemoveConnection(const std::shared_ptr<Connection>& conn) {
+  m_impl->RemoveConnection(conn);
+}
+
+bool GlobalServiceWatcher::HasConnection(const zr::String& dcName) {
+  return m_impl->HasConnection(dcName);
+}
+
+std::shared_ptr<Connection> GlobalServiceWatcher::GetConnection(const zr::String& dcName) {
+  return m_impl->GetConnection(dcName);
+}
+
+std::vector<ServiceId> GlobalServiceWatcher::ListInstances() const {
+  return m_impl->ListInstances();
+}
+
+bool GlobalServiceWatcher::GetInstanceData(const ServiceId& id, std::shared_ptr<ServiceWatcher>& watcher,
+                                           ServiceInstanceData& data) const {
+  return m_impl->GetInstanceData(id, watcher, data);
+}
+
+std::vector<std::shared_ptr<ServiceWatcher>> GlobalServiceWatcher::Watchers() const {
+  std::vector<std::shared_ptr<ServiceWatcher>> watchers;
+  for (const auto& [conn, watcher] : m_impl->Connections()) watchers.push_back(watcher);
+  return watchers;
+}
+
+std::vector<zr::String> GlobalServiceWatcher::ConfiguredDataCenters() const {
+  std::vector<zr::String> names;
+  for (const auto& [name, ensemble] : m_impl->m_ensembles) names.push_back(name);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::vector<DataCenterStatus> GlobalServiceWatcher::Status() const {
+  std::vector<DataCenterStatus> all;
+  for (const auto& [conn, watcher] : m_impl->Connections()) {
+    all.push_back({conn->DataCenterName(), conn->Status(), watcher->Status()});
+  }
+  std::sort(all.begin(), all.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
+  return all;
+}
+
+bool GlobalServiceWatcher::AwaitSynchronized(std::chrono::milliseconds limit) const {
+  const auto deadline = Clock::now() + limit;
+  const auto watchers = Watchers();
+  return std::all_of(watchers.begin(), watchers.end(),
+                     [deadline](const auto& watcher) { return watcher->AwaitSynchronized(Until(deadline)); });
+}
+
+bool GlobalServiceWatcher::Close(std::chrono::milliseconds limit) {
+  const auto deadline = Clock::now() + limit;
+  m_impl->StopManagedConnections();
+  const auto connections = m_impl->Connections();
+  return std::all_of(connections.begin(), connections.end(),
+                     [deadline](const auto& entry) { return entry.first->AwaitClosed(Until(deadline)); });
+}
+
+}  // namespace zr::halden

@@ -1,0 +1,86 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "halden/service_id.h"
+#include "zr/messaging/halden/service.pb.h"
+
+namespace zr::halden::details {
+
+/// A node's identity and age: another czxid is another node of the same name, a higher mzxid a newer value.
+/// (A node's version number starts anew with each node and says nothing here.)
+struct NodeVersion {
+  std::int64_t czxid = 0;
+  std::int64_t mzxid = 0;
+
+  bool operator==(const NodeVersion&) const = default;
+};
+
+using InstanceDataPtr = std::shared_ptr<const zr::messaging::halden::ServiceInstanceData>;
+
+/// What observers are told of one instance, in this order.
+enum class ChangeKind : std::uint8_t { Removed, Added, Modified };
+
+/// From what was announced to what is known; `announced` null, `known` null: there was, there is no instance.
+/// At most two: a node that was deleted and created again is removed, then added.
+std::vector<ChangeKind> Diff(const NodeVersion* announced, const NodeVersion* known);
+
+/// One service's instances in one data centre, in two views: what is known, and what has been announced to
+/// observers. Changes wait, once for each instance, until they are taken; what overtakes itself is merged, so
+/// that memory is bounded by the number of instances. Not thread-safe: its owner locks.
+class InstanceTable {
+ public:
+  enum class Outcome : std::uint8_t { Changed, Unchanged, Older };
+
+  struct Change {
+    ServiceId id{};
+    std::vector<ChangeKind> kinds;
+    InstanceDataPtr data;  ///< null when the last kind is Removed
+  };
+
+  /// A node was read. `Older` and nothing done when something newer is known already, unless `force`.
+  Outcome Put(const ServiceId& id, const NodeVersion& version, InstanceDataPtr data, bool force);
+  /// A node was read and its payload is bad: the last good value of the same node stays. `Changed` when this
+  /// version of it is new.
+  Outcome Quarantine(const ServiceId& id, const NodeVersion& version, bool force);
+  void Remove(const ServiceId& id);
+
+  std::vector<ServiceId> List() const;
+  /// Null when the instance is not known.
+  InstanceDataPtr Find(const ServiceId& id) const;
+  std::size_t Size() const { return m_known; }
+  std::size_t Quarantined() const { return m_quarantined; }
+
+  bool HasChanges() const { return !m_queue.empty(); }
+  /// Takes the oldest change and marks it announced; its kinds are empty when it undid itself meanwhile.
+  Change Take();
+
+ private:
+  struct Entry {
+    NodeVersion seen;       // newest version read, good or bad
+    NodeVersion good;       // the version that `data` is of
+    NodeVersion announced;  // zero: not announced
+    InstanceDataPtr data;   // null: not known
+    bool queued = false;
+    bool quarantined = false;
+  };
+  using EntryMap = std::unordered_map<ServiceId, Entry, ServiceIdHash>;
+
+  static bool IsOlder(const Entry& entry, const NodeVersion& version);
+  void SetData(Entry& entry, InstanceDataPtr data);
+  void SetQuarantined(Entry& entry, bool quarantined);
+  void Queue(const ServiceId& id, Entry& entry);
+
+  EntryMap m_entries;
+  std::deque<ServiceId> m_queue;  // of entries with `queued` set
+  std::size_t m_known = 0;
+  std::size_t m_quarantined = 0;
+};
+
+}  // namespace zr::halden::details

@@ -1,0 +1,31 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "zr/messaging/halden/service.pb.h"
+#include "zrstl/string.h"
+
+/// Between a node's bytes and an instance's data. Pure; any thread.
+namespace zr::halden::details {
+
+/// Decompressed payloads are at most this long; a longer one is a bad payload.
+inline constexpr std::size_t kMaxPayloadBytes = 8UL * 1024 * 1024;
+/// The longest node ZooKeeper takes with its default settings, less room for path and headers.
+inline constexpr std::size_t kMaxNodeBytes = 1000UL * 1000;
+
+struct DecodedNode {
+  std::shared_ptr<const zr::messaging::halden::ServiceInstanceData> data;  ///< null when the bytes are bad
+  zr::String error;                                                        ///< what is wrong with them then
+};
+
+/// The bytes of a node that publishes `data`, written by `user`; compressed only where that makes it smaller.
+std::string EncodeNode(const zr::messaging::halden::ServiceInstanceData& data,
+                       const zr::messaging::halden::User& user);
+
+DecodedNode DecodeNode(std::string_view bytes);
+
+}  // namespace zr::halden::details

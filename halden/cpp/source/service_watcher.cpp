@@ -1,0 +1,84 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "halden/service_watcher.h"
+
+#include <stdexcept>
+#include <utility>
+
+#include "connection_core.h"
+#include "service_reader.h"
+#include "watcher_delivery.h"
+
+namespace zr::halden {
+
+namespace {
+
+std::shared_ptr<Connection> Checked(std::shared_ptr<Connection> conn) {
+  if (!conn) throw std::invalid_argument("ServiceWatcher: null connection");
+  return conn;
+}
+
+const zr::String& CheckedName(const zr::String& name) {
+  if (!IsValidServiceName(name)) throw std::invalid_argument("ServiceWatcher: invalid service name");
+  return name;
+}
+
+}  // namespace
+
+std::string_view ToString(Freshness freshness) {
+  switch (freshness) {
+    case Freshness::NeverSynchronized:
+      return "never synchronised";
+    case Freshness::Live:
+      return "live";
+    case Freshness::Stale:
+      return "stale";
+  }
+  return "unknown";
+}
+
+ServiceWatcher::ServiceWatcher(std::shared_ptr<Connection> conn, const zr::String& serviceName,
+                               ZkErrorHandler errorHandler)
+    : m_serviceName(CheckedName(serviceName)),
+      m_conn(Checked(std::move(conn))),
+      m_delivery(std::make_shared<details::WatcherDelivery>(m_conn->Core(), std::move(errorHandler))),
+      m_reader(std::make_shared<details::ServiceReader>(m_conn->Core(), m_serviceName, m_delivery)) {}
+
+ServiceWatcher::~ServiceWatcher() {
+  m_reader->Stop();
+}
+
+void ServiceWatcher::Start() {
+  const std::weak_ptr<ServiceWatcher> self = shared_from_this();
+  if (m_started.exchange(true)) return;
+  m_delivery->Start(self);
+  m_reader->Start(*m_conn);
+}
+
+std::vector<ServiceId> ServiceWatcher::ListInstances() const {
+  return m_delivery->ListInstances();
+}
+
+bool ServiceWatcher::GetInstanceData(const ServiceId& id, ServiceInstanceData& data) const {
+  const auto known = m_delivery->Find(id);
+  if (!known) return false;
+  data = *known;
+  return true;
+}
+
+const zr::String& ServiceWatcher::ServiceName() const {
+  return m_serviceName;
+}
+
+const zr::String& ServiceWatcher::DataCenterName() const {
+  return m_conn->DataCenterName();
+}
+
+ServiceWatcherStatus ServiceWatcher::Status() const {
+  return m_delivery->Status();
+}
+
+bool ServiceWatcher::AwaitSynchronized(std::chrono::milliseconds limit) const {
+  return m_delivery->AwaitSynchronized(limit);
+}
+
+}  // namespace zr::halden
