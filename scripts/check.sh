@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Everything a change must pass: style, then the tests plain and under the sanitizers.
+#
+#   scripts/check.sh           all of it
+#   scripts/check.sh --style   clang-format and clang-tidy only
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/setup.sh --style
+
+echo "check: clang-format"
+git ls-files -z -- '*.h' '*.cpp' | xargs -0 clang-format --dry-run --Werror
+
+echo "check: clang-tidy"
+cmake --preset tidy >/dev/null
+cmake --build build/tidy --target halden_proto >/dev/null # the generated header
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+if ! run-clang-tidy -p build/tidy -quiet -j "$(nproc)" '/(halden|misc|zrstl)/.*\.cpp$' >"$log" 2>&1; then
+  grep -E -A4 '(warning|error):' "$log" || tail -n 40 "$log"
+  echo "check: clang-tidy failed" >&2
+  exit 1
+fi
+
+[[ "${1:-}" == "--style" ]] && exit 0
+scripts/test.sh
+scripts/test.sh --asan
+scripts/test.sh --tsan

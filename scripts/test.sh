@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Builds halden and runs all its tests.
+#
+#   scripts/test.sh            plain
+#   scripts/test.sh --asan     under AddressSanitizer and UndefinedBehaviorSanitizer
+#   scripts/test.sh --tsan     under ThreadSanitizer
+#
+# Further arguments go to ctest, for example: scripts/test.sh -R Connection
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+preset=dev
+case "${1:-}" in
+  --asan) preset=asan; shift ;;
+  --tsan) preset=tsan; shift ;;
+esac
+
+scripts/setup.sh
+cmake --preset "$preset" >/dev/null
+cmake --build --preset "$preset"
+ctest --test-dir "build/$preset" --output-on-failure --parallel 2 "$@"
