@@ -15,8 +15,8 @@
 ///     /halden/services/<service>/<partition>/<uuid>
 ///
 /// The partition is the exclusive-or of the id's 16 bytes as two lower-case hex digits. Why partitions: child
-/// watches are one-shot and carry no names, so with one flat list every join would make every watcher read the
-/// whole list again.
+/// watches are one-shot and carry no names, so with one flat list every join would make every watcher read
+/// the whole list again.
 namespace zr::halden::details {
 
 inline constexpr std::string_view kServicesPath = "/halden/services";

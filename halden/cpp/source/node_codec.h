@@ -23,9 +23,12 @@ struct DecodedNode {
 };
 
 /// The bytes of a node that publishes `data`, written by `user`; compressed only where that makes it smaller.
+/// The same arguments give the same bytes. Takes what it is given: data that DecodeNode would refuse (no service
+/// name, text that is not UTF-8, too long) gives bytes that it refuses, so a publisher tries them on it.
 std::string EncodeNode(const zr::messaging::halden::ServiceInstanceData& data,
                        const zr::messaging::halden::User& user);
 
+/// Takes any bytes, and throws only when memory runs out. Fields it does not know stay in `data`.
 DecodedNode DecodeNode(std::string_view bytes);
 
 }  // namespace zr::halden::details

@@ -22,8 +22,8 @@ namespace {
 
 using HandlerMap = std::map<zr::String, Handler>;
 
-/// The handlers, as an immutable map that a statement takes a reference to: handlers run with no lock held, so
-/// one may log, or change the handlers, itself.
+/// The handlers, as an immutable map that a statement takes a reference to: handlers run with no lock held,
+/// so one may log, or change the handlers, itself.
 struct Sink {
   std::mutex mtx;
   std::shared_ptr<const HandlerMap> handlers;  // guarded by mtx
@@ -117,10 +117,9 @@ Handler MakeStderrHandler() {
   return [console](const LogRecord& record) {
     const std::string source = SourcePath(record.source);
     const spdlog::source_loc place(record.file, record.line, "");
-    const auto since = std::chrono::seconds(record.logTime.tv_sec) +
-                       std::chrono::nanoseconds(record.logTime.tv_nsec);
-    const spdlog::log_clock::time_point time(
-        std::chrono::duration_cast<spdlog::log_clock::duration>(since));
+    const auto since =
+        std::chrono::seconds(record.logTime.tv_sec) + std::chrono::nanoseconds(record.logTime.tv_nsec);
+    const spdlog::log_clock::time_point time(std::chrono::duration_cast<spdlog::log_clock::duration>(since));
     console->log(spdlog::details::log_msg(time, place, source, ToSpdlog(record.level), record.msg));
   };
 }

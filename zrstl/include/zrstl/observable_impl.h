@@ -157,7 +157,8 @@ class ObservableImpl : public virtual Observable<Observer> {
     }
   }
 
-  mutable std::mutex m_mtx;  // a leaf: held to append, erase or take the snapshot, never while an observer runs
+  mutable std::mutex
+      m_mtx;  // a leaf: held to append, erase or take the snapshot, never while an observer runs
   // Parallel, both guarded by m_mtx: entry i of each describes registration i. The strong slot of a weak
   // registration is null.
   std::vector<std::shared_ptr<Observer>> m_strongObservers;

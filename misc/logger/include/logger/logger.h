@@ -170,14 +170,14 @@ struct VoidifyStream {
 
 }  // namespace zr::logging
 
-/// A statement at `level` from `source` (a ConstSourcePtr, may be null) for the handler named `handler` (empty:
-/// all). Enumerators may be written without their namespace.
+/// A statement at `level` from `source` (a ConstSourcePtr, may be null) for the handler named `handler`
+/// (empty: all). Enumerators may be written without their namespace.
 #define ZRLOG_TO(level, source, handler)                                                                  \
-  (::zr::logging::GetMinimumLoggingLevel() > ::zr::logging::level)                                         \
+  (::zr::logging::GetMinimumLoggingLevel() > ::zr::logging::level)                                        \
       ? static_cast<void>(0)                                                                              \
-      : ::zr::logging::VoidifyStream() &                                                                  \
-            ::zr::logging::Logger(::zr::logging::level, 0, ::zr::logging::ZRLOG_DECODE_AS_KV, source,     \
-                                  __FILE__, __LINE__, handler)                                            \
-                .Stream()
+      : ::zr::logging::VoidifyStream() & ::zr::logging::Logger(::zr::logging::level, 0,                   \
+                                                               ::zr::logging::ZRLOG_DECODE_AS_KV, source, \
+                                                               __FILE__, __LINE__, handler)               \
+                                             .Stream()
 
 #define ZRLOG(level, source) ZRLOG_TO(level, source, ::zr::String())
