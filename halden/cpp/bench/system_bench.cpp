@@ -21,6 +21,7 @@
 #include "halden/connection_v2.h"
 #include "halden/global_service_watcher.h"
 #include "layout.h"
+#include "logger/sink.h"
 #include "raw_client.h"
 #include "support/await.h"
 #include "support/zookeeper_client.h"
@@ -269,6 +270,7 @@ void StartAndStop(test::ZooKeeperServer& server) {
 }  // namespace
 
 int Run(int argc, char** argv) try {
+  zr::logging::SetMinimumLoggingLevel(zr::logging::ZRLOG_ERROR);  // servers are down and silent on purpose
   const auto perDataCenter = static_cast<std::size_t>(argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 10'000);
   const Servers servers = StartServers();
   for (const auto& server : servers) Populate(*server, perDataCenter);

@@ -2,6 +2,7 @@
 #include "halden/global_service_watcher.h"
 
 #include <algorithm>
+#include <stdexcept>
 #include <utility>
 
 #include "global_service_watcher_impl.h"
@@ -17,16 +18,22 @@ std::chrono::milliseconds Until(Clock::time_point deadline) {
   return std::max(left, std::chrono::milliseconds::zero());
 }
 
+/// Refused here rather than when the first data centre is connected.
+const zr::String& CheckedName(const zr::String& name) {
+  if (!IsValidServiceName(name)) throw std::invalid_argument("GlobalServiceWatcher: invalid service name");
+  return name;
+}
+
 }  // namespace
 
 GlobalServiceWatcher::GlobalServiceWatcher(const zr::String& serviceName, LibraryManaged mode,
                                            ZkErrorHandler errorHandler)
-    : m_impl(std::make_shared<GlobalServiceWatcherImpl>(*this, serviceName, true, std::move(mode.configPath),
-                                                        std::move(errorHandler))) {}
+    : m_impl(std::make_shared<GlobalServiceWatcherImpl>(
+          *this, CheckedName(serviceName), true, std::move(mode.configPath), std::move(errorHandler))) {}
 
 GlobalServiceWatcher::GlobalServiceWatcher(const zr::String& serviceName, ApplicationManaged /*mode*/,
                                            ZkErrorHandler errorHandler)
-    : m_impl(std::make_shared<GlobalServiceWatcherImpl>(*this, serviceName, false, zr::String(),
+    : m_impl(std::make_shared<GlobalServiceWatcherImpl>(*this, CheckedName(serviceName), false, zr::String(),
                                                         std::move(errorHandler))) {}
 
 GlobalServiceWatcher::~GlobalServiceWatcher() = default;

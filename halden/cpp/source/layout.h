@@ -21,9 +21,13 @@ namespace zr::halden::details {
 
 inline constexpr std::string_view kServicesPath = "/halden/services";
 inline constexpr std::size_t kPartitions = 256;
+inline constexpr std::string_view kHexDigits = "0123456789abcdef";
 
 inline zr::String ServicePath(const zr::String& service) {
-  return zr::String(kServicesPath) + "/" + service;
+  zr::String path(kServicesPath);
+  path += '/';
+  path += service;
+  return path;
 }
 
 inline std::uint8_t PartitionOf(const ServiceId& id) {
@@ -33,16 +37,17 @@ inline std::uint8_t PartitionOf(const ServiceId& id) {
 }
 
 inline zr::String PartitionName(std::uint8_t partition) {
-  constexpr std::string_view digits = "0123456789abcdef";
-  return {digits[partition >> 4U], digits[partition & 0xFU]};
+  zr::String name;
+  name += kHexDigits[partition >> 4U];
+  name += kHexDigits[partition & 0xFU];
+  return name;
 }
 
 /// The partition that `name` names; nothing when it is no partition's name.
 inline std::optional<std::uint8_t> ParsePartition(std::string_view name) {
-  constexpr std::string_view digits = "0123456789abcdef";
   if (name.size() != 2) return std::nullopt;
-  const auto high = digits.find(name[0]);
-  const auto low = digits.find(name[1]);
+  const auto high = kHexDigits.find(name[0]);
+  const auto low = kHexDigits.find(name[1]);
   if (high == std::string_view::npos || low == std::string_view::npos) return std::nullopt;
   return static_cast<std::uint8_t>((high << 4U) | low);
 }
@@ -52,7 +57,10 @@ inline zr::String PartitionPath(const zr::String& servicePath, std::uint8_t part
 }
 
 inline zr::String InstancePath(const zr::String& servicePath, const ServiceId& id) {
-  return PartitionPath(servicePath, PartitionOf(id)) + "/" + ToString(id);
+  zr::String path = PartitionPath(servicePath, PartitionOf(id));
+  path += '/';
+  path += ToString(id);
+  return path;
 }
 
 }  // namespace zr::halden::details

@@ -23,8 +23,9 @@ struct DecodedNode {
 };
 
 /// The bytes of a node that publishes `data`, written by `user`; compressed only where that makes it smaller.
-/// The same arguments give the same bytes. Takes what it is given: data that DecodeNode would refuse (no service
-/// name, text that is not UTF-8, too long) gives bytes that it refuses, so a publisher tries them on it.
+/// The same arguments give the same bytes. Takes what it is given: data that DecodeNode would refuse (no
+/// service name, text that is not UTF-8, too long) gives bytes that it refuses, so a publisher tries them on
+/// it.
 std::string EncodeNode(const zr::messaging::halden::ServiceInstanceData& data,
                        const zr::messaging::halden::User& user);
 

@@ -29,9 +29,9 @@ namespace zr::halden::details {
 /// once more. A new epoch reads everything, after a sync, so that a server that lags behind does not answer
 /// with the past. A read that failed leaves its node dirty; dirty nodes are read again after a reconnect or a
 /// back-off, behind a sync. What a read says is older than what is known is not believed the first time;
-/// after that sync it is (the ensemble was then set up anew). Removals: an instance goes when a live session
-/// says so: its node was deleted, is absent, or is missing from the list of its partition. Never because a
-/// read failed.
+/// after that sync it is (the ensemble was then set up anew).
+/// Removals: an instance goes when a live session says so: its node was deleted, is absent, or is missing
+/// from the list of its partition. Never because a read failed.
 ///
 /// Threads: everything on the connection's thread, except construction and `Start`.
 /// Ownership: shared by the watcher and, for its time, a posted task; requests, timers and watches hold it

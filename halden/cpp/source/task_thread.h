@@ -13,8 +13,9 @@ namespace zr::halden::details {
 /// Threads: any thread may post, the thread's own tasks included. The thread starts with the first task.
 /// Ownership: the destructor never joins, so it may run on the thread itself: tasks posted before it still
 /// run, timed ones that are not due are dropped, then the thread ends by itself. A task must therefore own,
-/// or hold weakly, all that it touches. Errors: posting throws std::system_error when the thread cannot be
-/// started. An exception out of a task is logged and ends that task only.
+/// or hold weakly, all that it touches.
+/// Errors: posting throws std::system_error when the thread cannot be started. An exception out of a task is
+/// logged and ends that task only.
 class TaskThread {
  public:
   using Task = std::function<void()>;

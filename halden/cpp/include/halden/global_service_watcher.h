@@ -52,8 +52,9 @@ struct DataCenterStatus {
 /// instances: the `watcher` argument tells them apart.
 /// Ownership: connections and per-data-centre watchers are shared. Destruction releases them, which closes
 /// the sessions of library-managed mode in the background; `Close` does it in order and waits. A callback
-/// that is running on another thread may end after the destructor; after `Close` none runs. Errors:
-/// library-managed operations on an application-managed watcher throw
+/// that is running on another thread may end after the destructor; after `Close` none runs.
+/// Errors: the constructors throw std::invalid_argument for a name that no service can have (see
+/// IsValidServiceName). Library-managed operations on an application-managed watcher throw
 /// details::ExceptionWrapper<HaldenErrorTag, std::runtime_error> ("Invalid Library Usage"); a connect string
 /// that can never work throws ZooError when it is connected. A configuration that cannot be read is no error
 /// of construction: it is logged, and what could be read of it counts.

@@ -38,11 +38,13 @@ struct PublisherStatus {
 ///
 /// Threads: every operation may be called from any thread, and returns without waiting; only the `Await...`
 /// ones wait, with a limit (not from a callback). What is asked while disconnected is done on reconnect; only
-/// the latest wish counts. Ownership: shares ownership of its connection. The destructor removes the node in
-/// the background if the session lives; a program that ends calls `Remove` and `AwaitAbsent` first, or stops
-/// the connection and awaits its close. Errors: the constructor throws std::invalid_argument (null
-/// connection, bad service name); `Publish` throws ZooError(ZBADARGUMENTS) for data that does not fit into a
-/// node. Failed writes are logged to "halden.publisher", kept in `Status`, and tried again with back-off.
+/// the latest wish counts.
+/// Ownership: shares ownership of its connection. The destructor removes the node in the background if the
+/// session lives; a program that ends calls `Remove` and `AwaitAbsent` first, or stops the connection and
+/// awaits its close.
+/// Errors: the constructor throws std::invalid_argument (null connection, bad service name); `Publish` throws
+/// ZooError(ZBADARGUMENTS) for data that does not fit into a node. Failed writes are logged to
+/// "halden.publisher", kept in `Status`, and tried again with back-off.
 class ServicePublisher {
  public:
   ServicePublisher(std::shared_ptr<Connection> conn, const zr::String& serviceName, const ServiceId& id);

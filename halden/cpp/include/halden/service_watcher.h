@@ -71,12 +71,14 @@ struct ServiceWatcherStatus {
 /// Events: for each instance added, then any number of modified, then removed; each once, in order, from one
 /// thread per connection. Changes that overtake a slow observer are merged: it then sees the newest state,
 /// and memory stays bounded by the number of instances. A node deleted and created again is removed, then
-/// added. Threads: queries may be called from any thread and never wait for the network. A query inside a
-/// callback shows that change, or a newer one. No lock is held while observers run. Ownership: must be owned
-/// by a std::shared_ptr before `Start`. Shares ownership of its connection. Events end with the last owner; a
-/// callback that is running then is finished first, and keeps the watcher alive for it. Errors: an observer
-/// that throws loses that event for the observers after it; it is logged to "halden.service_watcher" and
-/// nothing else is lost.
+/// added.
+/// Threads: queries may be called from any thread and never wait for the network. A query inside a callback
+/// shows that change, or a newer one. No lock is held while observers run.
+/// Ownership: must be owned by a std::shared_ptr before `Start`. Shares ownership of its connection. Events
+/// end with the last owner; a callback that is running then is finished first, and keeps the watcher alive
+/// for it.
+/// Errors: an observer that throws loses that event for the observers after it; it is logged to
+/// "halden.service_watcher" and nothing else is lost.
 class ServiceWatcher : public std::enable_shared_from_this<ServiceWatcher>,
                        public zr::ObservableImpl<ServiceWatcherObserver> {
  public:
