@@ -1,0 +1,150 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "halden/zookeeper_config.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "halden/utils.h"
+#include "support/capturing_log.h"
+
+namespace zr::halden {
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+class ZooKeeperConfigTest : public ::testing::Test {
+ protected:
+  ZooKeeperConfigTest()
+      : m_path(::testing::TempDir() + "halden-config-" + std::to_string(getpid()) + ".toml") {}
+  ~ZooKeeperConfigTest() override { std::filesystem::remove(m_path); }
+
+  void Write(std::string_view text) const { std::ofstream(m_path, std::ios::binary) << text; }
+
+  ZooKeeperConfig Read(std::string_view text) const {
+    Write(text);
+    return ReadZooKeeperConfig(m_path);
+  }
+
+  /// "line:column: message" of each.
+  std::vector<std::string> Texts(const std::vector<ConfigFault>& faults) const {
+    std::vector<std::string> texts;
+    for (const auto& fault : faults) {
+      EXPECT_THAT(fault.Text(), StartsWith(m_path + ":"));
+      texts.push_back(fault.Text().substr(m_path.size() + 1));
+    }
+    return texts;
+  }
+
+  const std::string m_path;
+};
+
+TEST_F(ZooKeeperConfigTest, EveryWayToWriteAGoodFileIsRead) {
+  const DataCenterEnsembleMapT expected{{"eu-west", "zk1:2181,zk2:2181/a"}, {"us.east", "[::1]:1"}};
+  for (const char* text :
+       {"# . . . . . . . . . . . . . . . . . .\n"
+        "[data_centers]\neu-west = \"zk1:2181,zk2:2181/a\" # one\n'us.east' = '[::1]:1'",
+        "\xEF\xBB\xBF[data_centers]\r\neu-west = \"zk1:2181,zk2:2181/a\"\r\n\"us.east\" = \"[::1]:1\"\r\n",
+        "data_centers = { eu-west = \"zk1:2181,zk2:2181/a\", \"us.east\" = \"\\u005B::1]:1\" }",
+        "data_centers.eu-west = \"\"\"zk1:2181,\\\n  zk2:2181/a\"\"\"\n"
+        "data_centers.\"us.east\" = '''[::1]:1'''"}) {
+    const auto config = Read(text);
+    EXPECT_THAT(Texts(config.faults), IsEmpty()) << text;
+    EXPECT_THAT(Texts(config.warnings), IsEmpty()) << text;
+    EXPECT_EQ(config.ensembles, expected) << text;
+  }
+}
+
+TEST_F(ZooKeeperConfigTest, AFaultyEntryCostsNoOtherAndIsShownWhereItIs) {
+  const auto config = Read(
+      "[data_centers]\n"
+      "z-good = \"zk1:2181\"\n"
+      "number = 2181\n"
+      "\"\" = \"zk1:2181\"\n"
+      "\"a\\nb\" = \"zk1:2181\"\n"
+      "\"\\u0085\" = \"zk1:2181\"\n"
+      "eu.west = \"zk1:2181\"\n"
+      "  \"\xC3\xA9\" = \"zk1:2181, zk2:2181\"\n"
+      "chroot = 'h:1/\xC3\xA9\xC3\xA9/../x'\n"
+      "escaped = \"zk1:2181\\u002C zk2:2181\"\n"
+      "several = \"\"\"\nzk1\"\"\"\n"
+      "list = [\"zk1:2181\"]\n"
+      "a-good = \"zk2:2181\"\n");
+  EXPECT_THAT(Texts(config.faults),
+              ElementsAre("3:10: data centre \"number\" is of type integer: expected a string, "
+                          "\"host:port[,host:port...][/chroot]\"",
+                          "4:1: data centre without a name: expected one",
+                          "5:1: control character in the name \"a\\x0ab\": expected printable text",
+                          StartsWith("6:1: control"),
+                          AllOf(StartsWith("7:"), HasSubstr("\"eu\" is of type table"),
+                                HasSubstr("a name with a dot in quotes")),
+                          "8:19: connect string of data centre \"\xC3\xA9\": blank or control character: "
+                          "expected none anywhere",
+                          StartsWith("9:18: connect string of data centre \"chroot\": relative chroot"),
+                          StartsWith("10:11: connect string of data centre \"escaped\": blank"),
+                          StartsWith("11:11: connect string of data centre \"several\": port missing"),
+                          AllOf(StartsWith("13:8: "), HasSubstr("array"))));
+  EXPECT_EQ(config.ensembles, (DataCenterEnsembleMapT{{"a-good", "zk2:2181"}, {"z-good", "zk1:2181"}}));
+}
+
+TEST_F(ZooKeeperConfigTest, AFileThatIsWrongAsAWholeGivesOneFaultAndNoEntry) {
+  EXPECT_THAT(Texts(ReadZooKeeperConfig(m_path).faults),
+              ElementsAre(" cannot be opened: No such file or directory"));
+  std::string deep = "\"=\"";  // as nested tables it would overflow the stack
+  for (int i = 0; i < 200'000; ++i) deep += ". \"=\"";
+  const std::pair<std::string, const char*> cases[] = {
+      {"", " no table [data_centers]"},
+      {"[data_centers]\n", "1:1: [data_centers] is empty"},
+      {"data_centers = 3", "1:16: data_centers is of type integer"},
+      {"[[data_centers]]\na = \"h:1\"", "data_centers is of type array"},
+      {"[data_centers]\na = \"h:1\"\na = \"g:1\"", "3:5: not valid TOML: "},
+      {"[data_centers]\na = \"h:1\"\n[data_centers]\nb = \"g:1\"", "3:1: not valid TOML: "},
+      {"[data_centers]\na = h:1", "2:5: not valid TOML: "},
+      {"[data_centers]\na = \"h:1\nb = \"h:1\"", "2:9: not valid TOML: "},
+      {"[data_centers]\na = \"\xFF\"", "not valid TOML: "},
+      {"[data_centers]\na = " + std::string(100'000, '['), "not valid TOML: "},
+      {deep + " = 1", "1:79: key of more than 16 parts"},
+      {"x = '''\n''''' # ' \n[" + deep + "]", "3:80: key of more than 16 parts"},
+      {"[data_centers]\na = {" + deep + " = 1}", "2:84: key of more than 16 parts"},
+      {std::string(10 << 20, '#') + "#", " too large: expected at most 10 MiB"},
+  };
+  for (const auto& [text, fault] : cases) {
+    const auto config = Read(text);
+    EXPECT_THAT(Texts(config.faults), ElementsAre(HasSubstr(fault)));
+    EXPECT_THAT(config.ensembles, IsEmpty()) << fault;
+  }
+  std::filesystem::remove(m_path);
+  std::filesystem::create_directory(m_path);
+  EXPECT_THAT(Texts(ReadZooKeeperConfig(m_path).faults), ElementsAre(" is a directory: expected a file"));
+}
+
+TEST_F(ZooKeeperConfigTest, EveryFaultAndDoubtIsLoggedAndTheRestIsKept) {
+  const DataCenterEnsembleMapT good{{"a", "h:1"}};
+  const test::CapturingLog log;
+  Write("[data_centers]\na = \"h:1\"\n");
+  EXPECT_EQ(ParseZooKeeperConfig(m_path), std::tuple(true, good));
+  EXPECT_EQ(log.Count("", ""), 0);
+  Write("zeta = 1\n[datacentres]\n[data_centers]\na = \"h:1\"\nb = \"h\"\n");
+  EXPECT_EQ(ParseZooKeeperConfig(m_path), std::tuple(false, good));
+  EXPECT_EQ(log.Count("halden.config", m_path + ":5:7: connect string of data centre \"b\""), 1);
+  EXPECT_EQ(log.Count("halden.config", m_path + ":1:1: unknown key \"zeta\" is ignored"), 1);
+  EXPECT_EQ(log.Count("halden.config", m_path + ":2:2: unknown key \"datacentres\" is ignored: did you mean"),
+            1);
+  zr::logging::SetMinimumLoggingLevel(zr::logging::ZRLOG_ERROR);
+  ParseZooKeeperConfig(m_path);
+  EXPECT_EQ(log.Count("", ""), 4) << "a fault is an error, a doubt is not";
+}
+
+}  // namespace
+
+}  // namespace zr::halden
