@@ -1,0 +1,169 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "halden/connection_v2.h"
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "halden/service_publisher.h"
+#include "halden/service_watcher.h"
+#include "support/capturing_log.h"
+#include "support/ensemble_test.h"
+#include "support/recording_observer.h"
+
+namespace zr::halden::test {
+namespace {
+
+using ::testing::ElementsAre;
+
+constexpr const char* kDc = "eu-west";
+
+class ConnectionTest : public EnsembleTest {
+ protected:
+  std::shared_ptr<ServiceWatcher> Watch(const std::shared_ptr<Connection>& conn) const {
+    auto watcher = std::make_shared<ServiceWatcher>(conn, kService, m_errors.Handler());
+    watcher->RegisterWeak(m_observer);
+    watcher->Start();
+    return watcher;
+  }
+
+  const std::shared_ptr<RecordingObserver> m_observer = std::make_shared<RecordingObserver>();
+  const ErrorCodes m_errors;
+};
+
+TEST_F(ConnectionTest, WhatCanNeverWorkIsThrownByStartAndNothingElseIs) {
+  const auto make = [](const zr::String& hosts, const zr::String& auth) {
+    return std::make_unique<Connection>(std::vector<zr::String>{hosts}, true, auth, kSessionTimeout, kDc);
+  };
+  for (const auto* hosts : {"", "host", "host:0", "host:99999", "h1:1/a,h2:2/a", "h:1,,h:2", "h:1/a/"}) {
+    const auto conn = make(hosts, "");
+    EXPECT_THROW(conn->Start(nullptr), ZooError) << hosts;
+    EXPECT_EQ(conn->Status().state, ConnectionState::Stopped) << hosts;
+  }
+  EXPECT_THROW(make("127.0.0.1:2181", "no scheme")->Start(nullptr), ZooError);
+  const auto unresolvable = make("no-such-host.invalid:2181", "");
+  EXPECT_NO_THROW(unresolvable->Start(nullptr));
+  EXPECT_TRUE(Eventually([&] { return !unresolvable->Status().lastErrorText.empty(); }));
+  EXPECT_EQ(unresolvable->Status().state, ConnectionState::Connecting);
+}
+
+TEST_F(ConnectionTest, ASecondStartKeepsTheSessionAndAStartAfterStopMakesOne) {
+  const auto conn = std::make_shared<Connection>(
+      std::vector<zr::String>{"localhost:1", "localhost:" + ConnectString(kDc).substr(sizeof "127.0.0.1")},
+      true, "", kSessionTimeout, kDc);
+  EXPECT_TRUE(conn->AwaitClosed(kLimit)) << "was never open";
+  conn->Start(nullptr);
+  ASSERT_TRUE(AwaitState(*conn, ConnectionState::Connected));
+  const auto session = conn->Status().sessionId;
+  conn->Start(nullptr);
+  const auto watcher = Watch(conn);
+  ASSERT_TRUE(watcher->AwaitSynchronized(kLimit));
+  EXPECT_EQ(conn->Status().sessionId, session);
+  conn->Stop();
+  conn->Start(nullptr);  // while the old session may still be closing
+  const ServiceId id = Publish(kDc, "host");
+  ASSERT_TRUE(m_observer->Await(EventKind::Added, kDc, id));
+  EXPECT_NE(conn->Status().sessionId, session);
+  EXPECT_EQ(conn->Status().sessions, 2U);
+}
+
+TEST_F(ConnectionTest, ASessionThatIsGivenGoesOnOrIsReplacedWhenItIsDead) {
+  auto earlier = MakeClient(kDc);
+  earlier->Create("/lock", {}, NodeKind::Ephemeral);
+  const clientid_t session = earlier->Session();
+  Server(kDc).Kill();
+  earlier.reset();  // cannot close its session, which lives on
+  Server(kDc).Start();
+  const auto heir = MakeConnection(kDc);
+  heir->Start(&session);
+  ASSERT_TRUE(AwaitState(*heir, ConnectionState::Connected));
+  EXPECT_EQ(heir->Status().sessionId, session.client_id);
+  heir->ForceExpire();
+  ASSERT_TRUE(Eventually([&] { return !Client(kDc).Stat("/lock"); }));
+  const auto late = MakeConnection(kDc);
+  late->Start(&session);
+  ASSERT_TRUE(AwaitState(*late, ConnectionState::Connected));
+  EXPECT_NE(late->Status().sessionId, session.client_id);
+}
+
+TEST_F(ConnectionTest, AForcedExpiryEndsTheSessionOnTheServerWithMuchOutstandingToo) {
+  const auto conn = MakeConnection(kDc);
+  conn->ForceExpire();  // nothing to end
+  EXPECT_EQ(conn->Status().expiries, 0U);
+  conn->Start(nullptr);
+  std::vector<std::unique_ptr<ServicePublisher>> publishers;
+  for (int i = 0; i < 100; ++i) {
+    publishers.push_back(std::make_unique<ServicePublisher>(conn, kService, MakeServiceId()));
+    publishers.back()->Publish(MakeInstance("host"));
+  }
+  for (const auto& publisher : publishers) ASSERT_TRUE(publisher->AwaitPublished(kLimit));
+  const auto session = conn->Status().sessionId;
+  for (const auto& publisher : publishers) publisher->Publish(MakeInstance("changed"));
+  conn->ForceExpire();
+  conn->Stop();  // does not cut it short
+  ASSERT_TRUE(conn->AwaitClosed(kLimit));
+  for (const auto& publisher : publishers) {
+    const auto stat = Client(kDc).InstanceStat(kService, publisher->Id());
+    EXPECT_FALSE(stat && stat->ephemeralOwner == session);
+  }
+}
+
+TEST_F(ConnectionTest, AuthenticationHoldsInEverySessionAndIsNeverLogged) {
+  const CapturingLog log;
+  const ServiceId id = MakeServiceId();
+  const auto path = ZooKeeperClient::InstancePath(kService, id);
+  Client(kDc).Authenticate("digest", "reader:secret-word");
+  Client(kDc).Create(path, EncodeInstance(MakeInstance("first")), NodeKind::Persistent, ZOO_CREATOR_ALL_ACL);
+  const auto stranger = MakeConnection(kDc);
+  const auto conn = MakeConnection(kDc, true, "digest:reader:secret-word");
+  const auto strangersWatcher = Watch(stranger);
+  stranger->Start(nullptr);
+  ASSERT_TRUE(m_errors.Await(ZNOAUTH));
+  EXPECT_TRUE(m_observer->Events().empty());
+  stranger->Stop();
+
+  const auto watcher = Watch(conn);
+  conn->Start(nullptr);
+  ASSERT_TRUE(m_observer->AwaitHost(kDc, id, "first"));
+  conn->ForceExpire();
+  Client(kDc).Set(path, EncodeInstance(MakeInstance("second")));
+  ASSERT_TRUE(m_observer->AwaitHost(kDc, id, "second"));
+  ASSERT_TRUE(Eventually([&] { return watcher->Status().resyncs == 2; }));
+  EXPECT_THAT(m_observer->History(kDc, id), ElementsAre(EventKind::Added, EventKind::Modified));
+  EXPECT_EQ(log.Count("", "secret-word"), 0);
+}
+
+TEST_F(ConnectionTest, AnInvalidatedWatchRunsNoMoreAndItsEndIsTold) {
+  const auto conn = MakeConnection(kDc);
+  std::vector<zr::String> calls;
+  const auto done = [&] { calls.push_back("done"); };
+  Connection::WatchContext idle(*conn, [&](int, int, const zr::String& path) { calls.push_back(path); });
+  idle.Invoke(ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, "/before");
+  EXPECT_TRUE(idle.Invalidate(done));
+  idle.Invoke(ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, "/after");
+  EXPECT_THAT(calls, ElementsAre("/before"));
+
+  calls.clear();
+  Happening running;
+  Happening goOn;
+  Connection::WatchContext* inside = nullptr;
+  Connection::WatchContext busy(*conn, [&](int, int, const zr::String& path) {
+    running.Set();
+    goOn.Await();
+    EXPECT_FALSE(inside->Invalidate(done));
+    calls.push_back(path);
+  });
+  inside = &busy;
+  std::thread other([&] { busy.Invoke(ZOO_DELETED_EVENT, ZOO_CONNECTED_STATE, "/busy"); });
+  EXPECT_TRUE(running.Await());
+  EXPECT_FALSE(busy.Invalidate(done));
+  goOn.Set();
+  other.join();
+  busy.Invoke(ZOO_DELETED_EVENT, ZOO_CONNECTED_STATE, "/after");
+  EXPECT_THAT(calls, ElementsAre("/busy", "done", "done"));
+}
+
+}  // namespace
+}  // namespace zr::halden::test

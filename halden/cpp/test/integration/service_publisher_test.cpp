@@ -1,0 +1,207 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "halden/service_publisher.h"
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "support/capturing_log.h"
+#include "support/ensemble_test.h"
+#include "support/recording_observer.h"
+
+namespace zr::halden::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::SizeIs;
+
+constexpr const char* kDc = "eu-west";
+
+/// A publisher on a connection of its own, and a watcher on another one.
+class ServicePublisherTest : public EnsembleTest {
+ protected:
+  ServicePublisherTest() {
+    m_conn->Start(nullptr);
+    m_watcherConn->Start(nullptr);
+    m_watcher->RegisterWeak(m_observer);
+    m_watcher->Start();
+  }
+
+  /// The session that owns the instance's node; 0 for none, -1 when there is no node.
+  std::int64_t Owner(const ServiceId& id) {
+    const auto stat = Client(kDc).InstanceStat(kService, id);
+    return stat ? stat->ephemeralOwner : -1;
+  }
+
+  ::testing::AssertionResult AwaitPublishedTimes(std::uint64_t times) {
+    return Eventually([&] { return m_publisher->Status().published >= times; },
+                      [&] { return m_publisher->Status().published; });
+  }
+
+  const std::shared_ptr<Connection> m_conn = MakeConnection(kDc);
+  const std::shared_ptr<Connection> m_watcherConn = MakeConnection(kDc);
+  const std::shared_ptr<RecordingObserver> m_observer = std::make_shared<RecordingObserver>();
+  const std::shared_ptr<ServiceWatcher> m_watcher =
+      std::make_shared<ServiceWatcher>(m_watcherConn, kService, ZkErrorHandler());
+  const ServiceId m_id = MakeServiceId();
+  std::unique_ptr<ServicePublisher> m_publisher = std::make_unique<ServicePublisher>(m_conn, kService, m_id);
+};
+
+TEST_F(ServicePublisherTest, AnInstanceIsSeenFromPublicationToRemoval) {
+  ServiceInstanceData data = MakeInstance("first");
+  data.clear_service_name();
+  m_publisher->Publish(data);
+  ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
+  EXPECT_EQ(Owner(m_id), m_conn->Status().sessionId);
+  ASSERT_TRUE(m_observer->AwaitHost(kDc, m_id, "first"));
+  EXPECT_EQ(m_observer->Events().at(0).data.service_name(), kService);
+  m_publisher->Publish(MakeInstance("second"));
+  ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
+  ASSERT_TRUE(m_observer->AwaitHost(kDc, m_id, "second"));
+  m_publisher->Remove();
+  ASSERT_TRUE(m_publisher->AwaitAbsent(kLimit));
+  EXPECT_EQ(Owner(m_id), -1);
+  ASSERT_TRUE(m_observer->Await(EventKind::Removed, kDc, m_id));
+  m_publisher->Publish(MakeInstance("third"));
+  ASSERT_TRUE(m_observer->AwaitHost(kDc, m_id, "third"));
+  EXPECT_EQ(m_publisher->Status().published, 2U);
+  m_publisher.reset();
+  ASSERT_TRUE(m_observer->Await(EventKind::Removed, kDc, m_id, 2))
+      << "the destructor takes the instance back";
+}
+
+TEST_F(ServicePublisherTest, AnExpiredSessionIsFollowedByANewNode) {
+  m_publisher->Publish(MakeInstance("host"));
+  ASSERT_TRUE(m_observer->Await(EventKind::Added, kDc, m_id));
+  const auto session = m_conn->Status().sessionId;
+  m_conn->ForceExpire();
+  ASSERT_TRUE(m_observer->Await(EventKind::Added, kDc, m_id, 2));
+  ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
+  EXPECT_NE(m_conn->Status().sessionId, session);
+  EXPECT_EQ(Owner(m_id), m_conn->Status().sessionId);
+  EXPECT_THAT(m_observer->History(kDc, m_id),
+              ElementsAre(EventKind::Added, EventKind::Removed, EventKind::Added));
+}
+
+TEST_F(ServicePublisherTest, ANodeThatAnEarlierSessionLeftIsReplacedBeforeItGoes) {
+  auto earlier = MakeClient(kDc);
+  const std::string bytes = EncodeInstance(MakeInstance("host"));
+  earlier->PublishRaw(kService, m_id, bytes, NodeKind::Ephemeral);
+  const ServiceId other = MakeServiceId();
+  earlier->PublishRaw(kService, other, bytes, NodeKind::Persistent);
+  ServicePublisher otherPublisher(m_conn, kService, other);
+  m_publisher->Publish(MakeInstance("host"));
+  otherPublisher.Publish(MakeInstance("host"));
+  ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
+  ASSERT_TRUE(otherPublisher.AwaitPublished(kLimit));
+  earlier.reset();  // ends its session
+  EXPECT_EQ(Owner(m_id), m_conn->Status().sessionId);
+  EXPECT_EQ(Owner(other), m_conn->Status().sessionId);
+}
+
+TEST_F(ServicePublisherTest, ANodeThatOthersDeleteIsCreatedAgainWithItsParents) {
+  const CapturingLog log;
+  m_publisher->Publish(MakeInstance("host"));
+  ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
+  Client(kDc).Unpublish(kService, m_id);
+  ASSERT_TRUE(AwaitPublishedTimes(2));
+  EXPECT_TRUE(log.Await("halden.publisher", ToString(m_id)));
+  Client(kDc).Delete("/halden");
+  ASSERT_TRUE(AwaitPublishedTimes(3));
+  ASSERT_TRUE(m_observer->AwaitHost(kDc, m_id, "host"));
+  EXPECT_EQ(Owner(m_id), m_conn->Status().sessionId);
+}
+
+TEST_F(ServicePublisherTest, OnlyTheLatestWishIsDoneAfterAnOutage) {
+  m_publisher->Publish(MakeInstance("before"));
+  ServicePublisher leaving(m_conn, kService, MakeServiceId());
+  leaving.Publish(MakeInstance("leaving"));
+  ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
+  ASSERT_TRUE(leaving.AwaitPublished(kLimit));
+  const auto created = Client(kDc).InstanceStat(kService, m_id)->czxid;
+  Server(kDc).Kill();
+  ASSERT_TRUE(AwaitState(*m_conn, ConnectionState::Suspended));
+  leaving.Remove();
+  m_publisher->Publish(MakeInstance("overtaken"));
+  m_publisher->Remove();
+  m_publisher->Publish(MakeInstance("latest"));
+  EXPECT_FALSE(m_publisher->AwaitPublished(std::chrono::milliseconds(1)));
+  Server(kDc).Start();
+  ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
+  ASSERT_TRUE(leaving.AwaitAbsent(kLimit));
+  ASSERT_TRUE(m_observer->AwaitHost(kDc, m_id, "latest"));
+  EXPECT_EQ(Client(kDc).InstanceStat(kService, m_id)->czxid, created)
+      << "the session went on, and so does its node";
+  EXPECT_EQ(Owner(leaving.Id()), -1);
+}
+
+TEST_F(ServicePublisherTest, DataThatFitsInNoNodeIsRefusedAndLargeTextIsCompressed) {
+  constexpr std::size_t size = 2'000'000;
+  ServiceInstanceData data = MakeInstance("host");
+  auto& value = *data.add_attributes()->mutable_value();
+  value.assign(size, 'a');
+  m_publisher->Publish(data);
+  ASSERT_TRUE(m_observer->Await("the large instance", [](const auto& events) {
+    return !events.empty() && events.back().data.attributes(0).value() == std::string(size, 'a');
+  }));
+  std::minstd_rand random(1);
+  for (auto& letter : value) letter = static_cast<char>('0' + random() % 64);
+  try {
+    m_publisher->Publish(data);
+    FAIL() << "accepted";
+  } catch (const ZooError& error) {
+    EXPECT_EQ(error.Code(), ZBADARGUMENTS);
+  }
+  EXPECT_TRUE(m_publisher->AwaitPublished(kLimit)) << "what was published before stays";
+}
+
+TEST_F(ServicePublisherTest, AnAwaitedCloseLeavesNoNodeBehind) {
+  std::vector<std::unique_ptr<ServicePublisher>> publishers;
+  for (int i = 0; i < 50; ++i) {
+    publishers.push_back(std::make_unique<ServicePublisher>(m_conn, kService, MakeServiceId()));
+    publishers.back()->Publish(MakeInstance("host"));
+  }
+  for (const auto& publisher : publishers) ASSERT_TRUE(publisher->AwaitPublished(kLimit));
+  EXPECT_THAT(Client(kDc).ReadInstances(kService), SizeIs(50));
+  EXPECT_FALSE(m_conn->AwaitClosed(std::chrono::milliseconds(1)));
+  m_conn->Stop();
+  ASSERT_TRUE(m_conn->AwaitClosed(kLimit));
+  EXPECT_THAT(Client(kDc).ReadInstances(kService), SizeIs(0));
+}
+
+TEST_F(ServicePublisherTest, EverythingCanBeDestroyedInsideACallback) {
+  struct Scene {
+    std::shared_ptr<Connection> conn;
+    std::shared_ptr<ServiceWatcher> watcher;
+    std::unique_ptr<ServicePublisher> publisher;
+    std::shared_ptr<RecordingObserver> observer;
+    Happening destroyed;
+  };
+  const auto scene = std::make_shared<Scene>();
+  const ServiceId trigger = MakeServiceId();
+  scene->observer =
+      std::make_shared<RecordingObserver>([scene, trigger](ServiceWatcher&, const Event& event) {
+        if (event.id != trigger) return;
+        scene->conn.reset();
+        scene->publisher.reset();
+        scene->watcher.reset();
+        scene->observer.reset();
+        scene->destroyed.Set();
+      });
+  scene->conn = MakeConnection(kDc);
+  scene->watcher = std::make_shared<ServiceWatcher>(scene->conn, kService, ZkErrorHandler());
+  scene->publisher = std::make_unique<ServicePublisher>(scene->conn, kService, m_id);
+  scene->watcher->RegisterShared(scene->observer);
+  scene->watcher->Start();
+  scene->conn->Start(nullptr);
+  scene->publisher->Publish(MakeInstance("host"));
+  ASSERT_TRUE(m_observer->Await(EventKind::Added, kDc, m_id));
+  Client(kDc).Publish(kService, trigger, MakeInstance("trigger"));
+  ASSERT_TRUE(scene->destroyed.Await());
+  ASSERT_TRUE(m_observer->Await(EventKind::Removed, kDc, m_id)) << "the session was never closed";
+}
+
+}  // namespace
+}  // namespace zr::halden::test

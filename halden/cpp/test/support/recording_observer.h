@@ -1,0 +1,176 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <ostream>
+#include <set>
+#include <sstream>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "halden/service_watcher.h"
+#include "support/await.h"
+
+namespace zr::halden::test {
+
+enum class EventKind : std::uint8_t { Added, Modified, Removed };
+
+struct Event {
+  EventKind kind;
+  zr::String dcName;
+  ServiceId id;
+  ServiceInstanceData data;  ///< empty for Removed
+};
+
+inline std::ostream& operator<<(std::ostream& out, const Event& event) {
+  constexpr const char* names[] = {"added", "modified", "removed"};
+  return out << names[static_cast<int>(event.kind)] << " " << event.dcName << "/" << event.id << " "
+             << event.data.host() << " " << event.data.version();
+}
+
+/// Keeps every event, and fails the test as soon as one is illegal: per data centre and instance first added,
+/// then modified any number of times, then removed.
+class RecordingObserver : public ServiceWatcherObserver {
+ public:
+  using Key = std::pair<zr::String, ServiceId>;
+  using EventList = std::vector<Event>;
+  using Hook = std::function<void(ServiceWatcher&, const Event&)>;
+
+  /// `hook` runs in every callback before the event is kept: who has awaited the event finds it finished.
+  explicit RecordingObserver(Hook hook = {}) : m_hook(std::move(hook)) {}
+
+  void OnInstanceAdded(ServiceWatcher& watcher, const ServiceId& id,
+                       const ServiceInstanceData& data) override {
+    Record(watcher, {EventKind::Added, watcher.DataCenterName(), id, data});
+  }
+  void OnInstanceRemoved(ServiceWatcher& watcher, const ServiceId& id) override {
+    Record(watcher, {EventKind::Removed, watcher.DataCenterName(), id, {}});
+  }
+  void OnInstanceModified(ServiceWatcher& watcher, const ServiceId& id,
+                          const ServiceInstanceData& data) override {
+    Record(watcher, {EventKind::Modified, watcher.DataCenterName(), id, data});
+  }
+
+  EventList Events() const {
+    const std::lock_guard lock(m_mtx);
+    return m_events;
+  }
+
+  std::size_t Count(EventKind kind) const {
+    const std::lock_guard lock(m_mtx);
+    return static_cast<std::size_t>(std::count_if(m_events.begin(), m_events.end(),
+                                                  [&](const Event& event) { return event.kind == kind; }));
+  }
+
+  /// The events of one instance in one data centre, in order.
+  std::vector<EventKind> History(const zr::String& dcName, const ServiceId& id) const {
+    const std::lock_guard lock(m_mtx);
+    std::vector<EventKind> kinds;
+    for (const auto& event : m_events) {
+      if (event.dcName == dcName && event.id == id) kinds.push_back(event.kind);
+    }
+    return kinds;
+  }
+
+  /// Waits until `reached` holds for the list of events; on failure the message lists them.
+  ::testing::AssertionResult Await(std::string_view what,
+                                   const std::function<bool(const EventList&)>& reached) {
+    std::unique_lock lock(m_mtx);
+    if (m_recorded.wait_for(lock, kLimit, [&] { return reached(m_events); }))
+      return ::testing::AssertionSuccess();
+    auto failure = ::testing::AssertionFailure() << "never seen: " << what << "; seen instead:";
+    for (const auto& event : m_events) failure << "\n  " << event;
+    return failure;
+  }
+
+  /// Waits for `count` such events of an instance.
+  ::testing::AssertionResult Await(EventKind kind, const zr::String& dcName, const ServiceId& id,
+                                   int count = 1) {
+    std::ostringstream what;
+    what << count << " times " << Event{kind, dcName, id, {}};
+    return Await(what.str(), [&](const EventList& events) {
+      return count <= std::count_if(events.begin(), events.end(), [&](const Event& event) {
+               return event.kind == kind && event.dcName == dcName && event.id == id;
+             });
+    });
+  }
+
+  /// Waits until the latest event of the instance shows `host`.
+  ::testing::AssertionResult AwaitHost(const zr::String& dcName, const ServiceId& id,
+                                       const zr::String& host) {
+    return Await(dcName + "/" + ToString(id) + " on host " + host, [&](const EventList& events) {
+      const auto latest = std::find_if(events.rbegin(), events.rend(), [&](const Event& event) {
+        return event.dcName == dcName && event.id == id;
+      });
+      return latest != events.rend() && latest->data.host() == host;
+    });
+  }
+
+  /// A new watcher of the data centre tells everything anew.
+  void StartOver(const zr::String& dcName) {
+    const std::lock_guard lock(m_mtx);
+    std::erase_if(m_present, [&](const Key& key) { return key.first == dcName; });
+  }
+
+ private:
+  void Record(ServiceWatcher& watcher, Event event) {
+    if (m_hook) m_hook(watcher, event);
+    const std::lock_guard lock(m_mtx);
+    const Key key(event.dcName, event.id);
+    EXPECT_EQ(m_present.contains(key), event.kind != EventKind::Added) << "illegal event: " << event;
+    if (event.kind == EventKind::Removed) {
+      m_present.erase(key);
+    } else {
+      m_present.insert(key);
+    }
+    m_events.push_back(std::move(event));
+    m_recorded.notify_all();
+  }
+
+  const Hook m_hook;
+  mutable std::mutex m_mtx;
+  std::condition_variable m_recorded;
+  EventList m_events;       // guarded by m_mtx
+  std::set<Key> m_present;  // guarded by m_mtx: what the events so far leave there
+};
+
+/// The codes that an error handler was given.
+class ErrorCodes {
+ public:
+  ZkErrorHandler Handler() const {
+    return [seen = m_seen](int code) {
+      const std::lock_guard lock(seen->mtx);
+      seen->codes.push_back(code);
+      seen->added.notify_all();
+    };
+  }
+
+  ::testing::AssertionResult Await(int code) const {
+    std::unique_lock lock(m_seen->mtx);
+    const auto has = [&] { return std::count(m_seen->codes.begin(), m_seen->codes.end(), code) > 0; };
+    if (m_seen->added.wait_for(lock, kLimit, has)) return ::testing::AssertionSuccess();
+    auto failure = ::testing::AssertionFailure() << "the error handler never heard " << code << "; instead:";
+    for (const int other : m_seen->codes) failure << " " << other;
+    return failure;
+  }
+
+ private:
+  /// Shared with the handlers, which may outlive the test.
+  struct Seen {
+    std::mutex mtx;
+    std::condition_variable added;
+    std::vector<int> codes;  // guarded by mtx
+  };
+
+  const std::shared_ptr<Seen> m_seen = std::make_shared<Seen>();
+};
+
+}  // namespace zr::halden::test

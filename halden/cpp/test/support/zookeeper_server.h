@@ -1,0 +1,88 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace zr::halden::test {
+
+/// A folder under the system's temporary one, removed with everything in it.
+class TemporaryFolder {
+ public:
+  TemporaryFolder();
+  ~TemporaryFolder();
+
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+  const std::filesystem::path& Path() const { return m_path; }
+
+ private:
+  std::filesystem::path m_path;
+};
+
+struct ZooKeeperServerOptions {
+  /// The server's unit of time. Sessions expire in whole ticks.
+  std::chrono::milliseconds tickTime{100};
+  /// What requested session timeouts are clamped to. Zero: two and twenty ticks.
+  std::chrono::milliseconds minSessionTimeout{0};
+  std::chrono::milliseconds maxSessionTimeout{0};
+  /// More system properties, each as "name=value", for example "zookeeper.nio.numWorkerThreads=0".
+  std::vector<std::string> properties;
+};
+
+/// A real standalone server in a process of its own, on loopback.
+///
+/// Its port is free when it is made and stays its own, also while the server is down: a bound socket that
+/// never listens holds it, so that neither another program nor a client's outgoing connection gets it
+/// meanwhile. Data survives Stop, Kill and Restart, and goes with the object.
+///
+/// Threads: one thread, which must live as long as the server is to: the process is killed when the thread
+/// that started it ends, so that no test, however it ends, leaves a server behind.
+/// Errors: std::runtime_error, with the end of the server's log where that can tell why.
+class ZooKeeperServer {
+ public:
+  explicit ZooKeeperServer(ZooKeeperServerOptions options = {});
+  ~ZooKeeperServer();
+
+  ZooKeeperServer(const ZooKeeperServer&) = delete;
+  ZooKeeperServer& operator=(const ZooKeeperServer&) = delete;
+
+  /// Returns once the server serves; no effect when it does already, except that a paused one goes on.
+  void Start();
+  /// The first half of Start, which does not wait: several servers launched first are ready sooner.
+  void Launch();
+
+  void Stop();     ///< in order: the server gets to write its data
+  void Kill();     ///< at once, as a crash
+  void Restart();  ///< Stop, then Start
+
+  void Pause();  ///< the process freezes: connections stay open and nothing answers
+  void Resume();
+
+  bool Running() const { return m_pid > 0; }
+  std::uint16_t Port() const { return m_port; }
+
+  /// "127.0.0.1:<port><chroot>"
+  std::string ConnectString(const std::string& chroot = {}) const;
+
+ private:
+  void WriteConfig() const;
+  void AwaitReady();
+  bool ProcessEnded();
+  std::string LogEnd() const;
+
+  const ZooKeeperServerOptions m_options;
+  const TemporaryFolder m_folder;
+  int m_portHolder = -1;  // the bound socket
+  std::uint16_t m_port = 0;
+  pid_t m_pid = 0;  // 0 while no process runs
+  bool m_paused = false;
+};
+
+}  // namespace zr::halden::test
