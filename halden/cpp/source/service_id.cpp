@@ -3,6 +3,7 @@
 
 #include <boost/uuid/random_generator.hpp>
 #include <cstddef>
+#include <cstdint>
 
 namespace zr::halden {
 
@@ -37,7 +38,7 @@ std::optional<ServiceId> ParseServiceId(std::string_view text) {
     const auto digit = kHexDigits.find(text[i]);
     if (digit == std::string_view::npos) return std::nullopt;
     auto& byte = id.data[nibble / 2];
-    byte = static_cast<std::uint8_t>((byte << 4) | digit);
+    byte = static_cast<std::uint8_t>((unsigned{byte} << 4U) | digit);
     ++nibble;
   }
   return id;

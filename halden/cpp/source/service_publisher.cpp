@@ -71,6 +71,10 @@ void ServicePublisher::Publish(ServiceInstanceData data) {
                                       " bytes does not fit into a node, which holds " +
                                       std::to_string(details::kMaxNodeBytes));
   }
+  // What no reader would accept (text that is not UTF-8, say) must not be published.
+  if (const auto decoded = details::DecodeNode(bytes); !decoded.data) {
+    throw ZooError(ZBADARGUMENTS, "instance data cannot be published: " + decoded.error);
+  }
   m_core->Publish(std::move(bytes));
 }
 

@@ -17,7 +17,7 @@ Connection::WatchContext::WatchContext(const WatchContext& other) : m_conn(other
 
 // The source is copied from: its function may be running, and must not lose itself meanwhile.
 Connection::WatchContext::WatchContext(WatchContext&& other) noexcept
-    : WatchContext(static_cast<const WatchContext&>(other)) {}
+    : WatchContext(static_cast<const WatchContext&>(other)) {}  // NOLINT(performance-move-constructor-init)
 
 Connection::WatchContext& Connection::WatchContext::operator=(const WatchContext& other) {
   if (this == &other) return *this;

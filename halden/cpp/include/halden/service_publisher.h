@@ -43,8 +43,8 @@ struct PublisherStatus {
 /// session lives; a program that ends calls `Remove` and `AwaitAbsent` first, or stops the connection and
 /// awaits its close.
 /// Errors: the constructor throws std::invalid_argument (null connection, bad service name); `Publish` throws
-/// ZooError(ZBADARGUMENTS) for data that does not fit into a node. Failed writes are logged to
-/// "halden.publisher", kept in `Status`, and tried again with back-off.
+/// ZooError(ZBADARGUMENTS) for data that does not fit into a node, or that no reader would accept. Failed
+/// writes are logged to "halden.publisher", kept in `Status`, and tried again with back-off.
 class ServicePublisher {
  public:
   ServicePublisher(std::shared_ptr<Connection> conn, const zr::String& serviceName, const ServiceId& id);

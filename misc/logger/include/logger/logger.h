@@ -172,6 +172,7 @@ struct VoidifyStream {
 
 /// A statement at `level` from `source` (a ConstSourcePtr, may be null) for the handler named `handler`
 /// (empty: all). Enumerators may be written without their namespace.
+// NOLINTBEGIN(bugprone-macro-parentheses): the insertions that follow must be able to join the expression
 #define ZRLOG_TO(level, source, handler)                                                                  \
   (::zr::logging::GetMinimumLoggingLevel() > ::zr::logging::level)                                        \
       ? static_cast<void>(0)                                                                              \
@@ -179,5 +180,7 @@ struct VoidifyStream {
                                                                ::zr::logging::ZRLOG_DECODE_AS_KV, source, \
                                                                __FILE__, __LINE__, handler)               \
                                              .Stream()
+
+// NOLINTEND(bugprone-macro-parentheses)
 
 #define ZRLOG(level, source) ZRLOG_TO(level, source, ::zr::String())
