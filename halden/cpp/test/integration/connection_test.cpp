@@ -50,9 +50,9 @@ TEST_F(ConnectionTest, WhatCanNeverWorkIsThrownByStartAndNothingElseIs) {
 }
 
 TEST_F(ConnectionTest, ASecondStartKeepsTheSessionAndAStartAfterStopMakesOne) {
-  const auto conn = std::make_shared<Connection>(
-      std::vector<zr::String>{"localhost:1", "localhost:" + ConnectString(kDc).substr(sizeof "127.0.0.1")},
-      true, "", kSessionTimeout, kDc);
+  const zr::String byName = "localhost:" + std::to_string(Server(kDc).Port()) + m_chroot;
+  const auto conn = std::make_shared<Connection>(std::vector<zr::String>{"localhost:1", byName}, true, "",
+                                                 kSessionTimeout, kDc);
   EXPECT_TRUE(conn->AwaitClosed(kLimit)) << "was never open";
   conn->Start(nullptr);
   ASSERT_TRUE(AwaitState(*conn, ConnectionState::Connected));

@@ -154,25 +154,21 @@ TEST_F(ManagedConnections, AFailureInDisconnectLeavesTheEntryInPlace) {
 }
 
 TEST_F(ManagedConnections, DisconnectWaitsForARelayBeforeItStops) {
-  struct Blocking : ServiceWatcherObserver {
-    void OnInstanceAdded(ServiceWatcher&, const ServiceId&, const ServiceInstanceData&) override {}
-    void OnInstanceModified(ServiceWatcher&, const ServiceId&, const ServiceInstanceData&) override {}
-    void OnInstanceRemoved(ServiceWatcher&, const ServiceId&) override {
-      inside.Set();
-      EXPECT_TRUE(detaching.Await());
-      Journal::Get().Step("the observer leaves");
-    }
-    Happening inside;
-    Happening detaching;
-  };
   MakeEastAndWest();
-  const auto observer = std::make_shared<Blocking>();
+  Happening inside;
+  Happening detaching;
+  const auto observer = std::make_shared<AddressObserver>();
+  observer->m_then = [&] {
+    inside.Set();
+    EXPECT_TRUE(detaching.Await());
+    m_journal.Step("the observer leaves");
+  };
   m_watcher->RegisterShared(observer);
   m_journal.m_isLocked = nullptr;
-  m_journal.m_actions["east: UnregisterWeak"] = [&] { observer->detaching.Set(); };
+  m_journal.m_actions["east: UnregisterWeak"] = [&] { detaching.Set(); };
   ServiceWatcher& east = WatcherOf("east");
   std::thread relay([&] { east.Raise(&ServiceWatcherObserver::OnInstanceRemoved, ServiceId{}); });
-  EXPECT_TRUE(observer->inside.Await());
+  EXPECT_TRUE(inside.Await());
   EXPECT_TRUE(m_watcher->DisconnectDC("east"));
   relay.join();
   EXPECT_THAT(m_journal.Take(),

@@ -1,7 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include <functional>
 #include <stdexcept>
-#include <tuple>
 
 #include "seam/seam_test.h"
 
@@ -11,33 +9,6 @@ namespace {
 const ServiceId kFirst{{1}};
 const ServiceId kSecond{{2}};
 const ServiceId kThird{{3}};
-
-/// What happened and where its arguments are.
-using Event = std::tuple<std::string, const ServiceWatcher*, const ServiceId*, const ServiceInstanceData*>;
-
-class AddressObserver : public ServiceWatcherObserver {
- public:
-  void OnInstanceAdded(ServiceWatcher& watcher, const ServiceId& id,
-                       const ServiceInstanceData& data) override {
-    Record({"added", &watcher, &id, &data});
-  }
-  void OnInstanceRemoved(ServiceWatcher& watcher, const ServiceId& id) override {
-    Record({"removed", &watcher, &id, nullptr});
-  }
-  void OnInstanceModified(ServiceWatcher& watcher, const ServiceId& id,
-                          const ServiceInstanceData& data) override {
-    Record({"modified", &watcher, &id, &data});
-  }
-
-  std::vector<Event> m_events;
-  std::function<void()> m_then;
-
- private:
-  void Record(const Event& event) {
-    m_events.push_back(event);
-    if (m_then) m_then();
-  }
-};
 
 class InstancesOfAll : public GlobalWatcherTest {
  protected:
@@ -110,17 +81,6 @@ TEST_F(InstancesOfAll, AnObserverMayAskTheWatcherBackAndItsExceptionReachesTheDa
                std::out_of_range);
   EXPECT_FALSE(m_watcher->HasConnection("west"));
   EXPECT_THAT(m_second->m_events, IsEmpty());
-}
-
-TEST_F(InstancesOfAll, AnEventRaisedWhileAServiceWatcherStartsIsRelayed) {
-  Make(false);
-  m_watcher->RegisterShared(m_first);
-  const auto conn = MakeConnection("east");
-  m_journal.m_actions["east: watcher Start"] = [&] {
-    conn->m_watcher->Raise(&ServiceWatcherObserver::OnInstanceRemoved, kFirst);
-  };
-  m_watcher->AddConnection(conn);
-  EXPECT_EQ(m_first->m_events.size(), 1u);
 }
 
 }  // namespace

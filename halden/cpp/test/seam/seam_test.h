@@ -6,11 +6,14 @@
 
 #include <algorithm>
 #include <exception>
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -53,6 +56,34 @@ inline std::string Info(const std::string& text) {
 inline std::string Warning(const std::string& text) {
   return Log("warning", text);
 }
+
+/// What happened and where its arguments are.
+using Event = std::tuple<std::string, const ServiceWatcher*, const ServiceId*, const ServiceInstanceData*>;
+
+/// Keeps every event, and then does what the test says.
+class AddressObserver : public ServiceWatcherObserver {
+ public:
+  void OnInstanceAdded(ServiceWatcher& watcher, const ServiceId& id,
+                       const ServiceInstanceData& data) override {
+    Record({"added", &watcher, &id, &data});
+  }
+  void OnInstanceRemoved(ServiceWatcher& watcher, const ServiceId& id) override {
+    Record({"removed", &watcher, &id, nullptr});
+  }
+  void OnInstanceModified(ServiceWatcher& watcher, const ServiceId& id,
+                          const ServiceInstanceData& data) override {
+    Record({"modified", &watcher, &id, &data});
+  }
+
+  std::vector<Event> m_events;
+  std::function<void()> m_then;
+
+ private:
+  void Record(const Event& event) {
+    m_events.push_back(event);
+    if (m_then) m_then();
+  }
+};
 
 class GlobalWatcherTest : public ::testing::Test {
  protected:
@@ -100,7 +131,11 @@ class GlobalWatcherTest : public ::testing::Test {
     return conn;
   }
 
-  ServiceWatcher& WatcherOf(const zr::String& dcName) { return *m_watcher->GetConnection(dcName)->m_watcher; }
+  ServiceWatcher& WatcherOf(const zr::String& dcName) {
+    const auto conn = m_watcher->GetConnection(dcName);
+    if (!conn) throw std::runtime_error("no connection to " + dcName);
+    return *conn->m_watcher;
+  }
 
   /// Makes `step` throw, expects `operation` to let out that very object with the lock released, and returns
   /// what was done.
