@@ -1,0 +1,26 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "halden/utils.h"
+#include "line_writer.h"
+#include "options.h"
+
+namespace zr::halden::tool {
+
+/// How long a command that ends waits for sessions to close; past it the servers end them by themselves.
+inline constexpr std::chrono::seconds kClosingLimit{3};
+
+/// The ensembles of the configuration file. Throws Failure for a file with faults: to act on the rest of it
+/// would look as if a data centre had no instances. Warnings go to stderr.
+DataCenterEnsembleMapT LoadEnsembles(const std::string& path);
+
+// Each command runs until it is done, `output` wants no more, or a stop is asked for. They throw Failure and
+// ZooError.
+void Watch(const WatchOptions& options, LineWriter& output);
+void List(const ListOptions& options, LineWriter& output);
+void Publish(const PublishOptions& options, LineWriter& output);
+
+}  // namespace zr::halden::tool

@@ -1,0 +1,131 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <csignal>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "failure.h"
+#include "halden/connection_v2.h"
+#include "halden/service_publisher.h"
+#include "output.h"
+#include "signals.h"
+
+namespace zr::halden::tool {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kSessionTimeout{30};
+
+std::shared_ptr<Connection> MakeConnection(const PublishOptions& options) {
+  const auto ensembles = LoadEnsembles(options.configPath);
+  const auto found = ensembles.find(options.dataCenter);
+  if (found == ensembles.end()) {
+    std::vector<std::string> names;
+    for (const auto& [name, ensemble] : ensembles) names.push_back(name);
+    std::sort(names.begin(), names.end());
+    throw Failure(kWrongUsage, fmt::format("bad --dc '{}': {} has {}", options.dataCenter, options.configPath,
+                                           fmt::join(names, ", ")));
+  }
+  const std::vector<zr::String> hosts{found->second};
+  return std::make_shared<Connection>(hosts, true, zr::String(), kSessionTimeout, options.dataCenter);
+}
+
+/// The instances of one process, all through one connection.
+class Instances {
+ public:
+  Instances(const PublishOptions& options, const std::shared_ptr<Connection>& conn) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const unsigned count = options.count.value_or(1);
+    for (unsigned i = 0; i < count; ++i) {
+      ServiceInstanceData data = options.instance;
+      data.set_start_time_ms(std::chrono::duration_cast<milliseconds>(now).count());
+      if (options.count) {
+        auto& attribute = *data.add_attributes();
+        attribute.set_key("index");
+        attribute.set_value(std::to_string(i));
+      }
+      m_data.push_back(std::move(data));
+      m_publishers.push_back(std::make_unique<ServicePublisher>(conn, options.service, MakeServiceId()));
+      m_publishers.back()->Publish(m_data.back());
+    }
+  }
+
+  bool AllPrinted() const { return m_printed == m_publishers.size(); }
+
+  /// Prints the ids of those that were confirmed since, in the order of their index.
+  void PrintPublished(LineWriter& output) {
+    for (; !AllPrinted(); ++m_printed) {
+      const auto& publisher = *m_publishers[m_printed];
+      if (publisher.Status().state != PublishState::Published) return;
+      output.Write(ToString(publisher.Id()) + '\n');
+    }
+  }
+
+  void SetStatus(messaging::halden::StatusExt status) {
+    for (std::size_t i = 0; i < m_publishers.size(); ++i) {
+      m_data[i].set_status_ext(status);
+      m_publishers[i]->Publish(m_data[i]);
+    }
+  }
+
+  /// False when not all nodes are known to be gone at the deadline.
+  bool Remove(steady_clock::time_point deadline) {
+    for (const auto& publisher : m_publishers) publisher->Remove();
+    return std::all_of(m_publishers.begin(), m_publishers.end(), [&](const auto& publisher) {
+      const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
+      return publisher->AwaitAbsent(std::max(left, milliseconds(0)));
+    });
+  }
+
+ private:
+  std::vector<ServiceInstanceData> m_data;
+  std::vector<std::unique_ptr<ServicePublisher>> m_publishers;
+  std::size_t m_printed = 0;
+};
+
+void ServeUntilEnd(Instances& instances, const Connection& conn, const SignalSet& statusSignals,
+                   LineWriter& output) {
+  constexpr milliseconds interval{50};  // until all are published
+  constexpr milliseconds idle{60'000};  // then only signals count
+  constexpr std::chrono::seconds patience{5};
+  auto complainAt = steady_clock::now() + patience;
+  while (!output.AwaitEnd(instances.AllPrinted() ? idle : interval, statusSignals.Descriptor())) {
+    for (int signal = statusSignals.Take(); signal != 0; signal = statusSignals.Take()) {
+      instances.SetStatus(signal == SIGUSR1 ? messaging::halden::STATUS_EXT_DEGRADED
+                                            : messaging::halden::STATUS_EXT_NONE);
+    }
+    instances.PrintPublished(output);
+    if (!instances.AllPrinted() && steady_clock::now() >= complainAt) {
+      const DataCenterStatus status{conn.DataCenterName(), conn.Status(), {}};
+      Complain(fmt::format("{}: not published yet: {}", status.name, StateText(status)));
+      complainAt = steady_clock::time_point::max();  // once is enough
+    }
+  }
+}
+
+}  // namespace
+
+void Publish(const PublishOptions& options, LineWriter& output) {
+  const SignalSet statusSignals{SIGUSR1, SIGUSR2};  // before the connection has threads
+  const auto conn = MakeConnection(options);
+  conn->Start(nullptr);
+  Instances instances(options, conn);
+  ServeUntilEnd(instances, *conn, statusSignals, output);
+  const ConnectionStatus status = conn->Status();
+  const bool connected = status.state == ConnectionState::Connected;
+  const bool removed = connected && instances.Remove(steady_clock::now() + kClosingLimit);
+  conn->Stop();
+  const bool closed = conn->AwaitClosed(kClosingLimit) && connected;
+  if (!removed && !closed && status.sessions > 0) {
+    Complain(options.dataCenter + ": out of reach: the instances stay until the session times out");
+  }
+}
+
+}  // namespace zr::halden::tool
