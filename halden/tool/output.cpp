@@ -62,7 +62,7 @@ std::string PortText(const ServiceInstanceData& data) {
 
 /// A value that would not read as one word is put in quotes.
 std::string Word(const std::string& text) {
-  const std::string safe = EscapeControls(text);
+  std::string safe = EscapeControls(text);
   if (!safe.empty() && safe.find_first_of(" \"=") == std::string::npos) return safe;
   std::string quoted = "\"";
   for (const char c : safe) {

@@ -149,7 +149,7 @@ void GlobalServiceWatcherImpl::StopManagedConnections() {
     throw UsageError("Invalid Library Usage");
   }
   const std::lock_guard<std::mutex> lock(m_mtx);
-  for (auto elem : m_connections) {  // a copy: both stay alive for the step
+  for (auto elem : m_connections) {  // NOLINT(performance-for-range-copy): both stay alive for the step
     elem.second->UnregisterWeak(WeakSelf());
     elem.first->Stop();
   }

@@ -92,7 +92,7 @@ TEST(LineWriter, IsNotHeldUpByAReaderThatCeasedToReadOnceAStopIsAskedFor) {
   const Pipe output;
   const Pipe stop;
   LineWriter writer(output.Writer(), stop.Reader());
-  auto blocked = std::async(std::launch::async, [&] { writer.Write(std::string(10'000'000, 'x')); });
+  auto blocked = std::async(std::launch::async, [&] { writer.Write(std::string(1'000'000, 'x')); });
   EXPECT_EQ(write(stop.Writer(), "s", 1), 1);
   EXPECT_EQ(blocked.wait_for(kLimit), std::future_status::ready);
   EXPECT_TRUE(writer.AwaitEnd(milliseconds(0)));

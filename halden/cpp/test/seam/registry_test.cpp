@@ -1,6 +1,7 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include <zookeeper/zookeeper.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <thread>
 

@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <chrono>
 #include <exception>
 #include <functional>
 #include <future>
