@@ -17,6 +17,7 @@ const zr::logging::ConstSourcePtr g_log = zr::logging::MakeSource("halden.global
 
 constexpr std::chrono::seconds kSessionTimeout{30};
 
+using WeakObserverPtr = std::weak_ptr<ServiceWatcherObserver>;
 using UsageError = details::ExceptionWrapper<HaldenErrorTag, std::runtime_error>;
 
 std::shared_ptr<Connection> MakeManagedConnection(const DataCenterEnsembleMapT::value_type& ensemble) {
@@ -63,7 +64,7 @@ void GlobalServiceWatcherImpl::AddConnection(std::shared_ptr<Connection> conn) {
     }
   }
   auto watcher = std::make_shared<ServiceWatcher>(conn, m_name, m_zkErrorHandler);
-  watcher->RegisterWeak(WeakSelf());
+  watcher->RegisterWeak(WeakObserverPtr(shared_from_this()));
   watcher->Start();
   m_connections.emplace(std::move(conn), std::move(watcher));
 }
@@ -132,7 +133,8 @@ bool GlobalServiceWatcherImpl::DisconnectDC(zr::String dcName) {
   const std::lock_guard<std::mutex> lock(m_mtx);
   for (const auto& elem : m_connections) {
     if (elem.first->GetDCName() != dcName) continue;
-    elem.second->UnregisterWeak(WeakSelf());  // before Stop, so that no event of the end is relayed
+    // Before Stop, so that no event of the end is relayed.
+    elem.second->UnregisterWeak(WeakObserverPtr(shared_from_this()));
     elem.first->Stop();
     m_connections.erase(std::shared_ptr<Connection>(elem.first));  // the entry's own key dies in the call
     return true;
@@ -150,7 +152,7 @@ void GlobalServiceWatcherImpl::StopManagedConnections() {
   }
   const std::lock_guard<std::mutex> lock(m_mtx);
   for (auto elem : m_connections) {  // NOLINT(performance-for-range-copy): both stay alive for the step
-    elem.second->UnregisterWeak(WeakSelf());
+    elem.second->UnregisterWeak(WeakObserverPtr(shared_from_this()));
     elem.first->Stop();
   }
 }

@@ -10,6 +10,7 @@
 #include "halden/service_id.h"
 #include "halden/service_watcher.h"
 #include "halden/utils.h"
+#include "zr/messaging/halden/service.pb.h"
 #include "zrstl/observable_impl.h"
 #include "zrstl/string.h"
 
@@ -68,9 +69,6 @@ class GlobalServiceWatcherImpl : public std::enable_shared_from_this<GlobalServi
   friend class GlobalServiceWatcher;  // status of each data centre, from m_connections and m_ensembles
 
   using ConnectionMapT = std::unordered_map<std::shared_ptr<Connection>, std::shared_ptr<ServiceWatcher>>;
-
-  /// This watcher as the service watchers know it.
-  std::weak_ptr<ServiceWatcherObserver> WeakSelf() { return shared_from_this(); }
 
   /// A copy of the registry, taken under m_mtx.
   ConnectionMapT Connections() const {

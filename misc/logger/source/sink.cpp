@@ -23,7 +23,7 @@ namespace {
 using HandlerMap = std::map<zr::String, Handler>;
 
 /// The handlers, as an immutable map that a statement takes a reference to: handlers run with no lock held,
-/// so one may log, or change the handlers, itself.
+/// so one may change the handlers itself.
 struct Sink {
   std::mutex mtx;
   std::shared_ptr<const HandlerMap> handlers;  // guarded by mtx
