@@ -17,7 +17,12 @@ namespace {
 // The client sets its watches again in one packet, which servers refuse past 1 MiB: it would reconnect for
 // ever.
 constexpr std::size_t kMaxWatchBytes = 900'000;
-constexpr std::chrono::seconds kWatchdogPeriod{5};
+constexpr std::chrono::seconds kWatchdogPeriod{1};
+// In rounds of the watchdog without a connection:
+constexpr unsigned kFirstReport = 5;
+constexpr unsigned kReportRounds = 60;
+constexpr unsigned kResolveRounds = 5;
+constexpr unsigned kUnansweredRounds = 2;
 constexpr std::chrono::seconds kEndingLimit{2};
 constexpr int kEndingTries = 5;
 
@@ -216,9 +221,9 @@ void ConnectionCore::Open() {
     return OpenLater();
   }
   UpdateClosed();
-  PostAfter(kWatchdogPeriod, [weak = weak_from_this(), epoch = m_epoch->Number()] {
-    if (const auto self = weak.lock()) self->Watchdog(epoch, 1);
-  });
+  m_roundsAway = 0;
+  m_roundsUnanswered = 0;
+  Watchdog(m_epoch->Number());
 }
 
 std::unique_ptr<Epoch> ConnectionCore::MakeEpoch() {
@@ -253,29 +258,49 @@ void ConnectionCore::CloseEpoch() {
   DrainClientLog();
 }
 
-/// Runs now and then while an epoch lives. A client that finds no server says nothing: so this does. And
-/// names may have moved since the epoch was opened.
-void ConnectionCore::Watchdog(std::uint64_t epoch, unsigned round) {
+/// Runs now and then while an epoch lives, for what the client library does not tell by itself.
+void ConnectionCore::Watchdog(std::uint64_t epoch) {
   if (!IsCurrent(epoch)) return;
   DrainClientLog();
   if (Connected()) {
-    round = 0;
+    m_roundsAway = 0;
+    m_roundsUnanswered = 0;
   } else {
-    constexpr unsigned kLogEvery = 12;
-    if (m_state == ConnectionState::Connecting && round % kLogEvery == 1) {
-      SetError(ZCONNECTIONLOSS, "no server of the ensemble is reached: " + m_addresses);
-    }
-    const auto resolved = Resolve(m_ensemble.hosts);
-    if (!resolved.addresses.empty() && resolved.addresses != m_addresses) {
-      m_addresses = resolved.addresses;
-      m_epoch->SetServers(m_addresses);
-      ZRLOG(ZRLOG_INFO, ConnectionLog())
-          << "the ensemble's addresses have changed, addresses=" << m_addresses;
-    }
+    LookAfterServers();
+    if (!IsCurrent(epoch)) return;
   }
-  PostAfter(kWatchdogPeriod, [weak = weak_from_this(), epoch, round] {
-    if (const auto self = weak.lock()) self->Watchdog(epoch, round + 1);
+  PostAfter(kWatchdogPeriod, [weak = weak_from_this(), epoch] {
+    if (const auto self = weak.lock()) self->Watchdog(epoch);
   });
+}
+
+/// A client that finds no server says nothing: so this does. Names may have moved since the epoch was opened. And a
+/// server that took the connection may never answer (one that is just starting can lose it): the client would
+/// wait for two thirds of the session timeout.
+void ConnectionCore::LookAfterServers() {
+  if (m_roundsAway % kReportRounds == kFirstReport && m_state == ConnectionState::Connecting) {
+    SetError(ZCONNECTIONLOSS, "no server of the ensemble is reached: " + m_addresses);
+  }
+  ++m_roundsAway;
+  m_roundsUnanswered = m_epoch->Unanswered() ? m_roundsUnanswered + 1 : 0;
+  if (m_roundsUnanswered > kUnansweredRounds) {
+    ZRLOG(ZRLOG_INFO, ConnectionLog())
+        << "a server does not answer, trying anew, dc_name=" << m_options.dcName;
+    return ReplaceHandle();
+  }
+  if (m_roundsAway % kResolveRounds != 0) return;
+  const auto resolved = Resolve(m_ensemble.hosts);
+  if (resolved.addresses.empty() || resolved.addresses == m_addresses) return;
+  m_addresses = resolved.addresses;
+  m_epoch->SetServers(m_addresses);
+  ZRLOG(ZRLOG_INFO, ConnectionLog()) << "the ensemble's addresses have changed, addresses=" << m_addresses;
+}
+
+/// A new epoch that goes on with the session, if there is one.
+void ConnectionCore::ReplaceHandle() {
+  if (m_session.client_id != 0) m_resume = m_session;
+  CloseEpoch();
+  Open();
 }
 
 void ConnectionCore::OnSession(std::uint64_t epoch, int state) {
@@ -324,9 +349,7 @@ void ConnectionCore::OnLost() {
   if (m_state != ConnectionState::Connected) return;
   SetError(ZCONNECTIONLOSS, "connection lost");
   if (m_epoch->WatchBytes() > kMaxWatchBytes) {
-    m_resume = m_session;  // a new handle has no watches to set again, and goes on with the same session
-    CloseEpoch();
-    return Open();
+    return ReplaceHandle();  // a new handle has no watches to set again
   }
   SetState(ConnectionState::Suspended);
   Tell([](ConnectionListener& listener) { listener.OnDisconnected(false); });

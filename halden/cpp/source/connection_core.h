@@ -106,7 +106,9 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   void OpenLater();
   bool OpenHandle(Epoch& epoch, const clientid_t* resume);
   void CloseEpoch();
-  void Watchdog(std::uint64_t epoch, unsigned round);
+  void ReplaceHandle();
+  void Watchdog(std::uint64_t epoch);
+  void LookAfterServers();
 
   void OnSession(std::uint64_t epoch, int state);
   void OnEstablished();
@@ -143,6 +145,8 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   clientid_t m_session{};              // of the current epoch; zero before it is established
   std::optional<clientid_t> m_resume;  // what the next epoch resumes
   zr::String m_addresses;              // what the current epoch was opened with
+  unsigned m_roundsAway = 0;           // of the watchdog, without a connection
+  unsigned m_roundsUnanswered = 0;     // in a row, with a connection that no server answers on
   Backoff m_backoff{std::chrono::milliseconds(100), std::chrono::seconds(10)};
   std::vector<std::weak_ptr<ConnectionListener>> m_listeners;
   // A session being ended on the server, after its own handle is closed.

@@ -76,6 +76,8 @@ class Epoch {
 
   std::uint64_t Number() const { return m_number; }
   clientid_t Session() const;
+  /// A server took the connection and has not answered yet.
+  bool Unanswered() const { return zoo_state(m_handle) == ZOO_ASSOCIATING_STATE; }
 
   /// At most some hundred requests are with the library at a time; the rest waits here, in order. The answer
   /// is never given from inside this call.

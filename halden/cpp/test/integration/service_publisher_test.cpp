@@ -166,6 +166,8 @@ TEST_F(ServicePublisherTest, AnAwaitedCloseLeavesNoNodeBehind) {
   for (const auto& publisher : publishers) ASSERT_TRUE(publisher->AwaitPublished(kLimit));
   EXPECT_THAT(Client(kDc).ReadInstances(kService), SizeIs(50));
   EXPECT_FALSE(m_conn->AwaitClosed(std::chrono::milliseconds(1)));
+  // A close with requests outstanding alone would leave the session alive.
+  for (const auto& publisher : publishers) publisher->Publish(MakeInstance("changed"));
   m_conn->Stop();
   ASSERT_TRUE(m_conn->AwaitClosed(kLimit));
   EXPECT_THAT(Client(kDc).ReadInstances(kService), SizeIs(0));
