@@ -1,3 +1,5 @@
+# Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#
 # Finds ZooKeeper's multi-threaded C client; defines ZooKeeper::zookeeper_mt.
 find_path(ZooKeeper_INCLUDE_DIR NAMES zookeeper/zookeeper.h)
 find_library(ZooKeeper_LIBRARY NAMES zookeeper_mt)

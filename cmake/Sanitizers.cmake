@@ -1,3 +1,5 @@
+# Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#
 # HALDEN_SANITIZERS: a comma-separated list for -fsanitize, for the whole build.
 set(HALDEN_SANITIZERS "" CACHE STRING "Sanitizers to build with, for example address,undefined")
 

@@ -1,3 +1,5 @@
+# Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#
 # Warnings for our own targets. They are errors only in our own presets, so that another
 # compiler's new warning never breaks a user's build.
 option(HALDEN_WARNINGS_AS_ERRORS "Treat warnings as errors" OFF)

@@ -1,4 +1,6 @@
 #!/usr/bin/env bash
+# Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#
 # Builds halden in release and measures it, on real servers, beside its yardsticks.
 #
 #   scripts/bench.sh [INSTANCES]   instances per data centre, 10000 unless told

@@ -1,4 +1,6 @@
 #!/usr/bin/env bash
+# Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#
 # Everything a change must pass: style, then the tests plain and under the sanitizers.
 #
 #   scripts/check.sh           all of it

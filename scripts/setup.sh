@@ -1,4 +1,6 @@
 #!/usr/bin/env bash
+# Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#
 # Installs the Debian packages that building, testing and demonstrating halden needs.
 # Idempotent: packages that are present are left alone. Runs as root, or through sudo.
 set -euo pipefail
@@ -31,9 +33,9 @@ if [[ $EUID -ne 0 ]]; then
 fi
 echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-log=$(mktemp)
+log=$(mktemp) # shown only when something goes wrong; env below: sudo drops the variable otherwise
 trap 'rm -f "$log"' EXIT
-if ! { "${as_root[@]}" apt-get update && # env: sudo drops the variable otherwise
+if ! { "${as_root[@]}" apt-get update &&
        "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
          apt-get install --yes --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
   tail -n 20 "$log" >&2

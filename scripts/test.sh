@@ -1,4 +1,6 @@
 #!/usr/bin/env bash
+# Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#
 # Builds halden and runs all its tests.
 #
 #   scripts/test.sh            plain
@@ -18,4 +20,4 @@ esac
 scripts/setup.sh
 cmake --preset "$preset" >/dev/null
 cmake --build --preset "$preset"
-ctest --test-dir "build/$preset" --output-on-failure --parallel 2 "$@"
+ctest --test-dir "build/$preset" --output-on-failure --no-tests=error --parallel 2 "$@"

@@ -241,13 +241,20 @@ TEST(ObserverRemoval, WaitsAlsoWhenItFindsNothingButNotForNoObserver) {
   EXPECT_THAT(pass.m_list, ElementsAre(pass.m_observer));
 }
 
-/// What is logged from here on, at `least` and above.
+/// What is logged while the result lives, at `least` and above; by one thread at a time.
 std::shared_ptr<std::vector<std::string>> CaptureLog(zr::logging::LogLevel least) {
-  auto lines = std::make_shared<std::vector<std::string>>();
+  std::shared_ptr<std::vector<std::string>> lines(new std::vector<std::string>, [](const auto* captured) {
+    zr::logging::SetMinimumLoggingLevel(zr::logging::ZRLOG_WARNING);
+    zr::logging::SetHandler("stderr", zr::logging::MakeStderrHandler());
+    delete captured;
+  });
   zr::logging::SetMinimumLoggingLevel(least);
-  zr::logging::SetHandler("stderr", [lines](const zr::logging::LogRecord& record) {
+  zr::logging::SetHandler("stderr", [to = lines.get()](const zr::logging::LogRecord& record) {
     EXPECT_EQ(record.source, nullptr);
-    lines->push_back(std::to_string(record.level) + " " + record.msg);
+    EXPECT_EQ(record.id, 0U);
+    EXPECT_EQ(record.decodeType, zr::logging::ZRLOG_DECODE_AS_KV);
+    EXPECT_THAT(record.file, ::testing::EndsWith("observable_impl.h"));
+    to->push_back(std::to_string(record.level) + " " + record.msg);
   });
   return lines;
 }

@@ -177,15 +177,13 @@ void ConnectionCore::DoStart(const std::optional<clientid_t>& session) {
 
 void ConnectionCore::DoStop() {
   m_wanted = false;
-  m_resume.reset();
   ++m_attempt;
-  if (m_epoch) {
-    const bool unanswered = m_state == ConnectionState::Connected && m_epoch->Outstanding() != 0;
-    const clientid_t session = m_session;
-    CloseEpoch();
-    // A close with requests under way often leaves the session alive on the server.
-    if (unanswered) EndSession(session);
-  }
+  const clientid_t session = KnownSession();
+  m_resume.reset();
+  // A close with requests under way often leaves the session alive, one without a connection always does.
+  const bool closeEndsSession = Connected() && m_epoch->Outstanding() == 0;
+  CloseEpoch();
+  if (session.client_id != 0 && !closeEndsSession) EndSession(session);
   if (m_state != ConnectionState::Stopped) SetState(ConnectionState::Stopped);
   {
     const std::lock_guard lock(m_statusMtx);
@@ -195,11 +193,11 @@ void ConnectionCore::DoStop() {
 }
 
 void ConnectionCore::DoForceExpire() {
-  if (!m_epoch || m_session.client_id == 0) {
+  const clientid_t session = KnownSession();
+  if (session.client_id == 0) {
     ZRLOG(ZRLOG_INFO, ConnectionLog()) << "no session to expire, dc_name=" << m_options.dcName;
     return;
   }
-  const clientid_t session = m_session;
   ZRLOG(ZRLOG_INFO, ConnectionLog()) << "expiring the session, session_id=" << Hex{session.client_id}
                                      << ", dc_name=" << m_options.dcName;
   OnSessionOver(ZSESSIONEXPIRED, ConnectionState::Expired);
@@ -254,7 +252,7 @@ void ConnectionCore::CloseEpoch() {
   m_session = {};
   ++m_attempt;
   Tell([](ConnectionListener& listener) { listener.OnDisconnected(true); });
-  epoch->Close();
+  if (epoch) epoch->Close();
   DrainClientLog();
 }
 
@@ -263,6 +261,7 @@ void ConnectionCore::Watchdog(std::uint64_t epoch) {
   if (!IsCurrent(epoch)) return;
   DrainClientLog();
   if (Connected()) {
+    m_backoff.Reset();  // not at once: a session can be refused right after it is established
     m_roundsAway = 0;
     m_roundsUnanswered = 0;
   } else {
@@ -274,9 +273,9 @@ void ConnectionCore::Watchdog(std::uint64_t epoch) {
   });
 }
 
-/// A client that finds no server says nothing: so this does. Names may have moved since the epoch was opened. And a
-/// server that took the connection may never answer (one that is just starting can lose it): the client would
-/// wait for two thirds of the session timeout.
+/// A client that finds no server says nothing: so this does. Names may have moved since the epoch was opened.
+/// And a server that took the connection may never answer (one that is just starting can lose it): the client
+/// would wait for two thirds of the session timeout.
 void ConnectionCore::LookAfterServers() {
   if (m_roundsAway % kReportRounds == kFirstReport && m_state == ConnectionState::Connecting) {
     SetError(ZCONNECTIONLOSS, "no server of the ensemble is reached: " + m_addresses);
@@ -288,12 +287,24 @@ void ConnectionCore::LookAfterServers() {
         << "a server does not answer, trying anew, dc_name=" << m_options.dcName;
     return ReplaceHandle();
   }
-  if (m_roundsAway % kResolveRounds != 0) return;
-  const auto resolved = Resolve(m_ensemble.hosts);
-  if (resolved.addresses.empty() || resolved.addresses == m_addresses) return;
-  m_addresses = resolved.addresses;
-  m_epoch->SetServers(m_addresses);
-  ZRLOG(ZRLOG_INFO, ConnectionLog()) << "the ensemble's addresses have changed, addresses=" << m_addresses;
+  if (m_roundsAway % kResolveRounds == 0) ResolveAgain();
+}
+
+void ConnectionCore::ResolveAgain() {
+  if (m_resolving || !HasNames(m_ensemble.hosts)) return;
+  m_resolving = true;
+  m_resolver.Post([weak = weak_from_this(), hosts = m_ensemble.hosts, epoch = m_epoch->Number()] {
+    auto resolved = Resolve(hosts);
+    const auto self = weak.lock();
+    if (!self) return;
+    self->PostMember([core = self.get(), epoch, addresses = std::move(resolved.addresses)] {
+      core->m_resolving = false;
+      if (!core->IsCurrent(epoch) || addresses.empty() || addresses == core->m_addresses) return;
+      core->m_addresses = addresses;
+      core->m_epoch->SetServers(addresses);
+      ZRLOG(ZRLOG_INFO, ConnectionLog()) << "the ensemble's addresses have changed, addresses=" << addresses;
+    });
+  });
 }
 
 /// A new epoch that goes on with the session, if there is one.
@@ -333,7 +344,6 @@ void ConnectionCore::OnEstablished() {
   m_session = m_epoch->Session();
   const bool resumed = m_resume && m_resume->client_id == m_session.client_id;
   m_resume.reset();
-  m_backoff.Reset();
   {
     const std::lock_guard lock(m_statusMtx);
     m_status.sessionId = m_session.client_id;

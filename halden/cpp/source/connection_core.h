@@ -82,6 +82,8 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   void AddListener(const std::shared_ptr<ConnectionListener>& listener);
   bool Connected() const { return m_state == ConnectionState::Connected; }
   std::int64_t SessionId() const { return m_session.client_id; }
+  /// There is a session, or one that a new handle is about to take up.
+  bool SessionGoesOn() const { return m_session.client_id != 0 || m_resume.has_value(); }
   /// Empty, or the path that stands before every other; known once connected.
   const zr::String& Chroot() const { return m_ensemble.chroot; }
   /// Dropped without an answer while there is no epoch.
@@ -97,6 +99,9 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
 
   bool StartedOnce();
   void Validate();
+  clientid_t KnownSession() const {
+    return m_session.client_id != 0 ? m_session : m_resume.value_or(clientid_t{});
+  }
   void DoStart(const std::optional<clientid_t>& session);
   void DoStop();
   void DoForceExpire();
@@ -109,6 +114,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   void ReplaceHandle();
   void Watchdog(std::uint64_t epoch);
   void LookAfterServers();
+  void ResolveAgain();
 
   void OnSession(std::uint64_t epoch, int state);
   void OnEstablished();
@@ -145,6 +151,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   clientid_t m_session{};              // of the current epoch; zero before it is established
   std::optional<clientid_t> m_resume;  // what the next epoch resumes
   zr::String m_addresses;              // what the current epoch was opened with
+  bool m_resolving = false;            // in the background, on m_resolver
   unsigned m_roundsAway = 0;           // of the watchdog, without a connection
   unsigned m_roundsUnanswered = 0;     // in a row, with a connection that no server answers on
   Backoff m_backoff{std::chrono::milliseconds(100), std::chrono::seconds(10)};
@@ -164,6 +171,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
 
   TaskThread m_thread{"halden-session"};
   TaskThread m_delivery{"halden-events"};
+  TaskThread m_resolver{"halden-resolve"};  // a resolver can block for long, just when the network is away
 };
 
 }  // namespace zr::halden::details

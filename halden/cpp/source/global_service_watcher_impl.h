@@ -41,7 +41,7 @@ class GlobalServiceWatcherImpl : public std::enable_shared_from_this<GlobalServi
   GlobalServiceWatcherImpl(const GlobalServiceWatcherImpl&) = delete;
   GlobalServiceWatcherImpl& operator=(const GlobalServiceWatcherImpl&) = delete;
 
-  // The connection registry. A null connection is refused with std::invalid_argument.
+  // The connection registry. AddConnection refuses a null connection with std::invalid_argument.
   void AddConnection(std::shared_ptr<Connection> conn);
   void RemoveConnection(const std::shared_ptr<Connection>& conn);
   bool HasConnection(zr::String dcName);

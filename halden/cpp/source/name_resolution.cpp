@@ -1,9 +1,11 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "name_resolution.h"
 
+#include <arpa/inet.h>
 #include <netdb.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <memory>
 #include <set>
@@ -35,7 +37,17 @@ void ResolveOne(const HostPort& host, std::set<zr::String>& addresses, zr::Strin
   }
 }
 
+bool IsAddress(const HostPort& host) {
+  std::array<unsigned char, sizeof(in6_addr)> address{};
+  return inet_pton(AF_INET, host.host.c_str(), address.data()) == 1 ||
+         inet_pton(AF_INET6, host.host.c_str(), address.data()) == 1;
+}
+
 }  // namespace
+
+bool HasNames(const std::vector<HostPort>& hosts) {
+  return !std::all_of(hosts.begin(), hosts.end(), IsAddress);
+}
 
 ResolvedHosts Resolve(const std::vector<HostPort>& hosts) {
   ResolvedHosts result;

@@ -16,6 +16,9 @@ struct ResolvedHosts {
   zr::String error;  ///< what did not resolve, and why; may be set although others did
 };
 
+/// Whether any host is a name rather than an address.
+bool HasNames(const std::vector<HostPort>& hosts);
+
 /// Blocks for as long as the system's resolver does.
 ResolvedHosts Resolve(const std::vector<HostPort>& hosts);
 

@@ -1,6 +1,7 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "publisher_core.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "error_policy.h"
@@ -8,6 +9,13 @@
 #include "log_sources.h"
 
 namespace zr::halden::details {
+
+namespace {
+
+// After this a node that goes is news, and no war with whoever deletes it.
+constexpr std::chrono::seconds kStood{30};
+
+}  // namespace
 
 PublisherCore::PublisherCore(std::shared_ptr<ConnectionCore> core, const zr::String& service,
                              const ServiceId& id)
@@ -36,7 +44,9 @@ void PublisherCore::Remove() {
 
 void PublisherCore::Stop() {
   m_watch->Invalidate({});
-  m_core->Post([self = shared_from_this()] { self->m_self = self; });
+  m_core->Post([self = shared_from_this()] {
+    if (self->m_core->SessionGoesOn()) self->m_self = self;
+  });
   Wish(std::nullopt);
 }
 
@@ -50,6 +60,7 @@ void PublisherCore::Wish(std::optional<std::string> bytes) {
     if (number < self->m_wishNumber) return;  // overtaken by a later wish of another thread
     self->m_wish = std::move(bytes);
     self->m_wishNumber = number;
+    self->m_backoff.Reset();
     self->StepNow();
   });
 }
@@ -75,6 +86,7 @@ bool PublisherCore::AwaitAbsent(std::chrono::milliseconds limit) const {
 
 void PublisherCore::OnConnected(bool newEpoch) {
   if (newEpoch) m_ours = false;
+  m_backoff.Reset();
   StepNow();
 }
 
@@ -84,6 +96,7 @@ void PublisherCore::OnDisconnected(bool epochOver) {
   m_ours = false;
   m_watched = false;
   if (m_wish) SetState(PublishState::Publishing);
+  if (m_core->SessionGoesOn()) return;
   const auto self = std::move(m_self);  // with the session goes the node
 }
 
@@ -115,7 +128,9 @@ void PublisherCore::Step() {
 
 void PublisherCore::Create() {
   m_mayExist = true;
-  m_lastSession = m_core->SessionId();
+  if (std::find(m_sessions.begin(), m_sessions.end(), m_core->SessionId()) == m_sessions.end()) {
+    m_sessions.push_back(m_core->SessionId());
+  }
   m_written = m_wishNumber;
   Request request{.kind = Request::Kind::Create, .path = m_path};
   request.data = *m_wish;
@@ -129,6 +144,7 @@ void PublisherCore::OnCreated(Reply& reply) {
       m_ours = true;
       m_watched = false;
       m_version = 0;
+      m_createdAt = TaskThread::Clock::now();
       const std::lock_guard lock(m_mtx);
       ++m_status.published;
       break;
@@ -147,13 +163,18 @@ void PublisherCore::OnCreated(Reply& reply) {
   Step();
 }
 
-/// All at once and from the top: requests are carried out in order, and what exists already stays. What goes
-/// wrong here is told by the next create. The service and its partitions are containers: the server removes
-/// them when their last child is gone.
+/// All at once and from the top: requests are carried out in order, and what exists already stays. The
+/// service and its partitions are containers: the server removes them when their last child is gone.
 void PublisherCore::CreateParents() {
   const auto create = [this](zr::String path, int mode, bool outsideChroot) {
     Request request{.kind = Request::Kind::Create, .path = std::move(path), .outsideChroot = outsideChroot};
     request.mode = mode;
+    request.reply = [weak = weak_from_this()](Reply& reply) {
+      const auto self = weak.lock();
+      const ErrorAction action = ActionFor(reply.code);
+      const bool good = action == ErrorAction::Done || action == ErrorAction::Conflict;
+      if (self && !good) self->Retry(reply.code);
+    };
     m_core->Submit(std::move(request));
   };
   const auto createAll = [&create](const zr::String& path, bool outsideChroot) {
@@ -199,9 +220,11 @@ void PublisherCore::OnInspected(Reply& reply) {
   const bool exists = action == ErrorAction::Done;
   const auto owner = reply.stat.ephemeralOwner;
   if (!m_wish) {
-    if (exists && (owner == m_core->SessionId() || owner == m_lastSession)) return Delete(reply.stat.version);
+    const bool own = std::find(m_sessions.begin(), m_sessions.end(), owner) != m_sessions.end();
+    if (exists && own) return Delete(reply.stat.version);
     m_mayExist = false;
     m_ours = false;
+    m_sessions.clear();
   } else if (exists && owner == m_core->SessionId()) {
     m_ours = true;  // an answer was lost, or the session went on under a new handle: write it again
     m_watched = false;
@@ -224,7 +247,10 @@ void PublisherCore::OnDeleted(Reply& reply) {
   if (action == ErrorAction::Done || action == ErrorAction::Absent) {
     m_ours = false;
     m_watched = false;
-    if (!m_wish) m_mayExist = false;
+    if (!m_wish) {
+      m_mayExist = false;
+      m_sessions.clear();
+    }
   } else if (action != ErrorAction::Conflict) {  // changed since: look again
     return Retry(reply.code);
   }
@@ -261,6 +287,8 @@ void PublisherCore::OnEvent(int /*type*/) {
 }
 
 void PublisherCore::LookAgain(const char* why) {
+  // One that is deleted again and again is created ever more slowly.
+  if (TaskThread::Clock::now() - m_createdAt > kStood) m_backoff.Reset();
   m_ours = false;
   m_watched = false;
   m_written = 0;
@@ -275,7 +303,6 @@ void PublisherCore::LookAgain(const char* why) {
 /// The wish is fulfilled.
 void PublisherCore::Settle() {
   std::shared_ptr<PublisherCore> self;  // goes after the lock
-  m_backoff.Reset();
   const std::lock_guard lock(m_mtx);
   m_status.state = m_wish ? PublishState::Published : PublishState::Absent;
   m_status.lastError = 0;

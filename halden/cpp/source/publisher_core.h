@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "backoff.h"
 #include "connection_core.h"
@@ -90,9 +91,10 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   bool m_ours = false;          // it is, and this session owns it
   bool m_watched = false;
   bool m_retryScheduled = false;
-  std::uint64_t m_retry = 0;              // a timer of an earlier retry finds another number
-  std::int32_t m_version = 0;             // of the node after our last write
-  std::int64_t m_lastSession = 0;         // the session that wrote last
+  std::uint64_t m_retry = 0;             // a timer of an earlier retry finds another number
+  std::int32_t m_version = 0;            // of the node after our last write
+  std::vector<std::int64_t> m_sessions;  // that may own a node of ours
+  TaskThread::Clock::time_point m_createdAt{};
   std::shared_ptr<PublisherCore> m_self;  // from the publisher's end until the node is gone
   Backoff m_backoff{std::chrono::milliseconds(50), std::chrono::seconds(10)};
 

@@ -339,16 +339,21 @@ void ServiceReader::Fail(ReadState& state, int code, const zr::String& path) {
     ZRLOG(ZRLOG_WARNING, WatcherLog()) << "read failed, error=" << zerror(code)
                                        << ", dc_name=" << m_core->DataCenterName() << ", path=" << path;
   }
-  if (ActionFor(code) == ErrorAction::Report) m_delivery->ReportError(code);
-  ScheduleRetry();
+  if (ActionFor(code) == ErrorAction::Report) {
+    m_delivery->ReportError(code);
+    ScheduleRetry(m_refusedBackoff, m_refusedRetryScheduled);
+  } else {
+    ScheduleRetry();
+  }
 }
 
-void ServiceReader::ScheduleRetry() {
-  if (std::exchange(m_retryScheduled, true)) return;
-  m_core->PostAfter(m_backoff.Next(), [weak = weak_from_this()] {
+/// `backoff` and `scheduled` are members.
+void ServiceReader::ScheduleRetry(Backoff& backoff, bool& scheduled) {
+  if (std::exchange(scheduled, true)) return;
+  m_core->PostAfter(backoff.Next(), [weak = weak_from_this(), &scheduled] {
     const auto self = weak.lock();
     if (!self) return;
-    self->m_retryScheduled = false;
+    scheduled = false;
     self->Sync();  // reads the dirty nodes; without a connection, the next reconnect does
   });
 }
@@ -356,7 +361,8 @@ void ServiceReader::ScheduleRetry() {
 void ServiceReader::FinishIfComplete() {
   if (!m_connected || m_syncing || m_readAll || m_pending != 0) return;
   if (m_dirty != m_refused) return;
-  if (m_dirty == 0) m_backoff.Reset();
+  m_backoff.Reset();
+  if (m_dirty == 0) m_refusedBackoff.Reset();
   m_delivery->MarkLive(std::exchange(m_fullRead, false));
 }
 

@@ -99,7 +99,8 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   bool End(ReadState& state);
   void Clean(ReadState& state);
   void Fail(ReadState& state, int code, const zr::String& path);
-  void ScheduleRetry();
+  void ScheduleRetry() { ScheduleRetry(m_backoff, m_retryScheduled); }
+  void ScheduleRetry(Backoff& backoff, bool& scheduled);
   void FinishIfComplete();
   void ForgetReads();
   void LogOddName(const zr::String& path);
@@ -125,7 +126,7 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
 
   // Owned by the connection's thread.
   bool m_connected = false;
-  bool m_readAll = false;   // the whole service is to be read, after the next sync
+  bool m_readAll = true;    // the whole service is to be read, after the next sync
   bool m_fullRead = false;  // that read is under way
   bool m_syncing = false;
   bool m_trusting = false;    // a second sync has passed: even what looks older is believed
@@ -138,7 +139,10 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   std::size_t m_pending = 0;        // nodes being read or waiting for it
   std::size_t m_dirty = 0;          // nodes with `dirty` set
   std::size_t m_refused = 0;        // instances with `refused` set: they hold nothing up
-  Backoff m_backoff{std::chrono::milliseconds(100), std::chrono::seconds(30)};
+  Backoff m_backoff{std::chrono::milliseconds(100), std::chrono::seconds(10)};
+  // Apart from the other: a node that is refused for good must not slow down the rest.
+  Backoff m_refusedBackoff{std::chrono::seconds(1), std::chrono::seconds(30)};
+  bool m_refusedRetryScheduled = false;
   std::unordered_set<std::string> m_oddNames;  // logged already; bounded
 };
 

@@ -50,6 +50,13 @@ ServiceWatcher::~ServiceWatcher() {
 void ServiceWatcher::Start() {
   const std::weak_ptr<ServiceWatcher> self = shared_from_this();
   if (m_started.exchange(true)) return;
+  try {  // from here on both threads are there: nothing below can fail for want of one
+    m_conn->Core()->Deliver([] {});
+    m_conn->Core()->Post([] {});
+  } catch (...) {
+    m_started = false;
+    throw;
+  }
   m_delivery->Start(self);
   m_reader->Start(*m_conn);
 }

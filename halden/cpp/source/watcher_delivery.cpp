@@ -134,6 +134,7 @@ bool WatcherDelivery::DeliverOne() {
   if (!watcher) return false;
   DeliverErrors(lock);
   if (!m_table.HasChanges()) {
+    if (!m_errors.empty()) return true;  // come while the handler ran
     m_scheduled = false;
     lock.unlock();  // before the watcher, which may go here, takes this object with it
     return false;

@@ -40,14 +40,6 @@ void ExpectRefused(const Words& words, const std::string& part) {
   }
 }
 
-TEST(CommandLine, TakesServicesNamedLikeCommandsAndOptions) {
-  EXPECT_EQ(std::get<WatchOptions>(Parse({"watch", "list", "--config", "c"})).service, "list");
-  EXPECT_EQ(std::get<ListOptions>(Parse({"list", "--config", "c", "--", "--json"})).service, "--json");
-  Words words = kPublish;
-  words.erase(words.begin() + 1);
-  EXPECT_EQ(std::get<PublishOptions>(Parse(words + Words{"9"})).service, "9");  // and not another port
-}
-
 TEST(CommandLine, ReadsPortsAndAttributesAsTyped) {
   const auto options =
       std::get<PublishOptions>(Parse(kPublish + Words{"--port", "admin=010", "--attribute", "[a=b]",

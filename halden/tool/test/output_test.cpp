@@ -89,14 +89,6 @@ TEST(Table, IsSortedByDataCentreThenIdWithColumnsAligned) {
       "us-east      00000000-0000-0000-0000-000000000001  db1    80,admin=81  ok      1m 5s\n");
 }
 
-TEST(Age, NeitherOverflowsNorGoesNegative) {
-  EXPECT_EQ(Age(kNowMs - 59'999, kNow), "59s");
-  EXPECT_EQ(Age(kNowMs - 100'000'000, kNow), "1d 3h");
-  EXPECT_EQ(Age(0, kNow), "-");
-  EXPECT_EQ(Age(std::numeric_limits<std::int64_t>::min(), kNow), "-");
-  EXPECT_EQ(Age(std::numeric_limits<std::int64_t>::max(), kNow), "0s");
-}
-
 TEST(Endpoint, PutsIpv6AddressesInBracketsAndSurvivesWhatIsMissing) {
   ServiceInstanceData data;
   EXPECT_EQ(Endpoint(data), ":-");

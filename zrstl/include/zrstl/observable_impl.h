@@ -25,12 +25,14 @@ inline constexpr std::uint64_t kStallReportInterval = 100000000;
 /// order of registration, on a snapshot and with no lock held: a callback may register, unregister (itself
 /// included) and call back into the publisher; such changes count from the next notification on.
 /// Ownership: a notification keeps every observer of its snapshot alive until it has ended. A weak
-/// registration whose observer is gone is skipped and never removed. Handing over the last owning reference
-/// runs the observer's destructor with the list's mutex held: it must not call back into the same list.
-/// Waiting: an unregistration returns only once it has seen no notification running on another thread
-/// (one record for all of them: with several notifying threads, the last one to start and the first one to
-/// finish decide). From inside a callback on the notifying thread it returns at once. There is no time limit;
-/// a long wait is reported in the log. Do not unregister while holding a lock that a callback may want.
+/// registration whose observer is gone is skipped and never removed. An unregistration can be what runs an
+/// observer's destructor, with the list's mutex held: it must not call back into the same list.
+/// Waiting: an unregistration returns only once it has seen no notification running on another thread. There
+/// is one record for all threads: with several that notify at once, the last one to start and the first one
+/// to finish decide, so it may return while an earlier one still runs, or, inside a callback, wait for a
+/// later one. With one notifying thread it is exact, and inside a callback it returns at once. There is no
+/// time limit; a long wait is reported in the log, at level info. Do not unregister while holding a lock that
+/// a callback may want.
 /// Errors: an exception out of an observer leaves the notification; the observers after it are not called.
 /// Registering the same observer twice notifies it twice; each unregistration removes one registration.
 template <typename Observer, std::uint64_t StallReportInterval = kStallReportInterval>

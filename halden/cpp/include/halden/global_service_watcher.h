@@ -44,12 +44,15 @@ struct DataCenterStatus {
 /// Threads: every operation may be called from any thread; none waits for the network but those named
 /// `Await...` and `Close`. Events of one data centre arrive in order on one thread; those of different data
 /// centres arrive concurrently. See ServiceWatcher for what events promise.
-/// Callbacks: an observer may call every operation from inside a callback, with one exception: while another
-/// thread is in `DisconnectDC` or `StopManagedConnections`, which wait for running callbacks with the
-/// watcher's lock held, an operation that takes that lock (queries, connection operations, `Status`)
-/// deadlocks with it. Programs that disconnect while they run hand events to a thread of their own instead.
-/// Observers: registered as in zrstl/observable_impl.h. One instance published in two data centres is two
-/// instances: the `watcher` argument tells them apart.
+/// Callbacks: an observer may call every operation but those named `Await...` and `Close` from inside a
+/// callback, with one exception: while another thread is in `DisconnectDC` or `StopManagedConnections`, which
+/// wait for running callbacks with the watcher's lock held, an operation that takes that lock (queries,
+/// connection operations, `Status`) deadlocks with it. Programs that disconnect while they run hand events to
+/// a thread of their own instead.
+/// Observers: registered as in zrstl/observable_impl.h. Data centres notify concurrently, so unregistering is
+/// exact only once `StopManagedConnections` or `Close` has returned; before that it may return while another
+/// data centre's callback still runs, which the registration keeps alive. One instance published in two data
+/// centres is two instances: the `watcher` argument tells them apart.
 /// Ownership: connections and per-data-centre watchers are shared. Destruction releases them, which closes
 /// the sessions of library-managed mode in the background; `Close` does it in order and waits. A callback
 /// that is running on another thread may end after the destructor; after `Close` none runs.
@@ -89,8 +92,11 @@ class GlobalServiceWatcher final : public zr::Observable<ServiceWatcherObserver>
 
   // Application-managed mode
 
-  /// Follows the service through `conn`, which must not be null; the application starts and stops it.
+  /// Follows the service through `conn`; the application starts and stops it. Throws std::invalid_argument
+  /// for null.
   void AddConnection(std::shared_ptr<Connection> conn);
+  /// Forgets the connection, and nothing more: it is not stopped. Its events end with its watcher, which ends
+  /// here unless the application shares it.
   void RemoveConnection(const std::shared_ptr<Connection>& conn);
 
   bool HasConnection(const zr::String& dcName);

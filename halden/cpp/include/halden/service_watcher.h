@@ -117,7 +117,8 @@ class ServiceWatcher : public std::enable_shared_from_this<ServiceWatcher>,
   std::atomic<bool> m_started{false};
 };
 
-/// A service name is 1 to 255 bytes of valid UTF-8 without "/" and control characters, and not "." or "..".
+/// A service name is 1 to 255 bytes of valid UTF-8 without "/" and control characters, not "." or "..", and
+/// without the code points that ZooKeeper refuses in paths (U+D800 to U+F8FF, U+FFF0 and above).
 bool IsValidServiceName(const zr::String& name);
 
 }  // namespace zr::halden

@@ -33,12 +33,6 @@ TEST_F(GlobalWatcherLifetime, ARejectedConfigurationIsLoggedAndItsGoodEntriesAre
   EXPECT_THAT(m_journal.Take(), ElementsAre("ParseZooKeeperConfig(zk.toml)"));
 }
 
-TEST_F(GlobalWatcherLifetime, AnExceptionFromTheReaderLeavesTheConstructorUnlogged) {
-  m_journal.m_actions["ParseZooKeeperConfig(zk.toml)"] = [] { throw std::out_of_range("reader"); };
-  EXPECT_THROW(Construct(true), std::out_of_range);
-  EXPECT_THAT(m_journal.Take(), ElementsAre("ParseZooKeeperConfig(zk.toml)"));
-}
-
 TEST_F(GlobalWatcherLifetime, DestructionReleasesWithoutStoppingOrUnregistering) {
   MakeEastAndWest();
   WatcherOf("east").m_instances = {{ServiceId{}, {}}};

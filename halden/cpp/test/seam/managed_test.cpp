@@ -141,6 +141,20 @@ TEST_F(ManagedConnections, DisconnectReportsAnEntryThatWentBetweenItsTwoLocks) {
                                             "* " + Warning(text), "east: ~Connection"));
 }
 
+TEST_F(ManagedConnections, DisconnectCleansUpWhateverHasTheNameByThen) {
+  MakeEastAndWest();
+  const auto expired = m_watcher->GetConnection("east");
+  m_journal.m_actions["east: ForceExpire"] = [&] {
+    m_watcher->RemoveConnection(expired);
+    m_watcher->AddConnection(MakeConnection("east"));
+    m_journal.Take();
+  };
+  EXPECT_TRUE(m_watcher->DisconnectDC("east"));
+  const auto lines = m_journal.Take();
+  EXPECT_EQ(Lines(lines.begin(), lines.begin() + 2), (Lines{"* east: UnregisterWeak", "* east: Stop"}));
+  EXPECT_FALSE(m_watcher->HasConnection("east"));
+}
+
 TEST_F(ManagedConnections, AFailureInDisconnectLeavesTheEntryInPlace) {
   MakeEastAndWest();
   const auto disconnect = [&] { m_watcher->DisconnectDC("east"); };

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "seam/seam_test.h"
 
@@ -24,8 +25,12 @@ TEST_F(ConnectionRegistry, AddingWiresTheServiceWatcherOnceBeforeItStartsAndUnde
   m_watcher->AddConnection(conn);
   EXPECT_EQ(m_journal.Take(), kStartedAndAdded);
   EXPECT_EQ(m_watcher->GetConnection("east"), conn);
-  conn->m_watcher->m_errorHandler(ZNOAUTH);
-  EXPECT_EQ(code, ZNOAUTH);
+  const auto another = MakeConnection("west");
+  m_watcher->AddConnection(another);
+  for (const auto& added : {conn, another}) {  // each has a copy
+    added->m_watcher->m_errorHandler(ZNOAUTH);
+    EXPECT_EQ(std::exchange(code, 0), ZNOAUTH);
+  }
 }
 
 TEST_F(ConnectionRegistry, AnApplicationsConnectionIsNotStarted) {

@@ -99,14 +99,5 @@ TEST_F(InstanceTableTest, ABadValueKeepsTheLastGoodOneOfTheSameNodeOnly) {
   EXPECT_EQ(m_table.Quarantined(), 0U);
 }
 
-TEST_F(InstanceTableTest, AQuarantinedNodeThatGoesIsForgotten) {
-  m_table.Quarantine(m_id, {10, 10}, false);
-  m_table.Remove(m_id);
-  EXPECT_EQ(m_table.Quarantined(), 0U);
-  EXPECT_FALSE(m_table.HasChanges());
-  m_table.Remove(MakeServiceId());  // never known
-  EXPECT_FALSE(m_table.HasChanges());
-}
-
 }  // namespace
 }  // namespace zr::halden::details

@@ -47,18 +47,6 @@ TEST(ServiceIdTest, OnlyTheCanonicalFormIsAnInstance) {
   }
 }
 
-TEST(LayoutTest, AWatcherLooksWhereAPublisherWrites) {
-  const auto id = *ParseServiceId("0123abcd-4567-89ef-0123-456789abcdee");
-  EXPECT_EQ(details::InstancePath(details::ServicePath("search"), id),
-            "/halden/services/search/01/0123abcd-4567-89ef-0123-456789abcdee");
-  for (unsigned partition = 0; partition < details::kPartitions; ++partition) {
-    const auto byte = static_cast<std::uint8_t>(partition);
-    EXPECT_EQ(details::ParsePartition(details::PartitionName(byte)), byte);
-  }
-  for (const char* bad : {"", "a", "000", "0A", "g0", "0 "})
-    EXPECT_FALSE(details::ParsePartition(bad)) << bad;
-}
-
 }  // namespace
 
 }  // namespace zr::halden

@@ -33,16 +33,6 @@ TEST(TaskThreadTest, TasksRunInOrderAndTimersWhenDue) {
   EXPECT_THAT(ran, ElementsAre(1, 2, 3));
 }
 
-TEST(TaskThreadTest, ATaskThatThrowsEndsNothingElse) {
-  zr::logging::SetMinimumLoggingLevel(zr::logging::ZRLOG_WALL);
-  TaskThread thread("test");
-  std::promise<void> next;
-  thread.Post([] { throw std::runtime_error("task"); });
-  thread.Post([&] { next.set_value(); });
-  EXPECT_EQ(next.get_future().wait_for(kLimit), std::future_status::ready);
-  zr::logging::SetMinimumLoggingLevel(zr::logging::ZRLOG_WARNING);
-}
-
 TEST(TaskThreadTest, ItMayBeDestroyedByItsOwnTaskAndStillRunsWhatWasPosted) {
   auto thread = std::make_unique<TaskThread>("test");
   std::promise<void> posted;

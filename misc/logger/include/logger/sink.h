@@ -13,7 +13,8 @@
 ///
 /// Threads: every function may be called from any thread at any time. Handlers are called on the thread that
 /// logs, several at once when several threads log, with no lock of the sink held. A handler may change the
-/// handlers, but must not log: the statement that it serves is not complete yet, and its text would come again.
+/// handlers, but must not log: the statement that it serves is not complete yet, and its text would come
+/// again.
 /// Errors: a handler that throws loses that line for itself only; the loss is counted (`LostLines`).
 namespace zr::logging {
 
@@ -22,8 +23,8 @@ using Handler = std::function<void(const LogRecord&)>;
 /// Sets the process-wide threshold; takes effect for statements that start afterwards.
 void SetMinimumLoggingLevel(LogLevel level);
 
-/// "debug", "info", "info_local", "info_search", "warning", "error", "alert", "critical" or "off" (only ZRLOG_WALL
-/// gets through); else nothing.
+/// "debug", "info", "info_local", "info_search", "warning", "error", "alert", "critical" or "off" (only
+/// ZRLOG_WALL gets through); else nothing.
 std::optional<LogLevel> ParseLogLevel(std::string_view text);
 std::string_view LogLevelName(LogLevel level);
 

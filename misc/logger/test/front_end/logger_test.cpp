@@ -82,27 +82,6 @@ TEST_F(LogStatement, ASuppressedOneNeitherEvaluatesItsOperandsNorTakesTheElseAro
   EXPECT_THAT(Texts(), ElementsAre("1"));
 }
 
-TEST_F(LogStatement, EveryThresholdLetsThroughItsOwnLevelAndThoseAbove) {
-  // As numbers: a threshold kept outside this program must go on to mean the same.
-  const std::vector<int> levels{0, 10, 14, 17, 20, 30, 35, 40, 100};
-  for (auto least = levels.begin(); least != levels.end(); ++least) {
-    g_messages.clear();
-    g_minLogLevel = static_cast<LogLevel>(*least);
-    ZRLOG(ZRLOG_DEBUG, nullptr);
-    ZRLOG(ZRLOG_INFO, nullptr);
-    ZRLOG(ZRLOG_INFO_LOCAL, nullptr);
-    ZRLOG(ZRLOG_INFO_SEARCH, nullptr);
-    ZRLOG(ZRLOG_WARNING, nullptr);
-    ZRLOG(ZRLOG_ERROR, nullptr);
-    ZRLOG(ZRLOG_ALERT, nullptr);
-    ZRLOG(ZRLOG_CRITICAL, nullptr);
-    ZRLOG(ZRLOG_WALL, nullptr);
-    std::vector<int> emitted;
-    for (const auto& message : g_messages) emitted.push_back(message.level);
-    EXPECT_EQ(emitted, std::vector<int>(least, levels.end())) << "threshold " << *least;
-  }
-}
-
 TEST_F(LogStatement, HandsOverItsOwnPlaceSourceAndHandler) {
   const ConstSourcePtr source = MakeSource("test");
   ZRLOG(ZRLOG_WARNING, source) << "key=" << 1;
