@@ -257,9 +257,11 @@ void StartAndStop(test::ZooKeeperServer& server) {
   for (const auto& conn : silent) AwaitState(*conn, ConnectionState::Connected);
   server.Pause();
   std::vector<double> stops;
+  std::vector<double> starts;
+  stops.reserve(silent.size());
+  starts.reserve(silent.size());
   for (const auto& conn : silent) stops.push_back(Micros([&] { conn->Stop(); }));
   Report("Stop,  connected to a silent server", stops);
-  std::vector<double> starts;
   for (const auto& conn : silent) starts.push_back(Micros([&] { conn->Start(nullptr); }));
   Report("Start, while the session is still being closed", starts);
   for (const auto& conn : silent) conn->Stop();

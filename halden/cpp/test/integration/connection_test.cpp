@@ -30,7 +30,7 @@ class ConnectionTest : public EnsembleTest {
   }
 
   const std::shared_ptr<RecordingObserver> m_observer = std::make_shared<RecordingObserver>();
-  const ErrorCodes m_errors;
+  const ErrorCodes m_errors{};
 };
 
 TEST_F(ConnectionTest, WhatCanNeverWorkIsThrownByStartAndNothingElseIs) {

@@ -47,7 +47,7 @@ class ServiceWatcherTest : public EnsembleTest {
 
   const std::shared_ptr<Connection> m_conn = MakeConnection(kDc);
   const std::shared_ptr<RecordingObserver> m_observer = std::make_shared<RecordingObserver>();
-  const ErrorCodes m_errors;
+  const ErrorCodes m_errors{};
   std::shared_ptr<ServiceWatcher> m_watcher;
 };
 
