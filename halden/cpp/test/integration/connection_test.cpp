@@ -69,6 +69,17 @@ TEST_F(ConnectionTest, ASecondStartKeepsTheSessionAndAStartAfterStopMakesOne) {
   EXPECT_EQ(conn->Status().sessions, 2U);
 }
 
+TEST_F(ConnectionTest, AServerThatTakesTheConnectionAndNeverAnswersIsNotWaitedForLong) {
+  const CapturingLog log;
+  const auto conn = MakeConnection(kDc, true, {}, std::chrono::minutes(1));
+  Server(kDc).Pause();
+  conn->Start(nullptr);
+  // Left alone, the client library would wait for two thirds of the session timeout, longer than this does.
+  ASSERT_TRUE(log.Await("halden.connection", "does not answer"));
+  Server(kDc).Resume();
+  ASSERT_TRUE(AwaitState(*conn, ConnectionState::Connected));
+}
+
 TEST_F(ConnectionTest, ASessionThatIsGivenGoesOnOrIsReplacedWhenItIsDead) {
   auto earlier = MakeClient(kDc);
   earlier->Create("/lock", {}, NodeKind::Ephemeral);

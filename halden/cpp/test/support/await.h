@@ -11,10 +11,8 @@
 
 namespace zr::halden::test {
 
-/// How long a test waits for what must happen. Only a failing test ever waits that long; but the client library
-/// gives a server that accepts a connection while it starts, and then never answers, two thirds of the session
-/// timeout: 20 seconds, with the one that managed connections ask for.
-inline constexpr std::chrono::seconds kLimit{45};
+/// How long a test waits for what must happen. Generous: only a failing test ever waits that long.
+inline constexpr std::chrono::seconds kLimit{20};
 
 /// Asks `condition` again and again until it holds or `limit` has passed; its last answer. For what tells
 /// nobody when it changes, such as a process that starts or a counter.
