@@ -65,6 +65,7 @@ TEST_F(ServicePublisherTest, AnInstanceIsSeenFromPublicationToRemoval) {
   EXPECT_EQ(Owner(m_id), -1);
   ASSERT_TRUE(m_observer->Await(EventKind::Removed, kDc, m_id));
   m_publisher->Publish(MakeInstance("third"));
+  ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
   ASSERT_TRUE(m_observer->AwaitHost(kDc, m_id, "third"));
   EXPECT_EQ(m_publisher->Status().published, 2U);
   m_publisher.reset();

@@ -63,12 +63,20 @@ void ZooKeeperClient::Open(const clientid_t* session) {
 }
 
 void ZooKeeperClient::AwaitConnected(const std::string& what) {
-  const bool connected = Poll(kLimit, [this] {
-    if (is_unrecoverable(m_handle) == ZINVALIDSTATE) {
+  // A server that is just starting can take the connection and never answer: then another handle goes on.
+  constexpr std::chrono::milliseconds patience{500};
+  auto since = std::chrono::steady_clock::now();
+  const bool connected = Poll(kLimit, [&] {
+    if (zoo_state(m_handle) == ZOO_CONNECTED_STATE) return true;
+    const bool over = is_unrecoverable(m_handle) == ZINVALIDSTATE;
+    const auto now = std::chrono::steady_clock::now();
+    if (over || now - since > patience) {
+      const clientid_t session = *zoo_client_id(m_handle);
       zookeeper_close(m_handle);
-      Open(nullptr);
+      Open(over || session.client_id == 0 ? nullptr : &session);
+      since = now;
     }
-    return zoo_state(m_handle) == ZOO_CONNECTED_STATE;
+    return false;
   });
   if (!connected) throw std::runtime_error(what + ": no connection to " + m_hosts);
 }
