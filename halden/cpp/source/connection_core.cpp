@@ -430,9 +430,12 @@ void ConnectionCore::SetState(ConnectionState state) {
                                         << ", to=" << ToString(state) << ", dc_name=" << m_options.dcName;
   }
   m_state = state;
-  const std::lock_guard lock(m_statusMtx);
-  m_status.state = state;
-  if (state != ConnectionState::Connected && state != ConnectionState::Suspended) m_status.sessionId = 0;
+  {
+    const std::lock_guard lock(m_statusMtx);
+    m_status.state = state;
+    if (state != ConnectionState::Connected && state != ConnectionState::Suspended) m_status.sessionId = 0;
+  }
+  Tell([](ConnectionListener& listener) { listener.OnStateChanged(); });
 }
 
 void ConnectionCore::SetError(int code, zr::String text) {

@@ -33,6 +33,8 @@ class ConnectionListener {
   virtual void OnDisconnected(bool epochOver) = 0;
   /// The session is lost and will not be replaced by itself: ZSESSIONEXPIRED or ZAUTHFAILED.
   virtual void OnSessionError(int code) = 0;
+  /// The connection's state is another one.
+  virtual void OnStateChanged() {}
 };
 
 struct ConnectionOptions {
@@ -75,6 +77,9 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   /// Runs `task` on the thread that calls observers: one for all watchers of this connection, so that a slow
   /// observer holds up neither the session nor another data centre.
   void Deliver(TaskThread::Task task) { m_delivery.Post(std::move(task)); }
+  void DeliverAfter(TaskThread::Clock::duration delay, TaskThread::Task task) {
+    m_delivery.PostAfter(delay, std::move(task));
+  }
 
   // The connection's thread.
 

@@ -18,6 +18,12 @@ std::chrono::milliseconds Until(Clock::time_point deadline) {
   return std::max(left, std::chrono::milliseconds::zero());
 }
 
+bool AwaitAll(const std::vector<std::shared_ptr<ServiceWatcher>>& watchers, std::chrono::milliseconds limit) {
+  const auto deadline = Clock::now() + limit;
+  return std::all_of(watchers.begin(), watchers.end(),
+                     [deadline](const auto& watcher) { return watcher->AwaitSynchronized(Until(deadline)); });
+}
+
 /// Refused here rather than when the first data centre is connected.
 const zr::String& CheckedName(const zr::String& name) {
   if (!IsValidServiceName(name)) throw std::invalid_argument("GlobalServiceWatcher: invalid service name");
@@ -59,11 +65,19 @@ void GlobalServiceWatcher::UnregisterRaw(const ServiceWatcherObserver* observer)
 }
 
 void GlobalServiceWatcher::StartManagedConnections() {
-  m_impl->StartManagedConnections();
+  try {
+    m_impl->StartManagedConnections();
+  } catch (...) {
+    Equip();  // those that were connected before the one that failed
+    throw;
+  }
+  Equip();
 }
 
 bool GlobalServiceWatcher::ConnectDC(const zr::String& dcName) {
-  return m_impl->ConnectDC(dcName);
+  const bool connected = m_impl->ConnectDC(dcName);
+  if (connected) Equip();
+  return connected;
 }
 
 bool GlobalServiceWatcher::DisconnectDC(const zr::String& dcName) {
@@ -76,6 +90,7 @@ void GlobalServiceWatcher::StopManagedConnections() {
 
 void GlobalServiceWatcher::AddConnection(std::shared_ptr<Connection> conn) {
   m_impl->AddConnection(std::move(conn));
+  Equip();
 }
 
 void GlobalServiceWatcher::RemoveConnection(const std::shared_ptr<Connection>& conn) {
@@ -114,18 +129,62 @@ std::vector<zr::String> GlobalServiceWatcher::ConfiguredDataCenters() const {
 
 std::vector<DataCenterStatus> GlobalServiceWatcher::Status() const {
   std::vector<DataCenterStatus> all;
-  for (const auto& [conn, watcher] : m_impl->Connections()) {
-    all.push_back({conn->DataCenterName(), conn->Status(), watcher->Status()});
-  }
+  for (const auto& watcher : Watchers()) all.push_back(watcher->DataCenter());
   std::sort(all.begin(), all.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
   return all;
 }
 
 bool GlobalServiceWatcher::AwaitSynchronized(std::chrono::milliseconds limit) const {
-  const auto deadline = Clock::now() + limit;
+  return AwaitAll(Watchers(), limit);
+}
+
+bool GlobalServiceWatcher::AwaitSynchronized(const std::vector<zr::String>& dcNames,
+                                             std::chrono::milliseconds limit) const {
+  std::vector<std::shared_ptr<ServiceWatcher>> named;
   const auto watchers = Watchers();
-  return std::all_of(watchers.begin(), watchers.end(),
-                     [deadline](const auto& watcher) { return watcher->AwaitSynchronized(Until(deadline)); });
+  for (const auto& name : dcNames) {
+    const auto found = std::find_if(watchers.begin(), watchers.end(),
+                                    [&](const auto& watcher) { return watcher->DataCenterName() == name; });
+    if (found == watchers.end()) return false;
+    named.push_back(*found);
+  }
+  return AwaitAll(named, limit);
+}
+
+void GlobalServiceWatcher::SetMassRemovalGuard(const std::optional<MassRemovalGuard>& guard) {
+  Check(guard);
+  {
+    const std::lock_guard lock(m_settingsMtx);
+    m_guard = guard;
+    m_equipped.clear();
+  }
+  Equip();
+}
+
+void GlobalServiceWatcher::SetStatusHandler(DataCenterStatusHandler handler) {
+  auto changed = handler ? std::make_shared<const DataCenterStatusHandler>(std::move(handler)) : nullptr;
+  {
+    const std::lock_guard lock(m_settingsMtx);
+    m_statusHandler.swap(changed);
+    m_equipped.clear();
+  }
+  Equip();
+}
+
+/// Hands the settings to the watchers that do not have them yet.
+void GlobalServiceWatcher::Equip() {
+  const auto watchers = Watchers();
+  const std::lock_guard lock(m_settingsMtx);
+  std::erase_if(m_equipped, [](const auto& weak) { return weak.expired(); });
+  for (const auto& watcher : watchers) {
+    if (!m_equipped.insert(watcher).second) continue;
+    watcher->SetMassRemovalGuard(m_guard);
+    if (!m_statusHandler) {
+      watcher->SetStatusHandler({});
+    } else {
+      watcher->SetStatusHandler([handler = m_statusHandler](const DataCenterStatus& s) { (*handler)(s); });
+    }
+  }
 }
 
 bool GlobalServiceWatcher::Close(std::chrono::milliseconds limit) {

@@ -20,15 +20,20 @@ bool InstanceTable::IsOlder(const Entry& entry, const NodeVersion& version) {
 }
 
 InstanceTable::Outcome InstanceTable::Put(const ServiceId& id, const NodeVersion& version,
-                                          InstanceDataPtr data, bool force) {
+                                          std::string payload, bool force) {
   Entry& entry = m_entries[id];
   if (IsOlder(entry, version) && !force) return Outcome::Older;
-  if (entry.data && entry.good == version) return Outcome::Unchanged;
+  if (entry.held) {
+    Rejoin(entry, version, payload);
+    SetHeld(entry, false);
+  } else if (!entry.payload.empty() && entry.good == version) {
+    return Outcome::Unchanged;
+  }
   entry.seen = version;
   entry.good = version;
-  SetData(entry, std::move(data));
+  SetPayload(entry, std::move(payload));
   SetQuarantined(entry, false);
-  Queue(id, entry);
+  if (entry.announced != entry.good) Queue(id, entry);
   return Outcome::Changed;
 }
 
@@ -37,11 +42,11 @@ InstanceTable::Outcome InstanceTable::Quarantine(const ServiceId& id, const Node
   Entry& entry = m_entries[id];
   if (IsOlder(entry, version) && !force) return Outcome::Older;
   if (entry.quarantined && entry.seen == version) return Outcome::Unchanged;
-  if (entry.data &&
-      entry.good.czxid != version.czxid) {  // the good value was another node's: that one is gone
-    SetData(entry, nullptr);
+  if (!entry.payload.empty() && entry.good.czxid != version.czxid) {
+    SetPayload(entry, {});  // the good value was another node's: that one is gone
     Queue(id, entry);
   }
+  SetHeld(entry, false);
   entry.seen = version;
   SetQuarantined(entry, true);
   return Outcome::Changed;
@@ -51,8 +56,9 @@ void InstanceTable::Remove(const ServiceId& id) {
   const auto found = m_entries.find(id);
   if (found == m_entries.end()) return;
   Entry& entry = found->second;
-  SetData(entry, nullptr);
+  SetPayload(entry, {});
   SetQuarantined(entry, false);
+  SetHeld(entry, false);
   entry.seen = {};
   if (entry.queued) return;
   if (entry.announced == NodeVersion{}) {
@@ -62,18 +68,51 @@ void InstanceTable::Remove(const ServiceId& id) {
   }
 }
 
+bool InstanceTable::Hold(const ServiceId& id) {
+  const auto found = m_entries.find(id);
+  if (found == m_entries.end()) return false;
+  Entry& entry = found->second;
+  if (entry.payload.empty() || entry.announced == NodeVersion{}) return false;
+  SetHeld(entry, true);
+  SetQuarantined(entry, false);
+  entry.seen = {};  // whatever comes is another node
+  return true;
+}
+
+/// Observers who know the instance with this very data need not hear of it; others hear of a modification,
+/// although it is another node.
+void InstanceTable::Rejoin(Entry& entry, const NodeVersion& version, const std::string& payload) {
+  const bool toldAlready = entry.announced == entry.good && entry.payload == payload;
+  entry.announced = toldAlready ? version : NodeVersion{version.czxid, entry.announced.mzxid};
+}
+
 std::vector<ServiceId> InstanceTable::List() const {
   std::vector<ServiceId> ids;
   ids.reserve(m_known);
   for (const auto& [id, entry] : m_entries) {
-    if (entry.data) ids.push_back(id);
+    if (!entry.payload.empty()) ids.push_back(id);
   }
   return ids;
 }
 
-InstanceDataPtr InstanceTable::Find(const ServiceId& id) const {
+std::vector<ServiceId> InstanceTable::ListHeld() const {
+  std::vector<ServiceId> ids;
+  if (m_held == 0) return ids;
+  for (const auto& [id, entry] : m_entries) {
+    if (entry.held) ids.push_back(id);
+  }
+  return ids;
+}
+
+std::optional<std::string> InstanceTable::Find(const ServiceId& id) const {
   const auto found = m_entries.find(id);
-  return found == m_entries.end() ? nullptr : found->second.data;
+  if (found == m_entries.end() || found->second.payload.empty()) return std::nullopt;
+  return found->second.payload;
+}
+
+bool InstanceTable::IsHeld(const ServiceId& id) const {
+  const auto found = m_entries.find(id);
+  return found != m_entries.end() && found->second.held;
 }
 
 InstanceTable::Change InstanceTable::Take() {
@@ -83,18 +122,25 @@ InstanceTable::Change InstanceTable::Take() {
   const auto found = m_entries.find(change.id);
   Entry& entry = found->second;
   entry.queued = false;
+  const bool known = !entry.payload.empty();
   change.kinds =
-      Diff(entry.announced == NodeVersion{} ? nullptr : &entry.announced, entry.data ? &entry.good : nullptr);
-  change.data = entry.data;
-  entry.announced = entry.data ? entry.good : NodeVersion{};
-  if (!entry.data && !entry.quarantined) m_entries.erase(found);
+      Diff(entry.announced == NodeVersion{} ? nullptr : &entry.announced, known ? &entry.good : nullptr);
+  change.payload = entry.payload;
+  entry.announced = known ? entry.good : NodeVersion{};
+  if (!known && !entry.quarantined) m_entries.erase(found);
   return change;
 }
 
-void InstanceTable::SetData(Entry& entry, InstanceDataPtr data) {
-  if (!entry.data && data) ++m_known;
-  if (entry.data && !data) --m_known;
-  entry.data = std::move(data);
+void InstanceTable::SetPayload(Entry& entry, std::string payload) {
+  if (entry.payload.empty() && !payload.empty()) ++m_known;
+  if (!entry.payload.empty() && payload.empty()) --m_known;
+  entry.payload = std::move(payload);
+}
+
+void InstanceTable::SetHeld(Entry& entry, bool held) {
+  if (held && !entry.held) ++m_held;
+  if (!held && entry.held) --m_held;
+  entry.held = held;
 }
 
 void InstanceTable::SetQuarantined(Entry& entry, bool quarantined) {

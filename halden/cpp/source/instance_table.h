@@ -4,12 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <memory>
+#include <optional>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "halden/service_id.h"
-#include "zr/messaging/halden/service.pb.h"
 
 namespace zr::halden::details {
 
@@ -22,8 +22,6 @@ struct NodeVersion {
   bool operator==(const NodeVersion&) const = default;
 };
 
-using InstanceDataPtr = std::shared_ptr<const zr::messaging::halden::ServiceInstanceData>;
-
 /// What observers are told of one instance, in this order.
 enum class ChangeKind : std::uint8_t { Removed, Added, Modified };
 
@@ -33,7 +31,8 @@ std::vector<ChangeKind> Diff(const NodeVersion* announced, const NodeVersion* kn
 
 /// One service's instances in one data centre, in two views: what is known, and what has been announced to
 /// observers. Changes wait, once for each instance, until they are taken; what overtakes itself is merged, so
-/// that memory is bounded by the number of instances. Not thread-safe: its owner locks.
+/// that memory is bounded by the number of instances. Data is kept as the bytes it was read as: parsed it
+/// takes three times the memory. Not thread-safe: its owner locks.
 class InstanceTable {
  public:
   enum class Outcome : std::uint8_t { Changed, Unchanged, Older };
@@ -41,20 +40,27 @@ class InstanceTable {
   struct Change {
     ServiceId id{};
     std::vector<ChangeKind> kinds;
-    InstanceDataPtr data;  ///< null when the last kind is Removed
+    std::string payload;  ///< empty when the last kind is Removed
   };
 
   /// A node was read. `Older` and nothing done when something newer is known already, unless `force`.
-  Outcome Put(const ServiceId& id, const NodeVersion& version, InstanceDataPtr data, bool force);
+  Outcome Put(const ServiceId& id, const NodeVersion& version, std::string payload, bool force);
   /// A node was read and its payload is bad: the last good value of the same node stays. `Changed` when this
   /// version of it is new.
   Outcome Quarantine(const ServiceId& id, const NodeVersion& version, bool force);
   void Remove(const ServiceId& id);
+  /// The node is gone and the instance stays for now, marked as held, until `Remove`, or a `Put` of any node
+  /// of its name, which is then a modification or nothing new. False, and nothing done, for what is not known
+  /// or has not been announced: there is nothing to keep then.
+  bool Hold(const ServiceId& id);
 
   std::vector<ServiceId> List() const;
+  std::vector<ServiceId> ListHeld() const;
   /// Null when the instance is not known.
-  InstanceDataPtr Find(const ServiceId& id) const;
-  std::size_t Size() const { return m_known; }
+  std::optional<std::string> Find(const ServiceId& id) const;
+  bool IsHeld(const ServiceId& id) const;
+  std::size_t Size() const { return m_known; }  ///< those held included
+  std::size_t Held() const { return m_held; }
   std::size_t Quarantined() const { return m_quarantined; }
 
   bool HasChanges() const { return !m_queue.empty(); }
@@ -64,16 +70,19 @@ class InstanceTable {
  private:
   struct Entry {
     NodeVersion seen;       // newest version read, good or bad
-    NodeVersion good;       // the version that `data` is of
+    NodeVersion good;       // the version that `payload` is of
     NodeVersion announced;  // zero: not announced
-    InstanceDataPtr data;   // null: not known
+    std::string payload;    // empty: not known
     bool queued = false;
     bool quarantined = false;
+    bool held = false;
   };
   using EntryMap = std::unordered_map<ServiceId, Entry, ServiceIdHash>;
 
   static bool IsOlder(const Entry& entry, const NodeVersion& version);
-  void SetData(Entry& entry, InstanceDataPtr data);
+  static void Rejoin(Entry& entry, const NodeVersion& version, const std::string& payload);
+  void SetPayload(Entry& entry, std::string payload);
+  void SetHeld(Entry& entry, bool held);
   void SetQuarantined(Entry& entry, bool quarantined);
   void Queue(const ServiceId& id, Entry& entry);
 
@@ -81,6 +90,7 @@ class InstanceTable {
   std::deque<ServiceId> m_queue;  // of entries with `queued` set
   std::size_t m_known = 0;
   std::size_t m_quarantined = 0;
+  std::size_t m_held = 0;
 };
 
 }  // namespace zr::halden::details

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <utility>
 
 namespace zr::halden::details {
@@ -65,14 +66,15 @@ std::string Deflate(const std::string& payload) {
 }
 
 DecodedNode Bad(zr::String error) {
-  return {nullptr, std::move(error)};
+  return {std::nullopt, std::move(error)};
 }
 
-DecodedNode DecodePayload(std::string_view payload) {
-  auto data = std::make_shared<ServiceInstanceData>();
-  if (!Parse(payload, *data)) return Bad("payload: does not parse");
-  if (data->service_name().empty()) return Bad("payload: no service name");
-  return {std::move(data), {}};
+DecodedNode CheckPayload(std::string payload) {
+  ServiceInstanceData data;
+  if (!Parse(payload, data)) return Bad("payload: does not parse");
+  if (data.service_name().empty()) return Bad("payload: no service name");
+  payload.shrink_to_fit();  // it stays for as long as the instance
+  return {std::move(payload), {}};
 }
 
 }  // namespace
@@ -97,16 +99,22 @@ DecodedNode DecodeNode(std::string_view bytes) {
   if (envelope.payload().empty()) return Bad("envelope: no payload");
   switch (envelope.compression()) {
     case ZNodeData::COMP_NONE:
-      return DecodePayload(envelope.payload());
+      return CheckPayload(std::move(*envelope.mutable_payload()));
     case ZNodeData::COMP_ZLIB: {
       std::string payload;
       if (const auto error = Inflate(envelope.payload(), payload); !error.empty())
         return Bad("payload: " + error);
-      return DecodePayload(payload);
+      return CheckPayload(std::move(payload));
     }
     default:
       return Bad("envelope: unknown compression " + std::to_string(static_cast<int>(envelope.compression())));
   }
+}
+
+ServiceInstanceData ParsePayload(std::string_view payload) {
+  ServiceInstanceData data;
+  data.ParseFromArray(payload.data(), static_cast<int>(payload.size()));
+  return data;
 }
 
 }  // namespace zr::halden::details

@@ -72,7 +72,7 @@ void ServicePublisher::Publish(ServiceInstanceData data) {
                                       std::to_string(details::kMaxNodeBytes));
   }
   // What no reader would accept (text that is not UTF-8, say) must not be published.
-  if (const auto decoded = details::DecodeNode(bytes); !decoded.data) {
+  if (const auto decoded = details::DecodeNode(bytes); !decoded.payload) {
     throw ZooError(ZBADARGUMENTS, "instance data cannot be published: " + decoded.error);
   }
   m_core->Publish(std::move(bytes));

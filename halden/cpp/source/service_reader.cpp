@@ -50,6 +50,10 @@ void ServiceReader::OnDisconnected(bool epochOver) {
   if (epochOver) ForgetReads();
 }
 
+void ServiceReader::OnStateChanged() {
+  m_delivery->ReportStatus();
+}
+
 void ServiceReader::OnSessionError(int code) {
   m_delivery->ReportError(code);
 }
@@ -282,8 +286,8 @@ void ServiceReader::OnInstance(const ServiceId& id, Reply& reply) {
 void ServiceReader::OnInstanceData(const ServiceId& id, const Reply& reply) {
   const NodeVersion version{reply.stat.czxid, reply.stat.mzxid};
   DecodedNode decoded = DecodeNode(reply.value);
-  const bool good = decoded.data != nullptr;
-  const auto outcome = good ? m_delivery->Put(id, version, std::move(decoded.data), m_trusting)
+  const bool good = decoded.payload.has_value();
+  const auto outcome = good ? m_delivery->Put(id, version, std::move(*decoded.payload), m_trusting)
                             : m_delivery->Quarantine(id, version, m_trusting);
   if (outcome == InstanceTable::Outcome::Older) {
     return Fail(m_partitions[PartitionOf(id)].instances[id].read, ZRUNTIMEINCONSISTENCY,

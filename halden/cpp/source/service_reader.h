@@ -49,6 +49,7 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   void OnConnected(bool newEpoch) override;
   void OnDisconnected(bool epochOver) override;
   void OnSessionError(int code) override;
+  void OnStateChanged() override;
 
  private:
   /// Where the reading of one node stands.

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "connection_core.h"
+#include "node_codec.h"
 #include "service_reader.h"
 #include "watcher_delivery.h"
 
@@ -34,6 +35,21 @@ std::string_view ToString(Freshness freshness) {
       return "stale";
   }
   return "unknown";
+}
+
+DataCenterCounters DataCenterStatus::Counters() const {
+  return {connection.sessions, connection.reconnects, connection.expiries, watcher.resyncs,
+          watcher.instances,   watcher.held,          watcher.quarantined};
+}
+
+void Check(const std::optional<MassRemovalGuard>& guard) {
+  if (!guard) return;
+  if (!(guard->share >= 0 && guard->share < 1)) {
+    throw std::invalid_argument("MassRemovalGuard: the share must be at least 0 and less than 1");
+  }
+  if (guard->gracePeriod <= std::chrono::milliseconds::zero()) {
+    throw std::invalid_argument("MassRemovalGuard: the grace period must be longer than nothing");
+  }
 }
 
 ServiceWatcher::ServiceWatcher(std::shared_ptr<Connection> conn, const zr::String& serviceName,
@@ -66,10 +82,23 @@ std::vector<ServiceId> ServiceWatcher::ListInstances() const {
 }
 
 bool ServiceWatcher::GetInstanceData(const ServiceId& id, ServiceInstanceData& data) const {
-  const auto known = m_delivery->Find(id);
-  if (!known) return false;
-  data = *known;
+  const auto payload = m_delivery->Find(id);
+  if (!payload) return false;
+  data = details::ParsePayload(*payload);
   return true;
+}
+
+std::vector<ServiceId> ServiceWatcher::ListHeldInstances() const {
+  return m_delivery->ListHeld();
+}
+
+void ServiceWatcher::SetMassRemovalGuard(const std::optional<MassRemovalGuard>& guard) {
+  Check(guard);
+  m_delivery->SetGuard(guard);
+}
+
+void ServiceWatcher::SetStatusHandler(DataCenterStatusHandler handler) {
+  m_delivery->SetStatusHandler(std::move(handler));
 }
 
 const zr::String& ServiceWatcher::ServiceName() const {
@@ -82,6 +111,10 @@ const zr::String& ServiceWatcher::DataCenterName() const {
 
 ServiceWatcherStatus ServiceWatcher::Status() const {
   return m_delivery->Status();
+}
+
+DataCenterStatus ServiceWatcher::DataCenter() const {
+  return {m_conn->DataCenterName(), m_conn->Status(), m_delivery->Status()};
 }
 
 bool ServiceWatcher::AwaitSynchronized(std::chrono::milliseconds limit) const {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "log_sources.h"
+#include "node_codec.h"
 
 namespace zr::halden::details {
 
@@ -39,10 +40,31 @@ void WatcherDelivery::Start(std::weak_ptr<ServiceWatcher> watcher) {
   Schedule(lock);
 }
 
-InstanceTable::Outcome WatcherDelivery::Put(const ServiceId& id, const NodeVersion& version,
-                                            InstanceDataPtr data, bool force) {
+void WatcherDelivery::SetGuard(const std::optional<MassRemovalGuard>& guard) {
   std::unique_lock lock(m_mtx);
-  const auto outcome = m_table.Put(id, version, std::move(data), force);
+  if (guard ? m_guard && m_guard->Options() == *guard : !m_guard) return;
+  for (const auto& id : m_table.ListHeld()) m_table.Remove(id);
+  m_guard.reset();
+  if (guard) m_guard.emplace(*guard);
+  Schedule(lock);
+}
+
+void WatcherDelivery::SetStatusHandler(DataCenterStatusHandler handler) {
+  auto changed = handler ? std::make_shared<const DataCenterStatusHandler>(std::move(handler)) : nullptr;
+  std::unique_lock lock(m_mtx);
+  m_statusHandler.swap(changed);  // the one before goes after the lock
+  m_toldStatus.reset();
+  m_statusDue = true;
+  Schedule(lock);
+}
+
+InstanceTable::Outcome WatcherDelivery::Put(const ServiceId& id, const NodeVersion& version,
+                                            std::string payload, bool force) {
+  std::unique_lock lock(m_mtx);
+  const bool held = m_table.IsHeld(id);
+  const auto outcome = m_table.Put(id, version, std::move(payload), force);
+  if (held && m_guard) m_guard->Forget(id);
+  m_statusDue |= held && m_table.Held() == 0;
   Schedule(lock);
   return outcome;
 }
@@ -57,22 +79,45 @@ InstanceTable::Outcome WatcherDelivery::Quarantine(const ServiceId& id, const No
 
 void WatcherDelivery::Remove(const ServiceId& id) {
   std::unique_lock lock(m_mtx);
-  m_table.Remove(id);
+  if (m_table.IsHeld(id)) return;  // its end is on its way
+  const auto present = m_table.Size() - m_table.Held();
+  if (m_guard && m_table.Hold(id)) {
+    if (m_guard->Hold(id, TaskThread::Clock::now(), present)) {
+      m_statusDue |= m_table.Held() == 1;
+      ScheduleGuard();
+    } else {
+      m_table.Remove(id);
+    }
+  } else {
+    m_table.Remove(id);
+  }
   Schedule(lock);
 }
 
 void WatcherDelivery::MarkStale() {
-  const std::lock_guard lock(m_mtx);
+  std::unique_lock lock(m_mtx);
   if (m_freshness != Freshness::Live) return;
   m_freshness = Freshness::Stale;
   m_staleSince = std::chrono::system_clock::now();
+  m_statusDue = true;
+  Schedule(lock);
 }
 
 void WatcherDelivery::MarkLive(bool everythingRead) {
-  const std::lock_guard lock(m_mtx);
-  m_freshness = Freshness::Live;
+  std::unique_lock lock(m_mtx);
   if (everythingRead) ++m_resyncs;
+  if (m_freshness == Freshness::Live) return;
+  m_freshness = Freshness::Live;
   m_synchronized.notify_all();
+  m_statusDue = true;
+  RemoveDue();
+  Schedule(lock);
+}
+
+void WatcherDelivery::ReportStatus() {
+  std::unique_lock lock(m_mtx);
+  m_statusDue = true;
+  Schedule(lock);
 }
 
 void WatcherDelivery::ReportError(int code) {
@@ -88,7 +133,12 @@ std::vector<ServiceId> WatcherDelivery::ListInstances() const {
   return m_table.List();
 }
 
-InstanceDataPtr WatcherDelivery::Find(const ServiceId& id) const {
+std::vector<ServiceId> WatcherDelivery::ListHeld() const {
+  const std::lock_guard lock(m_mtx);
+  return m_table.ListHeld();
+}
+
+std::optional<std::string> WatcherDelivery::Find(const ServiceId& id) const {
   const std::lock_guard lock(m_mtx);
   return m_table.Find(id);
 }
@@ -99,6 +149,7 @@ ServiceWatcherStatus WatcherDelivery::Status() const {
   status.freshness = m_freshness;
   if (m_freshness == Freshness::Stale) status.staleSince = m_staleSince;
   status.instances = m_table.Size();
+  status.held = m_table.Held();
   status.quarantined = m_table.Quarantined();
   status.resyncs = m_resyncs;
   status.lastError = m_lastError;
@@ -113,10 +164,38 @@ bool WatcherDelivery::AwaitSynchronized(std::chrono::milliseconds limit) const {
 /// Posts a delivery if there is something to tell and none is on its way. `lock` is on m_mtx and may be
 /// released.
 void WatcherDelivery::Schedule(std::unique_lock<std::mutex>& lock) {
-  if (m_scheduled || !m_started || (!m_table.HasChanges() && m_errors.empty())) return;
+  if (m_scheduled || !m_started) return;
+  if (!m_table.HasChanges() && m_errors.empty() && !(m_statusDue && m_statusHandler)) return;
   m_scheduled = true;
   lock.unlock();
   m_core->Deliver([self = shared_from_this()] { self->Deliver(); });
+}
+
+/// m_mtx is held.
+void WatcherDelivery::ScheduleGuard() {
+  const auto due = m_guard->NextDue();
+  if (!due || (m_guardTimer && *m_guardTimer <= *due)) return;
+  m_guardTimer = due;
+  m_core->DeliverAfter(*due - TaskThread::Clock::now(), [weak = weak_from_this(), due = *due] {
+    if (const auto self = weak.lock()) self->OnGuardDue(due);
+  });
+}
+
+void WatcherDelivery::OnGuardDue(RemovalGuard::TimePoint due) {
+  std::unique_lock lock(m_mtx);
+  if (m_guardTimer == due) m_guardTimer.reset();
+  if (m_freshness != Freshness::Live) return;  // who has come back meanwhile is not known: when it is again
+  RemoveDue();
+  Schedule(lock);
+}
+
+/// m_mtx is held.
+void WatcherDelivery::RemoveDue() {
+  if (!m_guard) return;
+  const bool held = m_table.Held() != 0;
+  for (const auto& id : m_guard->Due(TaskThread::Clock::now())) m_table.Remove(id);
+  m_statusDue |= held && m_table.Held() == 0;
+  ScheduleGuard();
 }
 
 void WatcherDelivery::Deliver() {
@@ -133,8 +212,9 @@ bool WatcherDelivery::DeliverOne() {
   const auto watcher = m_watcher.lock();
   if (!watcher) return false;
   DeliverErrors(lock);
+  DeliverStatus(lock, *watcher);
   if (!m_table.HasChanges()) {
-    if (!m_errors.empty()) return true;  // come while the handler ran
+    if (!m_errors.empty() || (m_statusDue && m_statusHandler)) return true;  // come while handlers ran
     m_scheduled = false;
     lock.unlock();  // before the watcher, which may go here, takes this object with it
     return false;
@@ -155,17 +235,33 @@ void WatcherDelivery::DeliverErrors(std::unique_lock<std::mutex>& lock) {
   lock.lock();
 }
 
+void WatcherDelivery::DeliverStatus(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher) {
+  if (!std::exchange(m_statusDue, false) || !m_statusHandler) return;
+  const auto handler = m_statusHandler;
+  lock.unlock();
+  const DataCenterStatus status = watcher.DataCenter();
+  const StatusKey key(status.connection.state, status.watcher.freshness, status.watcher.held != 0);
+  lock.lock();
+  if (m_toldStatus == key || handler != m_statusHandler) return;
+  m_toldStatus = key;
+  lock.unlock();
+  CallGuarded("status handler", [&] { (*handler)(status); });
+  lock.lock();
+}
+
 void WatcherDelivery::Tell(ServiceWatcher& watcher, const InstanceTable::Change& change) {
   using Observer = ServiceWatcherObserver;
+  const ServiceInstanceData data =
+      change.payload.empty() ? ServiceInstanceData() : ParsePayload(change.payload);
   for (const ChangeKind kind : change.kinds) {
     CallGuarded("observer", [&] {
       switch (kind) {
         case ChangeKind::Removed:
           return watcher.NotifyObservers(&Observer::OnInstanceRemoved, watcher, change.id);
         case ChangeKind::Added:
-          return watcher.NotifyObservers(&Observer::OnInstanceAdded, watcher, change.id, *change.data);
+          return watcher.NotifyObservers(&Observer::OnInstanceAdded, watcher, change.id, data);
         case ChangeKind::Modified:
-          return watcher.NotifyObservers(&Observer::OnInstanceModified, watcher, change.id, *change.data);
+          return watcher.NotifyObservers(&Observer::OnInstanceModified, watcher, change.id, data);
       }
     });
   }

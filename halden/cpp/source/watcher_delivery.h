@@ -5,11 +5,15 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string>
+#include <tuple>
 #include <vector>
 
 #include "connection_core.h"
 #include "halden/service_watcher.h"
 #include "instance_table.h"
+#include "removal_guard.h"
 
 namespace zr::halden::details {
 
@@ -27,9 +31,13 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   /// Events begin; what was known before is delivered too.
   void Start(std::weak_ptr<ServiceWatcher> watcher);
 
+  /// Ends what another guard holds; null for none.
+  void SetGuard(const std::optional<MassRemovalGuard>& guard);
+  void SetStatusHandler(DataCenterStatusHandler handler);
+
   // The reader's.
 
-  InstanceTable::Outcome Put(const ServiceId& id, const NodeVersion& version, InstanceDataPtr data,
+  InstanceTable::Outcome Put(const ServiceId& id, const NodeVersion& version, std::string payload,
                              bool force);
   InstanceTable::Outcome Quarantine(const ServiceId& id, const NodeVersion& version, bool force);
   void Remove(const ServiceId& id);
@@ -38,19 +46,29 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   void MarkLive(bool everythingRead);
   /// Tells the error handler; a code that waits to be told already is told once.
   void ReportError(int code);
+  /// Tells the status handler, if what it was told last is not so any more.
+  void ReportStatus();
 
   // Any thread.
 
   std::vector<ServiceId> ListInstances() const;
-  InstanceDataPtr Find(const ServiceId& id) const;
+  std::vector<ServiceId> ListHeld() const;
+  std::optional<std::string> Find(const ServiceId& id) const;
   ServiceWatcherStatus Status() const;
   bool AwaitSynchronized(std::chrono::milliseconds limit) const;
 
  private:
+  /// What the status handler is told the changes of.
+  using StatusKey = std::tuple<ConnectionState, Freshness, bool>;
+
   void Schedule(std::unique_lock<std::mutex>& lock);
+  void ScheduleGuard();
+  void OnGuardDue(RemovalGuard::TimePoint due);
+  void RemoveDue();
   void Deliver();
   bool DeliverOne();
   void DeliverErrors(std::unique_lock<std::mutex>& lock);
+  void DeliverStatus(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher);
   static void Tell(ServiceWatcher& watcher, const InstanceTable::Change& change);
 
   const std::shared_ptr<ConnectionCore> m_core;
@@ -61,6 +79,11 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   std::weak_ptr<ServiceWatcher> m_watcher;
   InstanceTable m_table;
   std::vector<int> m_errors;  // waiting to be told, each code once
+  std::optional<RemovalGuard> m_guard;
+  std::optional<RemovalGuard::TimePoint> m_guardTimer;  // the earliest that runs
+  std::shared_ptr<const DataCenterStatusHandler> m_statusHandler;
+  bool m_statusDue = false;  // the handler is to be asked
+  std::optional<StatusKey> m_toldStatus;
   bool m_started = false;
   bool m_scheduled = false;  // a delivery is posted, or running and will look again
   Freshness m_freshness = Freshness::NeverSynchronized;

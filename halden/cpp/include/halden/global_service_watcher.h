@@ -4,7 +4,9 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "halden/connection_v2.h"
@@ -25,13 +27,6 @@ struct LibraryManaged {
 
 /// The application makes, starts and stops its connections and hands them in with `AddConnection`.
 struct ApplicationManaged {};
-
-/// One data centre as its connection and watcher see it.
-struct DataCenterStatus {
-  zr::String name;
-  ConnectionStatus connection;
-  ServiceWatcherStatus watcher;
-};
 
 /// Follows one service in all data centres at once: merged instance lists, instance data, and events.
 ///
@@ -104,7 +99,8 @@ class GlobalServiceWatcher final : public zr::Observable<ServiceWatcherObserver>
 
   // Queries
 
-  /// The instances of all data centres, one after the other: neither sorted nor without duplicates.
+  /// The instances of all data centres, one after the other: neither sorted nor without duplicates; those
+  /// held by the mass-removal guard included.
   std::vector<ServiceId> ListInstances() const;
   /// False when no data centre knows `id`; else fills `data` and says in `watcher` which one does.
   bool GetInstanceData(const ServiceId& id, std::shared_ptr<ServiceWatcher>& watcher,
@@ -119,13 +115,32 @@ class GlobalServiceWatcher final : public zr::Observable<ServiceWatcherObserver>
 
   /// Waits until every connected data centre has been read completely once; false at the deadline.
   bool AwaitSynchronized(std::chrono::milliseconds limit) const;
+  /// As above for the named ones; false at once when one of them has no connection.
+  bool AwaitSynchronized(const std::vector<zr::String>& dcNames, std::chrono::milliseconds limit) const;
+
+  // Settings. They hold for every data centre, those connected later included.
+
+  /// Off at the start. See MassRemovalGuard; null turns it off, and what is held is removed then. Throws
+  /// std::invalid_argument for values that are out of range.
+  void SetMassRemovalGuard(const std::optional<MassRemovalGuard>& guard);
+  /// Is told of every data centre's changes of state (see DataCenterStatusHandler), of different ones
+  /// concurrently. Takes the place of the one before; null for none. As a callback, it is bound by what is
+  /// said above; the status it is given is all that it needs to ask.
+  void SetStatusHandler(DataCenterStatusHandler handler);
 
   /// Library-managed mode: stops all connections and waits until their sessions are closed; false when some
   /// were not at the deadline. Not from a callback.
   bool Close(std::chrono::milliseconds limit);
 
  private:
+  void Equip();
+
   const std::shared_ptr<GlobalServiceWatcherImpl> m_impl;
+
+  std::mutex m_settingsMtx;  // guards all below; no foreign code runs with it held
+  std::optional<MassRemovalGuard> m_guard;
+  std::shared_ptr<const DataCenterStatusHandler> m_statusHandler;
+  std::set<std::weak_ptr<ServiceWatcher>, std::owner_less<>> m_equipped;  // that have these settings
 };
 
 }  // namespace zr::halden

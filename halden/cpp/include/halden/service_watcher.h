@@ -58,10 +58,54 @@ struct ServiceWatcherStatus {
   Freshness freshness = Freshness::NeverSynchronized;
   std::optional<std::chrono::system_clock::time_point> staleSince;  ///< set while Stale
   std::size_t instances = 0;                                        ///< known now
-  std::size_t quarantined = 0;                                      ///< nodes whose payload does not decode
-  std::uint64_t resyncs = 0;  ///< complete reads of everything, the first one included
-  int lastError = 0;          ///< last ZooKeeper error told to the error handler; 0 for none
+  std::size_t held = 0;         ///< of them, those whose removal the mass-removal guard holds back
+  std::size_t quarantined = 0;  ///< nodes whose payload does not decode
+  std::uint64_t resyncs = 0;    ///< complete reads of everything, the first one included
+  int lastError = 0;            ///< last ZooKeeper error told to the error handler; 0 for none
 };
+
+/// What is worth a graph, as numbers. The first four only grow.
+struct DataCenterCounters {
+  std::uint64_t sessions = 0;    ///< sessions established
+  std::uint64_t reconnects = 0;  ///< times that a session went on after a lost connection
+  std::uint64_t expiries = 0;    ///< sessions lost to expiry, forced ones included
+  std::uint64_t resyncs = 0;     ///< complete reads of everything, the first one included
+  std::size_t instances = 0;     ///< known now, those held included
+  std::size_t held = 0;
+  std::size_t quarantined = 0;
+};
+
+/// One data centre as its connection and watcher see it.
+struct DataCenterStatus {
+  zr::String name;
+  ConnectionStatus connection;
+  ServiceWatcherStatus watcher;
+
+  DataCenterCounters Counters() const;
+};
+
+/// Is told when a data centre's state has changed: its connection's, its freshness, or whether removals are
+/// held; and once what they are when it is set. States that passed meanwhile are skipped: what it is given is
+/// the newest. Runs on the thread that delivers the watcher's events; what it throws is logged.
+using DataCenterStatusHandler = std::function<void(const DataCenterStatus&)>;
+
+/// Guards against the outage that looks like everybody leaving: publishers that lose their sessions together
+/// come back together. When more than `share` of a data centre's instances, and at least ten, disappear
+/// within a second, their removals are held: who is back before `gracePeriod` is over is announced as
+/// modified, or not at all when its data is the same; the others are removed then. While the connection is
+/// down nobody can be seen to come back, so nothing held is removed before the data centre is live again.
+///
+/// A removal that no other one preceded within a second is announced at once. Those after it wait until it is
+/// clear that they are no mass: a quarter of a second without another removal, one second at the most.
+struct MassRemovalGuard {
+  double share = 0.5;                            ///< at least 0, less than 1
+  std::chrono::milliseconds gracePeriod{30000};  ///< more than 0
+
+  bool operator==(const MassRemovalGuard&) const = default;
+};
+
+/// Throws std::invalid_argument for values that are out of range.
+void Check(const std::optional<MassRemovalGuard>& guard);
 
 /// Follows the instances of one service through one connection.
 ///
@@ -94,7 +138,10 @@ class ServiceWatcher : public std::enable_shared_from_this<ServiceWatcher>,
   /// Begins to watch; the connection may be started before or after. A second call does nothing.
   void Start();
 
+  /// Those held by the mass-removal guard included.
   std::vector<ServiceId> ListInstances() const;
+  /// The instances whose node is gone and whose removal the guard holds back.
+  std::vector<ServiceId> ListHeldInstances() const;
 
   /// True, with `data` filled, when the instance is known; else false, with `data` untouched.
   bool GetInstanceData(const ServiceId& id, ServiceInstanceData& data) const;
@@ -102,6 +149,13 @@ class ServiceWatcher : public std::enable_shared_from_this<ServiceWatcher>,
   const zr::String& ServiceName() const;
   const zr::String& DataCenterName() const;
   ServiceWatcherStatus Status() const;
+  DataCenterStatus DataCenter() const;
+
+  /// Null, as at the start: removals are never held. What another guard holds is removed at once; an
+  /// equal one changes nothing. Throws as `Check`.
+  void SetMassRemovalGuard(const std::optional<MassRemovalGuard>& guard);
+  /// Takes the place of the one before, which may be running for a last time; null for none.
+  void SetStatusHandler(DataCenterStatusHandler handler);
 
   /// Waits until the first complete read is done: true then, false at the deadline. Queries are complete from
   /// then on; observers may still be being told. Do not call it from a callback.
