@@ -8,7 +8,6 @@
 
 #include "client_log.h"
 #include "log_sources.h"
-#include "name_resolution.h"
 
 namespace zr::halden::details {
 
@@ -17,14 +16,6 @@ namespace {
 // The client sets its watches again in one packet, which servers refuse past 1 MiB: it would reconnect for
 // ever.
 constexpr std::size_t kMaxWatchBytes = 900'000;
-constexpr std::chrono::seconds kWatchdogPeriod{1};
-// In rounds of the watchdog without a connection:
-constexpr unsigned kFirstReport = 5;
-constexpr unsigned kReportRounds = 60;
-constexpr unsigned kResolveRounds = 5;
-constexpr unsigned kUnansweredRounds = 2;
-constexpr std::chrono::seconds kEndingLimit{2};
-constexpr int kEndingTries = 5;
 
 bool IsLegal(ConnectionState from, ConnectionState to) {
   using S = ConnectionState;
@@ -207,12 +198,13 @@ void ConnectionCore::DoForceExpire() {
 void ConnectionCore::Open() {
   if (!m_wanted || m_epoch || m_ending) return;
   if (m_state != ConnectionState::Connecting) SetState(ConnectionState::Connecting);
-  const ResolvedHosts resolved = Resolve(m_ensemble.hosts);
-  if (resolved.addresses.empty()) {
-    SetError(ZSYSTEMERROR, "no host resolves: " + resolved.error);
-    return OpenLater();
-  }
-  m_addresses = resolved.addresses;
+  m_awaitingAddresses = true;
+  ResolveHosts();
+}
+
+void ConnectionCore::OpenResolved() {
+  m_awaitingAddresses = false;
+  if (!m_wanted || m_epoch || m_ending) return;
   m_epoch = MakeEpoch();
   if (!OpenHandle(*m_epoch, m_resume ? &*m_resume : nullptr)) {
     m_epoch.reset();
@@ -256,57 +248,6 @@ void ConnectionCore::CloseEpoch() {
   DrainClientLog();
 }
 
-/// Runs now and then while an epoch lives, for what the client library does not tell by itself.
-void ConnectionCore::Watchdog(std::uint64_t epoch) {
-  if (!IsCurrent(epoch)) return;
-  DrainClientLog();
-  if (Connected()) {
-    m_backoff.Reset();  // not at once: a session can be refused right after it is established
-    m_roundsAway = 0;
-    m_roundsUnanswered = 0;
-  } else {
-    LookAfterServers();
-    if (!IsCurrent(epoch)) return;
-  }
-  PostAfter(kWatchdogPeriod, [weak = weak_from_this(), epoch] {
-    if (const auto self = weak.lock()) self->Watchdog(epoch);
-  });
-}
-
-/// A client that finds no server says nothing: so this does. Names may have moved since the epoch was opened.
-/// And a server that took the connection may never answer (one that is just starting can lose it): the client
-/// would wait for two thirds of the session timeout.
-void ConnectionCore::LookAfterServers() {
-  if (m_roundsAway % kReportRounds == kFirstReport && m_state == ConnectionState::Connecting) {
-    SetError(ZCONNECTIONLOSS, "no server of the ensemble is reached: " + m_addresses);
-  }
-  ++m_roundsAway;
-  m_roundsUnanswered = m_epoch->Unanswered() ? m_roundsUnanswered + 1 : 0;
-  if (m_roundsUnanswered > kUnansweredRounds) {
-    ZRLOG(ZRLOG_INFO, ConnectionLog())
-        << "a server does not answer, trying anew, dc_name=" << m_options.dcName;
-    return ReplaceHandle();
-  }
-  if (m_roundsAway % kResolveRounds == 0) ResolveAgain();
-}
-
-void ConnectionCore::ResolveAgain() {
-  if (m_resolving || !HasNames(m_ensemble.hosts)) return;
-  m_resolving = true;
-  m_resolver.Post([weak = weak_from_this(), hosts = m_ensemble.hosts, epoch = m_epoch->Number()] {
-    auto resolved = Resolve(hosts);
-    const auto self = weak.lock();
-    if (!self) return;
-    self->PostMember([core = self.get(), epoch, addresses = std::move(resolved.addresses)] {
-      core->m_resolving = false;
-      if (!core->IsCurrent(epoch) || addresses.empty() || addresses == core->m_addresses) return;
-      core->m_addresses = addresses;
-      core->m_epoch->SetServers(addresses);
-      ZRLOG(ZRLOG_INFO, ConnectionLog()) << "the ensemble's addresses have changed, addresses=" << addresses;
-    });
-  });
-}
-
 /// A new epoch that goes on with the session, if there is one.
 void ConnectionCore::ReplaceHandle() {
   if (m_session.client_id != 0) m_resume = m_session;
@@ -342,6 +283,7 @@ void ConnectionCore::OnEstablished() {
     if (!IsCurrent(epoch)) return;
   }
   m_session = m_epoch->Session();
+  m_timeout = m_epoch->Timeout();
   const bool resumed = m_resume && m_resume->client_id == m_session.client_id;
   m_resume.reset();
   {
@@ -380,48 +322,6 @@ void ConnectionCore::OnSessionOver(int code, ConnectionState state) {
     Tell([code](ConnectionListener& listener) { listener.OnSessionError(code); });
   }
   UpdateClosed();
-}
-
-/// Makes the server end a session whose handle is closed: takes the session up again alone and closes it
-/// idle, until the server says that it is gone.
-void ConnectionCore::EndSession(const clientid_t& session) {
-  m_endingSession = session;
-  m_endingTries = 0;
-  m_self = shared_from_this();
-  TryEndSession();
-}
-
-void ConnectionCore::TryEndSession() {
-  m_ending = MakeEpoch();
-  if (++m_endingTries > kEndingTries || !OpenHandle(*m_ending, &m_endingSession)) {
-    ZRLOG(ZRLOG_WARNING, ConnectionLog())
-        << "session not ended on the server, it ends after its timeout, dc_name=" << m_options.dcName;
-    return FinishEnding();
-  }
-  UpdateClosed();
-  PostAfter(kEndingLimit, [weak = weak_from_this(), epoch = m_ending->Number()] {
-    const auto self = weak.lock();
-    if (!self || !self->m_ending || self->m_ending->Number() != epoch) return;
-    self->m_endingTries = kEndingTries;  // no answer: no use asking again
-    self->m_ending->Close();
-    self->TryEndSession();
-  });
-}
-
-void ConnectionCore::OnEnding(int state) {
-  if (state == ZOO_CONNECTED_STATE) {
-    m_ending->Close();
-    TryEndSession();
-  } else if (state == ZOO_EXPIRED_SESSION_STATE || state == ZOO_AUTH_FAILED_STATE) {
-    FinishEnding();
-  }
-}
-
-void ConnectionCore::FinishEnding() {
-  m_ending.reset();
-  const auto self = std::move(m_self);
-  UpdateClosed();
-  Open();
 }
 
 void ConnectionCore::SetState(ConnectionState state) {

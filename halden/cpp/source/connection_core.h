@@ -37,6 +37,8 @@ class ConnectionListener {
   virtual void OnStateChanged() {}
 };
 
+struct ResolvedHosts;
+
 struct ConnectionOptions {
   std::vector<zr::String> hosts;
   bool renewExpired = true;
@@ -112,6 +114,9 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   void DoForceExpire();
 
   void Open();
+  void OpenResolved();
+  void ResolveHosts();
+  void OnResolved(const ResolvedHosts& resolved);
   std::unique_ptr<Epoch> MakeEpoch();
   void OpenLater();
   bool OpenHandle(Epoch& epoch, const clientid_t* resume);
@@ -119,7 +124,6 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   void ReplaceHandle();
   void Watchdog(std::uint64_t epoch);
   void LookAfterServers();
-  void ResolveAgain();
 
   void OnSession(std::uint64_t epoch, int state);
   void OnEstablished();
@@ -153,12 +157,14 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   std::uint64_t m_nextEpoch = 1;
   std::uint64_t m_attempt = 0;  // a timer of an earlier attempt to open finds another number
   std::unique_ptr<Epoch> m_epoch;
-  clientid_t m_session{};              // of the current epoch; zero before it is established
-  std::optional<clientid_t> m_resume;  // what the next epoch resumes
-  zr::String m_addresses;              // what the current epoch was opened with
-  bool m_resolving = false;            // in the background, on m_resolver
-  unsigned m_roundsAway = 0;           // of the watchdog, without a connection
-  unsigned m_roundsUnanswered = 0;     // in a row, with a connection that no server answers on
+  clientid_t m_session{};                  // of the current epoch; zero before it is established
+  std::optional<clientid_t> m_resume;      // what the next epoch resumes
+  zr::String m_addresses;                  // what the hosts resolved to last
+  bool m_resolving = false;                // in the background, on m_resolver
+  bool m_awaitingAddresses = false;        // to open the next epoch
+  std::chrono::milliseconds m_timeout{0};  // of the last session, as the server grants it
+  unsigned m_roundsAway = 0;               // of the watchdog, without a connection
+  unsigned m_roundsUnanswered = 0;         // in a row, with a connection that no server answers on
   Backoff m_backoff{std::chrono::milliseconds(100), std::chrono::seconds(10)};
   std::vector<std::weak_ptr<ConnectionListener>> m_listeners;
   // A session being ended on the server, after its own handle is closed.

@@ -76,6 +76,8 @@ class Epoch {
 
   std::uint64_t Number() const { return m_number; }
   clientid_t Session() const;
+  /// The session's timeout as the server grants it.
+  std::chrono::milliseconds Timeout() const { return std::chrono::milliseconds(zoo_recv_timeout(m_handle)); }
   /// A server took the connection and has not answered yet.
   bool Unanswered() const { return zoo_state(m_handle) == ZOO_ASSOCIATING_STATE; }
 
