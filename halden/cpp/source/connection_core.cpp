@@ -157,6 +157,18 @@ void ConnectionCore::Submit(Request request) {
   if (m_epoch) m_epoch->Submit(std::move(request));
 }
 
+bool ConnectionCore::Claim(const zr::String& path, const std::shared_ptr<const void>& owner) {
+  auto& claim = m_claims[path];
+  const auto present = claim.lock();
+  if (!present) claim = owner;
+  return !present || present == owner;
+}
+
+void ConnectionCore::Release(const zr::String& path, const std::shared_ptr<const void>& owner) {
+  const auto claim = m_claims.find(path);
+  if (claim != m_claims.end() && claim->second.lock() == owner) m_claims.erase(claim);
+}
+
 void ConnectionCore::DoStart(const std::optional<clientid_t>& session) {
   if (m_wanted) return;
   m_wanted = true;
@@ -284,6 +296,7 @@ void ConnectionCore::OnEstablished() {
   }
   m_session = m_epoch->Session();
   m_timeout = m_epoch->Timeout();
+  std::erase_if(m_claims, [](const auto& claim) { return claim.second.expired(); });
   const bool resumed = m_resume && m_resume->client_id == m_session.client_id;
   m_resume.reset();
   {

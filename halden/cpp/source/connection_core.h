@@ -9,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "backoff.h"
@@ -95,6 +96,10 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   const zr::String& Chroot() const { return m_ensemble.chroot; }
   /// Dropped without an answer while there is no epoch.
   void Submit(Request request);
+  /// At most one owner at a time works on a node: false while another one that lives has it. Sessions tell
+  /// publishers of one id apart, but not those that share one.
+  bool Claim(const zr::String& path, const std::shared_ptr<const void>& owner);
+  void Release(const zr::String& path, const std::shared_ptr<const void>& owner);
 
  private:
   // From the client library's threads.
@@ -167,6 +172,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   unsigned m_roundsUnanswered = 0;         // in a row, with a connection that no server answers on
   Backoff m_backoff{std::chrono::milliseconds(100), std::chrono::seconds(10)};
   std::vector<std::weak_ptr<ConnectionListener>> m_listeners;
+  std::unordered_map<zr::String, std::weak_ptr<const void>> m_claims;
   // A session being ended on the server, after its own handle is closed.
   std::unique_ptr<Epoch> m_ending;
   clientid_t m_endingSession{};

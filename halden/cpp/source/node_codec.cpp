@@ -111,6 +111,13 @@ DecodedNode DecodeNode(std::string_view bytes) {
   }
 }
 
+zr::String WriterOf(std::string_view bytes) {
+  ZNodeData envelope;
+  if (!Parse(bytes, envelope) || !envelope.has_user()) return "unknown";
+  const User& user = envelope.user();
+  return user.name() + "@" + user.host() + ", pid " + std::to_string(user.pid());
+}
+
 ServiceInstanceData ParsePayload(std::string_view payload) {
   ServiceInstanceData data;
   data.ParseFromArray(payload.data(), static_cast<int>(payload.size()));

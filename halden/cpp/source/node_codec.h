@@ -33,6 +33,9 @@ std::string EncodeNode(const zr::messaging::halden::ServiceInstanceData& data,
 /// `ParsePayload` succeeds on it; it takes a third of the memory of what it is parsed into.
 DecodedNode DecodeNode(std::string_view bytes);
 
+/// Who wrote the node, for people: "search@host-1, pid 4711"; "unknown" where it does not say.
+zr::String WriterOf(std::string_view bytes);
+
 /// Fields it does not know stay in the result.
 zr::messaging::halden::ServiceInstanceData ParsePayload(std::string_view payload);
 

@@ -7,6 +7,7 @@
 #include "error_policy.h"
 #include "layout.h"
 #include "log_sources.h"
+#include "node_codec.h"
 
 namespace zr::halden::details {
 
@@ -72,8 +73,10 @@ PublisherStatus PublisherCore::Status() const {
 
 bool PublisherCore::AwaitPublished(std::chrono::milliseconds limit) const {
   std::unique_lock lock(m_mtx);
-  return m_changed.wait_for(
-      lock, limit, [this] { return m_settled == m_wished && m_status.state == PublishState::Published; });
+  return m_changed.wait_for(lock, limit, [this] {
+    return m_status.state == PublishState::Conflict ||
+           (m_settled == m_wished && m_status.state == PublishState::Published);
+  }) && m_status.state == PublishState::Published;
 }
 
 bool PublisherCore::AwaitAbsent(std::chrono::milliseconds limit) const {
@@ -86,6 +89,8 @@ bool PublisherCore::AwaitAbsent(std::chrono::milliseconds limit) const {
 
 void PublisherCore::OnConnected(bool newEpoch) {
   if (newEpoch) m_ours = false;
+  m_established = false;  // another one may have come meanwhile: it was the first then
+  m_watched = false;      // a new look tells
   m_backoff.Reset();
   StepNow();
 }
@@ -95,7 +100,7 @@ void PublisherCore::OnDisconnected(bool epochOver) {
   m_busy = false;  // no answer will come
   m_ours = false;
   m_watched = false;
-  if (m_wish) SetState(PublishState::Publishing);
+  if (m_wish && !m_yielded) SetState(PublishState::Publishing);
   if (m_core->SessionGoesOn()) return;
   const auto self = std::move(m_self);  // with the session goes the node
 }
@@ -108,11 +113,16 @@ void PublisherCore::OnSessionError(int code) {
 void PublisherCore::Step() {
   if (!m_wish && !m_mayExist) return Settle();
   if (m_busy || m_retryScheduled || !m_core->Connected()) {
-    if (m_wish && m_written != m_wishNumber) SetState(PublishState::Publishing);
+    if (m_wish && m_written != m_wishNumber && !m_yielded) SetState(PublishState::Publishing);
     return;
   }
   if (!m_wish) {
     Inspect();
+  } else if (!m_core->Claim(m_path, shared_from_this())) {
+    Yield("another publisher of this process, through the same connection");
+    StepLater();
+  } else if (m_yielded) {
+    AwaitRivalsEnd();
   } else if (!m_ours) {
     SetState(PublishState::Publishing);
     Create();
@@ -211,7 +221,7 @@ void PublisherCore::OnWritten(Reply& reply) {
 
 /// Whose node is there?
 void PublisherCore::Inspect() {
-  Send({.kind = Request::Kind::Exists, .path = m_path}, &PublisherCore::OnInspected);
+  Send({.kind = Request::Kind::Get, .path = m_path}, &PublisherCore::OnInspected);
 }
 
 void PublisherCore::OnInspected(Reply& reply) {
@@ -229,10 +239,53 @@ void PublisherCore::OnInspected(Reply& reply) {
     m_ours = true;  // an answer was lost, or the session went on under a new handle: write it again
     m_watched = false;
   } else if (exists) {
-    ZRLOG(ZRLOG_INFO, PublisherLog())
-        << "replacing a node of another session, dc_name=" << m_core->DataCenterName() << ", path=" << m_path;
-    return Delete(reply.stat.version);
+    return OnForeign(reply);
   }
+  Step();
+}
+
+/// Of an earlier session of ours, of a dead process, or of a rival that lives: the rival will be back.
+void PublisherCore::OnForeign(const Reply& reply) {
+  const auto now = TaskThread::Clock::now();
+  const auto owner = reply.stat.ephemeralOwner;
+  const bool own = std::find(m_sessions.begin(), m_sessions.end(), owner) != m_sessions.end();
+  if (!own && m_intrudedAt && now - *m_intrudedAt < kStood) {
+    Yield(WriterOf(reply.value));
+    return Step();
+  }
+  if (!own && !m_established) m_intrudedAt = now;
+  ZRLOG(ZRLOG_INFO, PublisherLog()) << "replacing a node of another session, dc_name="
+                                    << m_core->DataCenterName() << ", path=" << m_path;
+  Delete(reply.stat.version);
+}
+
+void PublisherCore::Yield(const zr::String& rival) {
+  if (!std::exchange(m_yielded, true)) {
+    ZRLOG(ZRLOG_ERROR, PublisherLog())
+        << "another publisher has this id, waiting for its end, rival=" << rival
+        << ", dc_name=" << m_core->DataCenterName() << ", path=" << m_path;
+  }
+  m_watched = false;
+  const std::lock_guard lock(m_mtx);
+  m_status.state = PublishState::Conflict;
+  m_status.lastError = ZNODEEXISTS;
+  m_status.rival = rival;
+  m_changed.notify_all();
+}
+
+void PublisherCore::AwaitRivalsEnd() {
+  if (m_watched) return;
+  m_watched = true;
+  Send({.kind = Request::Kind::Exists, .path = m_path, .watch = m_watch}, &PublisherCore::OnRivalLookedAt);
+}
+
+void PublisherCore::OnRivalLookedAt(Reply& reply) {
+  const ErrorAction action = ActionFor(reply.code);
+  if (action == ErrorAction::Done) return Step();
+  m_watched = false;
+  if (action != ErrorAction::Absent) return Retry(reply.code);
+  m_yielded = false;
+  m_intrudedAt.reset();
   Step();
 }
 
@@ -278,6 +331,7 @@ void PublisherCore::OnWatched(Reply& reply) {
         << "node changed by others, dc_name=" << m_core->DataCenterName() << ", path=" << m_path;
     return StepLater();
   }
+  m_established = true;
   Step();
 }
 
@@ -306,9 +360,13 @@ void PublisherCore::Settle() {
   const std::lock_guard lock(m_mtx);
   m_status.state = m_wish ? PublishState::Published : PublishState::Absent;
   m_status.lastError = 0;
+  m_status.rival.clear();
   m_settled = m_wishNumber;
   m_changed.notify_all();
-  if (!m_wish) self = std::move(m_self);
+  if (m_wish) return;
+  self = std::move(m_self);
+  m_yielded = false;
+  m_core->Release(m_path, shared_from_this());
 }
 
 void PublisherCore::Retry(int code) {

@@ -21,10 +21,12 @@ namespace zr::halden::details {
 /// ends in `Step`, which compares the wish with what is known and begins the next.
 ///
 ///   create -> done, then watched
-///          -> node exists: inspect it; ours: write it; another session's: delete it, create
+///          -> node exists: inspect it; ours: write it; another session's: delete it, create;
+///             another session's again, soon after that: yield
 ///          -> parent absent: create the parents, create
 ///   write  -> done, then watched;  node absent: create
 ///   watch event: look again; deleted or taken over by others: create after a back-off
+///   yield  -> watch the other one's node; gone: create
 ///   remove -> inspect; ours: delete
 ///
 /// Threads: `Publish`, `Remove`, `Status` and the waits from any thread; the rest on the connection's.
@@ -60,6 +62,10 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   void OnWritten(Reply& reply);
   void Inspect();
   void OnInspected(Reply& reply);
+  void OnForeign(const Reply& reply);
+  void Yield(const zr::String& rival);
+  void AwaitRivalsEnd();
+  void OnRivalLookedAt(Reply& reply);
   void Delete(int version);
   void OnDeleted(Reply& reply);
   void Watch();
@@ -90,11 +96,15 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   bool m_mayExist = false;      // a node of ours may be there
   bool m_ours = false;          // it is, and this session owns it
   bool m_watched = false;
+  bool m_established = false;  // it stood, confirmed, since the last connect
+  bool m_yielded = false;      // another publisher of the instance is alive
   bool m_retryScheduled = false;
   std::uint64_t m_retry = 0;             // a timer of an earlier retry finds another number
   std::int32_t m_version = 0;            // of the node after our last write
   std::vector<std::int64_t> m_sessions;  // that may own a node of ours
   TaskThread::Clock::time_point m_createdAt{};
+  std::optional<TaskThread::Clock::time_point>
+      m_intrudedAt;                       // replaced another session's node, as the second
   std::shared_ptr<PublisherCore> m_self;  // from the publisher's end until the node is gone
   Backoff m_backoff{std::chrono::milliseconds(50), std::chrono::seconds(10)};
 

@@ -47,6 +47,8 @@ std::string_view ToString(PublishState state) {
       return "publishing";
     case PublishState::Published:
       return "published";
+    case PublishState::Conflict:
+      return "conflict";
   }
   return "unknown";
 }

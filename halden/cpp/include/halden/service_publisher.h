@@ -22,7 +22,9 @@ class PublisherCore;
 ///   Absent     -> Publishing                Publish
 ///   Publishing -> Published | Absent        written; Remove
 ///   Published  -> Publishing | Absent       new data, session lost, node deleted by others; Remove
-enum class PublishState : std::uint8_t { Absent, Publishing, Published };
+///   Publishing -> Conflict                  another publisher of the same id is alive
+///   Conflict   -> Publishing | Absent       its node is gone; Remove
+enum class PublishState : std::uint8_t { Absent, Publishing, Published, Conflict };
 
 std::string_view ToString(PublishState state);
 
@@ -30,11 +32,16 @@ struct PublisherStatus {
   PublishState state = PublishState::Absent;  ///< what ZooKeeper last confirmed
   int lastError = 0;                          ///< of the last try that failed; 0 after a success
   std::uint64_t published = 0;                ///< times that the node was created
+  zr::String rival;                           ///< while Conflict: who publishes the instance, for people
 };
 
 /// Publishes one instance through one connection and keeps it true: the node is written again in every new
 /// session, replaced when an earlier session of the same instance left it behind, and created again when
 /// others delete it.
+/// Two publishers of one id: the one that comes second replaces the node of the first, which may be one that a
+/// dead process left; when the first takes it back the second yields, is in `Conflict`, logs an error with
+/// what is known of its rival, and publishes as soon as the rival's node is gone. First is who has published
+/// in a connected session; who had to reconnect comes second.
 ///
 /// Threads: every operation may be called from any thread, and returns without waiting; only the `Await...`
 /// ones wait, with a limit (not from a callback). What is asked while disconnected is done on reconnect; only
@@ -62,7 +69,8 @@ class ServicePublisher {
   const ServiceId& Id() const;
   PublisherStatus Status() const;
 
-  /// Waits until the last `Publish` (`Remove`) is confirmed: true then, false at the deadline.
+  /// Waits until the last `Publish` (`Remove`) is confirmed: true then, false at the deadline. AwaitPublished
+  /// is false at once in `Conflict`; a conflict may become known only after a publication was confirmed.
   bool AwaitPublished(std::chrono::milliseconds limit) const;
   bool AwaitAbsent(std::chrono::milliseconds limit) const;
 

@@ -2,6 +2,7 @@
 #include "halden/service_publisher.h"
 
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <memory>
 #include <random>
@@ -113,6 +114,32 @@ TEST_F(ServicePublisherTest, ANodeThatOthersDeleteIsCreatedAgainWithItsParents) 
   ASSERT_TRUE(AwaitPublishedTimes(3));
   ASSERT_TRUE(m_observer->AwaitHost(kDc, m_id, "host"));
   EXPECT_EQ(Owner(m_id), m_conn->Status().sessionId);
+}
+
+TEST_F(ServicePublisherTest, OfTwoWithOneIdTheSecondIsToldAndTakesOverInTheEnd) {
+  const CapturingLog log;
+  m_publisher->Publish(MakeInstance("first"));
+  ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
+  const auto other = MakeConnection(kDc);
+  other->Start(nullptr);
+  ServicePublisher second(other, kService, m_id);
+  ServicePublisher third(other, kService, m_id);  // shares the second one's session
+  for (auto* publisher : {&second, &third}) {
+    publisher->Publish(MakeInstance("rival"));
+    ASSERT_TRUE(Eventually([&] { return publisher->Status().state == PublishState::Conflict; }));
+    EXPECT_FALSE(publisher->AwaitPublished(kLimit));
+    EXPECT_EQ(publisher->Status().lastError, ZNODEEXISTS);
+  }
+  EXPECT_THAT(second.Status().rival, ::testing::HasSubstr("pid " + std::to_string(getpid())));
+  EXPECT_TRUE(log.Await("halden.publisher", "another publisher has this id"));
+  ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
+  EXPECT_EQ(Owner(m_id), m_conn->Status().sessionId);
+  m_publisher.reset();
+  ASSERT_TRUE(Eventually([&] { return Owner(m_id) == other->Status().sessionId; }));
+  ASSERT_TRUE(m_observer->AwaitHost(kDc, m_id, "rival"));
+  second.Remove();
+  ASSERT_TRUE(third.AwaitPublished(kLimit) ||
+              Eventually([&] { return third.Status().state == PublishState::Published; }));
 }
 
 TEST_F(ServicePublisherTest, OnlyTheLatestWishIsDoneAfterAnOutage) {

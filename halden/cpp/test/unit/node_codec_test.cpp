@@ -58,6 +58,7 @@ TEST(NodeCodecTest, WhatIsPublishedIsReadAndCompressionNeverMakesItLonger) {
     ASSERT_TRUE(decoded.payload) << decoded.error;
     EXPECT_EQ(*decoded.payload, data.SerializeAsString());
     EXPECT_EQ(Encode(data), node);
+    EXPECT_EQ(WriterOf(node), "@, pid 4711");
     auto plain = Envelope(node);
     EXPECT_EQ(plain.user().pid(), 4711U);
     EXPECT_TRUE(valueBytes < 100 || plain.compression() == kZlib) << valueBytes;
