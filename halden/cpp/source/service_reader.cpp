@@ -140,7 +140,7 @@ void ServiceReader::OnService(Reply& reply) {
   if (!End(m_service)) return ReadService();
   switch (ActionFor(reply.code)) {
     case ErrorAction::Done:
-      OnServiceListed(reply.children);
+      OnServiceListed(reply);
       break;
     case ErrorAction::Absent:
       for (std::size_t i = 0; i < kPartitions; ++i) OnPartitionAbsent(static_cast<std::uint8_t>(i));
@@ -152,9 +152,13 @@ void ServiceReader::OnService(Reply& reply) {
   FinishIfComplete();
 }
 
-void ServiceReader::OnServiceListed(const std::vector<std::string>& names) {
+void ServiceReader::OnServiceListed(const Reply& reply) {
+  if (reply.stat.pzxid < m_servicePzxid && !m_trusting) {
+    return Fail(m_service, ZRUNTIMEINCONSISTENCY, m_path);
+  }
+  m_servicePzxid = reply.stat.pzxid;
   std::array<bool, kPartitions> present{};
-  for (const auto& name : names) {
+  for (const auto& name : reply.children) {
     if (const auto number = ParsePartition(name)) {
       present[*number] = true;
     } else {

@@ -81,7 +81,7 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
 
   void ReadService();
   void OnService(Reply& reply);
-  void OnServiceListed(const std::vector<std::string>& names);
+  void OnServiceListed(const Reply& reply);
   void AwaitService();
   void OnServiceAwaited(const Reply& reply);
 
@@ -134,6 +134,7 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   bool m_syncedOnce = false;  // in this epoch
   bool m_retryScheduled = false;
   ReadState m_service;
+  std::int64_t m_servicePzxid = 0;  // of the last listing: a lower one is older
   std::array<Partition, kPartitions> m_partitions;
   std::deque<ServiceId> m_toRead;   // instances whose read waits for its turn
   std::size_t m_instanceReads = 0;  // under way
