@@ -8,7 +8,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/setup.sh --style
+scripts/setup.sh --clang
 
 echo "check: clang-format"
 git ls-files -z -- '*.h' '*.cpp' | xargs -0 clang-format --dry-run --Werror

@@ -12,8 +12,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   zookeeper openjdk-17-jre-headless
 )
-if [[ "${1:-}" == "--style" ]]; then # what scripts/check.sh needs on top
-  packages+=(clang clang-format clang-tidy)
+if [[ "${1:-}" == "--clang" ]]; then # what scripts/check.sh and scripts/fuzz.sh need on top
+  packages+=(clang libclang-rt-dev clang-format clang-tidy)
 fi
 
 missing=()
