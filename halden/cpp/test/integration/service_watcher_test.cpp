@@ -2,10 +2,13 @@
 #include "halden/service_watcher.h"
 
 #include <gmock/gmock.h>
+#include <zlib.h>
 
+#include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <memory>
+#include <random>
 #include <stdexcept>
 #include <vector>
 
@@ -22,6 +25,32 @@ using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
 constexpr const char* kDc = "eu-west";
+
+std::string NodeWith(int compression, std::string payload) {
+  zr::messaging::halden::ZNodeData node;
+  node.set_compression(static_cast<zr::messaging::halden::ZNodeData::Compression>(compression));
+  node.set_payload(std::move(payload));
+  return node.SerializeAsString();
+}
+
+/// What a broken or a malicious writer leaves.
+std::vector<std::string> BadNodes() {
+  std::string noise(1'000'000, '\0');
+  std::mt19937 random(1);
+  std::generate(noise.begin(), noise.end(), [&] { return static_cast<char>(random()); });
+  std::string bomb(100'000, '\0');
+  const std::string zeros(32UL * 1024 * 1024, '\0');
+  uLongf length = bomb.size();
+  compress(reinterpret_cast<Bytef*>(bomb.data()), &length, reinterpret_cast<const Bytef*>(zeros.data()),
+           zeros.size());
+  const std::string good = EncodeInstance(MakeInstance("host"));
+  return {"",
+          good.substr(0, good.size() / 2),
+          noise,
+          NodeWith(1, noise.substr(0, 200)),
+          NodeWith(1, bomb.substr(0, length)),
+          NodeWith(9, MakeInstance("host").SerializeAsString())};
+}
 
 /// One data centre, its connection in the test's hands.
 class ServiceWatcherTest : public EnsembleTest {
@@ -75,7 +104,42 @@ TEST_F(ServiceWatcherTest, ABadPayloadCostsNoGoodValueAndNoOtherInstance) {
   EXPECT_EQ(m_watcher->Status().quarantined, 0U);
 }
 
+TEST_F(ServiceWatcherTest, MassesOfBadNodesHarmNoGoodOne) {
+  constexpr std::size_t mass = 10'000;
+  const CapturingLog log;
+  const ServiceId known = Publish(kDc, "known");
+  Watch();
+  m_conn->Stop();
+  ASSERT_TRUE(AwaitFreshness(*m_watcher, Freshness::Stale));
+  auto bad = BadNodes();
+  bad.resize(mass, bad[1]);
+  for (const auto& bytes : bad) Client(kDc).PublishRaw(kService, MakeServiceId(), bytes);
+  auto longest = MakeInstance("longest");
+  longest.add_attributes()->set_value(std::string(999'000, 'x'));
+  // The value of an enumeration and a field that a newer writer has.
+  auto newer = NodeWith(0, MakeInstance("newer").SerializeAsString() + "\x30\x4d\xca\x3e\x05later");
+  const std::vector<std::pair<std::string, ServiceId>> good = {{"longest", MakeServiceId()},
+                                                               {"newer", MakeServiceId()}};
+  Client(kDc).Publish(kService, good[0].second, longest);
+  Client(kDc).PublishRaw(kService, good[1].second, newer);
+  Client(kDc).Publish(kService, known, MakeInstance("changed"));
+  for (int round = 0; round < 2; ++round) {  // what was read and refused once is not told of again
+    m_conn->Start(nullptr);
+    ASSERT_TRUE(m_observer->AwaitHost(kDc, known, "changed"));
+    for (const auto& [host, id] : good) ASSERT_TRUE(m_observer->AwaitHost(kDc, id, host));
+    ASSERT_TRUE(AwaitFreshness(*m_watcher, Freshness::Live));
+    EXPECT_EQ(m_watcher->Status().quarantined, mass);
+    EXPECT_EQ(m_watcher->Status().instances, 3U);
+    EXPECT_EQ(log.Count("halden.service_watcher", "node quarantined"), std::ptrdiff_t{mass});
+    m_conn->Stop();
+    ASSERT_TRUE(AwaitFreshness(*m_watcher, Freshness::Stale));
+  }
+  ASSERT_TRUE(m_errors.Await(ZMARSHALLINGERROR));
+  EXPECT_EQ(m_observer->Events().size(), 4U);
+}
+
 TEST_F(ServiceWatcherTest, StrangeNodesAreNoInstances) {
+  const CapturingLog log;
   const ServiceId id = MakeServiceId();
   const std::filesystem::path right = ZooKeeperClient::InstancePath(kService, id);
   const auto partition = right.parent_path();
@@ -93,6 +157,7 @@ TEST_F(ServiceWatcherTest, StrangeNodesAreNoInstances) {
   Client(kDc).Publish(kService, id, MakeInstance("right"));
   ASSERT_TRUE(m_observer->AwaitHost(kDc, id, "right"));
   EXPECT_EQ(m_observer->Events().size(), 2U);
+  EXPECT_EQ(log.Count("halden.service_watcher", "node ignored"), 4) << "once for each";
 }
 
 TEST_F(ServiceWatcherTest, AServiceThatIsAbsentOrVanishesIsAnEmptyOne) {
