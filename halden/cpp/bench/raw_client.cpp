@@ -1,7 +1,6 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "raw_client.h"
 
-#include <chrono>
 #include <stdexcept>
 #include <utility>
 
@@ -10,131 +9,185 @@ namespace zr::halden::bench {
 namespace {
 
 constexpr std::size_t kWindow = 500;
-constexpr std::chrono::seconds kLimit{60};
 constexpr int kSessionTimeoutMs = 30000;
 
 void DropLogLine(const char* /*line*/) {}
 
+zhandle_t* Open(const std::string& hosts, watcher_fn onSession, void* context) {
+  zhandle_t* const handle =
+      zookeeper_init2(hosts.c_str(), onSession, kSessionTimeoutMs, nullptr, context, 0, &DropLogLine);
+  if (handle == nullptr) throw std::runtime_error("no client handle for " + hosts);
+  zoo_set_servers_resolution_delay(handle, -1);
+  return handle;
+}
+
+void Check(int code) {
+  if (code != ZOK) throw std::runtime_error(zerror(code));
+}
+
 }  // namespace
 
-void RawClient::Open() {
-  m_handle = zookeeper_init2(m_hosts.c_str(), &RawClient::OnSession, kSessionTimeoutMs, nullptr, this, 0,
-                             &DropLogLine);
-  if (m_handle == nullptr) throw std::runtime_error("no client handle for " + m_hosts);
-  zoo_set_servers_resolution_delay(m_handle, -1);
+RawWriter::RawWriter(const std::string& hosts) : m_handle(Open(hosts, &RawWriter::OnSession, this)) {}
+
+RawWriter::~RawWriter() {
+  zookeeper_close(m_handle);
 }
 
-void RawClient::Close() {
-  if (m_handle != nullptr) zookeeper_close(std::exchange(m_handle, nullptr));
-  m_connected = false;
+void RawWriter::OnSession(zhandle_t* /*handle*/, int type, int state, const char* /*path*/, void* context) {
+  if (type != ZOO_SESSION_EVENT) return;
+  auto* const self = static_cast<RawWriter*>(context);
+  const std::lock_guard lock(self->m_mtx);
+  self->m_connected = state == ZOO_CONNECTED_STATE;
+  self->m_changed.notify_all();
 }
 
-void RawClient::Create(const std::vector<Node>& nodes) {
-  for (const auto& node : nodes) {
-    std::unique_lock lock(m_mtx);
-    if (!m_changed.wait_for(lock, kLimit, [this] { return m_connected && m_outstanding < kWindow; })) {
-      throw std::runtime_error("server too slow");
-    }
-    ++m_outstanding;
-    lock.unlock();
-    const int code =
-        zoo_acreate(m_handle, node.path.c_str(), node.data.data(), static_cast<int>(node.data.size()),
-                    &ZOO_OPEN_ACL_UNSAFE, node.mode, &RawClient::OnCreated, this);
-    if (code != ZOK) throw std::runtime_error(zerror(code));
-  }
+void RawWriter::OnVoid(int code, const void* context) {
+  auto* const self = const_cast<RawWriter*>(static_cast<const RawWriter*>(context));
+  const std::lock_guard lock(self->m_mtx);
+  if (code != ZOK && code != ZNODEEXISTS) self->m_error = code;
+  --self->m_outstanding;
+  self->m_changed.notify_all();
+}
+
+void RawWriter::Begin() {
   std::unique_lock lock(m_mtx);
-  m_changed.wait_for(lock, kLimit, [this] { return m_outstanding == 0; });
-  if (m_outstanding != 0 || m_error != 0) throw std::runtime_error("nodes not created");
+  const auto hasRoom = [this] { return m_connected && m_outstanding < kWindow; };
+  Require(m_changed.wait_for(lock, kLimit, hasRoom), "server too slow");
+  ++m_outstanding;
 }
 
-void RawClient::OnCreated(int code, const char* /*value*/, const void* self) {
-  const_cast<RawClient*>(static_cast<const RawClient*>(self))->Answered(code == ZNODEEXISTS ? ZOK : code);
+void RawWriter::Create(const std::string& path, const std::string& data) {
+  Begin();
+  Check(zoo_acreate(m_handle, path.c_str(), data.data(), static_cast<int>(data.size()), &ZOO_OPEN_ACL_UNSAFE,
+                    ZOO_PERSISTENT, &RawWriter::OnString, this));
 }
 
-void RawClient::BeginRead(const std::string& servicePath) {
-  m_servicePath = servicePath;
-  m_read = 0;
-  m_listings.clear();
-  m_outstanding = 1;  // the listing of the service, made once connected
-  Open();
+void RawWriter::Set(const std::string& path, const std::string& data) {
+  Begin();
+  Check(zoo_aset(m_handle, path.c_str(), data.data(), static_cast<int>(data.size()), -1, &RawWriter::OnStat,
+                 this));
 }
 
-std::size_t RawClient::FinishRead() {
+void RawWriter::Delete(const std::string& path) {
+  Begin();
+  Check(zoo_adelete(m_handle, path.c_str(), -1, &RawWriter::OnVoid, this));
+}
+
+void RawWriter::Finish() {
   std::unique_lock lock(m_mtx);
-  m_changed.wait_for(lock, kLimit, [this] { return m_outstanding == 0 && m_toRead.empty(); });
-  if (m_outstanding != 0 || m_error != 0) throw std::runtime_error("nodes not read");
+  const bool done = m_changed.wait_for(lock, kLimit, [this] { return m_outstanding == 0; });
+  Require(done && m_error == 0, "nodes not written");
+}
+
+RawReader::~RawReader() {
+  if (m_handle != nullptr) zookeeper_close(m_handle);
+}
+
+void RawReader::Begin(std::vector<std::string> servicePaths) {
+  m_services = std::move(servicePaths);
+  m_outstanding = m_services.size();
+  m_handle = Open(m_hosts, &RawReader::OnSession, this);
+}
+
+std::size_t RawReader::AwaitLoaded() {
+  std::unique_lock lock(m_mtx);
+  const bool loaded = m_changed.wait_for(lock, kLimit, [this] { return m_loaded; });
+  Require(loaded && m_error == 0, "nodes not read");
   return m_read;
 }
 
-void RawClient::OnSession(zhandle_t* /*handle*/, int type, int state, const char* /*path*/, void* context) {
+void RawReader::OnSession(zhandle_t* handle, int type, int state, const char* /*path*/, void* context) {
   if (type != ZOO_SESSION_EVENT || state != ZOO_CONNECTED_STATE) return;
-  auto* const self = static_cast<RawClient*>(context);
-  std::string path;
-  {
-    const std::lock_guard lock(self->m_mtx);
-    self->m_connected = true;
-    path = std::exchange(self->m_servicePath, {});
-    self->m_changed.notify_all();
+  auto* const self = static_cast<RawReader*>(context);
+  self->m_handle = handle;  // it can come before the opening has returned
+  for (auto& path : std::exchange(self->m_services, {})) self->List(std::move(path), true);
+}
+
+void RawReader::OnWatch(zhandle_t* /*handle*/, int type, int /*state*/, const char* path, void* context) {
+  auto* const self = static_cast<RawReader*>(context);
+  if (type == ZOO_SESSION_EVENT || self->m_tally == nullptr) return;
+  if (type == ZOO_CHILD_EVENT) {
+    ++self->m_outstanding;
+    self->List(path, false);
+  } else if (type == ZOO_DELETED_EVENT) {
+    self->Forget(path);
+  } else if (const auto present = self->m_present.find(path); present != self->m_present.end()) {
+    self->Read(present->second);
   }
-  if (!path.empty()) self->List(path, true);
 }
 
 /// The caller has counted it as outstanding.
-void RawClient::List(std::string path, bool ofService) {
-  Listing* listing = nullptr;
-  {
-    const std::lock_guard lock(m_mtx);
-    listing = &m_listings.emplace_back(Listing{this, std::move(path), ofService});
-  }
-  zoo_awget_children2(m_handle, listing->path.c_str(), &RawClient::OnWatch, this, &RawClient::OnChildren,
-                      listing);
+void RawReader::List(std::string path, bool ofService) {
+  Listing& listing = m_listings.emplace_back(Listing{this, std::move(path), ofService});
+  zoo_awget_children2(m_handle, listing.path.c_str(), &RawReader::OnWatch, this, &RawReader::OnChildren,
+                      &listing);
 }
 
-void RawClient::OnChildren(int code, const String_vector* names, const Stat* /*stat*/, const void* context) {
+void RawReader::OnChildren(int code, const String_vector* names, const Stat* /*stat*/, const void* context) {
   const auto* const listing = static_cast<const Listing*>(context);
-  RawClient* const self = listing->client;
+  RawReader* const self = listing->reader;
   for (int i = 0; code == ZOK && i < names->count; ++i) {
     std::string path = listing->path + "/" + names->data[i];
-    std::unique_lock lock(self->m_mtx);
     if (listing->ofService) {
       ++self->m_outstanding;
-      lock.unlock();
       self->List(std::move(path), false);
     } else {
-      self->m_toRead.push_back(std::move(path));
+      self->Found(std::move(path));
     }
   }
-  self->Answered(code);
   self->SendReads();
+  self->Answered(code);
 }
 
-void RawClient::SendReads() {
-  std::unique_lock lock(m_mtx);
+void RawReader::Found(std::string path) {
+  if (m_tally != nullptr && m_present.contains(path)) return;
+  Instance& instance = m_instances.emplace_back(Instance{this, std::move(path), false});
+  if (m_tally != nullptr) m_present.emplace(instance.path, &instance);
+  m_toRead.push_back(&instance);
+}
+
+void RawReader::Read(Instance* instance) {
+  ++m_outstanding;
+  zoo_awget(m_handle, instance->path.c_str(), &RawReader::OnWatch, this, &RawReader::OnData, instance);
+}
+
+void RawReader::SendReads() {
   while (!m_toRead.empty() && m_outstanding < kWindow) {
-    const std::string path = std::move(m_toRead.front());
+    Instance* const next = m_toRead.front();
     m_toRead.pop_front();
-    ++m_outstanding;
-    lock.unlock();
-    zoo_awget(m_handle, path.c_str(), &RawClient::OnWatch, this, &RawClient::OnData, this);
-    lock.lock();
+    Read(next);
   }
 }
 
-void RawClient::OnData(int code, const char* /*value*/, int /*length*/, const Stat* /*stat*/,
+void RawReader::OnData(int code, const char* /*value*/, int /*length*/, const Stat* /*stat*/,
                        const void* context) {
-  auto* const self = const_cast<RawClient*>(static_cast<const RawClient*>(context));
-  {
-    const std::lock_guard lock(self->m_mtx);
+  auto* const instance = static_cast<Instance*>(const_cast<void*>(context));
+  RawReader* const self = instance->reader;
+  if (code == ZNONODE && self->m_tally != nullptr) {
+    self->Forget(instance->path);
+    code = ZOK;
+  } else if (code == ZOK) {
     ++self->m_read;
+    const bool isNew = !std::exchange(instance->known, true);
+    if (self->m_tally != nullptr) self->m_tally->Count(isNew ? Tally::kAdded : Tally::kModified);
   }
-  self->Answered(code);
   self->SendReads();
+  self->Answered(code);
 }
 
-void RawClient::Answered(int code) {
+void RawReader::Forget(const std::string& path) {
+  const auto present = m_present.find(path);
+  if (present == m_present.end()) return;
+  if (present->second->known) m_tally->Count(Tally::kRemoved);
+  m_present.erase(present);
+}
+
+void RawReader::Answered(int code) {
+  const bool done = --m_outstanding == 0;
+  if (code == ZOK && !done) return;
   const std::lock_guard lock(m_mtx);
   if (code != ZOK) m_error = code;
-  --m_outstanding;
+  m_loaded = m_loaded || done || m_error != 0;
   m_changed.notify_all();
 }
 

@@ -8,67 +8,106 @@
 #include <deque>
 #include <mutex>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
+
+#include "bench.h"
 
 namespace zr::halden::bench {
 
-/// The yardstick: the client library alone, kept busy. It reads a service's nodes as the library under test
-/// does, with the same requests, watches included, as many at a time as pay; it decodes nothing and keeps
-/// nothing.
-///
-/// Requests are made by the calling thread, answers counted by the client's own. One operation at a time.
-class RawClient {
+/// The client library, kept busy: writes are sent as many at a time as pay, in order. One thread; throws when the
+/// server refuses or is too slow.
+class RawWriter {
  public:
-  explicit RawClient(std::string hosts) : m_hosts(std::move(hosts)) {}
-  ~RawClient() { Close(); }
+  explicit RawWriter(const std::string& hosts);
+  ~RawWriter();
 
-  RawClient(const RawClient&) = delete;
-  RawClient& operator=(const RawClient&) = delete;
+  RawWriter(const RawWriter&) = delete;
+  RawWriter& operator=(const RawWriter&) = delete;
 
-  void Open();
-  void Close();
-
-  struct Node {
-    std::string path;
-    std::string data;
-    int mode = 0;
-  };
-  /// Creates all nodes, in order; throws when one fails.
-  void Create(const std::vector<Node>& nodes);
-
-  /// Begins to open a session and to read all nodes of the service; returns at once.
-  void BeginRead(const std::string& servicePath);
-  /// Waits until that is done; the number of instances read.
-  std::size_t FinishRead();
+  void Create(const std::string& path, const std::string& data);  ///< or leaves the one that is there
+  void Set(const std::string& path, const std::string& data);
+  void Delete(const std::string& path);
+  /// Waits until all is answered.
+  void Finish();
 
  private:
-  struct Listing {
-    RawClient* client;
-    std::string path;
-    bool ofService;
-  };
-
   static void OnSession(zhandle_t*, int type, int state, const char*, void* self);
-  static void OnWatch(zhandle_t*, int, int, const char*, void*) {}
-  static void OnCreated(int code, const char*, const void* self);
-  static void OnChildren(int code, const String_vector* names, const Stat*, const void* listing);
-  static void OnData(int code, const char*, int, const Stat*, const void* self);
+  static void OnString(int code, const char*, const void* self) { OnVoid(code, self); }
+  static void OnStat(int code, const Stat*, const void* self) { OnVoid(code, self); }
+  static void OnVoid(int code, const void* self);
 
-  void List(std::string path, bool ofService);
-  void SendReads();
-  void Answered(int code);
+  void Begin();
 
-  const std::string m_hosts;
   zhandle_t* m_handle = nullptr;
   std::mutex m_mtx;  // guards all below
   std::condition_variable m_changed;
   bool m_connected = false;
   int m_error = 0;
   std::size_t m_outstanding = 0;
+};
+
+/// The yardstick: the client library alone, as a loop written by hand would use it. It reads services as the library
+/// under test does, with the same requests, watches included, as many at a time as pay; it decodes nothing. With a
+/// tally it then follows them: it reads again what an event names, and tells what became of it.
+///
+/// After `Begin` everything runs on the client library's own thread.
+class RawReader {
+ public:
+  /// `tally`: null when only the first load counts; nothing is remembered then.
+  RawReader(std::string hosts, Tally* tally) : m_hosts(std::move(hosts)), m_tally(tally) {}
+  ~RawReader();
+
+  RawReader(const RawReader&) = delete;
+  RawReader& operator=(const RawReader&) = delete;
+
+  /// Begins to open a session and to read all nodes of the services; returns at once.
+  void Begin(std::vector<std::string> servicePaths);
+  /// Waits until that is done; the number of instances read.
+  std::size_t AwaitLoaded();
+
+ private:
+  struct Listing {
+    RawReader* reader;
+    std::string path;
+    bool ofService;
+  };
+  struct Instance {
+    RawReader* reader;
+    std::string path;
+    bool known;
+  };
+
+  static void OnSession(zhandle_t*, int type, int state, const char*, void* self);
+  static void OnWatch(zhandle_t*, int type, int, const char* path, void* self);
+  static void OnChildren(int code, const String_vector* names, const Stat*, const void* listing);
+  static void OnData(int code, const char*, int, const Stat*, const void* instance);
+
+  void List(std::string path, bool ofService);
+  void Found(std::string path);
+  void Read(Instance* instance);
+  void SendReads();
+  void Forget(const std::string& path);
+  void Answered(int code);
+
+  const std::string m_hosts;
+  Tally* const m_tally;
+  zhandle_t* m_handle = nullptr;
+
+  // Owned by the library's thread.
+  std::vector<std::string> m_services;
+  std::deque<Listing> m_listings;    // deques: the library holds the elements' addresses
+  std::deque<Instance> m_instances;  // every one ever seen
+  std::unordered_map<std::string_view, Instance*> m_present;  // while following
+  std::deque<Instance*> m_toRead;
+  std::size_t m_outstanding = 0;
   std::size_t m_read = 0;
-  std::deque<std::string> m_toRead;
-  std::deque<Listing> m_listings;
-  std::string m_servicePath;
+
+  std::mutex m_mtx;  // guards the two below
+  std::condition_variable m_changed;
+  bool m_loaded = false;
+  int m_error = 0;
 };
 
 }  // namespace zr::halden::bench

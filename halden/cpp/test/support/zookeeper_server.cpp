@@ -132,7 +132,7 @@ void ZooKeeperServer::WriteConfig() const {
 void ZooKeeperServer::Launch() {
   if (Running()) return;
   std::vector<std::string> words = {"java",
-                                    "-Xmx64m",
+                                    "-Xmx" + m_options.heap,
                                     "-XX:+UseSerialGC",
                                     "-XX:TieredStopAtLevel=1",
                                     "-Dzookeeper.forceSync=no",

@@ -32,6 +32,7 @@ struct ZooKeeperServerOptions {
   /// What requested session timeouts are clamped to. Zero: two and twenty ticks.
   std::chrono::milliseconds minSessionTimeout{0};
   std::chrono::milliseconds maxSessionTimeout{0};
+  std::string heap = "64m";
   /// More system properties, each as "name=value", for example "zookeeper.nio.numWorkerThreads=0".
   std::vector<std::string> properties;
 };

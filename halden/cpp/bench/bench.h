@@ -1,0 +1,137 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "halden/connection_v2.h"
+#include "halden/service_watcher.h"
+#include "support/zookeeper_server.h"
+
+/// What the measurements share. Each measures the library beside its yardstick, the client library alone (RawReader),
+/// in rounds that take turns, so that whatever else the machine does falls on both.
+namespace zr::halden::bench {
+
+using Clock = std::chrono::steady_clock;
+using Millis = std::chrono::duration<double, std::milli>;
+using Micros = std::chrono::duration<double, std::micro>;
+
+inline constexpr int kRounds = 5;
+inline constexpr std::chrono::seconds kLimit{60};
+inline constexpr std::size_t kPerDataCenter = 10'000;
+inline constexpr std::array<const char*, 3> kDataCenters{"eu-west", "us-east", "ap-south"};
+inline constexpr const char* kService = "orders";
+
+// The parts, one file each.
+void BenchLoad();
+void BenchLatency();
+void BenchBurst();
+void BenchScale();
+void BenchServices();
+void BenchCalls();
+
+void Require(bool condition, const char* what);
+double Median(std::vector<double> values);
+double Percentile(std::vector<double> values, double share);
+
+/// Runs `call` and says how long it took.
+template <typename Duration, typename Call>
+double Time(const Call& call) {
+  const auto start = Clock::now();
+  call();
+  return Duration(Clock::now() - start).count();
+}
+
+/// What this process has used of the processors so far, its servers not included.
+Millis CpuTime();
+
+// The table. A limit that is passed is marked.
+
+void PrintHeading();
+/// `ratioLimit`: of the second to the first; none when it is not to be judged.
+void PrintRatio(const std::string& what, const char* unit, double raw, double halden,
+                std::optional<double> ratioLimit);
+void PrintFigure(const std::string& what, const char* unit, double halden,
+                 std::optional<double> limit = std::nullopt);
+
+/// The bytes of an instance's node, with about `bytes` of data that does not compress.
+std::string NodeBytes(std::size_t bytes);
+
+using Server = test::ZooKeeperServer;
+using Servers = std::vector<std::unique_ptr<Server>>;
+
+Servers StartServers(std::size_t count, const char* heap = "64m");
+/// Creates so many instances of the service and returns their paths.
+std::vector<std::string> Populate(const Server& server, const zr::String& service, std::size_t instances);
+
+/// What a follower has heard, and when the last of it came.
+class Tally {
+ public:
+  enum Kind : std::uint8_t { kAdded, kModified, kRemoved };
+  using Counts = std::array<std::size_t, 3>;
+
+  void Count(Kind kind);
+  /// Waits until at least so many of each kind have come; when the last of them did.
+  Clock::time_point Await(const Counts& wanted);
+  Counts Heard() const;
+
+ private:
+  bool Reached() const;
+
+  mutable std::mutex m_mtx;  // guards all below
+  std::condition_variable m_reached;
+  Counts m_counts{};
+  Counts m_wanted{};
+  Clock::time_point m_last;
+};
+
+class TallyObserver : public ServiceWatcherObserver {
+ public:
+  explicit TallyObserver(Tally& tally) : m_tally(tally) {}
+  void OnInstanceAdded(ServiceWatcher&, const ServiceId&, const ServiceInstanceData&) override {
+    m_tally.Count(Tally::kAdded);
+  }
+  void OnInstanceModified(ServiceWatcher&, const ServiceId&, const ServiceInstanceData&) override {
+    m_tally.Count(Tally::kModified);
+  }
+  void OnInstanceRemoved(ServiceWatcher&, const ServiceId&) override { m_tally.Count(Tally::kRemoved); }
+
+ private:
+  Tally& m_tally;
+};
+
+std::shared_ptr<Connection> MakeConnection(const zr::String& hosts, const zr::String& dcName = "bench");
+
+/// One service at one server, followed by the library; the session is closed with it.
+class HaldenFollower {
+ public:
+  HaldenFollower(const Server& server, Tally& tally);
+  ~HaldenFollower();
+
+  HaldenFollower(const HaldenFollower&) = delete;
+  HaldenFollower& operator=(const HaldenFollower&) = delete;
+
+  Connection& Conn() { return *m_conn; }
+  ServiceWatcher& Watcher() { return *m_watcher; }
+
+ private:
+  const std::shared_ptr<TallyObserver> m_observer;
+  const std::shared_ptr<Connection> m_conn;
+  const std::shared_ptr<ServiceWatcher> m_watcher;
+};
+
+/// Both sides of a measurement: begins to follow kService at the server and tells the tally, until what it returns
+/// goes.
+using Follow = std::function<std::shared_ptr<void>(const Server&, Tally&)>;
+std::shared_ptr<void> FollowRaw(const Server& server, Tally& tally);
+std::shared_ptr<void> FollowHalden(const Server& server, Tally& tally);
+
+}  // namespace zr::halden::bench

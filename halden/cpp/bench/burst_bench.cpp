@@ -1,0 +1,56 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+//
+// 3,000 writes at once on a service of 10,000, joins, updates and removals mixed, until the view is right. No
+// instance is written twice, so that it is right when every change has been told.
+#include "bench.h"
+#include "layout.h"
+#include "raw_client.h"
+
+namespace zr::halden::bench {
+
+namespace {
+
+constexpr std::size_t kOfEachKind = 1000;
+
+/// `paths`: the instances there are, before and after.
+double Round(const Server& server, const Follow& follow, RawWriter& writer, std::vector<std::string>& paths) {
+  const std::string bytes = NodeBytes(200);
+  const std::string changed = NodeBytes(210);
+  std::vector<std::string> joins;
+  for (std::size_t i = 0; i < kOfEachKind; ++i) {
+    joins.push_back(details::InstancePath(details::ServicePath(kService), MakeServiceId()));
+  }
+  Tally tally;
+  const auto follower = follow(server, tally);
+  tally.Await({paths.size(), 0, 0});
+  const auto start = Clock::now();
+  for (std::size_t i = 0; i < kOfEachKind; ++i) {
+    writer.Create(joins[i], bytes);
+    writer.Set(paths[kOfEachKind + i], changed);
+    writer.Delete(paths[i]);
+  }
+  writer.Finish();
+  const Millis took = tally.Await({paths.size() + kOfEachKind, kOfEachKind, kOfEachKind}) - start;
+  paths.erase(paths.begin(), paths.begin() + kOfEachKind);
+  paths.insert(paths.end(), joins.begin(), joins.end());
+  return took.count();
+}
+
+}  // namespace
+
+void BenchBurst() {
+  const Servers servers = StartServers(1);
+  const Server& server = *servers.front();
+  auto paths = Populate(server, kService, kPerDataCenter);
+  RawWriter writer(server.ConnectString());
+  std::vector<double> raw;
+  std::vector<double> halden;
+  Round(server, FollowRaw, writer, paths);  // first-time costs
+  for (int round = 0; round < kRounds; ++round) {
+    raw.push_back(Round(server, FollowRaw, writer, paths));
+    halden.push_back(Round(server, FollowHalden, writer, paths));
+  }
+  PrintRatio("burst of 3,000 writes until the view is right", "ms", Median(raw), Median(halden), 1.3);
+}
+
+}  // namespace zr::halden::bench
