@@ -7,10 +7,10 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <ostream>
-#include <set>
 #include <sstream>
 #include <string_view>
 #include <utility>
@@ -36,11 +36,41 @@ inline std::ostream& operator<<(std::ostream& out, const Event& event) {
              << event.data.host() << " " << event.data.version();
 }
 
-/// Keeps every event, and fails the test as soon as one is illegal: per data centre and instance first added,
-/// then modified any number of times, then removed.
+using InstanceKey = std::pair<zr::String, ServiceId>;  ///< data centre and instance
+
+/// What an observer has been told is there.
+class AnnouncedInstances {
+ public:
+  /// False for an illegal event: per data centre and instance first added, then modified any number of times,
+  /// then removed.
+  bool Take(const Event& event) {
+    const InstanceKey key(event.dcName, event.id);
+    const bool legal = m_instances.contains(key) == (event.kind != EventKind::Added);
+    if (event.kind == EventKind::Removed) {
+      m_instances.erase(key);
+    } else {
+      m_instances[key] = event.data;
+    }
+    return legal;
+  }
+
+  const ServiceInstanceData* Find(const InstanceKey& key) const {
+    const auto found = m_instances.find(key);
+    return found == m_instances.end() ? nullptr : &found->second;
+  }
+  const std::map<InstanceKey, ServiceInstanceData>& All() const { return m_instances; }
+
+  void Forget(const zr::String& dcName) {
+    std::erase_if(m_instances, [&](const auto& entry) { return entry.first.first == dcName; });
+  }
+
+ private:
+  std::map<InstanceKey, ServiceInstanceData> m_instances;
+};
+
+/// Keeps every event, and fails the test as soon as one is illegal.
 class RecordingObserver : public ServiceWatcherObserver {
  public:
-  using Key = std::pair<zr::String, ServiceId>;
   using EventList = std::vector<Event>;
   using Hook = std::function<void(ServiceWatcher&, const Event&)>;
 
@@ -117,20 +147,14 @@ class RecordingObserver : public ServiceWatcherObserver {
   /// A new watcher of the data centre tells everything anew.
   void StartOver(const zr::String& dcName) {
     const std::lock_guard lock(m_mtx);
-    std::erase_if(m_present, [&](const Key& key) { return key.first == dcName; });
+    m_announced.Forget(dcName);
   }
 
  private:
   void Record(ServiceWatcher& watcher, Event event) {
     if (m_hook) m_hook(watcher, event);
     const std::lock_guard lock(m_mtx);
-    const Key key(event.dcName, event.id);
-    EXPECT_EQ(m_present.contains(key), event.kind != EventKind::Added) << "illegal event: " << event;
-    if (event.kind == EventKind::Removed) {
-      m_present.erase(key);
-    } else {
-      m_present.insert(key);
-    }
+    EXPECT_TRUE(m_announced.Take(event)) << "illegal event: " << event;
     m_events.push_back(std::move(event));
     m_recorded.notify_all();
   }
@@ -138,8 +162,8 @@ class RecordingObserver : public ServiceWatcherObserver {
   const Hook m_hook;
   mutable std::mutex m_mtx;
   std::condition_variable m_recorded;
-  EventList m_events;       // guarded by m_mtx
-  std::set<Key> m_present;  // guarded by m_mtx: what the events so far leave there
+  EventList m_events;              // guarded by m_mtx
+  AnnouncedInstances m_announced;  // guarded by m_mtx
 };
 
 /// The codes that an error handler was given.

@@ -47,6 +47,13 @@ std::string EncodeInstance(const zr::messaging::halden::ServiceInstanceData& dat
   return node.SerializeAsString();
 }
 
+std::optional<zr::messaging::halden::ServiceInstanceData> DecodeInstance(const std::string& bytes) {
+  zr::messaging::halden::ZNodeData node;
+  zr::messaging::halden::ServiceInstanceData data;
+  if (!node.ParseFromString(bytes) || !data.ParseFromString(node.payload())) return std::nullopt;
+  return data.service_name().empty() ? std::nullopt : std::optional(std::move(data));
+}
+
 ZooKeeperClient::ZooKeeperClient(const std::string& hosts, std::string chroot, const clientid_t* session)
     : m_hosts(hosts), m_chroot(std::move(chroot)) {
   Open(session);

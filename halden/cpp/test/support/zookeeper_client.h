@@ -27,6 +27,8 @@ enum class NodeKind : std::uint8_t { Persistent, Ephemeral };
 
 /// The bytes of an instance's node, written without the library's own code.
 std::string EncodeInstance(const zr::messaging::halden::ServiceInstanceData& data);
+/// And back; nothing when they do not decode. Nodes too small to be worth compressing only.
+std::optional<zr::messaging::halden::ServiceInstanceData> DecodeInstance(const std::string& bytes);
 
 /// What others do to the ensemble while the library watches: a plain, waiting client on the C library, which
 /// shares no code with ours but the layout of the nodes.
