@@ -1,17 +1,14 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "support/zookeeper_server.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -22,6 +19,7 @@
 #include <utility>
 
 #include "support/await.h"
+#include "support/loopback.h"
 
 namespace zr::halden::test {
 
@@ -29,43 +27,15 @@ namespace {
 
 constexpr std::string_view kClassPath = "/usr/share/java/zookeeper.jar:/usr/share/java/slf4j-simple.jar";
 
-[[noreturn]] void Fail(const char* what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
-sockaddr_in Loopback(std::uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-/// Binds with SO_REUSEADDR, which the server sets too: both may then have the port, as only one listens.
-std::pair<int, std::uint16_t> HoldFreePort() {
-  const int holder = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (holder < 0) Fail("socket");
-  const int on = 1;
-  setsockopt(holder, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  sockaddr_in address = Loopback(0);
-  socklen_t length = sizeof address;
-  auto* const any = reinterpret_cast<sockaddr*>(&address);
-  if (bind(holder, any, length) != 0 || getsockname(holder, any, &length) != 0) {
-    close(holder);
-    Fail("bind to a free port");
-  }
-  return {holder, ntohs(address.sin_port)};
-}
-
-/// Whether the server at `port` says that it serves. A server that still loads may leave the question
-/// unanswered for ever, so the answer gets a limit.
-bool Serves(std::uint16_t port) {
+/// Asks the server at `port` how it does. One that still loads may leave the question unanswered for ever, so
+/// the answer gets a limit.
+std::string Ask(std::uint16_t port) {
   constexpr int limitMs = 250;
   constexpr std::string_view question = "srvr";
-  const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (probe < 0) return false;
-  const sockaddr_in address = Loopback(port);
   std::string answer;
+  const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (probe < 0) return answer;
+  const sockaddr_in address = Loopback(port);
   if (connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
       send(probe, question.data(), question.size(), MSG_NOSIGNAL) > 0) {
     std::array<char, 1024> buffer{};
@@ -76,7 +46,7 @@ bool Serves(std::uint16_t port) {
     }
   }
   close(probe);
-  return answer.find("Mode: ") != std::string::npos;
+  return answer;
 }
 
 /// Becomes the server, between fork and exec: only calls that are safe in a signal handler.
@@ -105,14 +75,24 @@ TemporaryFolder::~TemporaryFolder() {
   std::filesystem::remove_all(m_path, ignored);
 }
 
+/// Binds with SO_REUSEADDR, which the server sets too: both may then have the port, as only one listens.
+HeldPort::HeldPort() : m_holder(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  if (m_holder < 0) Fail("socket");
+  const int on = 1;
+  setsockopt(m_holder, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  m_number = BindToFreePort(m_holder);
+}
+
+HeldPort::~HeldPort() {
+  close(m_holder);
+}
+
 ZooKeeperServer::ZooKeeperServer(ZooKeeperServerOptions options) : m_options(std::move(options)) {
-  std::tie(m_portHolder, m_port) = HoldFreePort();
   WriteConfig();
 }
 
 ZooKeeperServer::~ZooKeeperServer() {
   Kill();
-  close(m_portHolder);
 }
 
 void ZooKeeperServer::WriteConfig() const {
@@ -120,12 +100,17 @@ void ZooKeeperServer::WriteConfig() const {
   std::filesystem::create_directory(data);
   std::ofstream config(m_folder.Path() / "zoo.cfg");
   config << "tickTime=" << m_options.tickTime.count() << "\ndataDir=" << data.string()
-         << "\nclientPort=" << m_port << "\nclientPortAddress=127.0.0.1\nmaxClientCnxns=0\n";
+         << "\nclientPort=" << Port() << "\nclientPortAddress=127.0.0.1\nmaxClientCnxns=0\n";
   const auto writeTimeout = [&](const char* name, std::chrono::milliseconds value) {
     if (value.count() > 0) config << name << "=" << value.count() << "\n";
   };
   writeTimeout("minSessionTimeout", m_options.minSessionTimeout);
   writeTimeout("maxSessionTimeout", m_options.maxSessionTimeout);
+  if (m_options.id != 0) {
+    config << "initLimit=100\nsyncLimit=50\n";
+    for (const auto& line : m_options.quorum) config << line << "\n";
+    std::ofstream(data / "myid") << m_options.id << "\n";
+  }
   if (!config.flush()) throw std::runtime_error("cannot write the server's configuration");
 }
 
@@ -139,8 +124,9 @@ void ZooKeeperServer::Launch() {
                                     "-Dzookeeper.admin.enableServer=false",
                                     "-Dorg.slf4j.simpleLogger.defaultLogLevel=warn"};
   for (const auto& property : m_options.properties) words.push_back("-D" + property);
-  words.insert(words.end(), {"-cp", std::string(kClassPath),
-                             "org.apache.zookeeper.server.ZooKeeperServerMain", m_folder.Path() / "zoo.cfg"});
+  const std::string main = m_options.id == 0 ? "ZooKeeperServerMain" : "quorum.QuorumPeerMain";
+  words.insert(words.end(), {"-cp", std::string(kClassPath), "org.apache.zookeeper.server." + main,
+                             m_folder.Path() / "zoo.cfg"});
   std::vector<char*> arguments;
   for (auto& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
@@ -162,10 +148,10 @@ void ZooKeeperServer::Start() {
 
 void ZooKeeperServer::AwaitReady() {
   bool ended = false;
-  const bool done = Poll(kLimit, [&] { return (ended = ProcessEnded()) || Serves(m_port); });
+  const bool done = Poll(kLimit, [&] { return (ended = ProcessEnded()) || !Mode().empty(); });
   if (ended || !done) {
     Kill();
-    throw std::runtime_error(std::string("the ZooKeeper server on port ") + std::to_string(m_port) +
+    throw std::runtime_error(std::string("the ZooKeeper server on port ") + std::to_string(Port()) +
                              (ended ? " ended at once" : " did not become ready") + "; its log:\n" +
                              LogEnd());
   }
@@ -200,6 +186,22 @@ void ZooKeeperServer::Restart() {
   Start();
 }
 
+void ZooKeeperServer::RestartEmpty() {
+  Kill();
+  std::filesystem::remove_all(m_folder.Path() / "data");
+  WriteConfig();
+  Start();
+}
+
+std::string ZooKeeperServer::Mode() const {
+  constexpr std::string_view label = "Mode: ";
+  const std::string answer = Ask(Port());
+  const auto found = answer.find(label);
+  if (found == std::string::npos) return {};
+  const auto begin = found + label.size();
+  return answer.substr(begin, answer.find('\n', begin) - begin);
+}
+
 void ZooKeeperServer::Pause() {
   if (!Running() || m_paused) return;
   kill(m_pid, SIGSTOP);
@@ -216,7 +218,7 @@ void ZooKeeperServer::Resume() {
 }
 
 std::string ZooKeeperServer::ConnectString(const std::string& chroot) const {
-  return "127.0.0.1:" + std::to_string(m_port) + chroot;
+  return "127.0.0.1:" + std::to_string(Port()) + chroot;
 }
 
 std::string ZooKeeperServer::LogEnd() const {

@@ -33,15 +33,35 @@ struct ZooKeeperServerOptions {
   std::chrono::milliseconds minSessionTimeout{0};
   std::chrono::milliseconds maxSessionTimeout{0};
   std::string heap = "64m";
+  /// Where it is one of several: its number, and "server.N=..." for each of them. None: a standalone server.
+  int id = 0;
+  std::vector<std::string> quorum;
   /// More system properties, each as "name=value", for example "zookeeper.nio.numWorkerThreads=0".
   std::vector<std::string> properties;
 };
 
-/// A real standalone server in a process of its own, on loopback.
+/// A loopback port that is free when it is taken and stays its owner's while nobody listens there: a bound
+/// socket that never listens holds it, so that neither another program nor a client's outgoing connection gets
+/// it meanwhile.
+class HeldPort {
+ public:
+  HeldPort();
+  ~HeldPort();
+
+  HeldPort(const HeldPort&) = delete;
+  HeldPort& operator=(const HeldPort&) = delete;
+
+  std::uint16_t Number() const { return m_number; }
+
+ private:
+  int m_holder = -1;
+  std::uint16_t m_number = 0;
+};
+
+/// A real server in a process of its own, on loopback: standalone, or one of a ZooKeeperEnsemble.
 ///
-/// Its port is free when it is made and stays its own, also while the server is down: a bound socket that
-/// never listens holds it, so that neither another program nor a client's outgoing connection gets it
-/// meanwhile. Data survives Stop, Kill and Restart, and goes with the object.
+/// Its port stays its own, also while the server is down. Data survives Stop, Kill and Restart, and goes with
+/// the object.
 ///
 /// Threads: one thread, which must live as long as the server is to: the process is killed when the thread
 /// that started it ends, so that no test, however it ends, leaves a server behind.
@@ -62,12 +82,16 @@ class ZooKeeperServer {
   void Stop();     ///< in order: the server gets to write its data
   void Kill();     ///< at once, as a crash
   void Restart();  ///< Stop, then Start
+  /// Killed, and started as if it had never held anything.
+  void RestartEmpty();
 
   void Pause();  ///< the process freezes: connections stay open and nothing answers
   void Resume();
 
   bool Running() const { return m_pid > 0; }
-  std::uint16_t Port() const { return m_port; }
+  std::uint16_t Port() const { return m_port.Number(); }
+  /// "standalone", "leader", "follower"; empty while it does not serve.
+  std::string Mode() const;
 
   /// "127.0.0.1:<port><chroot>"
   std::string ConnectString(const std::string& chroot = {}) const;
@@ -80,8 +104,7 @@ class ZooKeeperServer {
 
   const ZooKeeperServerOptions m_options;
   const TemporaryFolder m_folder;
-  int m_portHolder = -1;  // the bound socket
-  std::uint16_t m_port = 0;
+  const HeldPort m_port;
   pid_t m_pid = 0;  // 0 while no process runs
   bool m_paused = false;
 };

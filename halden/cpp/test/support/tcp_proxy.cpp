@@ -1,0 +1,200 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "support/tcp_proxy.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "support/loopback.h"
+
+namespace zr::halden::test {
+
+namespace {
+
+constexpr std::size_t kMaxQueued = 1U << 20U;  // then the sender has to wait, as for a full window
+constexpr int kPauseMs = 2;                    // between looks at what is queued
+
+}  // namespace
+
+TcpProxy::TcpProxy(std::uint16_t target)
+    : m_target(target),
+      m_listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)),
+      m_wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  m_port = BindToFreePort(m_listener);
+  if (m_wakeUp < 0 || listen(m_listener, SOMAXCONN) != 0) Fail("listen");
+  m_thread = std::thread([this] { Run(); });
+}
+
+TcpProxy::~TcpProxy() {
+  Apply([this] { m_ending = true; });
+  m_thread.join();
+  close(m_listener);
+  close(m_wakeUp);
+}
+
+void TcpProxy::Cut() {
+  Apply([this] { m_cutAsked = true; });
+}
+
+void TcpProxy::Refuse() {
+  Apply([this] { m_asked.refuse = m_cutAsked = true; });
+}
+
+void TcpProxy::Accept() {
+  Apply([this] { m_asked.refuse = false; });
+}
+
+void TcpProxy::Delay(std::chrono::milliseconds each) {
+  Apply([this, each] { m_asked.delay = each; });
+}
+
+void TcpProxy::Throttle(std::size_t bytesPerSecond) {
+  Apply([this, bytesPerSecond] { m_asked.bytesPerSecond = bytesPerSecond; });
+}
+
+void TcpProxy::HalfOpen() {
+  Apply([this] { m_asked.swallow = true; });
+}
+
+void TcpProxy::Heal() {
+  Apply([this] { m_asked = {}; });
+}
+
+template <typename Change>
+void TcpProxy::Apply(const Change& change) {
+  std::unique_lock lock(m_mtx);
+  change();
+  const std::uint64_t mine = ++m_changesAsked;
+  eventfd_write(m_wakeUp, 1);
+  m_applied.wait(lock, [&] { return m_changesApplied >= mine; });
+}
+
+void TcpProxy::Run() {
+  do {
+    Await();
+  } while (TakeOver());
+}
+
+/// Puts in force what the verbs ask for, then moves what is there to move; false at the end.
+bool TcpProxy::TakeOver() {
+  eventfd_t ignored = 0;
+  eventfd_read(m_wakeUp, &ignored);
+  bool ending = false;
+  {
+    const std::lock_guard lock(m_mtx);
+    ending = m_ending;
+    const bool cut = std::exchange(m_cutAsked, false) || ending;
+    m_weather = m_asked;
+    std::erase_if(m_links, [&](Link& link) {
+      if (!cut && (m_weather.swallow || !link.lost)) return false;
+      Reset(link);
+      return true;
+    });
+    m_changesApplied = m_changesAsked;
+    m_applied.notify_all();
+  }
+  TakeConnection();
+  std::erase_if(m_links, [this](Link& link) { return !Forward(link); });
+  return !ending;
+}
+
+/// Until there is something to do.
+void TcpProxy::Await() {
+  std::vector<pollfd> sockets{{m_wakeUp, POLLIN, 0}, {m_listener, POLLIN, 0}};
+  bool queued = false;
+  for (const Link& link : m_links) {
+    for (std::size_t i = 0; i < 2; ++i) {
+      const bool full = link.ends[1 - i].incomingBytes >= kMaxQueued && !m_weather.swallow;
+      sockets.push_back({full ? -1 : link.ends[i].socket, POLLIN, 0});
+      queued = queued || link.ends[i].incomingBytes != 0;
+    }
+  }
+  poll(sockets.data(), sockets.size(), queued && !m_weather.swallow ? kPauseMs : -1);
+}
+
+void TcpProxy::TakeConnection() {
+  Link link;
+  link.ends[0].socket = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+  if (link.ends[0].socket < 0) return;
+  if (m_weather.refuse) return Reset(link);
+  link.ends[1].socket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const sockaddr_in address = Loopback(m_target);
+  // Does not wait, for a frozen server's sake; a failure shows at the first use.
+  if (connect(link.ends[1].socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
+      errno != EINPROGRESS) {
+    return Reset(link);
+  }
+  m_links.push_back(std::move(link));
+}
+
+/// False when the link has come to its end.
+bool TcpProxy::Forward(Link& link) {
+  auto& [client, server] = link.ends;
+  bool good = Receive(link, 0) && Receive(link, 1);
+  if (good && m_weather.swallow) return true;
+  good = good && Send(client) && Send(server);
+  // What was sent before an end still arrives; what comes the other way has nowhere to go.
+  const auto isIdle = [](const End& end) { return end.socket < 0 || end.incomingBytes == 0; };
+  if (good && (client.socket >= 0 || !isIdle(server)) && (server.socket >= 0 || !isIdle(client))) return true;
+  good ? Close(link) : Reset(link);
+  return false;
+}
+
+/// Takes what has come from one end on its way to the other; false after an error.
+bool TcpProxy::Receive(Link& link, std::size_t from) {
+  End& end = link.ends[from];
+  End& other = link.ends[1 - from];
+  std::array<char, 16384> buffer{};
+  while (end.socket >= 0 && (m_weather.swallow || other.incomingBytes < kMaxQueued)) {
+    const ssize_t got = recv(end.socket, buffer.data(), buffer.size(), 0);
+    if (got < 0) return errno == EAGAIN || errno == EINTR;
+    if (got == 0) close(std::exchange(end.socket, -1));
+    if (m_weather.swallow) {
+      link.lost = true;
+    } else if (got > 0) {
+      const auto size = static_cast<std::size_t>(got);
+      other.incoming.push_back({Clock::now() + m_weather.delay, std::string(buffer.data(), size)});
+      other.incomingBytes += size;
+    }
+  }
+  return true;
+}
+
+/// Sends what is due and what the throttle lets pass; false after an error.
+bool TcpProxy::Send(End& end) {
+  const auto now = Clock::now();
+  const auto rate = static_cast<double>(m_weather.bytesPerSecond);
+  const double passed = std::chrono::duration<double>(now - std::exchange(end.allowedAt, now)).count();
+  end.allowance = std::min(end.allowance + rate * passed, rate / 10);
+  while (end.socket >= 0 && !end.incoming.empty() && end.incoming.front().due <= now) {
+    std::string& bytes = end.incoming.front().bytes;
+    const auto size =
+        rate == 0 ? bytes.size() : std::min(bytes.size(), static_cast<std::size_t>(end.allowance));
+    if (size == 0) return true;
+    const ssize_t sent = send(end.socket, bytes.data(), size, MSG_NOSIGNAL);
+    if (sent < 0) return errno == EAGAIN || errno == EINTR || errno == ENOTCONN;
+    end.allowance -= static_cast<double>(sent);
+    end.incomingBytes -= static_cast<std::size_t>(sent);
+    bytes.erase(0, static_cast<std::size_t>(sent));
+    if (bytes.empty()) end.incoming.pop_front();
+  }
+  return true;
+}
+
+void TcpProxy::Reset(Link& link) {
+  const linger atOnce{1, 0};
+  for (const End& end : link.ends) setsockopt(end.socket, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+  Close(link);
+}
+
+void TcpProxy::Close(Link& link) {
+  for (End& end : link.ends) {
+    if (end.socket >= 0) close(std::exchange(end.socket, -1));
+  }
+}
+
+}  // namespace zr::halden::test
