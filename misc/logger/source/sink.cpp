@@ -1,141 +1,159 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "logger/sink.h"
 
-#include <spdlog/logger.h>
-#include <spdlog/sinks/stdout_color_sinks.h>
-
-#include <array>
-#include <chrono>
-#include <functional>
-#include <map>
+#include <algorithm>
+#include <ios>
+#include <memory>
 #include <mutex>
-#include <thread>
 #include <utility>
+
+#include "line_queue.h"
 
 namespace zr::logging {
 
-std::atomic<LogLevel> g_minLogLevel{ZRLOG_WARNING};
-bool g_toggleableDebugControl = false;
-const int g_defaultConfigFlags = 95;
-
 namespace {
 
-using HandlerMap = std::map<zr::String, Handler>;
+struct Entry {
+  Entry(Handler function, LogLevel least) : handler(std::move(function)), level(least) {}
 
-/// The handlers, as an immutable map that a statement takes a reference to: handlers run with no lock held,
-/// so one may change the handlers itself.
+  const Handler handler;
+  std::shared_ptr<details::LineQueue> queue;  // constant once a statement can find it; null: none
+  std::atomic<LogLevel> level;
+  std::atomic<std::uint64_t> written{0};
+  std::atomic<std::uint64_t> lost{0};
+  std::atomic<std::uint64_t> dropped{0};
+};
+
+using Entries = std::map<zr::String, std::shared_ptr<Entry>>;
+
+/// The handlers are an immutable map that a statement takes a reference to: they run with no lock held.
 struct Sink {
   std::mutex mtx;
-  std::shared_ptr<const HandlerMap> handlers;  // guarded by mtx
-  std::atomic<std::uint64_t> lostLines{0};
+  std::shared_ptr<const Entries> entries;  // guarded by mtx
+  std::atomic<std::uint64_t> lost{0};
+  std::atomic<std::uint64_t> forUnknown{0};
 
-  Sink() : handlers(std::make_shared<HandlerMap>(HandlerMap{{"stderr", MakeStderrHandler()}})) {}
+  Sink()
+      : entries(std::make_shared<Entries>(
+            Entries{{"stderr", std::make_shared<Entry>(MakeStderrHandler(), ZRLOG_DEBUG)}})) {}
 
-  std::shared_ptr<const HandlerMap> Handlers() {
+  std::shared_ptr<const Entries> All() {
     const std::lock_guard lock(mtx);
-    return handlers;
+    return entries;
   }
 };
 
-/// Never destroyed: threads that outlive main() may still log.
+/// Never destroyed: threads that outlive main() and static objects may still log.
 Sink& TheSink() {
   static auto* const sink = new Sink;
   return *sink;
 }
 
-struct LevelName {
-  LogLevel level;
-  std::string_view name;
-};
+/// The handler that runs on this thread now, and how many are between it and the statement that began it,
+/// those on other threads included.
+thread_local const Entry* t_running = nullptr;
+thread_local int t_depth = 0;
 
-constexpr std::array<LevelName, 9> kLevelNames{{{ZRLOG_DEBUG, "debug"},
-                                                {ZRLOG_INFO, "info"},
-                                                {ZRLOG_INFO_LOCAL, "info_local"},
-                                                {ZRLOG_INFO_SEARCH, "info_search"},
-                                                {ZRLOG_WARNING, "warning"},
-                                                {ZRLOG_ERROR, "error"},
-                                                {ZRLOG_ALERT, "alert"},
-                                                {ZRLOG_CRITICAL, "critical"},
-                                                {ZRLOG_WALL, "off"}}};
-
-spdlog::level::level_enum ToSpdlog(LogLevel level) {
-  if (level >= ZRLOG_CRITICAL) return spdlog::level::critical;
-  if (level >= ZRLOG_ERROR) return spdlog::level::err;
-  if (level >= ZRLOG_WARNING) return spdlog::level::warn;
-  return level >= ZRLOG_INFO ? spdlog::level::info : spdlog::level::debug;
+void Deliver(Entry& entry, const LogRecord& record, int depth) noexcept {
+  const Entry* const outer = std::exchange(t_running, &entry);
+  const int outerDepth = std::exchange(t_depth, depth + 1);
+  try {
+    entry.handler(record);
+    entry.written.fetch_add(1, std::memory_order_relaxed);
+  } catch (...) {
+    entry.lost.fetch_add(1, std::memory_order_relaxed);
+    TheSink().lost.fetch_add(1, std::memory_order_relaxed);
+  }
+  t_running = outer;
+  t_depth = outerDepth;
 }
 
-LogRecord MakeRecord(LogLevel level, unsigned int id, DecodeType decodeType, const ConstSourcePtr& source,
-                     const char* file, int line, const zr::String& msg) {
-  timespec now{};
-  timespec_get(&now, TIME_UTC);
-  const auto thread = std::hash<std::thread::id>()(std::this_thread::get_id());
-  return LogRecord{level, id, decodeType, source, file, line, msg, now, thread, {}};
+void HandOver(Entry& entry, const LogRecord& record) {
+  constexpr int maxDepth = 2;
+  if (record.level < entry.level.load(std::memory_order_relaxed)) return;
+  const bool isEcho = &entry == t_running || t_depth >= maxDepth;
+  if (isEcho || (entry.queue != nullptr && !entry.queue->Push(record, t_depth))) {
+    entry.dropped.fetch_add(1, std::memory_order_relaxed);
+  } else if (entry.queue == nullptr) {
+    Deliver(entry, record, t_depth);
+  }
 }
 
-void Replace(const zr::String& name, Handler* handler) {
+void Replace(const zr::String& name, std::shared_ptr<Entry> entry) {
   Sink& sink = TheSink();
-  std::shared_ptr<const HandlerMap> old;  // released after the lock: a handler's destructor is foreign code
-  const std::lock_guard lock(sink.mtx);
-  auto changed = std::make_shared<HandlerMap>(*sink.handlers);
-  changed->erase(name);
-  if (handler != nullptr) changed->emplace(name, std::move(*handler));
-  old = std::exchange(sink.handlers, std::move(changed));
+  std::shared_ptr<const Entries> before;  // released after the lock: a handler's destructor is foreign code
+  {
+    const std::lock_guard lock(sink.mtx);
+    auto changed = std::make_shared<Entries>(*sink.entries);
+    changed->erase(name);
+    if (entry != nullptr) changed->emplace(name, std::move(entry));
+    before = std::exchange(sink.entries, std::move(changed));
+  }
+  const auto old = before->find(name);
+  if (old != before->end() && old->second->queue != nullptr) old->second->queue->Close();
+}
+
+/// The statement that is being completed still has its text and its formatting in the thread's stream; one
+/// that a handler makes on this thread must not begin with them.
+void CleanStream() {
+  constexpr std::streamsize defaultPrecision = 6;
+  IPStringStream& stream = GetThreadLocalStream();
+  Reset(stream, Logger::kKeepStreamBytes);
+  stream.flags(std::ios_base::dec | std::ios_base::skipws);
+  stream.precision(defaultPrecision);
+  stream.width(0);
 }
 
 }  // namespace
 
-void SetMinimumLoggingLevel(LogLevel level) {
-  g_minLogLevel.store(level);
-}
-
-std::optional<LogLevel> ParseLogLevel(std::string_view text) {
-  for (const auto& entry : kLevelNames) {
-    if (entry.name == text) return entry.level;
+void SetHandler(const zr::String& name, Handler handler, const HandlerOptions& options) {
+  auto entry = std::make_shared<Entry>(std::move(handler), options.level);
+  if (options.queueLines != 0) {
+    const auto deliver = [entry](const LogRecord& record, int depth) { Deliver(*entry, record, depth); };
+    entry->queue = details::LineQueue::Start(options.queueLines, deliver);
   }
-  return std::nullopt;
-}
-
-std::string_view LogLevelName(LogLevel level) {
-  for (const auto& entry : kLevelNames) {
-    if (entry.level == level) return entry.name;
-  }
-  return "unknown";
-}
-
-void SetHandler(const zr::String& name, Handler handler) {
-  Replace(name, &handler);
+  Replace(name, std::move(entry));
 }
 
 void RemoveHandler(const zr::String& name) {
   Replace(name, nullptr);
 }
 
-Handler MakeStderrHandler() {
-  auto console = std::make_shared<spdlog::sinks::stderr_color_sink_mt>();
-  console->set_pattern("%Y-%m-%dT%H:%M:%S.%f%z %^%l%$ [%n] %v (%s:%#)");
-  return [console](const LogRecord& record) {
-    const std::string source = SourcePath(record.source);
-    const spdlog::source_loc place(record.file, record.line, "");
-    const auto since =
-        std::chrono::seconds(record.logTime.tv_sec) + std::chrono::nanoseconds(record.logTime.tv_nsec);
-    const spdlog::log_clock::time_point time(std::chrono::duration_cast<spdlog::log_clock::duration>(since));
-    console->log(spdlog::details::log_msg(time, place, source, ToSpdlog(record.level), record.msg));
-  };
+bool SetHandlerLevel(const zr::String& name, LogLevel level) {
+  const auto entries = TheSink().All();
+  const auto entry = entries->find(name);
+  if (entry == entries->end()) return false;
+  entry->second->level.store(level, std::memory_order_relaxed);
+  return true;
+}
+
+std::map<zr::String, HandlerCounters> GetHandlerCounters() {
+  std::map<zr::String, HandlerCounters> counters;
+  const auto entries = TheSink().All();
+  for (const auto& [name, entry] : *entries) {
+    counters[name] = {entry->written.load(), entry->lost.load(), entry->dropped.load()};
+  }
+  return counters;
 }
 
 std::uint64_t LostLines() {
-  return TheSink().lostLines.load();
+  return TheSink().lost.load();
 }
 
-zr::String SourcePath(const ConstSourcePtr& source) {
-  if (source == nullptr) return "-";
-  zr::String path;
-  for (ConstSourcePtr node = source->Reverse(); node != nullptr; node = node->Parent()) {
-    if (!path.empty()) path += '.';
-    path += node->Name();
+std::uint64_t LinesForUnknownHandlers() {
+  return TheSink().forUnknown.load();
+}
+
+bool Flush(std::chrono::milliseconds timeout) {
+  if (t_depth > 0) return false;
+  constexpr std::chrono::milliseconds longest = std::chrono::hours(24);  // more could overflow the clock
+  const auto deadline = std::chrono::steady_clock::now() + std::min(timeout, longest);
+  bool all = true;
+  const auto entries = TheSink().All();
+  for (const auto& [name, entry] : *entries) {
+    if (entry->queue != nullptr && !entry->queue->AwaitDelivered(deadline)) all = false;
   }
-  return path;
+  return all;
 }
 
 /// Handlers lock for themselves, each only for its own output; nothing is to be taken across a statement.
@@ -143,20 +161,26 @@ void ForceLockHandlers() {}
 
 void LogMessage(LogLevel level, unsigned int id, DecodeType decodeType, const ConstSourcePtr& source,
                 const char* file, int line, const zr::String& msg, const zr::String& handlerName) try {
-  const LogRecord record = MakeRecord(level, id, decodeType, source, file, line, msg);
-  const auto handlers = TheSink().Handlers();
-  // A name that no handler has must not lose the line: it then goes to all of them.
-  const bool toOne = !handlerName.empty() && handlers->count(handlerName) != 0;
-  for (const auto& [name, handler] : *handlers) {
-    if (toOne && name != handlerName) continue;
-    try {
-      handler(record);
-    } catch (...) {
-      TheSink().lostLines.fetch_add(1);
-    }
-  }
+  timespec now{};
+  timespec_get(&now, TIME_UTC);
+  const LogRecord record{level,
+                         id,
+                         decodeType,
+                         source,
+                         file == nullptr ? "" : file,
+                         line,
+                         msg,
+                         now,
+                         static_cast<std::size_t>(gettid()),
+                         {}};
+  CleanStream();
+  const auto entries = TheSink().All();
+  const auto named = handlerName.empty() ? entries->end() : entries->find(handlerName);
+  if (named != entries->end()) return HandOver(*named->second, record);
+  if (!handlerName.empty()) TheSink().forUnknown.fetch_add(1, std::memory_order_relaxed);
+  for (const auto& [name, entry] : *entries) HandOver(*entry, record);
 } catch (...) {  // called in a destructor: nothing may leave
-  TheSink().lostLines.fetch_add(1);
+  TheSink().lost.fetch_add(1);
 }
 
 }  // namespace zr::logging

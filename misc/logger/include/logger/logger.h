@@ -149,9 +149,10 @@ class Logger {
 
   std::ostream& Stream() { return m_stream; }
 
- private:
+  /// A stream that has grown past it gives its buffer back.
   static constexpr std::size_t kKeepStreamBytes = 64UL * 1024;
 
+ private:
   LogLevel m_level;
   unsigned int m_id;
   DecodeType m_decodeType;
