@@ -116,10 +116,20 @@ inline LogLevel GetMinimumLoggingLevel() {
   return g_minLogLevel.load();
 }
 
-/// The calling thread's log stream: made at the thread's first statement, empty between statements.
+/// The calling thread's log stream: made at the thread's first statement, empty between statements, and
+/// gone with the thread. Static objects that log in their destructors come after that on the main thread:
+/// they get another one, which is never destroyed.
 inline IPStringStream& GetThreadLocalStream() {
-  static thread_local IPStringStream stream;
-  return stream;
+  static thread_local IPStringStream* stream = nullptr;
+  if (stream == nullptr) {
+    stream = new IPStringStream;
+    struct Owner {
+      ~Owner() { delete std::exchange(stream, nullptr); }
+    };
+    static thread_local const Owner owner;  // made once: the stream after it has none
+    static_cast<void>(owner);
+  }
+  return *stream;
 }
 
 /// One statement; used only as the temporary that the macros below make.

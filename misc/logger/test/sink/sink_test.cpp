@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <future>
 #include <iomanip>
 #include <memory>
@@ -150,6 +151,20 @@ TEST_F(Sink, AHandlerThatRemovesItselfWritesWhatWaitsAndThenEnds) {
   opened.set_value();
   EXPECT_EQ(ended.get_future().wait_for(10s), std::future_status::ready);
   EXPECT_THAT(Texts("c"), ElementsAre("1", "2", "3"));
+}
+
+struct LogsWhenDestroyed {
+  ~LogsWhenDestroyed() { ZRLOG(ZRLOG_ERROR, nullptr) << "key=" << 16; }
+};
+
+TEST_F(Sink, StaticObjectsMayLogAfterTheMainThreadsOwnStreamIsGone) {
+  const auto end = [] {
+    static const LogsWhenDestroyed last;
+    SetHandler("c", MakeStderrHandler());
+    ZRLOG_TO(ZRLOG_ERROR, nullptr, "a") << std::hex << "makes the stream";
+    std::exit(0);
+  };
+  EXPECT_EXIT(end(), ::testing::ExitedWithCode(0), "error [0-9]+ \\[-\\] key=16 \\(sink_test");
 }
 
 }  // namespace
