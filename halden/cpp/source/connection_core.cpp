@@ -276,11 +276,9 @@ void ConnectionCore::OnSession(std::uint64_t epoch, int state) {
     OnLost();
   } else if (state == ZOO_EXPIRED_SESSION_STATE) {
     const bool established = m_session.client_id != 0;
-    SetError(ZSESSIONEXPIRED, "session expired");
     OnSessionOver(ZSESSIONEXPIRED, ConnectionState::Expired);
     established ? Open() : OpenLater();  // a session that was dead before it began could be so again
   } else if (state == ZOO_AUTH_FAILED_STATE) {
-    SetError(ZAUTHFAILED, "authentication failed");
     OnSessionOver(ZAUTHFAILED, ConnectionState::AuthFailed);
     OpenLater();
   }
