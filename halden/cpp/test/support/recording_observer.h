@@ -177,9 +177,10 @@ class ErrorCodes {
     };
   }
 
+  /// Waits for the code to be given, anew for each call.
   ::testing::AssertionResult Await(int code) const {
     std::unique_lock lock(m_seen->mtx);
-    const auto has = [&] { return std::count(m_seen->codes.begin(), m_seen->codes.end(), code) > 0; };
+    const auto has = [&] { return std::erase(m_seen->codes, code) > 0; };
     if (m_seen->added.wait_for(lock, kLimit, has)) return ::testing::AssertionSuccess();
     auto failure = ::testing::AssertionFailure() << "the error handler never heard " << code << "; instead:";
     for (const int other : m_seen->codes) failure << " " << other;

@@ -128,6 +128,11 @@ void ZooKeeperClient::Set(const std::string& path, const std::string& data) {
   });
 }
 
+void ZooKeeperClient::SetAcl(const std::string& path, const ACL_vector& acl) {
+  Run("set the ACL of", m_chroot + path, {},
+      [&](zhandle_t* handle, const char* node) { return zoo_set_acl(handle, node, -1, &acl); });
+}
+
 void ZooKeeperClient::Delete(const std::string& path) {
   const auto remove = [](zhandle_t* handle, const char* node) { return zoo_delete(handle, node, -1); };
   const bool deleted = Poll(kLimit, [&] {

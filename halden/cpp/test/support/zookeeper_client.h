@@ -50,6 +50,7 @@ class ZooKeeperClient {
   bool Create(const std::string& path, const std::string& data = {}, NodeKind kind = NodeKind::Persistent,
               const ACL_vector& acl = ZOO_OPEN_ACL_UNSAFE);
   void Set(const std::string& path, const std::string& data);
+  void SetAcl(const std::string& path, const ACL_vector& acl);
   /// Deletes the node and all below it, where there is anything.
   void Delete(const std::string& path);
 
