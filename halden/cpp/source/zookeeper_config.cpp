@@ -4,16 +4,13 @@
 #include <toml++/toml.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <cstddef>
-#include <filesystem>
-#include <fstream>
-#include <numeric>
+#include <map>
+#include <optional>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
+#include "config_text.h"
 #include "connect_string.h"
 #include "logger/logger.h"
 #include "zrstl/sstream.h"
@@ -22,7 +19,11 @@ namespace zr::halden {
 
 namespace {
 
-constexpr std::size_t kMaxFileBytes = 10UL * 1024 * 1024;
+using details::Printable;
+using details::Quoted;
+
+// What a person can act on, of a file that is something else altogether.
+constexpr std::size_t kMaxListed = 100;
 constexpr std::string_view kDataCenters = "data_centers";
 constexpr std::string_view kEntryForm = "name = \"host:port[,host:port...][/chroot]\"";
 
@@ -34,103 +35,10 @@ const zr::logging::ConstSourcePtr& ConfigLog() {
   return source;
 }
 
-/// On one line whatever `text` holds.
-zr::String Printable(std::string_view text) {
-  constexpr std::string_view digits = "0123456789abcdef";
-  zr::String printable;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte != 0x7F) {
-      printable += c;
-    } else {
-      printable += {'\\', 'x', digits[byte >> 4U], digits[byte & 0xFU]};
-    }
-  }
-  return printable;
-}
-
-zr::String Quoted(std::string_view text) {
-  return '"' + Printable(text) + '"';
-}
-
-zr::String SystemError() {
-  return std::error_code(errno, std::generic_category()).message();
-}
-
-/// The file's bytes in `text`; returns what is wrong, empty for nothing. Reads whatever can be read, a pipe
-/// too.
-zr::String ReadFile(const std::string& path, std::string& text) {
-  std::error_code ignored;
-  if (std::filesystem::is_directory(path, ignored)) return "is a directory: expected a file";
-  errno = 0;
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return "cannot be opened: " + SystemError();
-  std::array<char, 16UL * 1024> block{};
-  do {
-    file.read(block.data(), block.size());
-    text.append(block.data(), static_cast<std::size_t>(file.gcount()));
-    if (text.size() > kMaxFileBytes) return "too large: expected at most 10 MiB";
-  } while (file);
-  return file.bad() ? "cannot be read: " + SystemError() : zr::String();
-}
-
-/// Past the string that begins with the quote at `pos`.
-std::size_t SkipString(std::string_view text, std::size_t pos) {
-  const char quote = text[pos];
-  const zr::String triple(3, quote);
-  const bool isLong = text.substr(pos, 3) == triple;
-  const std::string_view end = isLong ? std::string_view(triple) : std::string_view(triple).substr(0, 1);
-  pos += end.size();
-  while (pos < text.size() && text.substr(pos, end.size()) != end) {
-    if (text[pos] == '\n' && !isLong) return pos;
-    pos += text[pos] == '\\' && quote == '"' ? 2U : 1U;
-  }
-  pos += end.size();
-  // One or two quotes before the three that end it are text.
-  for (int extra = 0; isLong && extra < 2 && pos < text.size() && text[pos] == quote; ++extra) ++pos;
-  return std::min(pos, text.size());
-}
-
-/// Where `text` has a key of too many parts. "a.a.a..." makes as many nested tables, which the parser does
-/// not limit (as it does nested values) and frees recursively: a long enough key would overflow the stack.
-std::size_t FindOverlongKey(std::string_view text) {
-  constexpr int maxDots = 15;
-  int dots = 0;
-  for (std::size_t pos = 0; pos < text.size();) {
-    const char c = text[pos];
-    if (c == '"' || c == '\'') {
-      pos = SkipString(text, pos);
-      continue;
-    }
-    if (c == '#') {
-      pos = std::min(text.find('\n', pos), text.size());
-      continue;
-    }
-    if (c == '.' && ++dots > maxDots) return pos;
-    if (c == '\n' || c == '=' || c == ',' || c == '[' || c == '{') dots = 0;
-    ++pos;
-  }
-  return std::string_view::npos;
-}
-
-/// How many characters to insert, remove or replace to get from one text to the other.
-std::size_t EditDistance(std::string_view from, std::string_view to) {
-  std::vector<std::size_t> row(to.size() + 1);
-  std::iota(row.begin(), row.end(), 0);
-  for (std::size_t i = 0; i < from.size(); ++i) {
-    std::size_t diagonal = std::exchange(row[0], i + 1);
-    for (std::size_t j = 0; j < to.size(); ++j) {
-      const std::size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
-      diagonal = row[j + 1];
-      row[j + 1] = std::min({replaced, diagonal + 1, row[j] + 1});
-    }
-  }
-  return row.back();
-}
-
-bool IsNearly(std::string_view key, std::string_view known) {
-  constexpr std::size_t closeEnough = 3;
-  return key.size() <= known.size() + closeEnough && EditDistance(key, known) <= closeEnough;
+zr::String Spelled(const toml::source_position& place) {
+  zr::StringStream text;
+  text << "line " << place.line << ", column " << place.column;
+  return Finish(text);
 }
 
 bool HasControlCharacter(std::string_view name) {
@@ -180,14 +88,46 @@ class Cursor {
   Place m_place{1, 1};
 };
 
+/// The key of `table` that a line with the one key of `line` gives again; null for none.
+const toml::key* FindRepeated(const toml::table& table, const toml::table& line) {
+  const auto& [key, node] = *line.begin();
+  const auto found = table.find(key.str());
+  if (found == table.end()) return nullptr;
+  const auto* below = node.as_table();
+  const auto* belowFound = found->second.as_table();
+  if (below == nullptr || below->empty() || belowFound == nullptr) return &found->first;
+  return FindRepeated(*belowFound, *below);
+}
+
+/// Into `last`, if it is of a later header: the last table in `table` that has a header.
+void FindLastHeader(const toml::table& table, const toml::table*& last) {
+  for (const auto& [key, node] : table) {
+    const auto* below = node.as_table();
+    if (below == nullptr || below->is_inline()) continue;
+    // A header's bracket stands before its key; a table that a key with dots makes begins with the key.
+    const auto begin = below->source().begin;
+    const bool hasHeader = begin < key.source().begin;
+    if (hasHeader && (last == nullptr || last->source().begin < begin)) last = below;
+    FindLastHeader(*below, last);
+  }
+}
+
+std::optional<toml::table> TryParse(std::string_view text) {
+  try {
+    return toml::parse(text);
+  } catch (const toml::parse_error&) {
+    return std::nullopt;
+  }
+}
+
 class Reader {
  public:
   explicit Reader(const std::string& path) : m_path(path) {}
 
   ZooKeeperConfig Read() {
-    if (auto error = ReadFile(m_path, m_text); !error.empty()) {
+    if (auto error = details::ReadFile(m_path, m_text); !error.empty()) {
       AddFault({}, std::move(error));
-    } else if (const auto key = FindOverlongKey(m_text); key != std::string_view::npos) {
+    } else if (const auto key = details::FindOverlongKey(m_text); key != std::string_view::npos) {
       AddFault(Cursor(m_text).PlaceOf(key), "key of more than 16 parts: expected fewer dots");
     } else {
       Parse();
@@ -197,6 +137,20 @@ class Reader {
 
  private:
   void AddFault(const Place& place, zr::String message) {
+    Add(m_config.faults, "faults", place, std::move(message));
+  }
+
+  void Add(std::vector<ConfigFault>& list, const char* what, const Place& place, zr::String message) const {
+    if (list.size() == kMaxListed) {
+      message = "more than " + std::to_string(kMaxListed) + ' ' + what + ": the others are not listed";
+    }
+    if (list.size() <= kMaxListed) {
+      list.push_back({m_path, place.line, place.column, std::move(message)});
+    }
+  }
+
+  /// The fault that ended the reading is listed behind however many others.
+  void AddLastFault(const Place& place, zr::String message) {
     m_config.faults.push_back({m_path, place.line, place.column, std::move(message)});
   }
 
@@ -204,23 +158,59 @@ class Reader {
     try {
       ReadRoot(toml::parse(std::string_view(m_text), m_path));
     } catch (const toml::parse_error& e) {
-      AddFault(e.source().begin, "not valid TOML: " + Printable(e.description()));
+      ReadBefore(e);
     }
+  }
+
+  /// The parser gives nothing with a syntax error; the lines before the error's are good even so.
+  void ReadBefore(const toml::parse_error& error) {
+    const Place place = error.source().begin;
+    const auto fromLine = Cursor(m_text).From({place.line, 1});
+    const auto before = std::string_view(m_text).substr(0, m_text.size() - fromLine.size());
+    const auto good = TryParse(before);  // nothing where the error's cause stands on an earlier line
+    m_isCutOff = true;
+    if (good) ReadRoot(*good);
+    if (!good || !AddRepeated(error, *good, fromLine)) {
+      AddLastFault(place,
+                   "not valid TOML, and not read from this line on: " + Printable(error.description()));
+    }
+  }
+
+  /// The fault, if it is that the line at the front of `text` gives a key again.
+  bool AddRepeated(const toml::parse_error& error, const toml::table& good, std::string_view text) {
+    if (error.description().find("redefine") == std::string_view::npos) return false;
+    const Place place = error.source().begin;
+    const auto line = text.substr(0, text.find('\n'));
+    auto key = TryParse(zr::String(line.substr(0, line.find('='))) + "=0");
+    const bool isHeader = !key;
+    if (isHeader) key = TryParse(line);
+    if (!key || key->empty()) return false;
+    const toml::table* last = nullptr;
+    if (!isHeader) FindLastHeader(good, last);
+    const auto* first = FindRepeated(last == nullptr ? good : *last, *key);
+    if (first == nullptr) return false;
+    AddLastFault({place.line, key->begin()->first.source().begin.column},
+                 Quoted(first->str()) +
+                     " is given again, and the file not read from this line on: expected once, it is in " +
+                     Spelled(first->source().begin));
+    const auto* entries = good[kDataCenters].as_table();
+    const bool isEntry = entries != nullptr && entries->find(first->str()) != entries->end() &&
+                         &entries->find(first->str())->first == first;
+    if (isEntry) m_config.ensembles.erase(zr::String(first->str()));  // which of the two is meant?
+    return true;
   }
 
   void ReadRoot(const toml::table& root) {
     const toml::node* dataCenters = nullptr;
-    for (const auto& [key, node] : root) {
-      if (key.str() == kDataCenters) {
-        dataCenters = &node;
+    for (const auto& [key, node] : InOrder(root)) {
+      if (key->str() == kDataCenters) {
+        dataCenters = node;
       } else {
-        WarnOfUnknown(key);
+        WarnOfUnknown(*key);
       }
     }
-    std::sort(m_config.warnings.begin(), m_config.warnings.end(), [](const auto& a, const auto& b) {
-      return std::pair(a.line, a.column) < std::pair(b.line, b.column);
-    });
     if (dataCenters == nullptr) {
+      if (m_isCutOff) return;  // it may come later
       AddFault({}, "no table [data_centers]: expected it, with entries " + zr::String(kEntryForm));
     } else if (const auto* table = dataCenters->as_table()) {
       ReadDataCenters(*table);
@@ -232,21 +222,30 @@ class Reader {
 
   void WarnOfUnknown(const toml::key& key) {
     zr::String message = "unknown key " + Quoted(key.str()) + " is ignored";
-    if (IsNearly(key.str(), kDataCenters)) message += ": did you mean " + Quoted(kDataCenters) + "?";
-    const auto& place = key.source().begin;
-    m_config.warnings.push_back({m_path, place.line, place.column, std::move(message)});
+    if (details::IsNearly(key.str(), kDataCenters)) message += ": did you mean " + Quoted(kDataCenters) + "?";
+    AddWarning(key, std::move(message));
   }
 
-  void ReadDataCenters(const toml::table& table) {
-    if (table.empty()) {
-      AddFault(table.source().begin, "[data_centers] is empty: expected entries " + zr::String(kEntryForm));
-    }
-    std::vector<std::pair<const toml::key*, const toml::node*>> entries;  // in the order of the file
+  void AddWarning(const toml::key& key, zr::String message) {
+    Add(m_config.warnings, "doubts", key.source().begin, std::move(message));
+  }
+
+  using Entries = std::vector<std::pair<const toml::key*, const toml::node*>>;
+
+  static Entries InOrder(const toml::table& table) {
+    Entries entries;
     for (const auto& [key, node] : table) entries.emplace_back(&key, &node);
     std::sort(entries.begin(), entries.end(),
               [](const auto& a, const auto& b) { return a.first->source().begin < b.first->source().begin; });
+    return entries;
+  }
+
+  void ReadDataCenters(const toml::table& table) {
+    if (table.empty() && !m_isCutOff) {
+      AddFault(table.source().begin, "[data_centers] is empty: expected entries " + zr::String(kEntryForm));
+    }
     Cursor cursor(m_text);
-    for (const auto& [key, node] : entries) ReadEntry(*key, *node, cursor);
+    for (const auto& [key, node] : InOrder(table)) ReadEntry(*key, *node, cursor);
   }
 
   void ReadEntry(const toml::key& key, const toml::node& node, Cursor& cursor) {
@@ -266,11 +265,20 @@ class Reader {
     const zr::String& text = value->get();
     auto parsed = details::ParseConnectString(text);
     if (parsed.error.empty()) {
+      WarnOfSame(key, text);
       m_config.ensembles.emplace(name, text);
     } else {
       AddFault(PlaceInString(place, text, parsed.offset, cursor),
                "connect string of data centre " + Quoted(name) + ": " + parsed.error);
     }
+  }
+
+  void WarnOfSame(const toml::key& key, const zr::String& ensemble) {
+    const auto [first, isNew] = m_firstKeys.emplace(ensemble, &key);
+    if (isNew) return;
+    AddWarning(key, "data centre " + Quoted(key.str()) + " has the ensemble of " +
+                        Quoted(first->second->str()) + " in " + Spelled(first->second->source().begin) +
+                        ": expected its own, or every instance is there twice");
   }
 
   /// The place of byte `offset` of a string value; the value's own place when the file spells it differently
@@ -293,6 +301,8 @@ class Reader {
 
   const std::string& m_path;
   std::string m_text;
+  bool m_isCutOff = false;                             // read only up to a syntax error
+  std::map<zr::String, const toml::key*> m_firstKeys;  // by ensemble
   ZooKeeperConfig m_config;
 };
 
