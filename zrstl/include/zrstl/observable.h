@@ -3,12 +3,14 @@
 
 #include <memory>
 
+#include "zrstl/export.h"
+
 namespace zr {
 
 /// Something that can be observed. Who registers decides on ownership: shared registrations keep the observer
 /// alive, weak ones do not. Threads, order and waiting: see zrstl/observable_impl.h.
 template <typename Observer>
-class Observable {
+class ZR_EXPORT Observable {
  public:
   virtual ~Observable() = default;
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "logger/logger.h"
+#include "zrstl/export.h"
 #include "zrstl/observable.h"
 
 namespace zr {
@@ -36,7 +37,7 @@ inline constexpr std::uint64_t kStallReportInterval = 100000000;
 /// Errors: an exception out of an observer leaves the notification; the observers after it are not called.
 /// Registering the same observer twice notifies it twice; each unregistration removes one registration.
 template <typename Observer, std::uint64_t StallReportInterval = kStallReportInterval>
-class ObservableImpl : public virtual Observable<Observer> {
+class ZR_EXPORT ObservableImpl : public virtual Observable<Observer> {
  public:
   ~ObservableImpl() override = default;
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "halden/error.h"
+#include "zrstl/export.h"
 #include "zrstl/string.h"
 
 namespace zr::halden {
@@ -32,7 +33,7 @@ class ConnectionCore;
 enum class ConnectionState : std::uint8_t { Stopped, Connecting, Connected, Suspended, Expired, AuthFailed };
 
 /// The state's name in lower case, for output: "stopped", "connecting", ...
-std::string_view ToString(ConnectionState state);
+ZR_EXPORT std::string_view ToString(ConnectionState state);
 
 /// A copy of what a connection knows of itself, for people and metrics.
 struct ConnectionStatus {
@@ -58,7 +59,7 @@ struct ConnectionStatus {
 /// "halden.connection" and retried with back-off.
 /// Session: after a lost connection the session goes on if an ensemble member is reached in time. After an
 /// expiry the ephemeral nodes are gone; publishers publish again, and watchers read everything anew.
-class Connection {
+class ZR_EXPORT Connection {
  public:
   /// A ZooKeeper watch event: type (ZOO_CREATED_EVENT, ...), session state, and the node's path below the
   /// chroot.

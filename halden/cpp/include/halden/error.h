@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "zrstl/export.h"
 #include "zrstl/string.h"
 
 namespace zr::halden {
@@ -16,7 +17,7 @@ namespace details {
 /// A standard exception `B` under a type of its own, told apart by the tag `D`. Catch it as itself, as `B` or
 /// as std::exception.
 template <typename D, typename B>
-class ExceptionWrapper : public B {
+class ZR_EXPORT ExceptionWrapper : public B {
  public:
   template <typename... Args>
   explicit ExceptionWrapper(Args&&... args) : B(std::forward<Args>(args)...) {}
@@ -32,7 +33,7 @@ class ExceptionWrapper : public B {
 
 /// A ZooKeeper call failed, or could never work (a malformed host list). `Code` is the client library's
 /// return code (ZBADARGUMENTS and so on); `what` its description.
-class ZooError : public details::ExceptionWrapper<HaldenErrorTag, std::runtime_error> {
+class ZR_EXPORT ZooError : public details::ExceptionWrapper<HaldenErrorTag, std::runtime_error> {
  public:
   explicit ZooError(int code);
   /// As above, with what was wrong after the code's description.
@@ -46,7 +47,8 @@ class ZooError : public details::ExceptionWrapper<HaldenErrorTag, std::runtime_e
 };
 
 /// The ZooKeeper configuration could not be processed; `what` is the description given.
-class FailedToParseZooConfig : public details::ExceptionWrapper<HaldenErrorTag, std::runtime_error> {
+class ZR_EXPORT FailedToParseZooConfig
+    : public details::ExceptionWrapper<HaldenErrorTag, std::runtime_error> {
  public:
   explicit FailedToParseZooConfig(zr::String description);
   ~FailedToParseZooConfig() override;

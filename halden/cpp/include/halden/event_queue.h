@@ -15,6 +15,7 @@
 
 #include "halden/service_id.h"
 #include "halden/service_watcher.h"
+#include "zrstl/export.h"
 #include "zrstl/string.h"
 
 namespace zr::halden {
@@ -22,7 +23,7 @@ namespace zr::halden {
 enum class InstanceChange : std::uint8_t { Added, Modified, Removed };
 
 /// "added", "modified", "removed"
-std::string_view ToString(InstanceChange change);
+ZR_EXPORT std::string_view ToString(InstanceChange change);
 
 /// One change of one instance, as EventQueue hands it out.
 struct InstanceEvent {
@@ -50,7 +51,7 @@ struct InstanceEvent {
 /// Threads: any thread may call any operation; one consumer, or several that do not mind the order between
 /// them. `Pop` waits; nothing else does.
 /// Ownership: held by the watcher as registered; it holds no watcher.
-class EventQueue final : public ServiceWatcherObserver {
+class ZR_EXPORT EventQueue final : public ServiceWatcherObserver {
  public:
   /// Throws std::system_error when no descriptor is to be had.
   EventQueue();

@@ -13,6 +13,7 @@
 #include "halden/error.h"
 #include "halden/service_id.h"
 #include "halden/service_watcher.h"
+#include "zrstl/export.h"
 #include "zrstl/observable.h"
 #include "zrstl/string.h"
 
@@ -56,7 +57,7 @@ struct ApplicationManaged {};
 /// details::ExceptionWrapper<HaldenErrorTag, std::runtime_error> ("Invalid Library Usage"); a connect string
 /// that can never work throws ZooError when it is connected. A configuration that cannot be read is no error
 /// of construction: it is logged, and what could be read of it counts.
-class GlobalServiceWatcher final : public zr::Observable<ServiceWatcherObserver> {
+class ZR_EXPORT GlobalServiceWatcher final : public zr::Observable<ServiceWatcherObserver> {
  public:
   GlobalServiceWatcher(const zr::String& serviceName, LibraryManaged mode, ZkErrorHandler errorHandler = {});
   GlobalServiceWatcher(const zr::String& serviceName, ApplicationManaged mode,

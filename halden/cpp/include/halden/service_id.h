@@ -7,6 +7,7 @@
 #include <optional>
 #include <string_view>
 
+#include "zrstl/export.h"
 #include "zrstl/string.h"
 
 namespace zr::halden {
@@ -17,12 +18,12 @@ using ServiceId = boost::uuids::uuid;
 using ServiceIdHash = boost::hash<ServiceId>;
 
 /// A new random id.
-ServiceId MakeServiceId();
+ZR_EXPORT ServiceId MakeServiceId();
 
 /// The canonical form: 36 characters, lower case.
-zr::String ToString(const ServiceId& id);
+ZR_EXPORT zr::String ToString(const ServiceId& id);
 
 /// Reads the canonical form and nothing else: upper case, braces or a missing hyphen are refused.
-std::optional<ServiceId> ParseServiceId(std::string_view text);
+ZR_EXPORT std::optional<ServiceId> ParseServiceId(std::string_view text);
 
 }  // namespace zr::halden

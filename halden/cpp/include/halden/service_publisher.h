@@ -9,6 +9,7 @@
 #include "halden/connection_v2.h"
 #include "halden/service_id.h"
 #include "halden/service_watcher.h"
+#include "zrstl/export.h"
 #include "zrstl/string.h"
 
 namespace zr::halden {
@@ -26,7 +27,7 @@ class PublisherCore;
 ///   Conflict   -> Publishing | Absent       its node is gone; Remove
 enum class PublishState : std::uint8_t { Absent, Publishing, Published, Conflict };
 
-std::string_view ToString(PublishState state);
+ZR_EXPORT std::string_view ToString(PublishState state);
 
 struct PublisherStatus {
   PublishState state = PublishState::Absent;  ///< what ZooKeeper last confirmed
@@ -52,7 +53,7 @@ struct PublisherStatus {
 /// Errors: the constructor throws std::invalid_argument (null connection, bad service name); `Publish` throws
 /// ZooError(ZBADARGUMENTS) for data that does not fit into a node, or that no reader would accept. Failed
 /// writes are logged to "halden.publisher", kept in `Status`, and tried again with back-off.
-class ServicePublisher {
+class ZR_EXPORT ServicePublisher {
  public:
   ServicePublisher(std::shared_ptr<Connection> conn, const zr::String& serviceName, const ServiceId& id);
   ~ServicePublisher();

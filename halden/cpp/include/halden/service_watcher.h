@@ -14,6 +14,7 @@
 #include "halden/connection_v2.h"
 #include "halden/service_id.h"
 #include "zr/messaging/halden/service.pb.h"
+#include "zrstl/export.h"
 #include "zrstl/observable_impl.h"
 #include "zrstl/string.h"
 
@@ -34,7 +35,7 @@ class WatcherDelivery;
 
 /// What an application implements to follow instances. `watcher` is the data centre's own watcher
 /// (`DataCenterName` tells which); the arguments are valid for the call only.
-class ServiceWatcherObserver {
+class ZR_EXPORT ServiceWatcherObserver {
  public:
   virtual ~ServiceWatcherObserver() = default;
   virtual void OnInstanceAdded(ServiceWatcher& watcher, const ServiceId& instance,
@@ -52,7 +53,7 @@ class ServiceWatcherObserver {
 enum class Freshness : std::uint8_t { NeverSynchronized, Live, Stale };
 
 /// In lower case, for output: "never synchronised", "live", "stale".
-std::string_view ToString(Freshness freshness);
+ZR_EXPORT std::string_view ToString(Freshness freshness);
 
 struct ServiceWatcherStatus {
   Freshness freshness = Freshness::NeverSynchronized;
@@ -76,7 +77,7 @@ struct DataCenterCounters {
 };
 
 /// One data centre as its connection and watcher see it.
-struct DataCenterStatus {
+struct ZR_EXPORT DataCenterStatus {
   zr::String name;
   ConnectionStatus connection;
   ServiceWatcherStatus watcher;
@@ -105,7 +106,7 @@ struct MassRemovalGuard {
 };
 
 /// Throws std::invalid_argument for values that are out of range.
-void Check(const std::optional<MassRemovalGuard>& guard);
+ZR_EXPORT void Check(const std::optional<MassRemovalGuard>& guard);
 
 /// Follows the instances of one service through one connection.
 ///
@@ -123,8 +124,8 @@ void Check(const std::optional<MassRemovalGuard>& guard);
 /// for it.
 /// Errors: an observer that throws loses that event for the observers after it; it is logged to
 /// "halden.service_watcher" and nothing else is lost.
-class ServiceWatcher : public std::enable_shared_from_this<ServiceWatcher>,
-                       public zr::ObservableImpl<ServiceWatcherObserver> {
+class ZR_EXPORT ServiceWatcher : public std::enable_shared_from_this<ServiceWatcher>,
+                                 public zr::ObservableImpl<ServiceWatcherObserver> {
  public:
   /// `conn` must not be null. Throws std::invalid_argument for a null connection and for a service name that
   /// cannot be a node's name (see IsValidServiceName).
@@ -173,6 +174,6 @@ class ServiceWatcher : public std::enable_shared_from_this<ServiceWatcher>,
 
 /// A service name is 1 to 255 bytes of valid UTF-8 without "/" and control characters, not "." or "..", and
 /// without the code points that ZooKeeper refuses in paths (U+D800 to U+F8FF, U+FFF0 and above).
-bool IsValidServiceName(const zr::String& name);
+ZR_EXPORT bool IsValidServiceName(const zr::String& name);
 
 }  // namespace zr::halden

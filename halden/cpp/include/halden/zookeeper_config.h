@@ -5,13 +5,14 @@
 #include <vector>
 
 #include "halden/utils.h"
+#include "zrstl/export.h"
 #include "zrstl/string.h"
 
 namespace zr::halden {
 
 /// Something wrong in a configuration file. Line and column count from 1; both are 0 when the fault is not at
 /// a place in the text (a file that cannot be read).
-struct ConfigFault {
+struct ZR_EXPORT ConfigFault {
   std::string file;
   unsigned line = 0;
   unsigned column = 0;
@@ -21,7 +22,7 @@ struct ConfigFault {
   zr::String Text() const;
 };
 
-struct ZooKeeperConfig {
+struct ZR_EXPORT ZooKeeperConfig {
   DataCenterEnsembleMapT ensembles;   ///< the entries that are in order
   std::vector<ConfigFault> faults;    ///< empty when the whole file is in order
   std::vector<ConfigFault> warnings;  ///< unknown keys and tables, which are ignored; an ensemble given twice
@@ -36,6 +37,6 @@ struct ZooKeeperConfig {
 /// its own. Only a syntax error ends the reading: the result is what stands before its line, and the fault
 /// says so. A data centre that is given twice is in no result. Of more than 100 faults or warnings the rest
 /// is not listed. At most 1 MiB is read.
-ZooKeeperConfig ReadZooKeeperConfig(const std::string& path);
+ZR_EXPORT ZooKeeperConfig ReadZooKeeperConfig(const std::string& path);
 
 }  // namespace zr::halden

@@ -12,6 +12,7 @@
 #include <sstream>
 #include <utility>
 
+#include "zrstl/export.h"
 #include "zrstl/sstream.h"
 #include "zrstl/string.h"
 
@@ -53,7 +54,7 @@ enum DecodeType : std::int32_t {
 };
 
 /// The component that logs: an immutable node of a name hierarchy, shared by every statement that uses it.
-class Source {
+class ZR_EXPORT Source {
  public:
   explicit Source(const char* name) : m_name(name) {}
   explicit Source(IPString name) : m_name(std::move(name)) {}
@@ -103,14 +104,15 @@ struct LogRecord {
 };
 
 /// The process-wide threshold: statements below it cost a load and a comparison. Owned by the sink.
-extern std::atomic<LogLevel> g_minLogLevel;
-extern bool g_toggleableDebugControl;
-extern const int g_defaultConfigFlags;
+ZR_EXPORT extern std::atomic<LogLevel> g_minLogLevel;
+ZR_EXPORT extern bool g_toggleableDebugControl;
+ZR_EXPORT extern const int g_defaultConfigFlags;
 
 /// What the front end asks of the sink. Called on the logging thread; arguments are valid only for the call.
-void ForceLockHandlers();
-void LogMessage(LogLevel level, unsigned int id, DecodeType decodeType, const ConstSourcePtr& source,
-                const char* file, int line, const zr::String& msg, const zr::String& handlerName);
+ZR_EXPORT void ForceLockHandlers();
+ZR_EXPORT void LogMessage(LogLevel level, unsigned int id, DecodeType decodeType,
+                          const ConstSourcePtr& source, const char* file, int line, const zr::String& msg,
+                          const zr::String& handlerName);
 
 inline LogLevel GetMinimumLoggingLevel() {
   return g_minLogLevel.load();

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "logger/logger.h"
+#include "zrstl/export.h"
 #include "zrstl/string.h"
 
 /// The log sink: where finished statements go. Until told otherwise, WARNING and above to stderr.
@@ -33,12 +34,12 @@
 namespace zr::logging {
 
 /// Sets the process-wide threshold; takes effect for statements that start afterwards.
-void SetMinimumLoggingLevel(LogLevel level);
+ZR_EXPORT void SetMinimumLoggingLevel(LogLevel level);
 
 /// "debug", "info", "info_local", "info_search", "warning", "error", "alert", "critical" or "off" (only
 /// ZRLOG_WALL gets through); else nothing.
-std::optional<LogLevel> ParseLogLevel(std::string_view text);
-std::string_view LogLevelName(LogLevel level);
+ZR_EXPORT std::optional<LogLevel> ParseLogLevel(std::string_view text);
+ZR_EXPORT std::string_view LogLevelName(LogLevel level);
 
 /// Writes one line, or throws: that counts it as lost. The record is valid for the call only.
 using Handler = std::function<void(const LogRecord&)>;
@@ -55,15 +56,15 @@ struct HandlerOptions {
 
 /// Adds a handler, or replaces the one of that name; it counts from 0. The sink starts with one handler,
 /// "stderr". Throws std::system_error where a queue's thread cannot be started.
-void SetHandler(const zr::String& name, Handler handler, const HandlerOptions& options = {});
+ZR_EXPORT void SetHandler(const zr::String& name, Handler handler, const HandlerOptions& options = {});
 
 /// Removes a handler; removing one that is not there does nothing. A statement in progress on another
 /// thread may still be inside it when this returns; with a queue, it ends on its thread once all that waits
 /// is written.
-void RemoveHandler(const zr::String& name);
+ZR_EXPORT void RemoveHandler(const zr::String& name);
 
 /// Changes a handler's own level while it runs. False: there is no such handler.
-bool SetHandlerLevel(const zr::String& name, LogLevel level);
+ZR_EXPORT bool SetHandlerLevel(const zr::String& name, LogLevel level);
 
 /// What became of the lines for one handler that its level let through.
 struct HandlerCounters {
@@ -73,22 +74,22 @@ struct HandlerCounters {
 };
 
 /// Of the present handlers, by name.
-std::map<zr::String, HandlerCounters> GetHandlerCounters();
+ZR_EXPORT std::map<zr::String, HandlerCounters> GetHandlerCounters();
 
 /// Lines lost since the process began, those of removed handlers included.
-std::uint64_t LostLines();
+ZR_EXPORT std::uint64_t LostLines();
 
 /// Lines that named a handler which is not there.
-std::uint64_t LinesForUnknownHandlers();
+ZR_EXPORT std::uint64_t LinesForUnknownHandlers();
 
 /// Waits until every line that was queued before the call is written; no longer than `timeout`. True: all
 /// are. False at once inside a handler, which would wait for itself.
-bool Flush(std::chrono::milliseconds timeout);
+ZR_EXPORT bool Flush(std::chrono::milliseconds timeout);
 
 /// Every file handler opens its path anew before its next line: call it when something else has moved the
 /// files. May be called in a signal handler. Lines that find no file to be opened are lost, and the next
 /// one tries again.
-void Reopen() noexcept;
+ZR_EXPORT void Reopen() noexcept;
 
 // The handlers below write each line with one call and without a buffer of their own. Those of text turn
 // control characters into escapes: one statement is one line, whatever it holds.
@@ -96,10 +97,10 @@ void Reopen() noexcept;
 /// Text to a descriptor, which stays the caller's. The level is coloured if that is a terminal that can,
 /// unless the environment variable NO_COLOR is set and not empty. A descriptor that would block is waited
 /// for, but one in non-blocking mode for 100 ms only.
-Handler MakeConsoleHandler(int descriptor = STDERR_FILENO);
+ZR_EXPORT Handler MakeConsoleHandler(int descriptor = STDERR_FILENO);
 
 /// The handler the sink starts with.
-Handler MakeStderrHandler();
+ZR_EXPORT Handler MakeStderrHandler();
 
 struct FileOptions {
   std::string path;
@@ -115,17 +116,17 @@ struct FileOptions {
 
 /// Text or JSON appended to a file, which one process at a time may write when it is to rotate. Throw
 /// std::system_error if it cannot be opened; its folder must exist.
-Handler MakeFileHandler(const FileOptions& options);
-Handler MakeJsonFileHandler(const FileOptions& options);
+ZR_EXPORT Handler MakeFileHandler(const FileOptions& options);
+ZR_EXPORT Handler MakeJsonFileHandler(const FileOptions& options);
 
 /// JSON lines to a descriptor, as `MakeConsoleHandler` writes text. Their fields: docs/logging.md.
-Handler MakeJsonHandler(int descriptor);
+ZR_EXPORT Handler MakeJsonHandler(int descriptor);
 
 /// To syslog(3), whose identity and options stay the program's own (openlog). It reports no failures: all
 /// counts as written.
-Handler MakeSyslogHandler();
+ZR_EXPORT Handler MakeSyslogHandler();
 
 /// A source's name with those of its parents, outermost first, joined with dots; "-" for a null source.
-zr::String SourcePath(const ConstSourcePtr& source);
+ZR_EXPORT zr::String SourcePath(const ConstSourcePtr& source);
 
 }  // namespace zr::logging

@@ -1,0 +1,83 @@
+#!/usr/bin/env bash
+# Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#
+# Builds the programs in examples/ as a user would, against the packages and nothing else, through CMake (shared
+# and static) and through pkg-config, and runs them on a real ZooKeeper server.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/package.sh
+folder=$(mktemp -d)
+server=""
+publisher=""
+clean_up() {
+  [[ -z "$publisher" ]] || kill "$publisher" 2>/dev/null || true
+  [[ -z "$server" ]] || kill -KILL "$server" 2>/dev/null || true
+  wait 2>/dev/null || true
+  rm -rf "$folder"
+}
+trap clean_up EXIT
+
+fail() {
+  echo "examples: $*" >&2
+  tail -n 20 "$folder"/*.log >&2 || true
+  exit 1
+}
+
+expect() { # expect TEXT FILE
+  grep --quiet --fixed-strings -- "$1" "$2" || fail "no \"$1\" in: $(cat "$2")"
+}
+
+await() { # await COMMAND...: asks again and again until it succeeds, for 30 seconds
+  local end=$((SECONDS + 30))
+  until "$@" 2>/dev/null; do
+    ((SECONDS < end)) || fail "in vain: $*"
+    sleep 0.05
+  done
+}
+
+echo "examples: unpacking and building"
+for package in build/release/packages/*.deb; do dpkg-deb --extract "$package" "$folder/root"; done
+prefix="$folder/root/usr"
+for component in shared static; do
+  cmake -S examples -B "$folder/$component" -DCMAKE_PREFIX_PATH="$prefix" -DHALDEN_COMPONENT=$component \
+    >"$folder/cmake.log" 2>&1 || fail "CMake does not find the package ($component)"
+  cmake --build "$folder/$component" --parallel 2 >"$folder/build.log" 2>&1 || fail "does not build ($component)"
+done
+library=$(dirname "$(find "$prefix" -name libhalden.so)")
+export PKG_CONFIG_PATH="$library/pkgconfig" LD_LIBRARY_PATH="$library"
+make --directory examples BUILD="$folder/make" >"$folder/make.log" 2>&1 || fail "does not build with pkg-config"
+
+echo "examples: running on a ZooKeeper server"
+port=$(($(od -An -N2 -tu2 /dev/urandom) % 20000 + 20000))
+mkdir "$folder/data"
+printf 'tickTime=500\ndataDir=%s\nclientPort=%s\nclientPortAddress=127.0.0.1\n' "$folder/data" "$port" \
+  >"$folder/zoo.cfg"
+java -Xmx64m -Dzookeeper.admin.enableServer=false \
+  -cp /usr/share/java/zookeeper.jar:/usr/share/java/slf4j-simple.jar \
+  org.apache.zookeeper.server.ZooKeeperServerMain "$folder/zoo.cfg" >"$folder/server.log" 2>&1 &
+server=$!
+printf '[data_centers]\nhere = "127.0.0.1:%s"\n' "$port" >"$folder/halden.toml"
+
+mkfifo "$folder/input"
+"$folder/make/publisher" "127.0.0.1:$port" orders host-1 8080 <"$folder/input" >"$folder/publisher.log" 2>&1 &
+publisher=$!
+exec 3>"$folder/input"
+await grep --quiet published "$folder/publisher.log"
+for build in shared static make; do
+  "$folder/$build/watcher" "$folder/halden.toml" orders </dev/null >"$folder/watcher.out" 2>&1
+  expect "1 instances" "$folder/watcher.out"
+  expect "here added host-1" "$folder/watcher.out"
+  "$folder/$build/shared_connections" "$folder/halden.toml" orders stock >"$folder/shared.out" 2>&1
+  expect "orders: 1 instances" "$folder/shared.out"
+  expect "stock: 0 instances" "$folder/shared.out"
+  expect "here added host-1" "$folder/shared.out"
+  "$folder/$build/own_log" "$folder/halden.toml" orders >"$folder/log.out" 2>&1
+  expect "[own log] info halden.connection: connected" "$folder/log.out"
+done
+"$prefix/bin/halden" list orders --config "$folder/halden.toml" >"$folder/list.out"
+expect host-1 "$folder/list.out"
+exec 3>&- # the end of the publisher's input
+wait "$publisher" || fail "the publisher failed"
+publisher=""
+echo "examples: all build and run"
