@@ -92,9 +92,10 @@ void TaskThread::Post(Task task) {
 }
 
 void TaskThread::PostAfter(Clock::duration delay, Task task) {
-  const std::lock_guard lock(m_state->mtx);
-  if (!m_state->started) {
-    Launch([state = m_state] {
+  const auto posted = m_state;  // this object may go as soon as the lock does: with the task
+  std::unique_lock lock(posted->mtx);
+  if (!posted->started) {
+    Launch([state = posted] {
       pthread_setname_np(pthread_self(), state->name.c_str());
       std::vector<Task> batch;
       for (state->Take(batch); !batch.empty(); state->Take(batch)) {
@@ -105,16 +106,17 @@ void TaskThread::PostAfter(Clock::duration delay, Task task) {
         batch.clear();
       }
     });
-    m_state->started = true;
+    posted->started = true;
   }
-  const bool idle = m_state->tasks.empty();
+  const bool idle = posted->tasks.empty();
   if (delay > Clock::duration::zero()) {
-    m_state->timers.emplace(Clock::now() + delay, std::move(task));
+    posted->timers.emplace(Clock::now() + delay, std::move(task));
   } else {
-    m_state->tasks.push_back(std::move(task));
+    posted->tasks.push_back(std::move(task));
     if (!idle) return;  // the thread has been woken for the earlier ones
   }
-  m_state->wake.notify_one();
+  lock.unlock();  // else the thread wakes up only to wait for it
+  posted->wake.notify_one();
 }
 
 }  // namespace zr::halden::details
