@@ -21,14 +21,14 @@ namespace {
 using namespace std::chrono_literals;
 
 TEST_F(FaultTest, ADeadLeaderAndALongLostQuorumCostNoInstance) {
-  ZooKeeperEnsemble ensemble;
+  ZooKeeperEnsemble ensemble(3);
   ensemble.Start();
   ZooKeeperClient client(ensemble.ConnectString());
   const auto ids = WriteSome(client, 20);
   Watch(ensemble.ConnectString());
   ASSERT_TRUE(AwaitTruth(client));
   const std::size_t leader = ensemble.Leader();
-  const std::size_t other = (leader + 1) % ZooKeeperEnsemble::kSize;
+  const std::size_t other = (leader + 1) % ensemble.Size();
   ensemble.Server(leader).Kill();
   Delete(client, ids[0]);
   Write(client, ids[1]);
@@ -52,7 +52,8 @@ TEST_F(FaultTest, AServerThatComesBackEmptyIsBelieved) {
   WriteSome(Client(kDc), 10);
   ASSERT_TRUE(AwaitTruth());
   m_ledger->DeleteAll(kDc);
-  Server(kDc).RestartEmpty();
+  Server(kDc).Wipe();
+  Server(kDc).Start();
   WriteSome(Client(kDc), 3);
   EXPECT_TRUE(AwaitTruth());
 }

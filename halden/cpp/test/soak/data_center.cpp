@@ -29,9 +29,14 @@ ServiceId DrawId(Random& random) {
 
 }  // namespace
 
-DataCenter::DataCenter(zr::String name, std::shared_ptr<test::Ledger> ledger, Random& random)
-    : m_name(std::move(name)), m_ledger(std::move(ledger)), m_server(ServerOptions()), m_ids(kInstances) {
-  m_server.Start();
+DataCenter::DataCenter(zr::String name, std::size_t servers, std::shared_ptr<test::Ledger> ledger,
+                       Random& random)
+    : m_name(std::move(name)),
+      m_ledger(std::move(ledger)),
+      m_ensemble(servers, ServerOptions()),
+      m_ids(kInstances) {
+  m_ensemble.Start();
+  for (std::size_t i = 0; i < servers; ++i) m_ways.emplace_back(m_ensemble.Server(i).Port());
   for (auto& id : m_ids) id = DrawId(random);
   for (auto& conn : m_conns) (conn = MakeConnection())->Start(nullptr);
   for (auto& publisher : m_publishers) {
@@ -47,8 +52,18 @@ DataCenter::~DataCenter() {
   if (m_writer.joinable()) m_writer.join();
 }
 
+void DataCenter::HealNetwork() {
+  for (auto& way : m_ways) way.Heal();
+}
+
+zr::String DataCenter::ConnectString() const {
+  zr::String text;
+  for (const auto& way : m_ways) text += (text.empty() ? "" : ",") + way.ConnectString();
+  return text;
+}
+
 std::shared_ptr<Connection> DataCenter::MakeConnection() const {
-  return std::make_shared<Connection>(std::vector<zr::String>{m_proxy.ConnectString()}, true, zr::String(),
+  return std::make_shared<Connection>(std::vector<zr::String>{ConnectString()}, true, zr::String(),
                                       kSessionTimeout, m_name);
 }
 
@@ -71,7 +86,7 @@ void DataCenter::BeginWrites(Random& random) {
   m_writing = true;
   m_writer = std::thread([this, own = Random(random())]() mutable {
     try {
-      test::ZooKeeperClient client(m_server.ConnectString());
+      test::ZooKeeperClient client(m_ensemble.ConnectString());
       while (m_writing) {
         Write(client, own);
         test::Poll(std::chrono::milliseconds(Roll(own, kMaxPauseMs)), [this] { return !m_writing; });
@@ -106,12 +121,13 @@ void DataCenter::Write(test::ZooKeeperClient& client, Random& random) {
 
 void DataCenter::LoseData() {
   m_ledger->DeleteAll(m_name);
-  m_server.RestartEmpty();
+  for (std::size_t i = 0; i < m_ensemble.Size(); ++i) m_ensemble.Server(i).Wipe();
+  m_ensemble.Start();
 }
 
 void DataCenter::Heal() {
-  m_proxy.Heal();
-  m_server.Start();
+  HealNetwork();
+  m_ensemble.Start();
   for (const auto& conn : m_conns) conn->Start(nullptr);
   for (const auto& publisher : m_publishers) {
     publisher->Publish(m_ledger->Write({m_name, publisher->Id()}, "healed"));
@@ -126,7 +142,8 @@ void DataCenter::Heal() {
 }
 
 void DataCenter::Require(const test::TruthChecker& checker, const ServiceWatcher& watcher) const {
-  test::ZooKeeperClient fresh(m_server.ConnectString());
+  test::ZooKeeperClient fresh(m_ensemble.ConnectString());
+  fresh.Publish("truths", ServiceId(), ServiceInstanceData());  // who has written reads nothing older
   const auto right = checker.AwaitTruth(watcher, fresh);
   if (!right) throw std::runtime_error(right.message());
 }

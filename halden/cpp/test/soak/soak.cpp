@@ -77,6 +77,7 @@ class Soak {
   void Check();
   void Rest(int limitMs);
 
+  void Kill(DataCenter& dc);
   void ToggleManaged(DataCenter& dc);
   void ToggleAdded(DataCenter& dc);
 
@@ -104,10 +105,10 @@ Soak::Soak(unsigned seed) : m_random(seed) {
   const std::string path = m_folder.Path() / "halden.toml";
   std::ofstream config(path);
   config << "[data_centers]\n";
-  for (const auto* name : {"eu-west", "us-east", "ap-south"}) {
-    const auto& dc = *m_dcs.emplace_back(std::make_unique<DataCenter>(name, m_ledger, m_random));
-    config << name << " = \"" << m_dcs.back()->Proxy().ConnectString() << "\"\n";
-    m_added[name] = dc.MakeConnection();
+  for (const auto& [name, servers] : {std::pair("eu-west", 1U), {"us-east", 1U}, {"ap-south", 3U}}) {
+    m_dcs.push_back(std::make_unique<DataCenter>(name, servers, m_ledger, m_random));
+    config << name << " = \"" << m_dcs.back()->ConnectString() << "\"\n";
+    m_added[name] = m_dcs.back()->MakeConnection();
   }
   config.close();
   for (auto* view : {&m_managed, &m_application}) view->checker = std::make_shared<TruthChecker>(m_ledger);
@@ -125,23 +126,28 @@ std::vector<Soak::Verb> Soak::Verbs() {
   const auto expireManaged = [this](DataCenter& dc) {
     if (const auto conn = m_managed.watcher->GetConnection(dc.Name())) conn->ForceExpire();
   };
-  const auto kill = [this](DataCenter& dc) { dc.Server().Kill(), Rest(800), dc.Server().Start(); };
-  const auto pause = [this](DataCenter& dc) { dc.Server().Pause(), Rest(2500), dc.Server().Resume(); };
-  const auto delay = [this](DataCenter& dc) {
-    dc.Proxy().Delay(std::chrono::milliseconds(Roll(m_random, 80)));
+  const auto way = [this](DataCenter& dc) -> test::TcpProxy& { return dc.AnyWay(m_random); };
+  const auto pause = [this](DataCenter& dc) {
+    auto& server = dc.AnyServer(m_random);
+    server.Pause();
+    Rest(2500);
+    server.Resume();
   };
-  const auto throttle = [this](DataCenter& dc) {
-    dc.Proxy().Throttle(static_cast<std::size_t>(1000 + Roll(m_random, 50'000)));
+  const auto delay = [this, way](DataCenter& dc) {
+    way(dc).Delay(std::chrono::milliseconds(Roll(m_random, 80)));
   };
-  return {{"kill the server", kill},
-          {"pause the server", pause},
-          {"cut", [](DataCenter& dc) { dc.Proxy().Cut(); }},
-          {"refuse", [](DataCenter& dc) { dc.Proxy().Refuse(); }},
+  const auto throttle = [this, way](DataCenter& dc) {
+    way(dc).Throttle(static_cast<std::size_t>(1000 + Roll(m_random, 50'000)));
+  };
+  return {{"kill servers", [this](DataCenter& dc) { Kill(dc); }},
+          {"pause a server", pause},
+          {"cut", [way](DataCenter& dc) { way(dc).Cut(); }},
+          {"refuse", [way](DataCenter& dc) { way(dc).Refuse(); }},
           {"delay", delay},
           {"throttle", throttle},
-          {"half open", [](DataCenter& dc) { dc.Proxy().HalfOpen(); }},
-          {"heal the network", [](DataCenter& dc) { dc.Proxy().Heal(); }},
-          {"heal the network", [](DataCenter& dc) { dc.Proxy().Heal(); }},
+          {"half open", [way](DataCenter& dc) { way(dc).HalfOpen(); }},
+          {"heal the network", &DataCenter::HealNetwork},
+          {"heal the network", &DataCenter::HealNetwork},
           {"expire", [any](DataCenter& dc) { any(dc).ForceExpire(); }},
           {"expire the managed one", expireManaged},
           {"stop", [any](DataCenter& dc) { any(dc).Stop(); }},
@@ -150,6 +156,14 @@ std::vector<Soak::Verb> Soak::Verbs() {
           {"unpublish", [this](DataCenter& dc) { dc.Unpublish(m_random); }},
           {"connect or disconnect", [this](DataCenter& dc) { ToggleManaged(dc); }},
           {"add or remove", [this](DataCenter& dc) { ToggleAdded(dc); }}};
+}
+
+void Soak::Kill(DataCenter& dc) {
+  for (std::size_t i = 0, count = 1 + static_cast<std::size_t>(Roll(m_random, 3)); i < count; ++i) {
+    dc.AnyServer(m_random).Kill();
+  }
+  Rest(800);
+  dc.Ensemble().Start();
 }
 
 void Soak::ToggleManaged(DataCenter& dc) {
@@ -208,7 +222,7 @@ void Soak::Round() {
 
 /// Heals everything, and holds every view against the truth.
 void Soak::Check() {
-  for (const auto& dc : m_dcs) dc->Proxy().Heal();
+  for (const auto& dc : m_dcs) dc->HealNetwork();
   for (const auto& dc : m_dcs) dc->EndWrites();
   for (const auto& dc : m_dcs) {
     if (!m_managed.watcher->HasConnection(dc->Name())) ToggleManaged(*dc);

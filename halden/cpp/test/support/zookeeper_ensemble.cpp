@@ -8,15 +8,15 @@
 
 namespace zr::halden::test {
 
-ZooKeeperEnsemble::ZooKeeperEnsemble(const ZooKeeperServerOptions& options) {
+ZooKeeperEnsemble::ZooKeeperEnsemble(std::size_t size, const ZooKeeperServerOptions& options) {
   ZooKeeperServerOptions member = options;
-  for (std::size_t i = 0; i < kSize; ++i) {
-    member.quorum.push_back("server." + std::to_string(i + 1) +
-                            "=127.0.0.1:" + std::to_string(m_quorumPorts.at(2 * i).Number()) + ":" +
-                            std::to_string(m_quorumPorts.at(2 * i + 1).Number()));
+  for (std::size_t i = 1; i <= size && size > 1; ++i) {
+    const auto toFollow = std::to_string(m_quorumPorts.emplace_back().Number());
+    const auto toElect = std::to_string(m_quorumPorts.emplace_back().Number());
+    member.quorum.push_back("server." + std::to_string(i) + "=127.0.0.1:" + toFollow + ":" + toElect);
   }
-  for (std::size_t i = 0; i < kSize; ++i) {
-    member.id = static_cast<int>(i) + 1;
+  for (std::size_t i = 1; i <= size; ++i) {
+    member.id = size > 1 ? static_cast<int>(i) : 0;
     m_servers.push_back(std::make_unique<ZooKeeperServer>(member));
   }
 }

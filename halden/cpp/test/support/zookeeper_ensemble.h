@@ -1,8 +1,8 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <array>
 #include <cstddef>
+#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,13 +11,11 @@
 
 namespace zr::halden::test {
 
-/// A real ensemble of three servers, which elect a leader among themselves. Threads and errors as
-/// ZooKeeperServer.
+/// A real ensemble of servers, which elect a leader among themselves; of one, which stands alone. Threads and
+/// errors as ZooKeeperServer.
 class ZooKeeperEnsemble {
  public:
-  static constexpr std::size_t kSize = 3;
-
-  explicit ZooKeeperEnsemble(const ZooKeeperServerOptions& options = {});
+  explicit ZooKeeperEnsemble(std::size_t size, const ZooKeeperServerOptions& options = {});
 
   /// Starts those that are down; returns once all serve.
   void Start();
@@ -26,12 +24,13 @@ class ZooKeeperEnsemble {
   std::size_t Leader() const;
   /// One of them. It serves only as one of a quorum: without one, `Launch` it.
   ZooKeeperServer& Server(std::size_t i) { return *m_servers.at(i); }
+  std::size_t Size() const { return m_servers.size(); }
 
-  /// "127.0.0.1:<port>,127.0.0.1:<port>,127.0.0.1:<port><chroot>"
+  /// "127.0.0.1:<port>,127.0.0.1:<port>,...<chroot>"
   std::string ConnectString(const std::string& chroot = {}) const;
 
  private:
-  const std::array<HeldPort, 2 * kSize> m_quorumPorts;  // two for each: to follow the leader, to elect it
+  std::deque<HeldPort> m_quorumPorts;  // two for each: to follow the leader, to elect it
   std::vector<std::unique_ptr<ZooKeeperServer>> m_servers;
 };
 

@@ -186,11 +186,10 @@ void ZooKeeperServer::Restart() {
   Start();
 }
 
-void ZooKeeperServer::RestartEmpty() {
+void ZooKeeperServer::Wipe() {
   Kill();
   std::filesystem::remove_all(m_folder.Path() / "data");
   WriteConfig();
-  Start();
 }
 
 std::string ZooKeeperServer::Mode() const {

@@ -82,8 +82,7 @@ class ZooKeeperServer {
   void Stop();     ///< in order: the server gets to write its data
   void Kill();     ///< at once, as a crash
   void Restart();  ///< Stop, then Start
-  /// Killed, and started as if it had never held anything.
-  void RestartEmpty();
+  void Wipe();     ///< Kill, and everything it held is gone
 
   void Pause();  ///< the process freezes: connections stay open and nothing answers
   void Resume();
