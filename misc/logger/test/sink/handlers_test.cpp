@@ -16,6 +16,8 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <system_error>
+#include <thread>
+#include <vector>
 
 #include "logger/sink.h"
 
@@ -216,6 +218,36 @@ TEST_F(Handlers, ReopenLeavesAMovedFileAndTriesUntilThePathCanBeOpened) {
   std::filesystem::remove(Path("f"));
   Write(handler, "5");
   EXPECT_THAT(Messages("f"), ElementsAre("5"));
+}
+
+TEST_F(Handlers, ThreadsThatLogWhileAllChangesGetEachLineWholeOrCounted) {
+  constexpr int lines = 300;
+  SetHandler("file", MakeJsonFileHandler({Path("f"), 2000, 1000}));
+  SetHandlerLevel("stderr", ZRLOG_ERROR);
+  SetMinimumLoggingLevel(ZRLOG_INFO);
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 3; ++thread) {
+    threads.emplace_back([] {
+      for (int i = 0; i < lines; ++i) {
+        ZRLOG(ZRLOG_INFO, MakeSource("s")) << "line, number=" << i;
+      }
+    });
+  }
+  for (int i = 0; i < lines; ++i) {
+    SetHandler("other", [](const LogRecord&) {}, {ZRLOG_DEBUG, i % 2 == 0 ? 0U : 10U});
+    Reopen();
+    SetHandlerLevel("other", ZRLOG_ERROR);
+    RemoveHandler("other");
+  }
+  for (auto& thread : threads) thread.join();
+  SetMinimumLoggingLevel(ZRLOG_WARNING);
+  EXPECT_EQ(GetHandlerCounters()["file"].written, 3U * lines);
+  RemoveHandler("file");
+  std::size_t found = 0;
+  for (const auto& file : std::filesystem::directory_iterator(m_folder)) {
+    found += Messages(file.path().filename()).size();
+  }
+  EXPECT_EQ(found, 3U * lines);
 }
 
 }  // namespace
