@@ -23,6 +23,7 @@ scripts/setup.sh
 cmake --preset "$preset" >/dev/null
 cmake --build --preset "$preset" --target halden_soak
 suppressions=halden/cpp/test
+export ASAN_OPTIONS="detect_stack_use_after_return=1:strict_init_order=1"
 export LSAN_OPTIONS="suppressions=$suppressions/lsan.supp:print_suppressions=0"
 export TSAN_OPTIONS="suppressions=$suppressions/tsan.supp:second_deadlock_stack=1"
 export UBSAN_OPTIONS="print_stacktrace=1"

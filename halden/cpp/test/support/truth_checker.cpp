@@ -119,9 +119,10 @@ TruthChecker::View TruthChecker::Announced(const zr::String& dcName) const {
     for (const auto& violation : Violations()) text += "; " + violation;
     return text;
   };
-  return Eventually(
-      [&] { return wrong().empty(); },
-      [&] { return watcher.DataCenterName() + " of " + std::to_string(truth.size()) + wrong(); });
+  Poll(kLimit, [&] { return wrong().empty() || !Violations().empty(); });
+  const auto text = wrong();
+  if (text.empty()) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << watcher.DataCenterName() << " of " << truth.size() << text;
 }
 
 std::vector<std::string> TruthChecker::Violations() const {
