@@ -90,7 +90,7 @@ class Cursor {
 
 /// The key of `table` that a line with the one key of `line` gives again; null for none.
 const toml::key* FindRepeated(const toml::table& table, const toml::table& line) {
-  const auto& [key, node] = *line.begin();
+  const auto [key, node] = *line.begin();  // a pair of references, which lives in the iterator
   const auto found = table.find(key.str());
   if (found == table.end()) return nullptr;
   const auto* below = node.as_table();
