@@ -31,7 +31,7 @@ InstanceTable::Outcome InstanceTable::Put(const ServiceId& id, const NodeVersion
   }
   entry.seen = version;
   entry.good = version;
-  SetPayload(entry, std::move(payload));
+  SetPayload(id, entry, std::move(payload));
   SetQuarantined(entry, false);
   if (entry.announced != entry.good) Queue(id, entry);
   return Outcome::Changed;
@@ -43,7 +43,7 @@ InstanceTable::Outcome InstanceTable::Quarantine(const ServiceId& id, const Node
   if (IsOlder(entry, version) && !force) return Outcome::Older;
   if (entry.quarantined && entry.seen == version) return Outcome::Unchanged;
   if (!entry.payload.empty() && entry.good.czxid != version.czxid) {
-    SetPayload(entry, {});  // the good value was another node's: that one is gone
+    SetPayload(id, entry, {});  // the good value was another node's: that one is gone
     Queue(id, entry);
   }
   SetHeld(entry, false);
@@ -56,7 +56,7 @@ void InstanceTable::Remove(const ServiceId& id) {
   const auto found = m_entries.find(id);
   if (found == m_entries.end()) return;
   Entry& entry = found->second;
-  SetPayload(entry, {});
+  SetPayload(id, entry, {});
   SetQuarantined(entry, false);
   SetHeld(entry, false);
   entry.seen = {};
@@ -87,12 +87,7 @@ void InstanceTable::Rejoin(Entry& entry, const NodeVersion& version, const std::
 }
 
 std::vector<ServiceId> InstanceTable::List() const {
-  std::vector<ServiceId> ids;
-  ids.reserve(m_known);
-  for (const auto& [id, entry] : m_entries) {
-    if (!entry.payload.empty()) ids.push_back(id);
-  }
-  return ids;
+  return m_known;
 }
 
 std::vector<ServiceId> InstanceTable::ListHeld() const {
@@ -131,10 +126,19 @@ InstanceTable::Change InstanceTable::Take() {
   return change;
 }
 
-void InstanceTable::SetPayload(Entry& entry, std::string payload) {
-  if (entry.payload.empty() && !payload.empty()) ++m_known;
-  if (!entry.payload.empty() && payload.empty()) --m_known;
+void InstanceTable::SetPayload(const ServiceId& id, Entry& entry, std::string payload) {
+  const bool wasKnown = !entry.payload.empty();
+  const bool isKnown = !payload.empty();
   entry.payload = std::move(payload);
+  if (isKnown && !wasKnown) {
+    entry.position = m_known.size();
+    m_known.push_back(id);
+  } else if (wasKnown && !isKnown) {  // the last one takes its place
+    const ServiceId last = m_known.back();
+    m_known[entry.position] = last;
+    m_entries.find(last)->second.position = entry.position;
+    m_known.pop_back();
+  }
 }
 
 void InstanceTable::SetHeld(Entry& entry, bool held) {

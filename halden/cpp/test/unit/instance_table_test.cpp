@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 namespace zr::halden::details {
 namespace {
@@ -62,6 +63,16 @@ TEST_F(InstanceTableTest, WhatOvertakesASlowObserverIsMerged) {
   m_table.Remove(passing);
   EXPECT_THAT(m_table.Take().kinds, IsEmpty());  // came and went
   EXPECT_THAT(m_table.List(), ElementsAre(m_id));
+}
+
+TEST_F(InstanceTableTest, TheListStaysRightWhateverGoes) {
+  std::vector<ServiceId> ids(5);
+  for (auto& id : ids) m_table.Put(id = MakeServiceId(), {10, 10}, "a", false);
+  for (const auto gone : {0U, 4U, 3U}) m_table.Remove(ids[gone]);  // the second has moved by then
+  EXPECT_THAT(m_table.List(), UnorderedElementsAre(ids[1], ids[2]));
+  m_table.Put(ids[4], {20, 20}, "b", false);
+  m_table.Quarantine(ids[1], {20, 20}, false);
+  EXPECT_THAT(m_table.List(), UnorderedElementsAre(ids[2], ids[4]));
 }
 
 TEST_F(InstanceTableTest, AnOlderReadChangesNothingUnlessForced) {
