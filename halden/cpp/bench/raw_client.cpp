@@ -27,7 +27,9 @@ void Check(int code) {
 
 }  // namespace
 
-RawWriter::RawWriter(const std::string& hosts) : m_handle(Open(hosts, &RawWriter::OnSession, this)) {}
+RawWriter::RawWriter(const std::string& hosts) {
+  m_handle = Open(hosts, &RawWriter::OnSession, this);  // calls back at once: all members are there by now
+}
 
 RawWriter::~RawWriter() {
   zookeeper_close(m_handle);
