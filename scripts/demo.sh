@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 
 readonly data_centres=(eu-west us-east ap-south)
 readonly limit=30 # seconds that any one thing may take
-readonly halden=build/release/halden/tool/halden
+readonly program=build/release/halden/tool/halden
 declare -A port=() server=() publisher=()
 watcher=""   # the process id of `halden watch`
 watch_fd=""  # its output
@@ -129,14 +129,15 @@ start_server() {
 publish() { # publish NAME COUNT ARGUMENT...: returns once all are published
   local name=$1 count=$2
   shift 2
-  background "$halden" publish orders --config "$folder/halden.toml" --count "$count" "$@" \
+  background "$program" publish orders --config "$folder/halden.toml" --count "$count" "$@" \
     >"$folder/$name.ids" 2>>"$folder/halden.errors" </dev/null
   publisher[$name]=$!
   all_published() { [[ $(wc -l <"$folder/$name.ids") -eq $count ]]; }
   await "$limit" all_published || fail "$name: not published"
 }
 
-list() { "$halden" list orders --config "$folder/halden.toml" --timeout "$limit" "$@"; }
+halden() { "$program" "$@" --config "$folder/halden.toml" --timeout "$limit"; }
+list() { halden list orders "$@"; }
 
 follow() { # follow COUNT PATTERN: shows what the watcher prints until so many lines match
   local count=$1 pattern=$2 line="" end=$((SECONDS + limit))
@@ -187,8 +188,19 @@ list | indent
 echo "  for programs, with --json, an object a line:"
 list --json | sed -n 1p | indent
 
+step "How the data centres are doing: halden status"
+halden status orders | indent
+check "each was read once" test "$(halden status orders --json | grep -c '"freshness":"live".*"resyncs":1,')" -eq 3
+
+step "What one instance publishes: halden get; what is published at all: halden services"
+id=$(sed -n 1p "$folder/eu-west.ids")
+halden get orders "$id" | indent
+halden services | indent
+check "the instance is in one data centre" test "$(halden get orders "$id" --json | grep -c '"host":"node.eu-west"')" -eq 1
+check "each has three instances" test "$(halden services --json | grep -c '"service":"orders","instances":3}')" -eq 3
+
 step "What happens, as it happens: halden watch"
-exec {watch_fd}< <(exec setpriv --pdeathsig KILL "$halden" watch orders --config "$folder/halden.toml" \
+exec {watch_fd}< <(exec setpriv --pdeathsig KILL "$program" watch orders --config "$folder/halden.toml" \
   2>>"$folder/halden.errors" </dev/null)
 watcher=$!
 follow 12 '  (added   |state     live)'
@@ -206,7 +218,7 @@ await "$limit" gone "${publisher[extra]}" || fail "a publisher did not end"
 unset 'publisher[extra]'
 
 step "The server of eu-west is killed"
-list --json >"$folder/before"
+list --json --quiet >"$folder/before"
 phase=${#seen[@]}
 kill -KILL "${server[eu-west]}"
 wait "${server[eu-west]}" 2>/dev/null || true
@@ -224,7 +236,7 @@ follow 1 'eu-west .* live, 3 instances'
 # Events of one data centre come in order: a removal would have been seen before this.
 publish late 1 --dc eu-west --host late.eu-west --port 9090
 follow 1 "added     $(<"$folder/late.ids")"
-list --json | grep -v "$(<"$folder/late.ids")" >"$folder/after"
+list --json --quiet | grep -v "$(<"$folder/late.ids")" >"$folder/after"
 check "nothing was removed while the server was away" seen_since "$phase" 0 '  removed   '
 check "nothing was announced twice" seen_since "$phase" 1 '  added     '
 check "the list is the same as before" cmp -s "$folder/before" "$folder/after"
@@ -240,7 +252,7 @@ follow 10 '  removed   '
 await "$limit" gone "${publisher[@]}" || fail "a publisher did not end"
 publisher=()
 check "each was removed once" seen_since "$phase" 10 '  removed   '
-check "the list is empty" test -z "$(list --json)"
+check "the list is empty" test -z "$(list --json --quiet)"
 
 step "Everything is taken down"
 kill "$watcher"

@@ -14,13 +14,20 @@ namespace zr::halden::tool {
 inline constexpr std::chrono::seconds kClosingLimit{3};
 
 /// The ensembles of the configuration file. Throws Failure for a file with faults: to act on the rest of it
-/// would look as if a data centre had no instances. Warnings go to stderr.
-DataCenterEnsembleMapT LoadEnsembles(const std::string& path);
+/// would look as if a data centre had no instances. Warnings go to stderr, unless `quiet`.
+DataCenterEnsembleMapT LoadEnsembles(const std::string& path, bool quiet);
+
+/// A configuration file to start from, in order as it is.
+std::string ConfigExample();
 
 // Each command runs until it is done, `output` wants no more, or a stop is asked for. They throw Failure and
 // ZooError.
-void Watch(const WatchOptions& options, LineWriter& output);
-void List(const ListOptions& options, LineWriter& output);
-void Publish(const PublishOptions& options, LineWriter& output);
+void Do(const WatchOptions& options, LineWriter& output);
+void Do(const ListOptions& options, LineWriter& output);
+void Do(const StatusOptions& options, LineWriter& output);
+void Do(const GetOptions& options, LineWriter& output);
+void Do(const ServicesOptions& options, LineWriter& output);
+void Do(const ConfigCheckOptions& options, LineWriter& output);
+void Do(const PublishOptions& options, LineWriter& output);
 
 }  // namespace zr::halden::tool

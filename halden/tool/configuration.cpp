@@ -1,13 +1,17 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include <utility>
+
 #include "commands.h"
 #include "failure.h"
 #include "halden/zookeeper_config.h"
 
 namespace zr::halden::tool {
 
-DataCenterEnsembleMapT LoadEnsembles(const std::string& path) {
+DataCenterEnsembleMapT LoadEnsembles(const std::string& path, bool quiet) {
   ZooKeeperConfig config = ReadZooKeeperConfig(path);
-  for (const auto& warning : config.warnings) Complain("warning: " + warning.Text());
+  for (const auto& warning : config.warnings) {
+    if (!quiet) Complain("warning: " + warning.Text());
+  }
   std::string faults;
   for (const auto& fault : config.faults) faults += (faults.empty() ? "" : "\n") + fault.Text();
   if (!faults.empty()) throw Failure(kFailed, faults);

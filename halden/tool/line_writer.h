@@ -25,6 +25,8 @@ class LineWriter {
   /// then; false at the limit, or when `other` (-1: none) becomes readable.
   bool AwaitEnd(std::chrono::milliseconds limit, int other = -1);
 
+  int Descriptor() const { return m_output; }
+
   /// Throws Failure when a write failed for another reason than that the reader has gone.
   void ThrowIfFailed() const;
 

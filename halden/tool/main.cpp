@@ -27,9 +27,17 @@ void ReserveStandardDescriptors() {
   }
 }
 
+/// A terminal that goes away ends the process too, unless it was started with nohup.
+SignalSet StopSignals() {
+  struct sigaction hangUp {};
+  sigaction(SIGHUP, nullptr, &hangUp);
+  if (hangUp.sa_handler == SIG_IGN) return {SIGINT, SIGTERM};
+  return {SIGINT, SIGTERM, SIGHUP};
+}
+
 void Run(int argc, char** argv) {
   const Invocation invocation = ParseCommandLine(argc, argv);
-  const SignalSet stopSignals{SIGINT, SIGTERM};  // while this is the only thread
+  const SignalSet stopSignals = StopSignals();  // while this is the only thread
   LineWriter output(STDOUT_FILENO, stopSignals.Descriptor());
   std::visit(
       [&output](const auto& options) {
@@ -38,9 +46,7 @@ void Run(int argc, char** argv) {
           output.Write(options.text);
         } else {
           logging::SetMinimumLoggingLevel(options.logLevel);
-          if constexpr (std::is_same_v<Options, WatchOptions>) Watch(options, output);
-          if constexpr (std::is_same_v<Options, ListOptions>) List(options, output);
-          if constexpr (std::is_same_v<Options, PublishOptions>) Publish(options, output);
+          Do(options, output);
         }
       },
       invocation);

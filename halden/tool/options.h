@@ -6,39 +6,67 @@
 #include <string>
 #include <variant>
 
+#include "halden/service_id.h"
 #include "logger/logger.h"
 #include "zr/messaging/halden/service.pb.h"
 
 namespace zr::halden::tool {
 
-/// What every command is told.
+/// What every command that reads data centres is told.
 struct CommonOptions {
-  std::string service;
   std::string configPath;
   logging::LogLevel logLevel = logging::ZRLOG_ERROR;
+  bool json = false;
+  bool quiet = false;                           ///< only results and errors
+  std::optional<std::chrono::seconds> timeout;  ///< null: the command's own default
+
+  std::chrono::seconds Patience() const { return timeout.value_or(std::chrono::seconds(10)); }
 };
 
 struct WatchOptions : CommonOptions {
-  bool json = false;
+  std::string service;
+  std::optional<std::chrono::seconds> guard;  ///< how long mass removals are held back; null: not at all
 };
 
-struct ListOptions : CommonOptions {
+/// Of the commands that show what is there now.
+struct ViewOptions : CommonOptions {
+  std::string service;
+  bool live = false;
+  std::optional<std::chrono::seconds> guard;
+};
+
+struct ListOptions : ViewOptions {};
+struct StatusOptions : ViewOptions {};
+
+struct GetOptions : CommonOptions {
+  std::string service;
+  ServiceId id{};
+};
+
+struct ServicesOptions : CommonOptions {};
+
+struct ConfigCheckOptions {
+  std::string path;
+  logging::LogLevel logLevel = logging::ZRLOG_ERROR;
   bool json = false;
-  std::chrono::seconds timeout{10};
+  bool quiet = false;
 };
 
 struct PublishOptions : CommonOptions {
+  std::string service;
   std::string dataCenter;
   zr::messaging::halden::ServiceInstanceData instance;  ///< all but service name and start time
   std::optional<unsigned> count;  ///< when given, every instance has the attribute "index"
+  std::optional<ServiceId> id;    ///< null: a new one
 };
 
-/// The text of a help or version option.
+/// A text that is asked for: help, version, example.
 struct Information {
   std::string text;
 };
 
-using Invocation = std::variant<Information, WatchOptions, ListOptions, PublishOptions>;
+using Invocation = std::variant<Information, WatchOptions, ListOptions, StatusOptions, GetOptions,
+                                ServicesOptions, ConfigCheckOptions, PublishOptions>;
 
 /// Reads the command line and checks all that can be checked without files; the environment plays no part.
 /// Throws Failure(kWrongUsage).

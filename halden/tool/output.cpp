@@ -1,42 +1,58 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "output.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <array>
-#include <ctime>
-#include <iterator>
-#include <nlohmann/json.hpp>
 #include <tuple>
 #include <utility>
+
+#include "json.h"
 
 namespace zr::halden::tool {
 
 namespace {
 
-using Json = nlohmann::ordered_json;  // keys in the order written here, in every line
-
-std::string Line(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+std::string ReadErrorText(const DataCenterStatus& status) {
+  const int error = status.watcher.lastError;
+  return error == 0 ? std::string() : zerror(error);
 }
 
-std::time_t Seconds(TimePoint time) {
-  return std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(time));
+Cell FreshnessCell(const DataCenterStatus& status) {
+  const Freshness freshness = status.watcher.freshness;
+  return {std::string(halden::ToString(freshness)),
+          freshness == Freshness::Live ? Tone::Good : Tone::Doubtful};
 }
 
-std::int64_t Milliseconds(TimePoint time) {
-  const auto part = time - std::chrono::floor<std::chrono::seconds>(time);
-  return std::chrono::duration_cast<std::chrono::milliseconds>(part).count();
+Cell NumberCell(std::uint64_t number, Tone toneIfAny = Tone::Plain) {
+  return {std::to_string(number), number == 0 ? Tone::Plain : toneIfAny};
 }
 
-std::string LocalTime(TimePoint time) {
-  return fmt::format("{:%Y-%m-%d %H:%M:%S}.{:03}", fmt::localtime(Seconds(time)), Milliseconds(time));
+/// What a row of the state table has no column for.
+std::string StateNote(const DataCenterStatus& status, TimePoint now) {
+  std::string note;
+  const auto add = [&note](const std::string& part) { note += (note.empty() ? "" : "; ") + part; };
+  if (const auto since = status.watcher.staleSince) {
+    add(fmt::format("stale since {} ({})", ShortTime(*since, now), Age(*since, now)));
+  }
+  const zr::String& error = status.connection.lastErrorText;
+  if (!error.empty()) add("last error: " + EscapeControls(error));
+  if (const auto text = ReadErrorText(status); !text.empty()) add("last read error: " + text);
+  return note;
 }
 
-std::string UtcTime(TimePoint time) {
-  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(Seconds(time)), Milliseconds(time));
+Tone ChangeTone(Change change) {
+  constexpr std::array<Tone, 3> tones{Tone::Good, Tone::Plain, Tone::Bad};
+  return tones.at(static_cast<std::size_t>(change));
+}
+
+}  // namespace
+
+std::optional<Status> StatusNamed(std::string_view name) {
+  if (name == kStatusOk) return messaging::halden::STATUS_EXT_NONE;
+  if (name == kStatusDegraded) return messaging::halden::STATUS_EXT_DEGRADED;
+  return std::nullopt;
 }
 
 std::string StatusText(const ServiceInstanceData& data) {
@@ -60,16 +76,10 @@ std::string PortText(const ServiceInstanceData& data) {
   return text.empty() ? "-" : text;
 }
 
-/// A value that would not read as one word is put in quotes.
-std::string Word(const std::string& text) {
-  std::string safe = EscapeControls(text);
-  if (!safe.empty() && safe.find_first_of(" \"=") == std::string::npos) return safe;
-  std::string quoted = "\"";
-  for (const char c : safe) {
-    if (c == '"') quoted += '\\';
-    quoted += c;
-  }
-  return quoted + '"';
+std::string Endpoint(const ServiceInstanceData& data) {
+  const std::string host = EscapeControls(data.host());
+  const bool bare = host.find(':') == std::string::npos || host.front() == '[';
+  return fmt::format("{}:{}", bare ? host : '[' + host + ']', PortText(data));
 }
 
 std::string AttributeText(const ServiceInstanceData& data) {
@@ -80,97 +90,9 @@ std::string AttributeText(const ServiceInstanceData& data) {
   return text;
 }
 
-void AddInstance(Json& json, const ServiceInstanceData& data) {
-  json["host"] = data.host();
-  Json& ports = json["ports"] = Json::array();
-  for (const auto& port : data.ports()) ports.push_back(Json{{"name", port.name()}, {"port", port.port()}});
-  json["status"] = StatusText(data);
-  json["version"] = data.version();
-  json["weight"] = data.weight();
-  json["start_time_ms"] = data.start_time_ms();
-  Json& attributes = json["attributes"] = Json::object();
-  for (const auto& attribute : data.attributes()) attributes[attribute.key()] = attribute.value();
-}
-
 std::string_view ChangeText(Change change) {
   constexpr std::array<std::string_view, 3> texts{"added", "modified", "removed"};
   return texts.at(static_cast<std::size_t>(change));
-}
-
-std::string Padded(std::string_view text, std::size_t width) {
-  const std::size_t taken = Width(text);
-  return std::string(text) + std::string(width > taken ? width - taken : 0, ' ');
-}
-
-Json EventHead(TimePoint time, std::string_view event, std::string_view dataCenter) {
-  Json json;
-  json["time"] = UtcTime(time);
-  json["event"] = event;
-  json["data_center"] = dataCenter;
-  return json;
-}
-
-}  // namespace
-
-std::optional<Status> StatusNamed(std::string_view name) {
-  if (name == kStatusOk) return messaging::halden::STATUS_EXT_NONE;
-  if (name == kStatusDegraded) return messaging::halden::STATUS_EXT_DEGRADED;
-  return std::nullopt;
-}
-
-std::string EscapeControls(std::string_view text) {
-  constexpr unsigned char space = 0x20;
-  constexpr unsigned char del = 0x7f;
-  constexpr unsigned char c1Lead = 0xc2;  // followed by less than 0xa0: a control character beyond ASCII
-  constexpr unsigned char c1End = 0xa0;
-  std::string safe;
-  unsigned char before = 0;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    const bool c1 = before == c1Lead && byte >= 0x80 && byte < c1End;
-    if (c1) safe.pop_back();
-    if (byte < space || byte == del || c1) {
-      safe += fmt::format("\\x{:02x}", byte);
-    } else {
-      safe += c;
-    }
-    before = byte;
-  }
-  return safe;
-}
-
-bool IsUtf8(const std::string& text) try {
-  static_cast<void>(Json(text).dump());
-  return true;
-} catch (const Json::type_error&) {
-  return false;
-}
-
-std::size_t Width(std::string_view text) {
-  // Bytes that continue a UTF-8 character do not count.
-  return static_cast<std::size_t>(
-      std::count_if(text.begin(), text.end(), [](char c) { return (c & '\xc0') != '\x80'; }));
-}
-
-std::string Endpoint(const ServiceInstanceData& data) {
-  const std::string host = EscapeControls(data.host());
-  const bool bare = host.find(':') == std::string::npos || host.front() == '[';
-  return fmt::format("{}:{}", bare ? host : '[' + host + ']', PortText(data));
-}
-
-std::string Age(std::int64_t startTimeMs, TimePoint now) {
-  if (startTimeMs <= 0) return "-";
-  const auto nowMs = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count();
-  std::int64_t seconds =
-      std::max<std::int64_t>(nowMs - startTimeMs, 0) / 1000;  // clocks differ between hosts
-  constexpr std::array<std::pair<std::int64_t, char>, 4> units{
-      {{86400, 'd'}, {3600, 'h'}, {60, 'm'}, {1, 's'}}};
-  for (std::size_t i = 0; i + 1 < units.size(); ++i) {
-    if (seconds < units[i].first) continue;
-    return fmt::format("{}{} {}{}", seconds / units[i].first, units[i].second,
-                       seconds % units[i].first / units[i + 1].first, units[i + 1].second);
-  }
-  return fmt::format("{}s", seconds);
 }
 
 std::string_view Condition(const DataCenterStatus& status) {
@@ -199,13 +121,22 @@ std::string_view Condition(const DataCenterStatus& status) {
   return "unknown";
 }
 
+Tone ConditionTone(const DataCenterStatus& status) {
+  if (status.connection.state == ConnectionState::Connected) {
+    return status.watcher.freshness == Freshness::Live ? Tone::Good : Tone::Doubtful;
+  }
+  const bool connecting = status.connection.state == ConnectionState::Connecting;
+  return connecting && status.watcher.freshness == Freshness::NeverSynchronized ? Tone::Doubtful : Tone::Bad;
+}
+
 std::string StateText(const DataCenterStatus& status) {
   const std::size_t count = status.watcher.instances;
   const bool live = Condition(status) == "live";
   std::string text(Condition(status));
   if (live || count > 0) {
-    text += fmt::format(", {} instance{}{}", count, count == 1 ? "" : "s", live ? "" : " kept");
+    text += fmt::format(", {}{}", Counted(count, "instance"), live ? "" : " kept");
   }
+  if (status.watcher.held > 0) text += fmt::format(", {} of them held", status.watcher.held);
   if (status.watcher.quarantined > 0) text += fmt::format(", {} unreadable", status.watcher.quarantined);
   const zr::String& error = status.connection.lastErrorText;
   if (status.connection.state != ConnectionState::Connected && !error.empty() && error != Condition(status)) {
@@ -214,68 +145,89 @@ std::string StateText(const DataCenterStatus& status) {
   return text;
 }
 
-std::string EventFormat::Row(TimePoint time, std::string_view dataCenter, std::string_view kind,
+std::string EventFormat::Row(TimePoint time, std::string_view dataCenter, std::string_view kind, Tone tone,
                              std::string_view rest) const {
-  return fmt::format("{}  {}  {:<8}  {}\n", LocalTime(time),
-                     Padded(EscapeControls(dataCenter), m_dataCenterWidth), kind, rest);
+  constexpr std::size_t kindWidth = 8;
+  return fmt::format("{}  {}  {}  {}\n", LocalTime(time),
+                     Padded(EscapeControls(dataCenter), m_dataCenterWidth),
+                     Coloured(Padded(kind, kindWidth), tone, m_look.colour), rest);
 }
 
 std::string EventFormat::Event(TimePoint time, std::string_view dataCenter, Change change,
                                const ServiceId& id, const ServiceInstanceData* data) const {
-  if (m_json) {
-    Json json = EventHead(time, ChangeText(change), dataCenter);
-    json["id"] = halden::ToString(id);
-    if (data != nullptr) AddInstance(json, *data);
-    return Line(json);
-  }
+  if (m_json) return EventLine(time, dataCenter, change, id, data);
   std::string rest = halden::ToString(id);
   if (data != nullptr) {
     rest += fmt::format("  {}  {}", Endpoint(*data), StatusText(*data));
     if (data->attributes_size() > 0) rest += "  " + AttributeText(*data);
   }
-  return Row(time, dataCenter, ChangeText(change), rest);
+  return Row(time, dataCenter, ChangeText(change), ChangeTone(change), rest);
 }
 
 std::string EventFormat::State(TimePoint time, const DataCenterStatus& status) const {
-  if (!m_json) return Row(time, status.name, "state", StateText(status));
-  Json json = EventHead(time, "state", status.name);
-  json["connection"] = halden::ToString(status.connection.state);
-  json["freshness"] = halden::ToString(status.watcher.freshness);
-  json["instances"] = status.watcher.instances;
-  json["unreadable"] = status.watcher.quarantined;
-  json["last_error"] = status.connection.lastErrorText;
-  return Line(json);
+  if (m_json) return StateLine(status, time);
+  return Row(time, status.name, "state", ConditionTone(status), StateText(status));
 }
 
-std::string InstanceTable(std::vector<Instance> instances, bool json, TimePoint now) {
+void Sort(std::vector<Instance>& instances) {
   std::sort(instances.begin(), instances.end(), [](const Instance& a, const Instance& b) {
     return std::tie(a.dataCenter, a.id) < std::tie(b.dataCenter, b.id);
   });
+}
+
+std::string InstanceTable(const std::vector<Instance>& instances, const Look& look, TimePoint now) {
+  Table table({{"DC", true}, {"ID"}, {"HOST", true}, {"PORTS", true}, {"STATUS"}, {"AGE"}});
+  for (const auto& [dataCenter, id, data, held] : instances) {
+    const std::string status = StatusText(data) + (held ? ", held" : "");
+    table.AddRow({{EscapeControls(dataCenter)},
+                  {halden::ToString(id)},
+                  {EscapeControls(data.host())},
+                  {PortText(data)},
+                  {status, status == kStatusOk ? Tone::Plain : Tone::Doubtful},
+                  {Age(data.start_time_ms(), now)}});
+  }
+  return table.Text(look);
+}
+
+std::string StateLines(const std::vector<DataCenterStatus>& states, const Look& look) {
+  std::size_t width = 0;
+  for (const auto& state : states) width = std::max(width, Width(EscapeControls(state.name)));
   std::string text;
-  if (json) {
-    for (const auto& instance : instances) {
-      Json line{{"data_center", instance.dataCenter}, {"id", halden::ToString(instance.id)}};
-      AddInstance(line, instance.data);
-      text += Line(line);
-    }
-    return text;
-  }
-  constexpr std::size_t columns = 6;
-  using Cells = std::array<std::string, columns>;
-  std::vector<Cells> rows{{"DATA CENTRE", "ID", "HOST", "PORTS", "STATUS", "AGE"}};
-  for (const auto& [dataCenter, id, data] : instances) {
-    rows.push_back({EscapeControls(dataCenter), halden::ToString(id), EscapeControls(data.host()),
-                    PortText(data), StatusText(data), Age(data.start_time_ms(), now)});
-  }
-  std::array<std::size_t, columns> widths{};
-  for (const auto& row : rows) {
-    for (std::size_t i = 0; i < columns; ++i) widths[i] = std::max(widths[i], Width(row[i]));
-  }
-  for (const auto& row : rows) {
-    for (std::size_t i = 0; i + 1 < columns; ++i) text += Padded(row[i], widths[i]) + "  ";
-    text += row.back() + '\n';
+  for (const auto& state : states) {
+    const std::string name = Padded(EscapeControls(state.name), width) + "  ";
+    std::string rest = StateText(state);
+    if (look.width != 0) rest = Cut(rest, std::max(look.width, Width(name)) - Width(name));
+    text += name + Coloured(rest, ConditionTone(state), look.colour) + '\n';
   }
   return text;
+}
+
+std::string StateTable(const std::vector<DataCenterStatus>& states, const Look& look, TimePoint now) {
+  Table table({{"DC", true},
+               {"SESSION", true},
+               {"FRESHNESS", true},
+               {"INST", false, true},
+               {"HELD", false, true},
+               {"BAD", false, true},
+               {"RECONN", false, true},
+               {"EXPIRED", false, true},
+               {"RESYNC", false, true}});
+  for (const auto& state : states) {
+    const auto counters = state.Counters();
+    const bool connected = state.connection.state == ConnectionState::Connected;
+    table.AddRow({{EscapeControls(state.name)},
+                  {std::string(halden::ToString(state.connection.state)),
+                   connected ? Tone::Good : ConditionTone(state)},
+                  FreshnessCell(state),
+                  NumberCell(counters.instances),
+                  NumberCell(counters.held, Tone::Doubtful),
+                  NumberCell(counters.quarantined, Tone::Bad),
+                  NumberCell(counters.reconnects),
+                  NumberCell(counters.expiries),
+                  NumberCell(counters.resyncs)});
+    if (const auto note = StateNote(state, now); !note.empty()) table.AddNote(note);
+  }
+  return table.Text(look);
 }
 
 }  // namespace zr::halden::tool

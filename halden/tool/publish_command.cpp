@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <csignal>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,7 @@
 #include "failure.h"
 #include "halden/connection_v2.h"
 #include "halden/service_publisher.h"
+#include "json.h"
 #include "output.h"
 #include "signals.h"
 
@@ -24,7 +26,7 @@ using std::chrono::steady_clock;
 constexpr std::chrono::seconds kSessionTimeout{30};
 
 std::shared_ptr<Connection> MakeConnection(const PublishOptions& options) {
-  const auto ensembles = LoadEnsembles(options.configPath);
+  const auto ensembles = LoadEnsembles(options.configPath, options.quiet);
   const auto found = ensembles.find(options.dataCenter);
   if (found == ensembles.end()) {
     std::vector<std::string> names;
@@ -40,7 +42,8 @@ std::shared_ptr<Connection> MakeConnection(const PublishOptions& options) {
 /// The instances of one process, all through one connection.
 class Instances {
  public:
-  Instances(const PublishOptions& options, const std::shared_ptr<Connection>& conn) {
+  Instances(const PublishOptions& options, const std::shared_ptr<Connection>& conn)
+      : m_dataCenter(options.dataCenter) {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const unsigned count = options.count.value_or(1);
     for (unsigned i = 0; i < count; ++i) {
@@ -52,7 +55,8 @@ class Instances {
         attribute.set_value(std::to_string(i));
       }
       m_data.push_back(std::move(data));
-      m_publishers.push_back(std::make_unique<ServicePublisher>(conn, options.service, MakeServiceId()));
+      const ServiceId id = options.id.value_or(MakeServiceId());
+      m_publishers.push_back(std::make_unique<ServicePublisher>(conn, options.service, id));
       m_publishers.back()->Publish(m_data.back());
     }
   }
@@ -60,11 +64,24 @@ class Instances {
   bool AllPrinted() const { return m_printed == m_publishers.size(); }
 
   /// Prints the ids of those that were confirmed since, in the order of their index.
-  void PrintPublished(LineWriter& output) {
+  void PrintPublished(LineWriter& output, bool json) {
     for (; !AllPrinted(); ++m_printed) {
       const auto& publisher = *m_publishers[m_printed];
       if (publisher.Status().state != PublishState::Published) return;
-      output.Write(ToString(publisher.Id()) + '\n');
+      output.Write(json ? PublishedLine(m_dataCenter, publisher.Id()) : ToString(publisher.Id()) + '\n');
+    }
+  }
+
+  /// Tells of each instance once that another process publishes it.
+  void ComplainOfRivals() {
+    for (const auto& publisher : m_publishers) {
+      const PublisherStatus status = publisher->Status();
+      if (status.state != PublishState::Conflict) {
+        m_rivals.erase(publisher->Id());
+      } else if (m_rivals.insert(publisher->Id()).second) {
+        Complain(fmt::format("{}: published by another process, waiting for its end: {}",
+                             ToString(publisher->Id()), status.rival));
+      }
     }
   }
 
@@ -85,47 +102,68 @@ class Instances {
   }
 
  private:
+  const std::string m_dataCenter;
   std::vector<ServiceInstanceData> m_data;
   std::vector<std::unique_ptr<ServicePublisher>> m_publishers;
   std::size_t m_printed = 0;
+  std::set<ServiceId> m_rivals;  // the instances that have one, as far as told
 };
 
-void ServeUntilEnd(Instances& instances, const Connection& conn, const SignalSet& statusSignals,
-                   LineWriter& output) {
+/// Throws Failure when not all are published in the time that was given.
+void ServeUntilEnd(Instances& instances, const PublishOptions& options, const Connection& conn,
+                   const SignalSet& statusSignals, LineWriter& output) {
   constexpr milliseconds interval{50};  // until all are published
-  constexpr milliseconds idle{60'000};  // then only signals count
-  constexpr std::chrono::seconds patience{5};
-  auto complainAt = steady_clock::now() + patience;
+  constexpr milliseconds idle{500};     // then, for rivals
+  const auto never = steady_clock::time_point::max();
+  const auto begin = steady_clock::now();
+  auto complainAt = options.quiet ? never : begin + std::chrono::seconds(5);
+  const auto failAt = options.timeout ? begin + *options.timeout : never;
   while (!output.AwaitEnd(instances.AllPrinted() ? idle : interval, statusSignals.Descriptor())) {
     for (int signal = statusSignals.Take(); signal != 0; signal = statusSignals.Take()) {
       instances.SetStatus(signal == SIGUSR1 ? messaging::halden::STATUS_EXT_DEGRADED
                                             : messaging::halden::STATUS_EXT_NONE);
     }
-    instances.PrintPublished(output);
-    if (!instances.AllPrinted() && steady_clock::now() >= complainAt) {
-      const DataCenterStatus status{conn.DataCenterName(), conn.Status(), {}};
-      Complain(fmt::format("{}: not published yet: {}", status.name, StateText(status)));
-      complainAt = steady_clock::time_point::max();  // once is enough
+    instances.PrintPublished(output, options.json);
+    instances.ComplainOfRivals();
+    if (instances.AllPrinted()) continue;
+    const auto now = steady_clock::now();
+    if (now < complainAt && now < failAt) continue;
+    const std::string state = StateText({conn.DataCenterName(), conn.Status(), {}});
+    if (now >= failAt) {
+      throw Failure(kFailed, fmt::format("{}: not published within {} s: {}", conn.DataCenterName(),
+                                         options.timeout->count(), state));
     }
+    Complain(fmt::format("{}: not published yet: {}", conn.DataCenterName(), state));
+    complainAt = never;  // once is enough
+  }
+}
+
+/// Takes the instances back, in order where that is possible.
+void End(Instances& instances, Connection& conn) {
+  const ConnectionStatus status = conn.Status();
+  const bool connected = status.state == ConnectionState::Connected;
+  const bool removed = connected && instances.Remove(steady_clock::now() + kClosingLimit);
+  conn.Stop();
+  const bool closed = conn.AwaitClosed(kClosingLimit) && connected;
+  if (!removed && !closed && status.sessions > 0) {
+    Complain(conn.DataCenterName() + ": out of reach: the instances stay until the session times out");
   }
 }
 
 }  // namespace
 
-void Publish(const PublishOptions& options, LineWriter& output) {
+void Do(const PublishOptions& options, LineWriter& output) {
   const SignalSet statusSignals{SIGUSR1, SIGUSR2};  // before the connection has threads
   const auto conn = MakeConnection(options);
   conn->Start(nullptr);
   Instances instances(options, conn);
-  ServeUntilEnd(instances, *conn, statusSignals, output);
-  const ConnectionStatus status = conn->Status();
-  const bool connected = status.state == ConnectionState::Connected;
-  const bool removed = connected && instances.Remove(steady_clock::now() + kClosingLimit);
-  conn->Stop();
-  const bool closed = conn->AwaitClosed(kClosingLimit) && connected;
-  if (!removed && !closed && status.sessions > 0) {
-    Complain(options.dataCenter + ": out of reach: the instances stay until the session times out");
+  try {
+    ServeUntilEnd(instances, options, *conn, statusSignals, output);
+  } catch (const Failure&) {
+    End(instances, *conn);
+    throw;
   }
+  End(instances, *conn);
 }
 
 }  // namespace zr::halden::tool

@@ -2,12 +2,16 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
-#include <string_view>
+#include <utility>
 
 #include "commands.h"
+#include "failure.h"
 #include "halden/global_service_watcher.h"
 #include "output.h"
+#include "terminal.h"
+#include "view.h"
 
 namespace zr::halden::tool {
 
@@ -48,39 +52,61 @@ std::size_t WidestName(const DataCenterEnsembleMapT& ensembles) {
   return width;
 }
 
-/// What was last said of each data centre. Nobody tells when a state changes, so it is asked for.
+/// Prints a data centre's state when it has become another one, and not when it is only counted anew.
+/// Threads: data centres tell of their states concurrently, each of its own in order.
 class StatePrinter {
  public:
   StatePrinter(const EventFormat& format, LineWriter& output) : m_format(format), m_output(output) {}
 
-  void PrintChanges(const GlobalServiceWatcher& watcher) {
+  void Print(const DataCenterStatus& status) {
     const auto now = std::chrono::system_clock::now();
-    for (const auto& status : watcher.Status()) {
-      const std::string_view condition = Condition(status);
-      auto& said = m_said[status.name];
-      if (said == condition) continue;
-      said = condition;
-      m_output.Write(m_format.State(now, status));
-    }
+    if (IsNews(status)) m_output.Write(m_format.State(now, status));
   }
 
  private:
+  bool IsNews(const DataCenterStatus& status) {
+    std::pair<std::string, bool> state{Condition(status), status.watcher.held != 0};
+    const std::lock_guard lock(m_mtx);
+    auto& said = m_said[status.name];
+    if (said == state) return false;
+    said = std::move(state);
+    return true;
+  }
+
   const EventFormat m_format;
   LineWriter& m_output;
-  std::map<std::string, std::string, std::less<>> m_said;
+  std::mutex m_mtx;  // guards the one below
+  std::map<std::string, std::pair<std::string, bool>> m_said;
 };
+
+/// What has not been read when the time that was given is up.
+std::string AwaitFirstRead(const GlobalServiceWatcher& watcher, const WatchOptions& options,
+                           LineWriter& output) {
+  CommonOptions silently = options;
+  silently.quiet = true;  // events show the progress
+  if (!options.timeout || !AwaitInstances(watcher, silently, output)) return {};
+  return Unread(watcher.Status(), *options.timeout);
+}
 
 }  // namespace
 
-void Watch(const WatchOptions& options, LineWriter& output) {
-  constexpr std::chrono::milliseconds interval{200};
-  const EventFormat format(options.json, WidestName(LoadEnsembles(options.configPath)));
+void Do(const WatchOptions& options, LineWriter& output) {
+  constexpr std::chrono::hours longTime{1};
+  const std::size_t width = WidestName(LoadEnsembles(options.configPath, options.quiet));
+  const EventFormat format(options.json, width, LookOf(output.Descriptor()));
   GlobalServiceWatcher watcher(options.service, LibraryManaged{options.configPath});
+  watcher.SetMassRemovalGuard(GuardFor(options.guard));
   watcher.RegisterShared(std::make_shared<EventPrinter>(format, output));
+  if (!options.quiet) {
+    const auto states = std::make_shared<StatePrinter>(format, output);
+    watcher.SetStatusHandler([states](const DataCenterStatus& status) { states->Print(status); });
+  }
   watcher.StartManagedConnections();
-  StatePrinter states(format, output);
-  while (!output.AwaitEnd(interval)) states.PrintChanges(watcher);
-  watcher.Close(kClosingLimit);
+  const std::string unread = AwaitFirstRead(watcher, options, output);
+  while (unread.empty() && !output.AwaitEnd(longTime)) {
+  }
+  watcher.Close(kClosingLimit);  // before anything is thrown: callbacks write to the output
+  if (!unread.empty()) throw Failure(kFailed, unread);
 }
 
 }  // namespace zr::halden::tool

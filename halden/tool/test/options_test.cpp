@@ -3,11 +3,14 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "commands.h"
 #include "failure.h"
+#include "halden/zookeeper_config.h"
 
 namespace zr::halden::tool {
 namespace {
@@ -58,7 +61,7 @@ TEST(CommandLine, ReadsPortsAndAttributesAsTyped) {
 
 TEST(CommandLine, SaysWhatIsWrongInOneLine) {
   ExpectRefused({}, "subcommand");
-  ExpectRefused({"watch"}, "SERVICE");
+  ExpectRefused({"watch", "--config", "c"}, "SERVICE");
   ExpectRefused({"watch", "orders"}, "--config");
   ExpectRefused({"list", "orders", "--config", "c", "--jsno"}, "--jsno");
   ExpectRefused({"list", "orders", "--config", "c", "--log-level", "loud"}, "--log-level");
@@ -68,6 +71,11 @@ TEST(CommandLine, SaysWhatIsWrongInOneLine) {
   for (const char* timeout : {"-1", "nan", "1.5", "", "99999999999999999999"}) {
     ExpectRefused({"list", "orders", "--config", "c", "--timeout", timeout}, "bad --timeout");
   }
+  ExpectRefused({"list", "orders", "--config", "c", "--live", "--json"}, "--json");
+  ExpectRefused({"list", "orders", "--config", "c", "--guard", "5"}, "--live");
+  ExpectRefused({"status", "orders", "--config", "c", "--quiet", "--verbose"}, "--verbose");
+  ExpectRefused({"get", "orders", "0", "--config", "c"}, "bad ID");
+  ExpectRefused({"config", "check"}, "FILE");
 }
 
 TEST(CommandLine, RefusesToPublishWhatReadersCouldNotUse) {
@@ -79,12 +87,13 @@ TEST(CommandLine, RefusesToPublishWhatReadersCouldNotUse) {
                   "bad --attribute");
   }
   ExpectRefused(kPublish + Words{"--count", "0"}, "bad --count");
+  ExpectRefused(kPublish + Words{"--id", "0"}, "bad --id");
   ExpectRefused(kPublish + Words{"--weight", "4294967296"}, "bad --weight");
   ExpectRefused(kPublish + Words{"--status", "fine"}, "bad --status");
 }
 
 TEST(CommandLine, OffersHelpWithAnExampleAndTheVersionEverywhere) {
-  for (const char* command : {"watch", "list", "publish"}) {
+  for (const char* command : {"watch", "list", "status", "get", "services", "publish", "config"}) {
     const std::string help = std::get<Information>(Parse({command, "--help"})).text;
     EXPECT_NE(help.find(std::string("Example:\n  halden ") + command), std::string::npos) << help;
     EXPECT_EQ(std::get<Information>(Parse({command, "--version"})).text, "halden " HALDEN_VERSION "\n");
@@ -92,7 +101,16 @@ TEST(CommandLine, OffersHelpWithAnExampleAndTheVersionEverywhere) {
 }
 
 TEST(Configuration, ThatCannotBeReadIsAFailureAndNotAnEmptyResult) {
-  EXPECT_THROW(LoadEnsembles("/nonexistent/halden.toml"), Failure);
+  EXPECT_THROW(LoadEnsembles("/nonexistent/halden.toml", true), Failure);
+}
+
+TEST(Configuration, ExampleIsInOrder) {
+  const std::string path = testing::TempDir() + "halden-example.toml";
+  std::ofstream(path) << std::get<Information>(Parse({"config", "example"})).text;
+  const ZooKeeperConfig config = ReadZooKeeperConfig(path);
+  EXPECT_EQ(config.ensembles.size(), 3U);
+  EXPECT_TRUE(config.faults.empty() && config.warnings.empty());
+  std::filesystem::remove(path);
 }
 
 }  // namespace

@@ -1,0 +1,48 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+/// Text for people and terminals. Pure functions.
+namespace zr::halden::tool {
+
+using TimePoint = std::chrono::system_clock::time_point;
+
+/// Control characters as \xNN: what others publish must not start a new line or steer a terminal.
+std::string EscapeControls(std::string_view text);
+
+bool IsUtf8(std::string_view text);
+
+/// As one word: put in quotes where it would not read as one.
+std::string Word(std::string_view text);
+
+/// Columns that `text` takes up, counting each character as one.
+std::size_t Width(std::string_view text);
+/// `text` with blanks behind it, or before it, up to `width`.
+std::string Padded(std::string_view text, std::size_t width);
+std::string RightAligned(std::string_view text, std::size_t width);
+/// At most `width` columns of `text`, the last one an ellipsis where something is left out.
+std::string Cut(std::string_view text, std::size_t width);
+
+/// "1 instance", "3 instances"
+std::string Counted(std::size_t count, std::string_view what);
+
+/// "2026-01-02 03:04:05.678" in the local time zone
+std::string LocalTime(TimePoint time);
+/// "03:04:05" today, else with the date, in the local time zone.
+std::string ShortTime(TimePoint time, TimePoint now);
+/// "2026-01-02T03:04:05.678Z"
+std::string UtcTime(TimePoint time);
+
+TimePoint FromMilliseconds(std::int64_t sinceEpoch);
+
+/// The two largest units of the time since: "3d 4h", "12m 5s", "7s".
+std::string Age(TimePoint since, TimePoint now);
+/// As above; "-" when it was not said.
+std::string Age(std::int64_t startTimeMs, TimePoint now);
+
+}  // namespace zr::halden::tool

@@ -1,0 +1,42 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <fmt/format.h>
+
+#include <charconv>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "failure.h"
+#include "halden/service_id.h"
+#include "text.h"
+
+/// Words of the command line, read strictly. All throw Failure(kWrongUsage) with what was expected.
+namespace zr::halden::tool {
+
+[[noreturn]] inline void Refuse(const std::string& why) {
+  throw Failure(kWrongUsage, why);
+}
+
+template <typename Number>
+Number ParseNumber(std::string_view name, std::string_view word, Number least, Number most) {
+  Number number{};
+  const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number);
+  if (error != std::errc() || end != word.data() + word.size() || number < least || number > most) {
+    Refuse(fmt::format("bad {} '{}': expected a whole number from {} to {}", name, EscapeControls(word),
+                       least, most));
+  }
+  return number;
+}
+
+inline ServiceId ReadId(std::string_view name, std::string_view word) {
+  const auto id = ParseServiceId(word);
+  if (!id) {
+    Refuse(fmt::format("bad {} '{}': expected a UUID in lower case, as '{}'", name, EscapeControls(word),
+                       "3f2a8c1e-5b7d-4e09-9a64-0c1d2e3f4a5b"));
+  }
+  return *id;
+}
+
+}  // namespace zr::halden::tool
