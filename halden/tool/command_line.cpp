@@ -47,7 +47,7 @@ CLI::Option* AddGuard(CLI::App& command, Words& words) {
   return command
       .add_option(
           "--guard", words.guard,
-          "Hold it back for so long when more than half of a data centre's instances disappear at once")
+          "Hold removals back for so long when more than half of a data centre's instances go at once")
       ->type_name("SECONDS");
 }
 
@@ -88,6 +88,13 @@ void AddReaders(CLI::App& app, Words& words) {
       "Example:\n  halden get orders 3f2a8c1e-5b7d-4e09-9a64-0c1d2e3f4a5b --config halden.toml\n");
   AddCommand(app, words, "services", "Print what is published, and how many instances of it")
       .footer("Example:\n  halden services --config halden.toml\n");
+  auto& doctor =
+      AddCommand(app, words, "doctor", "Look for what is wrong or will go wrong, and say what to do");
+  AddService(doctor, words, false);
+  doctor.footer(
+      "Checks the configuration, names, servers, sessions and access rights; with SERVICE also its nodes,\n"
+      "their sizes, and what watching them costs. Returns 1 when a check failed; a warning is no failure.\n\n"
+      "Example:\n  halden doctor orders --config halden.toml\n");
 }
 
 void AddPublish(CLI::App& app, Words& words) {
@@ -137,6 +144,14 @@ void AddConfig(CLI::App& app, Words& words) {
       .footer("Example:\n  halden config example > halden.toml\n");
 }
 
+/// For packagers: the build runs it.
+void AddGenerate(CLI::App& app, Words& words) {
+  auto& command =
+      AddPlainCommand(app, "generate", "Print what is derived from the commands and their options");
+  command.group("");  // hidden
+  command.add_option("FORMAT", words.format, "bash, zsh or man")->required();
+}
+
 }  // namespace
 
 void Declare(CLI::App& app, Words& words) {
@@ -149,6 +164,7 @@ void Declare(CLI::App& app, Words& words) {
   AddWatch(app, words);
   AddPublish(app, words);
   AddConfig(app, words);
+  AddGenerate(app, words);
 }
 
 }  // namespace zr::halden::tool

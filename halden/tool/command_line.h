@@ -20,6 +20,7 @@ struct Words {
   std::string service;
   std::string id;
   std::string config;
+  std::string format;
   std::string logLevel{"error"};
   bool verbose = false;
   bool quiet = false;

@@ -27,6 +27,7 @@ void Do(const ListOptions& options, LineWriter& output);
 void Do(const StatusOptions& options, LineWriter& output);
 void Do(const GetOptions& options, LineWriter& output);
 void Do(const ServicesOptions& options, LineWriter& output);
+void Do(const DoctorOptions& options, LineWriter& output);
 void Do(const ConfigCheckOptions& options, LineWriter& output);
 void Do(const PublishOptions& options, LineWriter& output);
 

@@ -105,6 +105,7 @@ std::vector<details::Reply> EnsembleReader::Ask(const std::vector<Question>& que
       for (std::size_t i = 0; i < batch.size(); ++i) {
         core->Submit({.kind = batch[i].kind,
                       .path = batch[i].path,
+                      .outsideChroot = batch[i].outsideChroot,
                       .reply = [inbox, round, i](details::Reply& reply) { inbox->Put(round, i, reply); }});
       }
     });

@@ -28,7 +28,8 @@ struct Limit {
 
 struct Question {
   details::Request::Kind kind;
-  zr::String path;  ///< below the chroot
+  zr::String path;             ///< below the chroot
+  bool outsideChroot = false;  ///< it is below the ensemble's own root instead
 };
 
 /// Reads nodes of one ensemble through a session of its own: for commands that ask and end.

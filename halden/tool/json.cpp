@@ -114,6 +114,15 @@ std::string FaultLine(const ConfigFault& fault, bool isError) {
                    {"message", fault.message}});
 }
 
+std::string CheckLine(const Check& check) {
+  return Line(Json{{"type", "check"},
+                   {"data_center", check.dataCenter},
+                   {"check", check.subject},
+                   {"verdict", VerdictText(check.verdict)},
+                   {"finding", check.finding},
+                   {"advice", check.advice}});
+}
+
 std::string PublishedLine(std::string_view dataCenter, const ServiceId& id) {
   return Line(Json{{"type", "published"}, {"data_center", dataCenter}, {"id", halden::ToString(id)}});
 }

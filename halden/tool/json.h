@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "diagnosis.h"
 #include "halden/zookeeper_config.h"
 #include "node_facts.h"
 #include "output.h"
@@ -30,6 +31,7 @@ struct ServiceCount {
 std::string NodeLine(const NodeFacts& facts);
 std::string ServiceLine(const ServiceCount& service);
 std::string FaultLine(const ConfigFault& fault, bool isError);
+std::string CheckLine(const Check& check);
 std::string PublishedLine(std::string_view dataCenter, const ServiceId& id);
 
 }  // namespace zr::halden::tool

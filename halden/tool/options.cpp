@@ -7,6 +7,7 @@
 #include "command_line.h"
 #include "commands.h"
 #include "failure.h"
+#include "generate.h"
 #include "halden/service_watcher.h"
 #include "logger/sink.h"
 #include "words.h"
@@ -51,6 +52,13 @@ ViewOptions ReadView(const Words& words) {
   return {ReadCommon(words), ReadService(words), words.live, ReadSeconds("--guard", words.guard, 1)};
 }
 
+std::string Generate(const CLI::App& app, const std::string& format) {
+  if (format == "bash") return BashCompletion(Describe(app));
+  if (format == "zsh") return ZshCompletion(Describe(app));
+  if (format == "man") return ManualPage(Describe(app));
+  Refuse(fmt::format("bad FORMAT '{}': expected bash, zsh or man", EscapeControls(format)));
+}
+
 Invocation Read(const CLI::App& app, Words& words) {
   const std::string command = app.get_subcommands().front()->get_name();
   if (command == "list") return ListOptions{ReadView(words)};
@@ -60,10 +68,15 @@ Invocation Read(const CLI::App& app, Words& words) {
   }
   if (command == "get") return GetOptions{ReadCommon(words), ReadService(words), ReadId("ID", words.id)};
   if (command == "services") return ServicesOptions{ReadCommon(words)};
+  if (command == "doctor") {
+    const bool named = app.get_subcommand("doctor")->count("SERVICE") != 0;
+    return DoctorOptions{ReadCommon(words), named ? ReadService(words) : std::string()};
+  }
   if (command == "config") {
     if (app.get_subcommand("config")->got_subcommand("example")) return Information{ConfigExample()};
     return ConfigCheckOptions{words.config, logging::ZRLOG_ERROR, words.json, words.quiet};
   }
+  if (command == "generate") return Information{Generate(app, words.format)};
   const auto& publish = *app.get_subcommand("publish");
   words.ports = publish.get_option("--port")->results();
   words.attributes = publish.get_option("--attribute")->results();

@@ -45,6 +45,10 @@ struct GetOptions : CommonOptions {
 
 struct ServicesOptions : CommonOptions {};
 
+struct DoctorOptions : CommonOptions {
+  std::string service;  ///< empty: only what concerns all services
+};
+
 struct ConfigCheckOptions {
   std::string path;
   logging::LogLevel logLevel = logging::ZRLOG_ERROR;
@@ -66,7 +70,7 @@ struct Information {
 };
 
 using Invocation = std::variant<Information, WatchOptions, ListOptions, StatusOptions, GetOptions,
-                                ServicesOptions, ConfigCheckOptions, PublishOptions>;
+                                ServicesOptions, DoctorOptions, ConfigCheckOptions, PublishOptions>;
 
 /// Reads the command line and checks all that can be checked without files; the environment plays no part.
 /// Throws Failure(kWrongUsage).

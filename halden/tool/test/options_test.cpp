@@ -76,6 +76,8 @@ TEST(CommandLine, SaysWhatIsWrongInOneLine) {
   ExpectRefused({"status", "orders", "--config", "c", "--quiet", "--verbose"}, "--verbose");
   ExpectRefused({"get", "orders", "0", "--config", "c"}, "bad ID");
   ExpectRefused({"config", "check"}, "FILE");
+  ExpectRefused({"doctor", "", "--config", "c"}, "bad service name");
+  ExpectRefused({"generate", "pdf"}, "bad FORMAT");
 }
 
 TEST(CommandLine, RefusesToPublishWhatReadersCouldNotUse) {
@@ -93,7 +95,7 @@ TEST(CommandLine, RefusesToPublishWhatReadersCouldNotUse) {
 }
 
 TEST(CommandLine, OffersHelpWithAnExampleAndTheVersionEverywhere) {
-  for (const char* command : {"watch", "list", "status", "get", "services", "publish", "config"}) {
+  for (const char* command : {"watch", "list", "status", "get", "services", "doctor", "publish", "config"}) {
     const std::string help = std::get<Information>(Parse({command, "--help"})).text;
     EXPECT_NE(help.find(std::string("Example:\n  halden ") + command), std::string::npos) << help;
     EXPECT_EQ(std::get<Information>(Parse({command, "--version"})).text, "halden " HALDEN_VERSION "\n");

@@ -1,0 +1,153 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "commands.h"
+#include "connect_string.h"
+#include "diagnosis.h"
+#include "ensemble_reader.h"
+#include "failure.h"
+#include "json.h"
+#include "layout.h"
+#include "name_resolution.h"
+#include "node_codec.h"
+#include "reachability.h"
+#include "terminal.h"
+
+namespace zr::halden::tool {
+
+namespace {
+
+using details::Request;
+
+ServerFacts ExamineServer(const details::HostPort& server) {
+  const bool ipv6 = server.host.find(':') != zr::String::npos;
+  ServerFacts facts;
+  facts.server = (ipv6 ? '[' + server.host + ']' : server.host) + ':' + std::to_string(server.port);
+  facts.isName = details::HasNames({server});
+  const auto resolved = details::Resolve({server});
+  facts.resolveError = resolved.error;
+  facts.connectError = WhyUnreachable(resolved.addresses);
+  return facts;
+}
+
+/// Reads a service's nodes, and what a client's watches on them come to.
+class ServiceExamination {
+ public:
+  ServiceExamination(EnsembleReader& reader, const std::string& service, std::size_t chrootBytes)
+      : m_reader(reader), m_path(details::ServicePath(service)), m_chrootBytes(chrootBytes) {}
+
+  ServiceFacts Run() {
+    const auto service = m_reader.Ask({Request::Kind::GetChildren, m_path});
+    m_facts.code = service.code;
+    if (service.code != ZOK) return m_facts;
+    CountWatch(m_path);
+    std::vector<Question> partitions;
+    for (const auto& name : service.children) {
+      const zr::String path = m_path + '/' + name;
+      if (details::ParsePartition(name)) partitions.push_back({Request::Kind::GetChildren, path});
+      if (!details::ParsePartition(name)) CountOdd(path);
+    }
+    const auto lists = m_reader.Ask(partitions);
+    for (std::size_t i = 0; i < lists.size(); ++i) ExaminePartition(partitions[i].path, lists[i]);
+    return m_facts;
+  }
+
+ private:
+  void ExaminePartition(const zr::String& path, const details::Reply& list) {
+    if (!Readable(list.code)) return;
+    CountWatch(path);
+    std::vector<Question> questions;
+    for (const auto& name : list.children) {
+      const auto id = ParseServiceId(name);
+      const bool inPlace = id && details::InstancePath(m_path, *id) == path + '/' + name;
+      if (inPlace) questions.push_back({Request::Kind::Get, path + '/' + name});
+      if (!inPlace) CountOdd(path + '/' + name);
+    }
+    const auto nodes = m_reader.Ask(questions);
+    for (std::size_t i = 0; i < nodes.size(); ++i) ExamineNode(questions[i].path, nodes[i]);
+  }
+
+  void ExamineNode(const zr::String& path, const details::Reply& node) {
+    if (!Readable(node.code)) return;
+    CountWatch(path);
+    ++m_facts.instances;
+    m_facts.total += node.value.size();
+    if (node.value.size() > m_facts.largest) {
+      m_facts.largest = node.value.size();
+      m_facts.largestPath = path;
+    }
+    if (node.stat.ephemeralOwner == 0 && m_facts.sessionless++ == 0) m_facts.sessionlessExample = path;
+    const auto decoded = details::DecodeNode(node.value);
+    if (!decoded.payload && m_facts.unreadable++ == 0) {
+      m_facts.unreadableExample =
+          path + ": " + decoded.error + ", written by " + details::WriterOf(node.value);
+    }
+  }
+
+  /// What has gone since it was listed is not there; other errors are kept.
+  bool Readable(int code) {
+    if (code != ZOK && code != ZNONODE) m_facts.code = code;
+    return code == ZOK;
+  }
+  void CountOdd(const zr::String& path) {
+    if (m_facts.oddNodes++ == 0) m_facts.oddExample = path;
+  }
+  void CountWatch(const zr::String& path) {
+    m_facts.watchBytes += m_chrootBytes + path.size() + sizeof(std::int32_t);
+  }
+
+  EnsembleReader& m_reader;
+  const zr::String m_path;
+  const std::size_t m_chrootBytes;
+  ServiceFacts m_facts;
+};
+
+EnsembleFacts Examine(EnsembleReader& reader, const zr::String& ensemble, const std::string& service) {
+  const auto parsed = details::ParseConnectString(ensemble).value;
+  EnsembleFacts facts;
+  facts.dataCenter = reader.DataCenter();
+  facts.chroot = parsed.chroot;
+  for (const auto& server : parsed.hosts) facts.servers.push_back(ExamineServer(server));
+  facts.session = reader.AwaitSession();
+  facts.status = reader.Status();
+  if (!facts.session) return facts;
+  if (!facts.chroot.empty()) {
+    facts.chrootCode = reader.Ask({Request::Kind::Exists, facts.chroot, true}).code;
+  }
+  const auto services = reader.Ask({Request::Kind::GetChildren, zr::String(details::kServicesPath)});
+  facts.servicesCode = services.code;
+  facts.services = services.children.size();
+  if (!service.empty()) facts.service = ServiceExamination(reader, service, facts.chroot.size()).Run();
+  return facts;
+}
+
+}  // namespace
+
+void Do(const DoctorOptions& options, LineWriter& output) {
+  const ZooKeeperConfig config = ReadZooKeeperConfig(options.configPath);
+  std::vector<Check> checks = DiagnoseConfig(config, options.configPath);
+  const auto all = InEachDataCenter<EnsembleFacts>(
+      config.ensembles, options.Patience(), output, [&](EnsembleReader& reader) {
+        return Examine(reader, config.ensembles.at(reader.DataCenter()), options.service);
+      });
+  if (!all) return;
+  for (const auto& facts : *all) {
+    auto more = Diagnose(facts, options.service);
+    std::move(more.begin(), more.end(), std::back_inserter(checks));
+  }
+  std::string text;
+  if (!options.json) text = CheckText(checks, options.quiet, LookOf(output.Descriptor()));
+  for (const auto& check : checks) {
+    if (options.json && !(options.quiet && check.verdict == Verdict::Ok)) text += CheckLine(check);
+  }
+  output.Write(text);
+  output.ThrowIfFailed();
+  const bool failed = std::any_of(checks.begin(), checks.end(),
+                                  [](const Check& check) { return check.verdict == Verdict::Failure; });
+  if (failed) throw Failure(kFailed, "");
+}
+
+}  // namespace zr::halden::tool
