@@ -1,5 +1,7 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
+#include <future>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,6 +32,17 @@ ServerFacts ExamineServer(const details::HostPort& server) {
   const auto resolved = details::Resolve({server});
   facts.resolveError = resolved.error;
   facts.connectError = WhyUnreachable(resolved.addresses);
+  return facts;
+}
+
+/// At once: one that does not answer takes its time.
+std::vector<ServerFacts> ExamineServers(const std::vector<details::HostPort>& servers) {
+  std::vector<std::future<ServerFacts>> running;
+  for (const auto& server : servers) {
+    running.push_back(std::async(std::launch::async, [&server] { return ExamineServer(server); }));
+  }
+  std::vector<ServerFacts> facts;
+  for (auto& future : running) facts.push_back(future.get());
   return facts;
 }
 
@@ -110,7 +123,7 @@ EnsembleFacts Examine(EnsembleReader& reader, const zr::String& ensemble, const 
   EnsembleFacts facts;
   facts.dataCenter = reader.DataCenter();
   facts.chroot = parsed.chroot;
-  for (const auto& server : parsed.hosts) facts.servers.push_back(ExamineServer(server));
+  facts.servers = ExamineServers(parsed.hosts);
   facts.session = reader.AwaitSession();
   facts.status = reader.Status();
   if (!facts.session) return facts;

@@ -14,6 +14,9 @@ namespace zr::halden::tool {
 
 namespace {
 
+constexpr std::size_t kLeast = 4;       // columns of what is cut
+constexpr std::size_t kLeastName = 12;  // of a data centre's name, which rows are told apart by
+
 std::string ReadErrorText(const DataCenterStatus& status) {
   const int error = status.watcher.lastError;
   return error == 0 ? std::string() : zerror(error);
@@ -176,7 +179,7 @@ void Sort(std::vector<Instance>& instances) {
 }
 
 std::string InstanceTable(const std::vector<Instance>& instances, const Look& look, TimePoint now) {
-  Table table({{"DC", true}, {"ID"}, {"HOST", true}, {"PORTS", true}, {"STATUS"}, {"AGE"}});
+  Table table({{"DC", kLeastName}, {"ID"}, {"HOST", kLeast}, {"PORTS", kLeast}, {"STATUS"}, {"AGE"}});
   for (const auto& [dataCenter, id, data, held] : instances) {
     const std::string status = StatusText(data) + (held ? ", held" : "");
     table.AddRow({{EscapeControls(dataCenter)},
@@ -203,15 +206,15 @@ std::string StateLines(const std::vector<DataCenterStatus>& states, const Look& 
 }
 
 std::string StateTable(const std::vector<DataCenterStatus>& states, const Look& look, TimePoint now) {
-  Table table({{"DC", true},
-               {"SESSION", true},
-               {"FRESHNESS", true},
-               {"INST", false, true},
-               {"HELD", false, true},
-               {"BAD", false, true},
-               {"RECONN", false, true},
-               {"EXPIRED", false, true},
-               {"RESYNC", false, true}});
+  Table table({{"DC", kLeastName},
+               {"SESSION", kLeast},
+               {"FRESHNESS", kLeast},
+               {"INST", 0, true},
+               {"HELD", 0, true},
+               {"BAD", 0, true},
+               {"RECONN", 0, true},
+               {"EXPIRED", 0, true},
+               {"RESYNC", 0, true}});
   for (const auto& state : states) {
     const auto counters = state.Counters();
     const bool connected = state.connection.state == ConnectionState::Connected;

@@ -18,6 +18,8 @@ namespace {
 
 using details::Request;
 
+constexpr std::size_t kLeastName = 12;  // columns of a name that is cut
+
 struct Catalogue {
   std::vector<ServiceCount> services;
   std::string trouble;  // why it is not complete
@@ -63,7 +65,7 @@ Catalogue ReadCatalogue(EnsembleReader& reader, const ServicesOptions& options) 
 }
 
 std::string ServiceTable(const std::vector<ServiceCount>& services, const Look& look) {
-  Table table({{"SERVICE", true}, {"DC", true}, {"INSTANCES", false, true}});
+  Table table({{"SERVICE", kLeastName}, {"DC", kLeastName}, {"INSTANCES", 0, true}});
   for (const auto& [dataCenter, name, instances] : services) {
     table.AddRow({{EscapeControls(name)},
                   {EscapeControls(dataCenter)},

@@ -13,7 +13,6 @@ namespace zr::halden::tool {
 namespace {
 
 constexpr std::size_t kGap = 2;
-constexpr std::size_t kLeastWidth = 4;  // of a column that is cut
 
 std::string_view Escape(Tone tone) {
   switch (tone) {
@@ -55,7 +54,7 @@ std::vector<std::size_t> Table::Widths(std::size_t limit) const {
   while (limit != 0 && total > limit) {
     std::size_t widest = widths.size();
     for (std::size_t i = 0; i < widths.size(); ++i) {
-      const bool candidate = m_columns[i].flexible && widths[i] > kLeastWidth;
+      const bool candidate = widths[i] > m_columns[i].least && m_columns[i].least != 0;
       if (candidate && (widest == widths.size() || widths[i] > widths[widest])) widest = i;
     }
     if (widest == widths.size()) break;

@@ -23,7 +23,7 @@ std::string Coloured(std::string_view text, Tone tone, bool colour);
 
 struct Column {
   std::string title;
-  bool flexible = false;  ///< may be cut where the terminal is too narrow for the table
+  std::size_t least = 0;  ///< may be cut to so many columns where the table is too wide; 0: never
   bool number = false;    ///< right-aligned
 };
 
@@ -40,8 +40,8 @@ class Table {
   /// A line of its own below the row before it, indented.
   void AddNote(std::string note) { m_rows.push_back({{}, std::move(note)}); }
 
-  /// Columns as wide as their widest cell. What is too wide for the look is taken from the flexible columns,
-  /// one column at a time from whichever is the widest then.
+  /// Columns as wide as their widest cell. What is too wide for the look is taken from those that
+  /// may be cut, from whichever is the widest then.
   std::string Text(const Look& look) const;
 
  private:

@@ -108,7 +108,7 @@ TEST(InstanceTable, IsCutToTheTerminalButNeverItsIds) {
     const std::string table = InstanceTable(instances, {false, width}, kNow);
     EXPECT_NE(table.find(kIdText), std::string::npos) << table;
     EXPECT_NE(table.find("…"), std::string::npos) << table;
-    EXPECT_EQ(Width(table.substr(table.find('\n') + 1)), std::max<std::size_t>(width, 69) + 1) << table;
+    EXPECT_EQ(Width(table.substr(table.find('\n') + 1)), std::max<std::size_t>(width, 72) + 1) << table;
   }
   const std::string coloured = InstanceTable(instances, {true, 80}, kNow);
   EXPECT_NE(coloured.find("\x1b[1mDC\x1b[0m       \x1b[1mID\x1b[0m"), std::string::npos) << coloured;
