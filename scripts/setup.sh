@@ -15,6 +15,9 @@ packages=(
 if [[ "${1:-}" == "--clang" ]]; then # what scripts/check.sh and scripts/fuzz.sh need on top
   packages+=(clang libclang-rt-dev clang-format clang-tidy)
 fi
+if [[ "${1:-}" == "--docs" ]]; then # what scripts/api_docs.sh needs on top
+  packages+=(doxygen)
+fi
 
 missing=()
 for package in "${packages[@]}"; do
