@@ -98,6 +98,8 @@ void BenchSilentServer(Server& server, int times) {
   server.Pause();
   std::vector<double> stops;
   std::vector<double> starts;
+  stops.reserve(connections.size());
+  starts.reserve(connections.size());
   for (const auto& conn : connections) stops.push_back(Time<Micros>([&] { conn->Stop(); }));
   for (const auto& conn : connections) starts.push_back(Time<Micros>([&] { conn->Start(nullptr); }));
   Report("Stop, connected to a silent server", stops);
