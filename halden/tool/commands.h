@@ -10,8 +10,10 @@
 
 namespace zr::halden::tool {
 
-/// How long a command that ends waits for sessions to close; past it the servers end them by themselves.
+/// How long a command that ends waits for sessions to close; past it the servers end them by themselves. One
+/// that only reads leaves nothing behind but the session.
 inline constexpr std::chrono::seconds kClosingLimit{3};
+inline constexpr std::chrono::seconds kReadersClosingLimit{1};
 
 /// The ensembles of the configuration file. Throws Failure for a file with faults: to act on the rest of it
 /// would look as if a data centre had no instances. Warnings go to stderr, unless `quiet`.

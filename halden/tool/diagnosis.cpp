@@ -121,6 +121,12 @@ bool CheckRoot(const EnsembleFacts& facts, Report& report) {
     return false;
   }
   if (facts.servicesCode == ZOK) return true;
+  if (facts.servicesCode == ZOPERATIONTIMEOUT) {
+    report.Add("service", Verdict::Failure,
+               fmt::format("no answer in time to a read of {}", details::kServicesPath),
+               "see how the ensemble is doing; try again with a longer --timeout");
+    return false;
+  }
   report.Add("service", Verdict::Failure,
              fmt::format("{} cannot be read: {}", details::kServicesPath, zerror(facts.servicesCode)),
              "see the ensemble's own logs");

@@ -68,7 +68,7 @@ EnsembleReader::EnsembleReader(const zr::String& dataCenter, const zr::String& e
 
 EnsembleReader::~EnsembleReader() {
   m_core->Stop();
-  m_core->AwaitClosed(kClosingLimit);
+  m_core->AwaitClosed(kReadersClosingLimit);
 }
 
 bool EnsembleReader::Await(const std::function<bool(const Inbox&)>& condition) {

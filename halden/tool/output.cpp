@@ -136,8 +136,9 @@ std::string StateText(const DataCenterStatus& status) {
   const std::size_t count = status.watcher.instances;
   const bool live = Condition(status) == "live";
   std::string text(Condition(status));
+  const bool first = status.watcher.freshness == Freshness::NeverSynchronized;
   if (live || count > 0) {
-    text += fmt::format(", {}{}", Counted(count, "instance"), live ? "" : " kept");
+    text += fmt::format(", {}{}", Counted(count, "instance"), live ? "" : first ? " so far" : " kept");
   }
   if (status.watcher.held > 0) text += fmt::format(", {} of them held", status.watcher.held);
   if (status.watcher.quarantined > 0) text += fmt::format(", {} unreadable", status.watcher.quarantined);

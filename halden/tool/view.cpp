@@ -69,11 +69,11 @@ void View(const ViewOptions& options, const Picture& picture, LineWriter& output
   watcher.SetMassRemovalGuard(GuardFor(options.guard));
   if (options.live) {
     ShowLive(watcher, picture, output);
-    watcher.Close(kClosingLimit);
+    watcher.Close(kReadersClosingLimit);
     return;
   }
   const std::string unread = ShowOnce(watcher, options, picture, output);
-  watcher.Close(kClosingLimit);
+  watcher.Close(kReadersClosingLimit);
   output.ThrowIfFailed();
   if (!unread.empty()) throw Failure(kFailed, unread);
 }

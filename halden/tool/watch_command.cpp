@@ -105,7 +105,8 @@ void Do(const WatchOptions& options, LineWriter& output) {
   const std::string unread = AwaitFirstRead(watcher, options, output);
   while (unread.empty() && !output.AwaitEnd(longTime)) {
   }
-  watcher.Close(kClosingLimit);  // before anything is thrown: callbacks write to the output
+  watcher.SetStatusHandler({});         // that it stops is no news
+  watcher.Close(kReadersClosingLimit);  // before anything is thrown: callbacks write to the output
   if (!unread.empty()) throw Failure(kFailed, unread);
 }
 

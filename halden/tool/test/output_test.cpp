@@ -82,6 +82,8 @@ TEST(EventLine, AsJsonKeepsItsKeysTheirOrderAndItsSyntax) {
 TEST(StateText, CallsNeitherKeptInstancesLiveNorLiveOnesKept) {
   using enum ConnectionState;
   EXPECT_EQ(StateText(State(Connecting, Freshness::NeverSynchronized, 0)), "connecting");
+  EXPECT_EQ(StateText(State(Connected, Freshness::NeverSynchronized, 7)),
+            "connected, reading, 7 instances so far");
   EXPECT_EQ(StateText(State(Connected, Freshness::Live, 1)), "live, 1 instance");
   EXPECT_EQ(StateText(State(Suspended, Freshness::Stale, 3)), "connection lost, 3 instances kept");
   EXPECT_EQ(StateText(State(Connected, Freshness::Stale, 3)), "connected again, reading, 3 instances kept");
