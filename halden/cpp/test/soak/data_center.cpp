@@ -134,9 +134,13 @@ void DataCenter::Heal() {
   }
   for (const auto& publisher : m_publishers) {
     if (!publisher->AwaitPublished(test::kLimit)) {
-      throw std::runtime_error(m_name + ": a publisher is " +
-                               zr::String(ToString(publisher->Status().state)) + ", its connection " +
-                               zr::String(ToString(m_conns[0]->Status().state)));
+      const auto status = publisher->Status();
+      zr::String text =
+          m_name + ": " + ToString(publisher->Id()) + " is " + zr::String(ToString(status.state));
+      text += ", last error " + std::to_string(status.lastError) + ", its connection " +
+              zr::String(ToString(m_conns[0]->Status().state)) + ", the servers";
+      for (std::size_t i = 0; i < m_ensemble.Size(); ++i) text += " " + m_ensemble.Server(i).Mode();
+      throw std::runtime_error(text);
     }
   }
 }
