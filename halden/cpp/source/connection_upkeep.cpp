@@ -62,6 +62,11 @@ void ConnectionCore::Watchdog(std::uint64_t epoch) {
     m_backoff.Reset();  // not at once: a session can be refused right after it is established
     m_roundsAway = 0;
     m_roundsUnanswered = 0;
+    if (m_epoch->Unheard() > m_timeout) {
+      ZRLOG(ZRLOG_WARNING, ConnectionLog())
+          << "a server leaves requests unanswered, trying anew, dc_name=" << m_options.dcName;
+      return ReplaceHandle();
+    }
   } else {
     LookAfterServers();
     if (!IsCurrent(epoch)) return;

@@ -77,7 +77,7 @@ void Epoch::Send(Request request) {
     m_free.pop_back();
   }
   slot->request = std::move(request);
-  ++m_outstanding;
+  if (m_outstanding++ == 0) m_lastHeard = std::chrono::steady_clock::now();
   Binding* const binding = slot->request.watch ? Bind(slot->request.watch) : nullptr;
   const auto& path = slot->request.path;
   const int code = Call(slot, slot->request.outsideChroot ? path : m_root + path, binding);
@@ -130,6 +130,7 @@ void Epoch::Complete(void* posted, Reply& reply) {
   const Request request = std::exchange(slot->request, Request{});
   m_free.push_back(slot);
   --m_outstanding;
+  m_lastHeard = std::chrono::steady_clock::now();
   if (request.watch) CountWatch(request, reply.code);
   if (!m_waiting.empty()) {
     Request next = std::move(m_waiting.front());

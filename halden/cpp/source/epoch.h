@@ -85,6 +85,11 @@ class Epoch {
   /// is never given from inside this call.
   void Submit(Request request);
   std::size_t Outstanding() const { return m_outstanding + m_waiting.size(); }
+  /// How long the server has owed an answer without giving any; answers come in order.
+  std::chrono::steady_clock::duration Unheard() const {
+    return m_outstanding == 0 ? std::chrono::steady_clock::duration::zero()
+                              : std::chrono::steady_clock::now() - m_lastHeard;
+  }
 
   void Complete(void* slot, Reply& reply);
   void Dispatch(void* binding, int type, int state, const std::string& path);
@@ -128,6 +133,7 @@ class Epoch {
   std::vector<Slot*> m_free;
   std::deque<Request> m_waiting;
   std::size_t m_outstanding = 0;
+  std::chrono::steady_clock::time_point m_lastHeard;  // the last answer, or request when none was outstanding
   std::deque<Binding> m_bindings;  // every one ever made: the library may hold its address until the close
   std::unordered_map<const Connection::WatchContext*, Binding*> m_bindingOf;
   std::unordered_map<std::size_t, std::size_t> m_watchLength;  // hash of kind and path: bytes in the packet

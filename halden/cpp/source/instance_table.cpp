@@ -27,7 +27,9 @@ InstanceTable::Outcome InstanceTable::Put(const ServiceId& id, const NodeVersion
     Rejoin(entry, version, payload);
     SetHeld(entry, false);
   } else if (!entry.payload.empty() && entry.good == version) {
-    return Outcome::Unchanged;
+    if (entry.payload == payload) return Outcome::Unchanged;
+    // An ensemble that was set up anew has come to the same transaction numbers: it is another node.
+    if (entry.announced == version) entry.announced = {-1, -1};
   }
   entry.seen = version;
   entry.good = version;

@@ -152,6 +152,7 @@ void PublisherCore::OnCreated(Reply& reply) {
   switch (ActionFor(reply.code)) {
     case ErrorAction::Done: {
       m_ours = true;
+      m_parentsCreated = false;
       m_watched = false;
       m_version = 0;
       m_createdAt = TaskThread::Clock::now();
@@ -162,7 +163,8 @@ void PublisherCore::OnCreated(Reply& reply) {
     case ErrorAction::Absent:
       m_written = 0;
       CreateParents();
-      return StepLater();
+      if (std::exchange(m_parentsCreated, true)) return StepLater();
+      break;  // requests are carried out in order: the next one finds the parents
     case ErrorAction::Conflict:
       m_written = 0;
       return Inspect();

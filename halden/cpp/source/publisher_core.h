@@ -96,8 +96,9 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   bool m_mayExist = false;      // a node of ours may be there
   bool m_ours = false;          // it is, and this session owns it
   bool m_watched = false;
-  bool m_established = false;  // it stood, confirmed, since the last connect
-  bool m_yielded = false;      // another publisher of the instance is alive
+  bool m_established = false;     // it stood, confirmed, since the last connect
+  bool m_yielded = false;         // another publisher of the instance is alive
+  bool m_parentsCreated = false;  // just now: if that does not help, not again without a back-off
   bool m_retryScheduled = false;
   std::uint64_t m_retry = 0;             // a timer of an earlier retry finds another number
   std::int32_t m_version = 0;            // of the node after our last write

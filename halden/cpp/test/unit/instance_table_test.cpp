@@ -84,6 +84,8 @@ TEST_F(InstanceTableTest, AnOlderReadChangesNothingUnlessForced) {
   EXPECT_EQ(m_table.Find(m_id), "new");
   EXPECT_EQ(m_table.Put(m_id, {2, 2}, "rebuilt", true), Outcome::Changed);
   EXPECT_THAT(TakeOne(), ElementsAre(ChangeKind::Removed, ChangeKind::Added));
+  EXPECT_EQ(m_table.Put(m_id, {2, 2}, "rebuilt once more", true), Outcome::Changed);
+  EXPECT_THAT(TakeOne(), ElementsAre(ChangeKind::Removed, ChangeKind::Added));
 }
 
 TEST_F(InstanceTableTest, ABadValueKeepsTheLastGoodOneOfTheSameNodeOnly) {
