@@ -8,6 +8,7 @@
 
 #include "client_log.h"
 #include "log_sources.h"
+#include "wait_limit.h"
 
 namespace zr::halden::details {
 
@@ -120,7 +121,7 @@ ConnectionStatus ConnectionCore::Status() const {
 
 bool ConnectionCore::AwaitClosed(std::chrono::milliseconds limit) const {
   std::unique_lock lock(m_statusMtx);
-  return m_closedChanged.wait_for(lock, limit, [this] { return m_closed && m_stopsAsked == 0; });
+  return m_closedChanged.wait_for(lock, WaitLimit(limit), [this] { return m_closed && m_stopsAsked == 0; });
 }
 
 void ConnectionCore::PostMember(TaskThread::Task task) {
@@ -151,22 +152,39 @@ void ConnectionCore::PostWatch(std::uint64_t epoch, void* binding, int type, int
 void ConnectionCore::AddListener(const std::shared_ptr<ConnectionListener>& listener) {
   m_listeners.push_back(listener);
   if (Connected()) listener->OnConnected(true);
+  listener->OnStateChanged();  // it may have been asked before it heard
 }
 
 void ConnectionCore::Submit(Request request) {
   if (m_epoch) m_epoch->Submit(std::move(request));
 }
 
-bool ConnectionCore::Claim(const zr::String& path, const std::shared_ptr<const void>& owner) {
+ConnectionCore::ClaimResult ConnectionCore::Claim(const zr::String& path,
+                                                  const std::shared_ptr<const void>& owner,
+                                                  TaskThread::Task released) {
   auto& claim = m_claims[path];
-  const auto present = claim.lock();
-  if (!present) claim = owner;
-  return !present || present == owner;
+  const auto present = claim.owner.lock();
+  if (present == owner) return ClaimResult::Granted;
+  if (!present) {
+    claim.owner = owner;
+    claim.ending = false;
+    return ClaimResult::Granted;
+  }
+  claim.waiting.push_back(std::move(released));
+  return claim.ending ? ClaimResult::AboutToBeReleased : ClaimResult::Taken;
+}
+
+void ConnectionCore::AnnounceRelease(const zr::String& path, const std::shared_ptr<const void>& owner) {
+  const auto claim = m_claims.find(path);
+  if (claim != m_claims.end() && claim->second.owner.lock() == owner) claim->second.ending = true;
 }
 
 void ConnectionCore::Release(const zr::String& path, const std::shared_ptr<const void>& owner) {
   const auto claim = m_claims.find(path);
-  if (claim != m_claims.end() && claim->second.lock() == owner) m_claims.erase(claim);
+  if (claim == m_claims.end() || claim->second.owner.lock() != owner) return;
+  const auto waiting = std::move(claim->second.waiting);
+  m_claims.erase(claim);
+  for (const auto& released : waiting) Post(released);
 }
 
 void ConnectionCore::DoStart(const std::optional<clientid_t>& session) {
@@ -180,6 +198,7 @@ void ConnectionCore::DoStart(const std::optional<clientid_t>& session) {
 
 void ConnectionCore::DoStop() {
   m_wanted = false;
+  m_awaitingAddresses = false;
   ++m_attempt;
   const clientid_t session = KnownSession();
   m_resume.reset();
@@ -211,6 +230,7 @@ void ConnectionCore::Open() {
   if (!m_wanted || m_epoch || m_ending) return;
   if (m_state != ConnectionState::Connecting) SetState(ConnectionState::Connecting);
   m_awaitingAddresses = true;
+  if (!m_addresses.empty()) OpenWithoutNamesLater();
   ResolveHosts();
 }
 
@@ -294,7 +314,7 @@ void ConnectionCore::OnEstablished() {
   }
   m_session = m_epoch->Session();
   m_timeout = m_epoch->Timeout();
-  std::erase_if(m_claims, [](const auto& claim) { return claim.second.expired(); });
+  std::erase_if(m_claims, [](const auto& claim) { return claim.second.owner.expired(); });
   const bool resumed = m_resume && m_resume->client_id == m_session.client_id;
   m_resume.reset();
   {

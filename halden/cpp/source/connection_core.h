@@ -96,12 +96,22 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   const zr::String& Chroot() const { return m_ensemble.chroot; }
   /// Dropped without an answer while there is no epoch.
   void Submit(Request request);
-  /// At most one owner at a time works on a node: false while another one that lives has it. Sessions tell
-  /// publishers of one id apart, but not those that share one.
-  bool Claim(const zr::String& path, const std::shared_ptr<const void>& owner);
+  /// At most one owner at a time works on a node: sessions tell publishers of one id apart, but not those that
+  /// share one. Who does not get it is told by `released` when it is free.
+  enum class ClaimResult : std::uint8_t { Granted, Taken, AboutToBeReleased };
+  ClaimResult Claim(const zr::String& path, const std::shared_ptr<const void>& owner,
+                    TaskThread::Task released);
+  /// The owner has ended and will release it when it has cleaned up.
+  void AnnounceRelease(const zr::String& path, const std::shared_ptr<const void>& owner);
   void Release(const zr::String& path, const std::shared_ptr<const void>& owner);
 
  private:
+  struct PathClaim {
+    std::weak_ptr<const void> owner;
+    bool ending = false;
+    std::vector<TaskThread::Task> waiting;
+  };
+
   // From the client library's threads.
   void PostSession(std::uint64_t epoch, int state) override;
   void PostReply(std::uint64_t epoch, void* slot, Reply reply) override;
@@ -121,6 +131,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   void Open();
   void OpenResolved();
   void ResolveHosts();
+  void OpenWithoutNamesLater();
   void OnResolved(const ResolvedHosts& resolved);
   std::unique_ptr<Epoch> MakeEpoch();
   void OpenLater();
@@ -172,7 +183,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   unsigned m_roundsUnanswered = 0;         // in a row, with a connection that no server answers on
   Backoff m_backoff{std::chrono::milliseconds(100), std::chrono::seconds(10)};
   std::vector<std::weak_ptr<ConnectionListener>> m_listeners;
-  std::unordered_map<zr::String, std::weak_ptr<const void>> m_claims;
+  std::unordered_map<zr::String, PathClaim> m_claims;
   // A session being ended on the server, after its own handle is closed.
   std::unique_ptr<Epoch> m_ending;
   clientid_t m_endingSession{};

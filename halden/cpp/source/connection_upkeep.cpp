@@ -2,6 +2,7 @@
 //
 // What keeps a connection going beside its state machine: names, the watchdog, and the end of sessions on the
 // server. All on the connection's thread.
+#include <system_error>
 #include <utility>
 
 #include "client_log.h"
@@ -19,6 +20,7 @@ constexpr unsigned kFirstReport = 5;
 constexpr unsigned kReportRounds = 60;
 constexpr unsigned kResolveRounds = 5;
 constexpr unsigned kUnansweredRounds = 2;
+constexpr std::chrono::seconds kResolveLimit{2};
 constexpr std::chrono::seconds kEndingLimit{2};
 constexpr int kEndingTries = 5;
 
@@ -28,14 +30,28 @@ constexpr int kEndingTries = 5;
 void ConnectionCore::ResolveHosts() {
   if (!HasNames(m_ensemble.hosts)) return OnResolved(Resolve(m_ensemble.hosts));
   if (std::exchange(m_resolving, true)) return;
-  m_resolver.Post([weak = weak_from_this(), hosts = m_ensemble.hosts] {
-    auto resolved = Resolve(hosts);
-    const auto self = weak.lock();
-    if (!self) return;
-    self->PostMember([core = self.get(), resolved = std::move(resolved)] {
-      core->m_resolving = false;
-      core->OnResolved(resolved);
+  try {
+    m_resolver.Post([weak = weak_from_this(), hosts = m_ensemble.hosts] {
+      auto resolved = Resolve(hosts);
+      const auto self = weak.lock();
+      if (!self) return;
+      self->PostMember([core = self.get(), resolved = std::move(resolved)] {
+        core->m_resolving = false;
+        core->OnResolved(resolved);
+      });
     });
+  } catch (const std::system_error& e) {  // no thread to be had
+    m_resolving = false;
+    OnResolved({{}, e.what()});
+  }
+}
+
+/// A resolver that is out of reach answers after half a minute: the addresses known before need not wait so
+/// long. What it says in the end is given to the handle.
+void ConnectionCore::OpenWithoutNamesLater() {
+  PostAfter(kResolveLimit, [weak = weak_from_this(), attempt = m_attempt] {
+    const auto self = weak.lock();
+    if (self && self->m_attempt == attempt && self->m_awaitingAddresses) self->OpenResolved();
   });
 }
 
@@ -91,7 +107,10 @@ void ConnectionCore::LookAfterServers() {
         << "a server does not answer, trying anew, dc_name=" << m_options.dcName;
     return ReplaceHandle();
   }
-  if (m_state == ConnectionState::Suspended && m_roundsAway * kWatchdogPeriod > m_timeout) {
+  // One that is back already, with its word of it still on the way here, must not be closed: its session would
+  // end.
+  if (m_state == ConnectionState::Suspended && m_roundsAway * kWatchdogPeriod > m_timeout &&
+      !m_epoch->ConnectedByNow()) {
     ZRLOG(ZRLOG_INFO, ConnectionLog())
         << "no server has taken the session back within its timeout, trying anew, dc_name="
         << m_options.dcName;

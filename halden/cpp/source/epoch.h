@@ -80,6 +80,8 @@ class Epoch {
   std::chrono::milliseconds Timeout() const { return std::chrono::milliseconds(zoo_recv_timeout(m_handle)); }
   /// A server took the connection and has not answered yet.
   bool Unanswered() const { return zoo_state(m_handle) == ZOO_ASSOCIATING_STATE; }
+  /// As the library sees it, which is ahead of the events it has posted.
+  bool ConnectedByNow() const { return zoo_state(m_handle) == ZOO_CONNECTED_STATE; }
 
   /// At most some hundred requests are with the library at a time; the rest waits here, in order. The answer
   /// is never given from inside this call.

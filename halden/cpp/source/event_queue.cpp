@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "wait_limit.h"
+
 namespace zr::halden {
 
 std::string_view ToString(InstanceChange change) {
@@ -37,7 +39,7 @@ std::optional<InstanceEvent> EventQueue::Pop() {
 
 std::optional<InstanceEvent> EventQueue::PopFor(std::chrono::milliseconds limit) {
   std::unique_lock lock(m_mtx);
-  m_changed.wait_for(lock, limit, [this] { return m_closed || !m_pending.empty(); });
+  m_changed.wait_for(lock, details::WaitLimit(limit), [this] { return m_closed || !m_pending.empty(); });
   return Take();
 }
 
@@ -63,31 +65,29 @@ std::size_t EventQueue::Size() const {
 
 void EventQueue::OnInstanceAdded(ServiceWatcher& watcher, const ServiceId& instance,
                                  const ServiceInstanceData& data) {
-  Change(watcher, instance, InstanceChange::Added, &data);
+  Change(watcher, instance, &data);
 }
 
 void EventQueue::OnInstanceRemoved(ServiceWatcher& watcher, const ServiceId& instance) {
-  Change(watcher, instance, InstanceChange::Removed, nullptr);
+  Change(watcher, instance, nullptr);
 }
 
 void EventQueue::OnInstanceModified(ServiceWatcher& watcher, const ServiceId& instance,
                                     const ServiceInstanceData& data) {
-  Change(watcher, instance, InstanceChange::Modified, &data);
+  Change(watcher, instance, &data);
 }
 
-void EventQueue::Change(const ServiceWatcher& watcher, const ServiceId& id, InstanceChange change,
-                        const ServiceInstanceData* data) {
+/// `data` is null for what is removed. What the consumer has decides, not the kind of the event: another
+/// watcher of the same data centre tells everything as added.
+void EventQueue::Change(const ServiceWatcher& watcher, const ServiceId& id, const ServiceInstanceData* data) {
   const std::lock_guard lock(m_mtx);
   if (m_closed) return;
   const auto [entry, isNew] = m_pending.try_emplace(Key(watcher.DataCenterName(), id));
   Pending& pending = entry->second;
-  if (isNew) {
-    pending.handedOut = change != InstanceChange::Added;
-    pending.place = m_order.insert(m_order.end(), entry->first);
-  }
+  if (isNew) pending.place = m_order.insert(m_order.end(), entry->first);
   if (data != nullptr) {
     pending.data = *data;
-  } else if (pending.handedOut) {
+  } else if (m_handedOut.contains(entry->first)) {
     pending.removed = true;
     pending.data.reset();
   } else {
@@ -108,10 +108,11 @@ std::optional<InstanceEvent> EventQueue::Take() {
   if (pending.removed) {
     event.change = InstanceChange::Removed;
     pending.removed = false;
-    pending.handedOut = false;
+    m_handedOut.erase(entry->first);
     if (pending.data) return event;  // what came after it is next
   } else {
-    event.change = pending.handedOut ? InstanceChange::Modified : InstanceChange::Added;
+    const bool isNew = m_handedOut.insert(entry->first).second;
+    event.change = isNew ? InstanceChange::Added : InstanceChange::Modified;
     event.data = std::move(*pending.data);
   }
   Erase(entry);

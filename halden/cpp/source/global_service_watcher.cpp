@@ -2,10 +2,13 @@
 #include "halden/global_service_watcher.h"
 
 #include <algorithm>
+#include <future>
 #include <stdexcept>
 #include <utility>
 
+#include "connection_core.h"
 #include "global_service_watcher_impl.h"
+#include "wait_limit.h"
 
 namespace zr::halden {
 
@@ -19,9 +22,16 @@ std::chrono::milliseconds Until(Clock::time_point deadline) {
 }
 
 bool AwaitAll(const std::vector<std::shared_ptr<ServiceWatcher>>& watchers, std::chrono::milliseconds limit) {
-  const auto deadline = Clock::now() + limit;
+  const auto deadline = Clock::now() + details::WaitLimit(limit);
   return std::all_of(watchers.begin(), watchers.end(),
                      [deadline](const auto& watcher) { return watcher->AwaitSynchronized(Until(deadline)); });
+}
+
+/// Waits until what was to be delivered before the call is.
+bool AwaitDelivered(const Connection& conn, std::chrono::milliseconds limit) {
+  const auto delivered = std::make_shared<std::promise<void>>();
+  conn.Core()->Deliver([delivered] { delivered->set_value(); });
+  return delivered->get_future().wait_for(limit) == std::future_status::ready;
 }
 
 /// Refused here rather than when the first data centre is connected.
@@ -42,7 +52,9 @@ GlobalServiceWatcher::GlobalServiceWatcher(const zr::String& serviceName, Applic
     : m_impl(std::make_shared<GlobalServiceWatcherImpl>(*this, CheckedName(serviceName), false, zr::String(),
                                                         std::move(errorHandler))) {}
 
-GlobalServiceWatcher::~GlobalServiceWatcher() = default;
+GlobalServiceWatcher::~GlobalServiceWatcher() {
+  Release({});
+}
 
 void GlobalServiceWatcher::RegisterShared(std::shared_ptr<ServiceWatcherObserver> observer) {
   m_impl->RegisterShared(std::move(observer));
@@ -81,7 +93,9 @@ bool GlobalServiceWatcher::ConnectDC(const zr::String& dcName) {
 }
 
 bool GlobalServiceWatcher::DisconnectDC(const zr::String& dcName) {
-  return m_impl->DisconnectDC(dcName);
+  const bool disconnected = m_impl->DisconnectDC(dcName);
+  Release(Watchers());
+  return disconnected;
 }
 
 void GlobalServiceWatcher::StopManagedConnections() {
@@ -95,6 +109,7 @@ void GlobalServiceWatcher::AddConnection(std::shared_ptr<Connection> conn) {
 
 void GlobalServiceWatcher::RemoveConnection(const std::shared_ptr<Connection>& conn) {
   m_impl->RemoveConnection(conn);
+  Release(Watchers());
 }
 
 bool GlobalServiceWatcher::HasConnection(const zr::String& dcName) {
@@ -171,6 +186,22 @@ void GlobalServiceWatcher::SetStatusHandler(DataCenterStatusHandler handler) {
   Equip();
 }
 
+/// Takes the status handler from the watchers that are not among those kept: the application may hold on to
+/// them.
+void GlobalServiceWatcher::Release(const std::vector<std::shared_ptr<ServiceWatcher>>& kept) {
+  std::vector<std::shared_ptr<ServiceWatcher>> gone;
+  {
+    const std::lock_guard lock(m_settingsMtx);
+    for (const auto& weak : m_equipped) {
+      auto watcher = weak.lock();
+      const bool isKept = std::find(kept.begin(), kept.end(), watcher) != kept.end();
+      if (watcher && !isKept) gone.push_back(std::move(watcher));
+    }
+    for (const auto& watcher : gone) m_equipped.erase(watcher);
+  }
+  for (const auto& watcher : gone) watcher->SetStatusHandler({});
+}
+
 /// Hands the settings to the watchers that do not have them yet.
 void GlobalServiceWatcher::Equip() {
   const auto watchers = Watchers();
@@ -188,11 +219,21 @@ void GlobalServiceWatcher::Equip() {
 }
 
 bool GlobalServiceWatcher::Close(std::chrono::milliseconds limit) {
-  const auto deadline = Clock::now() + limit;
+  const auto deadline = Clock::now() + details::WaitLimit(limit);
   m_impl->StopManagedConnections();
   const auto connections = m_impl->Connections();
-  return std::all_of(connections.begin(), connections.end(),
-                     [deadline](const auto& entry) { return entry.first->AwaitClosed(Until(deadline)); });
+  const auto onEach = [&connections](const auto& awaitOne) {
+    return std::all_of(connections.begin(), connections.end(), awaitOne);
+  };
+  const auto awaitHandlers = [deadline](const auto& entry) {
+    return AwaitDelivered(*entry.first, Until(deadline));
+  };
+  // Handlers hear of the end, and nothing after it.
+  const bool closed =
+      onEach([deadline](const auto& entry) { return entry.first->AwaitClosed(Until(deadline)); }) &&
+      onEach(awaitHandlers);
+  Release({});
+  return onEach(awaitHandlers) && closed;
 }
 
 }  // namespace zr::halden

@@ -8,6 +8,7 @@
 #include "layout.h"
 #include "log_sources.h"
 #include "node_codec.h"
+#include "wait_limit.h"
 
 namespace zr::halden::details {
 
@@ -47,6 +48,7 @@ void PublisherCore::Stop() {
   m_watch->Invalidate({});
   m_core->Post([self = shared_from_this()] {
     if (self->m_core->SessionGoesOn()) self->m_self = self;
+    self->m_core->AnnounceRelease(self->m_path, self);
   });
   Wish(std::nullopt);
 }
@@ -73,7 +75,7 @@ PublisherStatus PublisherCore::Status() const {
 
 bool PublisherCore::AwaitPublished(std::chrono::milliseconds limit) const {
   std::unique_lock lock(m_mtx);
-  return m_changed.wait_for(lock, limit, [this] {
+  return m_changed.wait_for(lock, WaitLimit(limit), [this] {
     return m_status.state == PublishState::Conflict ||
            (m_settled == m_wished && m_status.state == PublishState::Published);
   }) && m_status.state == PublishState::Published;
@@ -81,8 +83,9 @@ bool PublisherCore::AwaitPublished(std::chrono::milliseconds limit) const {
 
 bool PublisherCore::AwaitAbsent(std::chrono::milliseconds limit) const {
   std::unique_lock lock(m_mtx);
-  return m_changed.wait_for(
-      lock, limit, [this] { return m_settled == m_wished && m_status.state == PublishState::Absent; });
+  return m_changed.wait_for(lock, WaitLimit(limit), [this] {
+    return m_settled == m_wished && m_status.state == PublishState::Absent;
+  });
 }
 
 // The connection's thread.
@@ -91,6 +94,7 @@ void PublisherCore::OnConnected(bool newEpoch) {
   if (newEpoch) m_ours = false;
   m_established = false;  // another one may have come meanwhile: it was the first then
   m_watched = false;      // a new look tells
+  m_awaitingClaim = false;
   m_backoff.Reset();
   StepNow();
 }
@@ -102,6 +106,8 @@ void PublisherCore::OnDisconnected(bool epochOver) {
   m_watched = false;
   if (m_wish && !m_yielded) SetState(PublishState::Publishing);
   if (m_core->SessionGoesOn()) return;
+  if (!m_self) return;
+  m_core->Release(m_path, m_self);
   const auto self = std::move(m_self);  // with the session goes the node
 }
 
@@ -118,9 +124,8 @@ void PublisherCore::Step() {
   }
   if (!m_wish) {
     Inspect();
-  } else if (!m_core->Claim(m_path, shared_from_this())) {
-    Yield("another publisher of this process, through the same connection");
-    StepLater();
+  } else if (!HasClaim()) {
+    return;  // told when it is free
   } else if (m_yielded) {
     AwaitRivalsEnd();
   } else if (!m_ours) {
@@ -134,6 +139,24 @@ void PublisherCore::Step() {
   } else {
     Settle();
   }
+}
+
+/// False while another publisher of the same id, through the same connection, has the node.
+bool PublisherCore::HasClaim() {
+  if (m_awaitingClaim) return false;
+  using Result = ConnectionCore::ClaimResult;
+  const auto released = [weak = weak_from_this()] {
+    const auto self = weak.lock();
+    if (!self) return;
+    self->m_awaitingClaim = false;
+    self->StepNow();
+  };
+  const auto result = m_core->Claim(m_path, shared_from_this(), released);
+  if (result == Result::Granted) return true;
+  m_awaitingClaim = true;
+  if (result == Result::Taken) Yield("another publisher of this process, through the same connection");
+  if (result == Result::AboutToBeReleased) SetState(PublishState::Publishing);
+  return false;
 }
 
 void PublisherCore::Create() {
@@ -248,14 +271,13 @@ void PublisherCore::OnInspected(Reply& reply) {
 
 /// Of an earlier session of ours, of a dead process, or of a rival that lives: the rival will be back.
 void PublisherCore::OnForeign(const Reply& reply) {
-  const auto now = TaskThread::Clock::now();
   const auto owner = reply.stat.ephemeralOwner;
   const bool own = std::find(m_sessions.begin(), m_sessions.end(), owner) != m_sessions.end();
-  if (!own && m_intrudedAt && now - *m_intrudedAt < kStood) {
+  if (!own && owner != 0 && owner == m_replacedOwner) {
     Yield(WriterOf(reply.value));
     return Step();
   }
-  if (!own && !m_established) m_intrudedAt = now;
+  if (!own && !m_established) m_replacedOwner = owner;
   ZRLOG(ZRLOG_INFO, PublisherLog()) << "replacing a node of another session, dc_name="
                                     << m_core->DataCenterName() << ", path=" << m_path;
   Delete(reply.stat.version);
@@ -287,7 +309,7 @@ void PublisherCore::OnRivalLookedAt(Reply& reply) {
   m_watched = false;
   if (action != ErrorAction::Absent) return Retry(reply.code);
   m_yielded = false;
-  m_intrudedAt.reset();
+  m_replacedOwner = 0;
   Step();
 }
 

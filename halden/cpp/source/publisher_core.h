@@ -22,7 +22,7 @@ namespace zr::halden::details {
 ///
 ///   create -> done, then watched
 ///          -> node exists: inspect it; ours: write it; another session's: delete it, create;
-///             another session's again, soon after that: yield
+///             that session's again: yield
 ///          -> parent absent: create the parents, create
 ///   write  -> done, then watched;  node absent: create
 ///   watch event: look again; deleted or taken over by others: create after a back-off
@@ -62,6 +62,7 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   void OnWritten(Reply& reply);
   void Inspect();
   void OnInspected(Reply& reply);
+  bool HasClaim();
   void OnForeign(const Reply& reply);
   void Yield(const zr::String& rival);
   void AwaitRivalsEnd();
@@ -96,6 +97,7 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   bool m_mayExist = false;      // a node of ours may be there
   bool m_ours = false;          // it is, and this session owns it
   bool m_watched = false;
+  bool m_awaitingClaim = false;
   bool m_established = false;     // it stood, confirmed, since the last connect
   bool m_yielded = false;         // another publisher of the instance is alive
   bool m_parentsCreated = false;  // just now: if that does not help, not again without a back-off
@@ -104,8 +106,7 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   std::int32_t m_version = 0;            // of the node after our last write
   std::vector<std::int64_t> m_sessions;  // that may own a node of ours
   TaskThread::Clock::time_point m_createdAt{};
-  std::optional<TaskThread::Clock::time_point>
-      m_intrudedAt;                       // replaced another session's node, as the second
+  std::int64_t m_replacedOwner = 0;       // the session whose node was replaced by one that comes second
   std::shared_ptr<PublisherCore> m_self;  // from the publisher's end until the node is gone
   Backoff m_backoff{std::chrono::milliseconds(50), std::chrono::seconds(10)};
 

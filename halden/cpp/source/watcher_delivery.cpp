@@ -7,6 +7,7 @@
 
 #include "log_sources.h"
 #include "node_codec.h"
+#include "wait_limit.h"
 
 namespace zr::halden::details {
 
@@ -43,6 +44,7 @@ void WatcherDelivery::Start(std::weak_ptr<ServiceWatcher> watcher) {
 void WatcherDelivery::SetGuard(const std::optional<MassRemovalGuard>& guard) {
   std::unique_lock lock(m_mtx);
   if (guard ? m_guard && m_guard->Options() == *guard : !m_guard) return;
+  m_statusDue |= m_table.Held() != 0;
   for (const auto& id : m_table.ListHeld()) m_table.Remove(id);
   m_guard.reset();
   if (guard) m_guard.emplace(*guard);
@@ -63,8 +65,7 @@ InstanceTable::Outcome WatcherDelivery::Put(const ServiceId& id, const NodeVersi
   std::unique_lock lock(m_mtx);
   const bool held = m_table.IsHeld(id);
   const auto outcome = m_table.Put(id, version, std::move(payload), force);
-  if (held && m_guard) m_guard->Forget(id);
-  m_statusDue |= held && m_table.Held() == 0;
+  if (held && !m_table.IsHeld(id)) OnNotHeldAnyMore(id);
   Schedule(lock);
   return outcome;
 }
@@ -72,7 +73,9 @@ InstanceTable::Outcome WatcherDelivery::Put(const ServiceId& id, const NodeVersi
 InstanceTable::Outcome WatcherDelivery::Quarantine(const ServiceId& id, const NodeVersion& version,
                                                    bool force) {
   std::unique_lock lock(m_mtx);
+  const bool held = m_table.IsHeld(id);
   const auto outcome = m_table.Quarantine(id, version, force);
+  if (held && !m_table.IsHeld(id)) OnNotHeldAnyMore(id);
   Schedule(lock);
   return outcome;
 }
@@ -158,7 +161,8 @@ ServiceWatcherStatus WatcherDelivery::Status() const {
 
 bool WatcherDelivery::AwaitSynchronized(std::chrono::milliseconds limit) const {
   std::unique_lock lock(m_mtx);
-  return m_synchronized.wait_for(lock, limit, [this] { return m_freshness != Freshness::NeverSynchronized; });
+  return m_synchronized.wait_for(lock, WaitLimit(limit),
+                                 [this] { return m_freshness != Freshness::NeverSynchronized; });
 }
 
 /// Posts a delivery if there is something to tell and none is on its way. `lock` is on m_mtx and may be
@@ -169,6 +173,12 @@ void WatcherDelivery::Schedule(std::unique_lock<std::mutex>& lock) {
   m_scheduled = true;
   lock.unlock();
   m_core->Deliver([self = shared_from_this()] { self->Deliver(); });
+}
+
+/// m_mtx is held.
+void WatcherDelivery::OnNotHeldAnyMore(const ServiceId& id) {
+  if (m_guard) m_guard->Forget(id);
+  m_statusDue |= m_table.Held() == 0;
 }
 
 /// m_mtx is held.
@@ -193,7 +203,9 @@ void WatcherDelivery::OnGuardDue(RemovalGuard::TimePoint due) {
 void WatcherDelivery::RemoveDue() {
   if (!m_guard) return;
   const bool held = m_table.Held() != 0;
-  for (const auto& id : m_guard->Due(TaskThread::Clock::now())) m_table.Remove(id);
+  for (const auto& id : m_guard->Due(TaskThread::Clock::now())) {
+    if (m_table.IsHeld(id)) m_table.Remove(id);
+  }
   m_statusDue |= held && m_table.Held() == 0;
   ScheduleGuard();
 }
@@ -207,16 +219,19 @@ void WatcherDelivery::Deliver() {
 
 /// One instance's change, after all errors that wait; false when nothing is left, or nobody.
 bool WatcherDelivery::DeliverOne() {
+  // Both may end here, with foreign code in what they own: after the lock.
+  std::shared_ptr<ServiceWatcher> watcher;
+  std::shared_ptr<const DataCenterStatusHandler> handler;
   std::unique_lock lock(m_mtx);
   // Owned for one event only: who drops the last owner hears at most the event that is running.
-  const auto watcher = m_watcher.lock();
+  watcher = m_watcher.lock();
   if (!watcher) return false;
   DeliverErrors(lock);
-  DeliverStatus(lock, *watcher);
+  handler = m_statusHandler;
+  DeliverStatus(lock, *watcher, handler);
   if (!m_table.HasChanges()) {
     if (!m_errors.empty() || (m_statusDue && m_statusHandler)) return true;  // come while handlers ran
     m_scheduled = false;
-    lock.unlock();  // before the watcher, which may go here, takes this object with it
     return false;
   }
   const auto change = m_table.Take();
@@ -235,9 +250,9 @@ void WatcherDelivery::DeliverErrors(std::unique_lock<std::mutex>& lock) {
   lock.lock();
 }
 
-void WatcherDelivery::DeliverStatus(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher) {
-  if (!std::exchange(m_statusDue, false) || !m_statusHandler) return;
-  const auto handler = m_statusHandler;
+void WatcherDelivery::DeliverStatus(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher,
+                                    const std::shared_ptr<const DataCenterStatusHandler>& handler) {
+  if (!handler || !std::exchange(m_statusDue, false)) return;
   lock.unlock();
   const DataCenterStatus status = watcher.DataCenter();
   const StatusKey key(status.connection.state, status.watcher.freshness, status.watcher.held != 0);

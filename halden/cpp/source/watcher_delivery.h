@@ -65,10 +65,12 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   void ScheduleGuard();
   void OnGuardDue(RemovalGuard::TimePoint due);
   void RemoveDue();
+  void OnNotHeldAnyMore(const ServiceId& id);
   void Deliver();
   bool DeliverOne();
   void DeliverErrors(std::unique_lock<std::mutex>& lock);
-  void DeliverStatus(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher);
+  void DeliverStatus(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher,
+                     const std::shared_ptr<const DataCenterStatusHandler>& handler);
   static void Tell(ServiceWatcher& watcher, const InstanceTable::Change& change);
 
   const std::shared_ptr<ConnectionCore> m_core;

@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -45,8 +46,8 @@ struct InstanceEvent {
 /// added and removed is nothing; removed and added is both. So its memory is bounded by the number of
 /// instances, however slow the consumer is; the last state is never lost, and what comes out is legal: added,
 /// then modified any number of times, then removed. Instances come out in the order of their oldest change.
-/// A data centre that was disconnected and connected again has its instances added anew, as with any
-/// observer.
+/// A data centre that was disconnected and connected again tells its instances anew: those that the consumer
+/// has come out as modified.
 ///
 /// Threads: any thread may call any operation; one consumer, or several that do not mind the order between
 /// them. `Pop` waits; nothing else does.
@@ -88,14 +89,12 @@ class ZR_EXPORT EventQueue final : public ServiceWatcherObserver {
 
   /// From what the consumer has been handed to what is so now.
   struct Pending {
-    bool handedOut = false;  // the consumer has the instance
-    bool removed = false;    // it has gone since, and perhaps come back
+    bool removed = false;  // what the consumer has is gone, and perhaps back
     std::optional<ServiceInstanceData> data;
     std::list<Key>::iterator place;  // in m_order
   };
 
-  void Change(const ServiceWatcher& watcher, const ServiceId& id, InstanceChange change,
-              const ServiceInstanceData* data);
+  void Change(const ServiceWatcher& watcher, const ServiceId& id, const ServiceInstanceData* data);
   std::optional<InstanceEvent> Take();
   void Erase(std::map<Key, Pending>::iterator entry);
   void Signal();
@@ -105,8 +104,9 @@ class ZR_EXPORT EventQueue final : public ServiceWatcherObserver {
   mutable std::mutex m_mtx;  // guards all below; no foreign code runs with it held
   std::condition_variable m_changed;
   std::map<Key, Pending> m_pending;
-  std::list<Key> m_order;   // the keys of m_pending, oldest first
-  bool m_readable = false;  // the descriptor is
+  std::list<Key> m_order;     // the keys of m_pending, oldest first
+  std::set<Key> m_handedOut;  // what the consumer has
+  bool m_readable = false;    // the descriptor is
   bool m_closed = false;
 };
 

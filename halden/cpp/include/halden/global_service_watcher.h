@@ -129,12 +129,13 @@ class ZR_EXPORT GlobalServiceWatcher final : public zr::Observable<ServiceWatche
   /// said above; the status it is given is all that it needs to ask.
   void SetStatusHandler(DataCenterStatusHandler handler);
 
-  /// Library-managed mode: stops all connections and waits until their sessions are closed; false when some
-  /// were not at the deadline. Not from a callback.
+  /// Library-managed mode: stops all connections, and waits until their sessions are closed and no callback
+  /// runs any more, handlers included; false when that was not so at the deadline. Not from a callback.
   bool Close(std::chrono::milliseconds limit);
 
  private:
   void Equip();
+  void Release(const std::vector<std::shared_ptr<ServiceWatcher>>& kept);
 
   const std::shared_ptr<GlobalServiceWatcherImpl> m_impl;
 

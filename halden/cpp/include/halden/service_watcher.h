@@ -59,7 +59,7 @@ struct ServiceWatcherStatus {
   Freshness freshness = Freshness::NeverSynchronized;
   std::optional<std::chrono::system_clock::time_point> staleSince;  ///< set while Stale
   std::size_t instances = 0;                                        ///< known now
-  std::size_t held = 0;         ///< of them, those whose removal the mass-removal guard holds back
+  std::size_t held = 0;  ///< of them, those whose removal the guard holds back, or has not decided on yet
   std::size_t quarantined = 0;  ///< nodes whose payload does not decode
   std::uint64_t resyncs = 0;    ///< complete reads of everything, the first one included
   int lastError = 0;            ///< last ZooKeeper error told to the error handler; 0 for none

@@ -116,15 +116,19 @@ TEST_F(DataCenterStatusTest, WhoComesBackFromAMassRemovalWasNeverGone) {
   EXPECT_THAT(watcher.Watchers()[0]->ListHeldInstances(), UnorderedElementsAreArray(ids));
   for (std::size_t i = 0; i < 5; ++i) Client(kDc).PublishRaw(kService, ids[i], bytes);
   for (std::size_t i = 5; i < 8; ++i) Client(kDc).Publish(kService, ids[i], MakeInstance("changed"));
-  std::map<InstanceChange, int> counts;
+  Client(kDc).PublishRaw(kService, ids[8], "garbage");  // another node, bad from the start: it is gone
+  const auto bad = events->PopFor(kLimit);
+  ASSERT_TRUE(bad);
+  Client(kDc).PublishRaw(kService, ids[8], bytes);  // and here again: not to be removed with the rest
+  std::map<InstanceChange, int> counts{{bad->change, 1}};
   for (int i = 0; i < 14; ++i) {
     const auto event = events->PopFor(kLimit);
     ASSERT_TRUE(event) << i;
     ++counts[event->change];
   }
-  EXPECT_THAT(counts,
-              ElementsAre(std::pair(InstanceChange::Modified, 3), std::pair(InstanceChange::Removed, 11)));
-  EXPECT_THAT(watcher.ListInstances(), SizeIs(9));
+  EXPECT_THAT(counts, ElementsAre(std::pair(InstanceChange::Added, 1), std::pair(InstanceChange::Modified, 3),
+                                  std::pair(InstanceChange::Removed, 11)));
+  EXPECT_THAT(watcher.ListInstances(), SizeIs(10));
   EXPECT_EQ(watcher.Status()[0].watcher.held, 0U);
   EXPECT_FALSE(events->PopFor(std::chrono::milliseconds(1)));
   EXPECT_THROW(watcher.SetMassRemovalGuard(MassRemovalGuard{1.5, std::chrono::seconds(1)}),

@@ -71,6 +71,17 @@ TEST_F(EventQueueTest, WhatOvertakesASlowConsumerIsMergedAndStaysLegal) {
   EXPECT_EQ(m_queue.Size(), 0U);
 }
 
+TEST_F(EventQueueTest, WhatAnotherWatcherOfTheDataCenterTellsAnewIsMatchedWithWhatTheConsumerHas) {
+  m_queue.OnInstanceAdded(*m_watcher, m_id, Data("a"));
+  EXPECT_THAT(Taken(), ElementsAre("eu added a"));
+  const auto again = MakeWatcher("eu");  // disconnected and connected: no removals are told
+  m_queue.OnInstanceAdded(*again, m_id, Data("b"));
+  EXPECT_THAT(Taken(), ElementsAre("eu modified b"));
+  m_queue.OnInstanceAdded(*again, m_id, Data("c"));
+  m_queue.OnInstanceRemoved(*again, m_id);
+  EXPECT_THAT(Taken(), ElementsAre("eu removed ")) << "the consumer would have kept it";
+}
+
 TEST_F(EventQueueTest, TheDescriptorIsReadableWhileThereIsSomethingToTake) {
   EXPECT_FALSE(Readable());
   m_queue.OnInstanceAdded(*m_watcher, m_id, Data("a"));
