@@ -59,18 +59,15 @@ void Walk(const CLI::App& app, std::vector<std::string> words, std::vector<Comma
   }
 }
 
+std::string Joined(const std::vector<std::string>& words) {
+  return fmt::format("{}", fmt::join(words, " "));
+}
+
 std::string Replaced(std::string text, std::string_view what, std::string_view by) {
   for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + by.size())) {
     text.replace(at, what.size(), by);
   }
   return text;
-}
-
-std::vector<std::string> OptionNames(const CommandSpec& command) {
-  std::vector<std::string> names;
-  for (const auto& option : command.options)
-    names.insert(names.end(), option.names.begin(), option.names.end());
-  return names;
 }
 
 bool TakesFile(const CommandSpec& command) {
@@ -90,14 +87,53 @@ std::string ZshSpec(const OptionSpec& option, const std::string& name) {
   const std::string message = Replaced(Replaced(Replaced(option.value, "[", ""), "]", ""), ":", "");
   spec += ':' + message + ':';
   if (option.IsFile()) spec += "_files";
-  if (!option.choices.empty()) spec += fmt::format("({})", fmt::join(option.choices, " "));
+  if (!option.choices.empty()) spec += '(' + Joined(option.choices) + ')';
   return Quoted(spec);
+}
+
+std::string BashTransitions(const CommandSpec& command) {
+  const std::string name = Joined(command.words);
+  std::string transitions;
+  for (const auto& next : command.subcommands) {
+    const std::string full = name.empty() ? next : name + ' ' + next;
+    transitions += fmt::format("      {}) command={} ;;\n", Quoted(name + ':' + next), Quoted(full));
+  }
+  return transitions;
+}
+
+std::string BashWords(const CommandSpec& command) {
+  std::vector<std::string> words = command.subcommands;
+  for (const auto& option : command.options)
+    words.insert(words.end(), option.names.begin(), option.names.end());
+  return Joined(words);
+}
+
+std::string BashValues(const OptionSpec& option) {
+  const std::string values = option.IsFile() ? "-f" : "-W " + Quoted(Joined(option.choices));
+  return fmt::format("mapfile -t COMPREPLY < <(compgen {} -- \"$word\")", values);
 }
 
 std::string ZshFunctionName(const CommandSpec& command) {
   std::string name = "_halden";
   for (const auto& word : command.words) name += '_' + word;
   return name;
+}
+
+/// The first word is one of the subcommands; what follows is that one's.
+std::string ZshSubcommands(const CommandSpec& command, const std::vector<CommandSpec>& commands) {
+  std::string choices;
+  std::string cases;
+  for (const auto& other : commands) {
+    if (other.words.size() != command.words.size() + 1) continue;
+    if (!std::equal(command.words.begin(), command.words.end(), other.words.begin())) continue;
+    choices += fmt::format("{}{}\\:\"{}\"", choices.empty() ? "" : " ", other.words.back(),
+                           Replaced(other.description, ":", "\\:"));
+    cases += fmt::format("    {}) {} ;;\n", other.words.back(), ZshFunctionName(other));
+  }
+  return " \\\n    " + Quoted(fmt::format("1:command:(({}))", choices)) +
+         " \\\n    '*::argument:->rest'\n"
+         "  [[ $state == rest ]] && case $words[1] in\n" +
+         cases + "  esac\n";
 }
 
 /// Text for troff: nothing in it is a request or an escape.
@@ -124,7 +160,7 @@ std::string RoffText(const std::string& text) {
 }
 
 std::string RoffUsage(const CommandSpec& command) {
-  std::string usage = fmt::format("\\fB{}\\fR", Roff(fmt::format("{}", fmt::join(command.words, " "))));
+  std::string usage = fmt::format("\\fB{}\\fR", Roff(Joined(command.words)));
   for (const auto& positional : command.positionals) {
     const std::string& name = positional.names.front();
     usage += positional.required ? fmt::format(" \\fI{}\\fR", name) : fmt::format(" [\\fI{}\\fR]", name);
@@ -158,34 +194,21 @@ std::vector<CommandSpec> Describe(const CLI::App& app) {
 std::string BashCompletion(const std::vector<CommandSpec>& commands) {
   std::string transitions;
   std::string words;
-  std::string files;
-  for (const auto& command : commands) {
-    const std::string name = fmt::format("{}", fmt::join(command.words, " "));
-    for (const auto& next : command.subcommands) {
-      const std::string full = name.empty() ? next : name + ' ' + next;
-      transitions += fmt::format("      {}) command={} ;;\n", Quoted(name + ':' + next), Quoted(full));
-    }
-    words += fmt::format("    {}) words={} ;;\n", Quoted(name),
-                         Quoted(fmt::format("{}", fmt::join(command.subcommands, " ")) +
-                                (command.subcommands.empty() ? "" : " ") +
-                                fmt::format("{}", fmt::join(OptionNames(command), " "))));
-    if (TakesFile(command)) files += fmt::format("{}{}", files.empty() ? "" : "|", Quoted(name));
-  }
   std::map<std::string, std::string> values;  // what follows an option, whatever the command
   for (const auto& command : commands) {
+    transitions += BashTransitions(command);
+    words += fmt::format("    {}) words={}{} ;;\n", Quoted(Joined(command.words)), Quoted(BashWords(command)),
+                         TakesFile(command) ? " files=yes" : "");
     for (const auto& option : command.options) {
-      if (option.value.empty()) continue;
-      values[option.names.back()] =
-          option.IsFile() ? "mapfile -t COMPREPLY < <(compgen -f -- \"$word\")"
-                          : fmt::format("mapfile -t COMPREPLY < <(compgen -W {} -- \"$word\")",
-                                        Quoted(fmt::format("{}", fmt::join(option.choices, " "))));
+      if (!option.value.empty()) values[option.names.back()] = BashValues(option);
     }
   }
   std::string cases;
   for (const auto& [name, action] : values) cases += fmt::format("    {}) {}; return ;;\n", name, action);
   return "# Completion of the command halden for bash; made by \"halden generate bash\".\n"
          "_halden() {\n"
-         "  local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} command='' words='' i\n"
+         "  local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}\n"
+         "  local command='' words='' files='' i\n"
          "  for ((i = 1; i < COMP_CWORD; i++)); do\n"
          "    case \"$command:${COMP_WORDS[i]}\" in\n" +
          transitions +
@@ -199,11 +222,7 @@ std::string BashCompletion(const std::vector<CommandSpec>& commands) {
          words +
          "  esac\n"
          "  mapfile -t COMPREPLY < <(compgen -W \"$words\" -- \"$word\")\n"
-         "  case $command in\n"
-         "    " +
-         files +
-         ") mapfile -t -O \"${#COMPREPLY[@]}\" COMPREPLY < <(compgen -f -- \"$word\") ;;\n"
-         "  esac\n"
+         "  [[ -z $files ]] || mapfile -t -O \"${#COMPREPLY[@]}\" COMPREPLY < <(compgen -f -- \"$word\")\n"
          "}\n"
          "complete -F _halden halden\n";
 }
@@ -223,22 +242,8 @@ std::string ZshCompletion(const std::vector<CommandSpec>& commands) {
       text +=
           " \\\n    " + Quoted((positional.required ? ":" : "::") + positional.names.front() + ':' + action);
     }
-    if (command.subcommands.empty()) {
-      text += "\n}\n";
-      continue;
-    }
-    std::string choices;
-    std::string cases;
-    for (const auto& other : commands) {
-      if (other.words.size() != command.words.size() + 1) continue;
-      if (!std::equal(command.words.begin(), command.words.end(), other.words.begin())) continue;
-      choices += fmt::format(" {}\\:\"{}\"", other.words.back(), Replaced(other.description, ":", "\\:"));
-      cases += fmt::format("    {}) {} ;;\n", other.words.back(), ZshFunctionName(other));
-    }
-    text += " \\\n    " + Quoted(fmt::format("1:command:(({}))", choices.substr(1))) +
-            " \\\n    '*::argument:->rest'\n"
-            "  [[ $state == rest ]] && case $words[1] in\n" +
-            cases + "  esac\n}\n";
+    text += command.subcommands.empty() ? "\n" : ZshSubcommands(command, commands);
+    text += "}\n";
   }
   return text + "\n_halden \"$@\"\n";
 }
@@ -259,8 +264,7 @@ std::string ManualPage(const std::vector<CommandSpec>& commands) {
   text += ".SH COMMANDS\n";
   for (const auto& command : commands) {
     if (command.words.empty() || !command.subcommands.empty()) continue;
-    text += ".SS " + Roff(fmt::format("{}", fmt::join(command.words, " "))) + '\n' + RoffUsage(command) +
-            "\n.PP\n";
+    text += ".SS " + Roff(Joined(command.words)) + '\n' + RoffUsage(command) + "\n.PP\n";
     text += Roff(command.description) + ".\n";
     for (const auto& option : command.options) {
       const bool common = std::any_of(program.options.begin(), program.options.end(),

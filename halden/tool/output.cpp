@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <tuple>
 #include <utility>
 
 #include "json.h"
@@ -171,12 +170,6 @@ std::string EventFormat::Event(TimePoint time, std::string_view dataCenter, Chan
 std::string EventFormat::State(TimePoint time, const DataCenterStatus& status) const {
   if (m_json) return StateLine(status, time);
   return Row(time, status.name, "state", ConditionTone(status), StateText(status));
-}
-
-void Sort(std::vector<Instance>& instances) {
-  std::sort(instances.begin(), instances.end(), [](const Instance& a, const Instance& b) {
-    return std::tie(a.dataCenter, a.id) < std::tie(b.dataCenter, b.id);
-  });
 }
 
 std::string InstanceTable(const std::vector<Instance>& instances, const Look& look, TimePoint now) {

@@ -71,8 +71,7 @@ class EventFormat {
   Look m_look;
 };
 
-/// By data centre, then id.
-void Sort(std::vector<Instance>& instances);
+/// Rows in the order given.
 std::string InstanceTable(const std::vector<Instance>& instances, const Look& look, TimePoint now);
 /// A line for each data centre: what stands below the table.
 std::string StateLines(const std::vector<DataCenterStatus>& states, const Look& look);

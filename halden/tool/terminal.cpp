@@ -29,9 +29,14 @@ bool CanSteer(int descriptor) {
   return isatty(descriptor) == 1 && !Terminal().empty() && Terminal() != "dumb";
 }
 
+/// Some terminals, serial ones for example, do not know their size.
 winsize SizeOf(int descriptor) {
+  constexpr unsigned short usualRows = 24;
+  constexpr unsigned short usualColumns = 80;
   winsize size{};
   if (ioctl(descriptor, TIOCGWINSZ, &size) != 0) size = {};
+  if (size.ws_row == 0) size.ws_row = usualRows;
+  if (size.ws_col == 0) size.ws_col = usualColumns;
   return size;
 }
 

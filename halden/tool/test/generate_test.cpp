@@ -45,7 +45,7 @@ TEST(Generated, TextsAreQuotedForTheirReaders) {
   const std::string bash = BashCompletion(Commands());
   ExpectIn(bash, "'outer:inner') command='outer inner' ;;");
   ExpectIn(bash, "compgen -W 'low middle high'");
-  ExpectIn(bash, "'outer inner') mapfile");  // completes files
+  ExpectIn(bash, "'outer inner') words='-h --help --level --odd' files=yes ;;");
   const std::string zsh = ZshCompletion(Commands());
   ExpectIn(zsh, R"('--odd[It'\''s \[so\]]')");
   ExpectIn(zsh, R"('--level[low, middle or high]:N=LEVEL:(low middle high)')");
