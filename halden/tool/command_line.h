@@ -14,6 +14,8 @@ class App;
 
 namespace zr::halden::tool {
 
+struct PublishOptions;
+
 /// The options' words as they were typed. CLI11 takes them apart but does not read them: its numbers allow
 /// octal and its lists allow brackets, which would surprise in a port or an attribute.
 struct Words {
@@ -43,8 +45,7 @@ struct Words {
 /// from. `words` must outlive `app`.
 void Declare(CLI::App& app, Words& words);
 
-/// What `halden publish` was told of its instances, read from `words`. Throws Failure(kWrongUsage).
-struct PublishOptions;
+/// What `halden publish` is told of its instances. Throws Failure(kWrongUsage).
 void ReadInstance(const Words& words, PublishOptions& options);
 
 }  // namespace zr::halden::tool

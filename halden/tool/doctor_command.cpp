@@ -1,4 +1,6 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <future>
 #include <iterator>
@@ -38,10 +40,12 @@ ServerFacts ExamineServer(const details::HostPort& server) {
 /// At once: one that does not answer takes its time.
 std::vector<ServerFacts> ExamineServers(const std::vector<details::HostPort>& servers) {
   std::vector<std::future<ServerFacts>> running;
+  running.reserve(servers.size());
   for (const auto& server : servers) {
     running.push_back(std::async(std::launch::async, [&server] { return ExamineServer(server); }));
   }
   std::vector<ServerFacts> facts;
+  facts.reserve(servers.size());
   for (auto& future : running) facts.push_back(future.get());
   return facts;
 }
@@ -74,10 +78,11 @@ class ServiceExamination {
     CountWatch(path);
     std::vector<Question> questions;
     for (const auto& name : list.children) {
+      const zr::String node = fmt::format("{}/{}", path, name);
       const auto id = ParseServiceId(name);
-      const bool inPlace = id && details::InstancePath(m_path, *id) == path + '/' + name;
-      if (inPlace) questions.push_back({Request::Kind::Get, path + '/' + name});
-      if (!inPlace) CountOdd(path + '/' + name);
+      const bool inPlace = id && details::InstancePath(m_path, *id) == node;
+      if (inPlace) questions.push_back({Request::Kind::Get, node});
+      if (!inPlace) CountOdd(node);
     }
     const auto nodes = m_reader.Ask(questions);
     for (std::size_t i = 0; i < nodes.size(); ++i) ExamineNode(questions[i].path, nodes[i]);

@@ -100,6 +100,7 @@ std::vector<details::Reply> EnsembleReader::Ask(const std::vector<Question>& que
       return ++inbox.round;
     });
     std::vector<Question> batch;
+    batch.reserve(open.size());
     for (const std::size_t index : open) batch.push_back(questions[index]);
     m_core->Post([core = m_core, inbox = m_inbox, batch = std::move(batch), round] {
       for (std::size_t i = 0; i < batch.size(); ++i) {

@@ -95,8 +95,10 @@ std::string BashTransitions(const CommandSpec& command) {
   const std::string name = Joined(command.words);
   std::string transitions;
   for (const auto& next : command.subcommands) {
-    const std::string full = name.empty() ? next : name + ' ' + next;
-    transitions += fmt::format("      {}) command={} ;;\n", Quoted(name + ':' + next), Quoted(full));
+    std::vector<std::string> words = command.words;
+    words.push_back(next);
+    transitions += fmt::format("      {}) command={} ;;\n", Quoted(fmt::format("{}:{}", name, next)),
+                               Quoted(Joined(words)));
   }
   return transitions;
 }

@@ -56,7 +56,7 @@ std::string ShowOnce(GlobalServiceWatcher& watcher, const ViewOptions& options, 
                      LineWriter& output) {
   watcher.StartManagedConnections();
   if (!AwaitInstances(watcher, options, output)) return {};
-  const std::string unread = Unread(watcher.Status(), options.Patience());
+  std::string unread = Unread(watcher.Status(), options.Patience());
   output.Write(picture(watcher, LookOf(output.Descriptor()), 0));
   return unread;
 }
