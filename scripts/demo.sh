@@ -199,6 +199,10 @@ halden services | indent
 check "the instance is in one data centre" test "$(halden get orders "$id" --json | grep -c '"host":"node.eu-west"')" -eq 1
 check "each has three instances" test "$(halden services --json | grep -c '"service":"orders","instances":3}')" -eq 3
 
+step "Whether anything is wrong: halden doctor"
+halden doctor orders | tail -n 9 | indent
+check "nothing is wrong" halden doctor orders --quiet
+
 step "What happens, as it happens: halden watch"
 exec {watch_fd}< <(exec setpriv --pdeathsig KILL "$program" watch orders --config "$folder/halden.toml" \
   2>>"$folder/halden.errors" </dev/null)
@@ -223,6 +227,10 @@ phase=${#seen[@]}
 kill -KILL "${server[eu-west]}"
 wait "${server[eu-west]}" 2>/dev/null || true
 follow 1 'eu-west .* connection lost, 3 instances kept'
+
+failed=$("$program" doctor orders --config "$folder/halden.toml" --timeout 2 --json |
+  sed -n '/"verdict":"failure"/s/.*"data_center":"\([^"]*\)","check":"\([^"]*\)".*/\1 \2/p') || true
+check "halden doctor finds that, and nothing else" test "$failed" = $'eu-west servers\neu-west session'
 
 step "The other data centres go on: those in ap-south become degraded, and recover"
 kill -USR1 "${publisher[ap-south]}"
