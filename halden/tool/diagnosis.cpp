@@ -94,19 +94,19 @@ void CheckSession(const EnsembleFacts& facts, Report& report) {
                    "the servers' maxClientCnxns is not used up");
 }
 
-/// False when nothing may be read.
-bool CheckAccess(const EnsembleFacts& facts, Report& report) {
-  const bool denied = facts.servicesCode == ZNOAUTH || facts.chrootCode == ZNOAUTH;
-  if (denied) {
-    report.Add(
-        "authentication", Verdict::Failure,
-        fmt::format("{} may not be read, and the configuration holds no credentials", details::kServicesPath),
-        "let everybody read it (ACL world:anyone:r); or follow the service in application-managed mode, "
-        "whose connections take a digest");
-    return false;
+/// False when what is asked for may not be read. Who follows a service does not read the node above it.
+bool CheckAccess(const EnsembleFacts& facts, const std::string& service, Report& report) {
+  const int code = facts.service ? facts.service->code : facts.servicesCode;
+  if (code != ZNOAUTH) {
+    report.Ok("authentication", "none is needed to read; the configuration holds no credentials");
+    return true;
   }
-  report.Ok("authentication", "none is needed to read; the configuration holds no credentials");
-  return true;
+  report.Add("authentication", Verdict::Failure,
+             fmt::format("{} may not be read, and the configuration holds no credentials",
+                         facts.service ? details::ServicePath(service) : details::kServicesPath),
+             "let everybody read it and what is below (ACL world:anyone:r); or follow the service in "
+             "application-managed mode, whose connections take a digest");
+  return false;
 }
 
 bool CheckRoot(const EnsembleFacts& facts, Report& report) {
@@ -120,7 +120,7 @@ bool CheckRoot(const EnsembleFacts& facts, Report& report) {
                "see that publishers use the same ensemble and chroot");
     return false;
   }
-  if (facts.servicesCode == ZOK) return true;
+  if (facts.servicesCode == ZOK || facts.servicesCode == ZNOAUTH) return true;
   if (facts.servicesCode == ZOPERATIONTIMEOUT) {
     report.Add("service", Verdict::Failure,
                fmt::format("no answer in time to a read of {}", details::kServicesPath),
@@ -141,8 +141,7 @@ bool CheckNodes(const ServiceFacts& facts, const std::string& service, Report& r
   }
   if (facts.code != ZOK) {
     report.Add("service", Verdict::Failure, fmt::format("not all could be read: {}", zerror(facts.code)),
-               facts.code == ZNOAUTH ? "let everybody read its nodes (ACL world:anyone:r)"
-                                     : "try again, with a longer --timeout where it is large");
+               "try again, with a longer --timeout where it is large");
     return false;
   }
   if (facts.unreadable != 0) {
@@ -238,7 +237,8 @@ std::vector<Check> Diagnose(const EnsembleFacts& facts, const std::string& servi
   CheckNames(facts, report);
   CheckServers(facts, report);
   CheckSession(facts, report);
-  if (!facts.session || !CheckAccess(facts, report) || !CheckRoot(facts, report)) return report.Take();
+  if (!facts.session || !CheckAccess(facts, service, report) || !CheckRoot(facts, report))
+    return report.Take();
   if (!facts.service) {
     report.Ok("service", fmt::format("{} published", Counted(facts.services, "service")));
   } else if (CheckNodes(*facts.service, service, report)) {

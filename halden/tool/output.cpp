@@ -141,10 +141,10 @@ std::string StateText(const DataCenterStatus& status) {
   }
   if (status.watcher.held > 0) text += fmt::format(", {} of them held", status.watcher.held);
   if (status.watcher.quarantined > 0) text += fmt::format(", {} unreadable", status.watcher.quarantined);
-  const zr::String& error = status.connection.lastErrorText;
-  if (status.connection.state != ConnectionState::Connected && !error.empty() && error != Condition(status)) {
-    text += fmt::format(" ({})", EscapeControls(error));
-  }
+  const bool connected = status.connection.state == ConnectionState::Connected;
+  const std::string error =
+      connected ? ReadErrorText(status) : EscapeControls(status.connection.lastErrorText);
+  if (!live && !error.empty() && error != Condition(status)) text += fmt::format(" ({})", error);
   return text;
 }
 

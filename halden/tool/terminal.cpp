@@ -82,8 +82,12 @@ void Progress::Wipe() {
 }
 
 LiveScreen::LiveScreen(LineWriter& output) : m_output(output), m_signals{SIGWINCH, SIGTSTP, SIGQUIT} {
-  if (!CanSteer(output.Descriptor())) {
+  if (isatty(output.Descriptor()) != 1) {
     throw Failure(kWrongUsage, "--live needs a terminal, and the output is none");
+  }
+  if (!CanSteer(output.Descriptor())) {
+    throw Failure(kWrongUsage, "--live needs a terminal that can be written over; TERM is '" +
+                                   EscapeControls(Terminal()) + "'");
   }
   m_hasKeyboard = isatty(STDIN_FILENO) == 1 && tcgetattr(STDIN_FILENO, &m_before) == 0;
   Enter();

@@ -61,9 +61,14 @@ TEST(Diagnosis, TellsWhatIsDeniedFromWhatIsNotThere) {
   facts.servicesCode = ZOK;
   facts.service->code = ZNONODE;
   EXPECT_EQ(Complaints(facts, Verdict::Warning), Texts{"service: no instance of 'orders'"});
+  facts.service->code = ZOK;
+  facts.servicesCode = ZNOAUTH;  // which who follows a service does not read
+  EXPECT_EQ(Complaints(facts, Verdict::Failure), Texts{});
   facts.service->code = ZNOAUTH;
-  EXPECT_EQ(Complaints(facts, Verdict::Failure), Texts{"service: not all could be read: not authenticated"});
-  facts.servicesCode = ZNOAUTH;
+  EXPECT_EQ(Complaints(facts, Verdict::Failure),
+            Texts{"authentication: /halden/services/orders may not be read, and the configuration holds no "
+                  "credentials"});
+  facts.service.reset();
   EXPECT_EQ(Complaints(facts, Verdict::Failure).size(), 1U);
 }
 

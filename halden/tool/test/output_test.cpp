@@ -85,6 +85,9 @@ TEST(StateText, CallsNeitherKeptInstancesLiveNorLiveOnesKept) {
   EXPECT_EQ(StateText(State(Connected, Freshness::NeverSynchronized, 7)),
             "connected, reading, 7 instances so far");
   EXPECT_EQ(StateText(State(Connected, Freshness::Live, 1)), "live, 1 instance");
+  DataCenterStatus denied = State(Connected, Freshness::NeverSynchronized, 0);
+  denied.watcher.lastError = ZNOAUTH;
+  EXPECT_EQ(StateText(denied), "connected, reading (not authenticated)");
   EXPECT_EQ(StateText(State(Suspended, Freshness::Stale, 3)), "connection lost, 3 instances kept");
   EXPECT_EQ(StateText(State(Connected, Freshness::Stale, 3)), "connected again, reading, 3 instances kept");
   // The connection is gone and the watcher has not heard of it yet.
