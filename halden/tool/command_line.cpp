@@ -2,12 +2,31 @@
 #include "command_line.h"
 
 #include <CLI/CLI.hpp>
+#include <memory>
 
 namespace zr::halden::tool {
 
 namespace {
 
 constexpr const char* kAwaitAnswers = "How long to wait for data centres that do not answer (default: 10)";
+
+/// Leaves out which options exclude each other: who gives both is told.
+class HelpFormat final : public CLI::Formatter {
+ public:
+  HelpFormat() { column_width(28); }
+
+ private:
+  std::string make_option_opts(const CLI::Option* option) const override {
+    const bool flag = option->get_items_expected_max() == 0;
+    return flag || option->get_positional() ? std::string() : ' ' + option->get_type_name();
+  }
+  std::string make_option_desc(const CLI::Option* option) const override {
+    std::string text = option->get_description();
+    if (!option->get_default_str().empty()) text += " (default: " + option->get_default_str() + ')';
+    if (option->get_required() && !option->get_positional()) text += " (required)";
+    return text;
+  }
+};
 
 CLI::App& AddPlainCommand(CLI::App& app, const char* name, const char* description) {
   CLI::App& command = *app.add_subcommand(name, description);
@@ -45,9 +64,8 @@ void AddService(CLI::App& command, Words& words, bool required = true) {
 
 CLI::Option* AddGuard(CLI::App& command, Words& words) {
   return command
-      .add_option(
-          "--guard", words.guard,
-          "Hold removals back for so long when more than half of a data centre's instances go at once")
+      .add_option("--guard", words.guard,
+                  "Hold the removal of more than half of a data centre's instances back for so long")
       ->type_name("SECONDS");
 }
 
@@ -155,6 +173,7 @@ void AddGenerate(CLI::App& app, Words& words) {
 }  // namespace
 
 void Declare(CLI::App& app, Words& words) {
+  app.formatter(std::make_shared<HelpFormat>());  // commands take it over as they are added
   app.name("halden");
   app.description("Service discovery over ZooKeeper, across data centres");
   app.set_version_flag("--version", "halden " HALDEN_VERSION, "Print the version and end");

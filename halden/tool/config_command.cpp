@@ -35,7 +35,12 @@ void Do(const ConfigCheckOptions& options, LineWriter& output) {
   add(config.faults, true);
   if (!options.quiet) add(config.warnings, false);
   const bool empty = config.faults.empty() && config.ensembles.empty();
-  if (empty) add({{options.path, 0, 0, "no data centre: expected at least one in [data_centers]"}}, true);
+  if (empty) {
+    ConfigFault fault;
+    fault.file = options.path;
+    fault.message = "no data centre: expected at least one in [data_centers]";
+    add({fault}, true);
+  }
   const bool good = config.faults.empty() && !empty;
   if (good && !options.json && !options.quiet) {
     text += fmt::format("{}: in order, {}\n", EscapeControls(options.path),

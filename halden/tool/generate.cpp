@@ -182,7 +182,7 @@ std::string RoffOption(const OptionSpec& option) {
   if (!option.value.empty()) text += fmt::format(" \\fI{}\\fR", Roff(option.value));
   text += '\n' + Roff(option.description);
   if (!option.byDefault.empty()) text += Roff(fmt::format(" (default: {})", option.byDefault));
-  return text + (option.required ? "; required.\n" : ".\n");
+  return text + (option.required ? " (required).\n" : ".\n");
 }
 
 }  // namespace
