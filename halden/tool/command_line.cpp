@@ -84,6 +84,7 @@ void AddView(CLI::App& app, Words& words, const char* name, const char* descript
   AddService(command, words);
   auto* const live = command.add_flag("--live", words.live, "Stay, and show what changes; needs a terminal");
   live->excludes(command.get_option("--json"));
+  live->excludes(command.get_option("--timeout"));  // it shows what is still missing
   AddGuard(command, words)->needs(live);
   command.footer(footer);
 }

@@ -24,7 +24,8 @@ std::optional<MassRemovalGuard> GuardFor(const std::optional<std::chrono::second
 bool AwaitInstances(const GlobalServiceWatcher& watcher, const CommonOptions& options, LineWriter& output) {
   constexpr milliseconds most{100};  // how late a stop is noticed
   const auto deadline = steady_clock::now() + options.Patience();
-  Progress progress(options.quiet);
+  const bool logged = options.logLevel < logging::ZRLOG_ERROR;  // whose lines would mix with it
+  Progress progress(options.quiet || logged);
   while (!output.AwaitEnd(milliseconds(0))) {
     const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
     if (watcher.AwaitSynchronized(std::clamp(left, milliseconds(0), most)) || left <= most) return true;

@@ -72,6 +72,7 @@ TEST(CommandLine, SaysWhatIsWrongInOneLine) {
     ExpectRefused({"list", "orders", "--config", "c", "--timeout", timeout}, "bad --timeout");
   }
   ExpectRefused({"list", "orders", "--config", "c", "--live", "--json"}, "--json");
+  ExpectRefused({"list", "orders", "--config", "c", "--live", "--timeout", "5"}, "--timeout");
   ExpectRefused({"list", "orders", "--config", "c", "--guard", "5"}, "--live");
   ExpectRefused({"status", "orders", "--config", "c", "--quiet", "--verbose"}, "--verbose");
   ExpectRefused({"get", "orders", "0", "--config", "c"}, "bad ID");
