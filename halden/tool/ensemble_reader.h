@@ -65,8 +65,8 @@ class EnsembleReader {
 };
 
 /// Runs `task` for all data centres at once, each with a reader of its own, so that one which does not answer
-/// costs the others nothing. The results are sorted by the data centre's name; nothing when there was a reason
-/// to end before.
+/// costs the others nothing. The results are sorted by the data centre's name; nothing when there was a
+/// reason to end before.
 template <typename Result>
 std::optional<std::vector<Result>> InEachDataCenter(const DataCenterEnsembleMapT& ensembles,
                                                     std::chrono::seconds patience, LineWriter& output,
