@@ -261,8 +261,12 @@ void PublisherCore::OnInspected(Reply& reply) {
     m_ours = false;
     m_sessions.clear();
   } else if (exists && owner == m_core->SessionId()) {
-    m_ours = true;  // an answer was lost, or the session went on under a new handle: write it again
+    m_ours = true;  // an answer was lost, or the session went on under a new handle
     m_watched = false;
+    if (reply.value == *m_wish) {  // to write it again would tell every watcher of a change
+      m_written = m_wishNumber;
+      m_version = reply.stat.version;
+    }
   } else if (exists) {
     return OnForeign(reply);
   }
