@@ -17,6 +17,7 @@ namespace {
 // The client sets its watches again in one packet, which servers refuse past 1 MiB: it would reconnect for
 // ever.
 constexpr std::size_t kMaxWatchBytes = 900'000;
+constexpr std::chrono::milliseconds kApartPeriod{2};
 
 bool IsLegal(ConnectionState from, ConnectionState to) {
   using S = ConnectionState;
@@ -331,11 +332,22 @@ void ConnectionCore::OnEstablished() {
 void ConnectionCore::OnLost() {
   if (m_state != ConnectionState::Connected) return;
   SetError(ZCONNECTIONLOSS, "connection lost");
-  if (m_epoch->WatchBytes() > kMaxWatchBytes) {
-    return ReplaceHandle();  // a new handle has no watches to set again
-  }
+  const bool replace = m_epoch->WatchBytes() > kMaxWatchBytes;  // a new handle has no watches to set again
+  if (replace && !m_epoch->ConnectedByNow()) return ReplaceHandle();
+  const auto epoch = m_epoch->Number();
   SetState(ConnectionState::Suspended);
   Tell([](ConnectionListener& listener) { listener.OnDisconnected(false); });
+  if (replace) ReplaceWhenApart(epoch);
+}
+
+/// To close a handle that is connected again would end its session. It is not connected for long: servers
+/// refuse its watches.
+void ConnectionCore::ReplaceWhenApart(std::uint64_t epoch) {
+  if (!IsCurrent(epoch) || m_state != ConnectionState::Suspended) return;
+  if (!m_epoch->ConnectedByNow()) return ReplaceHandle();
+  PostAfter(kApartPeriod, [weak = weak_from_this(), epoch] {
+    if (const auto self = weak.lock()) self->ReplaceWhenApart(epoch);
+  });
 }
 
 void ConnectionCore::OnSessionOver(int code, ConnectionState state) {

@@ -138,6 +138,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   bool OpenHandle(Epoch& epoch, const clientid_t* resume);
   void CloseEpoch();
   void ReplaceHandle();
+  void ReplaceWhenApart(std::uint64_t epoch);
   void Watchdog(std::uint64_t epoch);
   void LookAfterServers();
 

@@ -11,8 +11,9 @@ namespace zr::halden::details {
 
 namespace {
 
-// Enough to keep a server busy; a connection's other watchers get their share of its window.
-constexpr std::size_t kInstanceWindow = 256;
+// Refilled when half of it is answered: enough to keep a server busy meanwhile. What other watchers of the
+// connection ask for waits behind it in line.
+constexpr std::size_t kInstanceWindow = 480;
 constexpr std::size_t kMaxOddNames = 1000;
 
 }  // namespace
@@ -255,7 +256,9 @@ void ServiceReader::ReadInstance(const ServiceId& id) {
   SendInstanceReads();
 }
 
+/// By the half window, so that requests, answers and the threads' waking up come in batches too.
 void ServiceReader::SendInstanceReads() {
+  if (m_instanceReads > kInstanceWindow / 2) return;
   while (m_connected && !m_toRead.empty() && m_instanceReads < kInstanceWindow) {
     const ServiceId id = m_toRead.front();
     m_toRead.pop_front();

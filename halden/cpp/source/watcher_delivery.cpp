@@ -15,6 +15,8 @@ namespace {
 
 // Then the thread's other watchers get their turn.
 constexpr int kEventsPerTurn = 64;
+// While everything is being read: a thread that is woken for each instance costs as much as what it then does.
+constexpr std::chrono::milliseconds kGathering{5};
 
 /// Runs foreign code: what it throws costs that call only.
 template <typename Function>
@@ -171,8 +173,10 @@ void WatcherDelivery::Schedule(std::unique_lock<std::mutex>& lock) {
   if (m_scheduled || !m_started) return;
   if (!m_table.HasChanges() && m_errors.empty() && !(m_statusDue && m_statusHandler)) return;
   m_scheduled = true;
+  const bool manyToCome = m_freshness != Freshness::Live;
   lock.unlock();
-  m_core->Deliver([self = shared_from_this()] { self->Deliver(); });
+  const auto deliver = [self = shared_from_this()] { self->Deliver(); };
+  manyToCome ? m_core->DeliverAfter(kGathering, deliver) : m_core->Deliver(deliver);
 }
 
 /// m_mtx is held.
