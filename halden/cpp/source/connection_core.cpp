@@ -17,7 +17,6 @@ namespace {
 // The client sets its watches again in one packet, which servers refuse past 1 MiB: it would reconnect for
 // ever.
 constexpr std::size_t kMaxWatchBytes = 900'000;
-constexpr std::chrono::milliseconds kApartPeriod{2};
 
 bool IsLegal(ConnectionState from, ConnectionState to) {
   using S = ConnectionState;
@@ -338,16 +337,6 @@ void ConnectionCore::OnLost() {
   SetState(ConnectionState::Suspended);
   Tell([](ConnectionListener& listener) { listener.OnDisconnected(false); });
   if (replace) ReplaceWhenApart(epoch);
-}
-
-/// To close a handle that is connected again would end its session. It is not connected for long: servers
-/// refuse its watches.
-void ConnectionCore::ReplaceWhenApart(std::uint64_t epoch) {
-  if (!IsCurrent(epoch) || m_state != ConnectionState::Suspended) return;
-  if (!m_epoch->ConnectedByNow()) return ReplaceHandle();
-  PostAfter(kApartPeriod, [weak = weak_from_this(), epoch] {
-    if (const auto self = weak.lock()) self->ReplaceWhenApart(epoch);
-  });
 }
 
 void ConnectionCore::OnSessionOver(int code, ConnectionState state) {

@@ -21,6 +21,7 @@ constexpr unsigned kReportRounds = 60;
 constexpr unsigned kResolveRounds = 5;
 constexpr unsigned kUnansweredRounds = 2;
 constexpr std::chrono::seconds kResolveLimit{2};
+constexpr std::chrono::milliseconds kApartPeriod{2};
 constexpr std::chrono::seconds kEndingLimit{2};
 constexpr int kEndingTries = 5;
 
@@ -117,6 +118,16 @@ void ConnectionCore::LookAfterServers() {
     return ReplaceHandle();
   }
   if (m_roundsAway % kResolveRounds == 0 && HasNames(m_ensemble.hosts)) ResolveHosts();
+}
+
+/// To close a handle that is connected again would end its session. It is not connected for long: servers
+/// refuse its watches.
+void ConnectionCore::ReplaceWhenApart(std::uint64_t epoch) {
+  if (!IsCurrent(epoch) || m_state != ConnectionState::Suspended) return;
+  if (!m_epoch->ConnectedByNow()) return ReplaceHandle();
+  PostAfter(kApartPeriod, [weak = weak_from_this(), epoch] {
+    if (const auto self = weak.lock()) self->ReplaceWhenApart(epoch);
+  });
 }
 
 /// Makes the server end a session whose handle is closed: takes the session up again alone and closes it

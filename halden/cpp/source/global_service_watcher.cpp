@@ -53,7 +53,7 @@ GlobalServiceWatcher::GlobalServiceWatcher(const zr::String& serviceName, Applic
                                                         std::move(errorHandler))) {}
 
 GlobalServiceWatcher::~GlobalServiceWatcher() {
-  Release({});
+  Release(true);
 }
 
 void GlobalServiceWatcher::RegisterShared(std::shared_ptr<ServiceWatcherObserver> observer) {
@@ -94,7 +94,7 @@ bool GlobalServiceWatcher::ConnectDC(const zr::String& dcName) {
 
 bool GlobalServiceWatcher::DisconnectDC(const zr::String& dcName) {
   const bool disconnected = m_impl->DisconnectDC(dcName);
-  Release(Watchers());
+  Release(false);
   return disconnected;
 }
 
@@ -109,7 +109,7 @@ void GlobalServiceWatcher::AddConnection(std::shared_ptr<Connection> conn) {
 
 void GlobalServiceWatcher::RemoveConnection(const std::shared_ptr<Connection>& conn) {
   m_impl->RemoveConnection(conn);
-  Release(Watchers());
+  Release(false);
 }
 
 bool GlobalServiceWatcher::HasConnection(const zr::String& dcName) {
@@ -186,17 +186,23 @@ void GlobalServiceWatcher::SetStatusHandler(DataCenterStatusHandler handler) {
   Equip();
 }
 
-/// Takes the status handler from the watchers that are not among those kept: the application may hold on to
-/// them.
-void GlobalServiceWatcher::Release(const std::vector<std::shared_ptr<ServiceWatcher>>& kept) {
+/// Takes the status handler from all watchers, or from those that are registered no more: the application may
+/// hold on to them.
+void GlobalServiceWatcher::Release(bool all) {
   std::vector<std::shared_ptr<ServiceWatcher>> gone;
   {
     const std::lock_guard lock(m_settingsMtx);
     for (const auto& weak : m_equipped) {
-      auto watcher = weak.lock();
-      const bool isKept = std::find(kept.begin(), kept.end(), watcher) != kept.end();
-      if (watcher && !isKept) gone.push_back(std::move(watcher));
+      if (auto watcher = weak.lock()) gone.push_back(std::move(watcher));
     }
+  }
+  if (!all) {
+    const auto kept = Watchers();  // asked after the above: one that was equipped is registered by now
+    std::erase_if(gone,
+                  [&](const auto& one) { return std::find(kept.begin(), kept.end(), one) != kept.end(); });
+  }
+  {
+    const std::lock_guard lock(m_settingsMtx);
     for (const auto& watcher : gone) m_equipped.erase(watcher);
   }
   for (const auto& watcher : gone) watcher->SetStatusHandler({});
@@ -232,7 +238,7 @@ bool GlobalServiceWatcher::Close(std::chrono::milliseconds limit) {
   const bool closed =
       onEach([deadline](const auto& entry) { return entry.first->AwaitClosed(Until(deadline)); }) &&
       onEach(awaitHandlers);
-  Release({});
+  Release(true);
   return onEach(awaitHandlers) && closed;
 }
 

@@ -7,7 +7,6 @@
 #include "error_policy.h"
 #include "layout.h"
 #include "log_sources.h"
-#include "node_codec.h"
 #include "wait_limit.h"
 
 namespace zr::halden::details {
@@ -141,24 +140,6 @@ void PublisherCore::Step() {
   }
 }
 
-/// False while another publisher of the same id, through the same connection, has the node.
-bool PublisherCore::HasClaim() {
-  if (m_awaitingClaim) return false;
-  using Result = ConnectionCore::ClaimResult;
-  const auto released = [weak = weak_from_this()] {
-    const auto self = weak.lock();
-    if (!self) return;
-    self->m_awaitingClaim = false;
-    self->StepNow();
-  };
-  const auto result = m_core->Claim(m_path, shared_from_this(), released);
-  if (result == Result::Granted) return true;
-  m_awaitingClaim = true;
-  if (result == Result::Taken) Yield("another publisher of this process, through the same connection");
-  if (result == Result::AboutToBeReleased) SetState(PublishState::Publishing);
-  return false;
-}
-
 void PublisherCore::Create() {
   m_mayExist = true;
   if (std::find(m_sessions.begin(), m_sessions.end(), m_core->SessionId()) == m_sessions.end()) {
@@ -270,50 +251,6 @@ void PublisherCore::OnInspected(Reply& reply) {
   } else if (exists) {
     return OnForeign(reply);
   }
-  Step();
-}
-
-/// Of an earlier session of ours, of a dead process, or of a rival that lives: the rival will be back.
-void PublisherCore::OnForeign(const Reply& reply) {
-  const auto owner = reply.stat.ephemeralOwner;
-  const bool own = std::find(m_sessions.begin(), m_sessions.end(), owner) != m_sessions.end();
-  if (!own && owner != 0 && owner == m_replacedOwner) {
-    Yield(WriterOf(reply.value));
-    return Step();
-  }
-  if (!own && !m_established) m_replacedOwner = owner;
-  ZRLOG(ZRLOG_INFO, PublisherLog()) << "replacing a node of another session, dc_name="
-                                    << m_core->DataCenterName() << ", path=" << m_path;
-  Delete(reply.stat.version);
-}
-
-void PublisherCore::Yield(const zr::String& rival) {
-  if (!std::exchange(m_yielded, true)) {
-    ZRLOG(ZRLOG_ERROR, PublisherLog())
-        << "another publisher has this id, waiting for its end, rival=" << rival
-        << ", dc_name=" << m_core->DataCenterName() << ", path=" << m_path;
-  }
-  m_watched = false;
-  const std::lock_guard lock(m_mtx);
-  m_status.state = PublishState::Conflict;
-  m_status.lastError = ZNODEEXISTS;
-  m_status.rival = rival;
-  m_changed.notify_all();
-}
-
-void PublisherCore::AwaitRivalsEnd() {
-  if (m_watched) return;
-  m_watched = true;
-  Send({.kind = Request::Kind::Exists, .path = m_path, .watch = m_watch}, &PublisherCore::OnRivalLookedAt);
-}
-
-void PublisherCore::OnRivalLookedAt(Reply& reply) {
-  const ErrorAction action = ActionFor(reply.code);
-  if (action == ErrorAction::Done) return Step();
-  m_watched = false;
-  if (action != ErrorAction::Absent) return Retry(reply.code);
-  m_yielded = false;
-  m_replacedOwner = 0;
   Step();
 }
 

@@ -135,7 +135,7 @@ class ZR_EXPORT GlobalServiceWatcher final : public zr::Observable<ServiceWatche
 
  private:
   void Equip();
-  void Release(const std::vector<std::shared_ptr<ServiceWatcher>>& kept);
+  void Release(bool all);
 
   const std::shared_ptr<GlobalServiceWatcherImpl> m_impl;
 

@@ -137,6 +137,13 @@ class Turmoil : public ServiceWatcherObserver, public std::enable_shared_from_th
 
   bool Over() const { return m_acts > kActs; }
 
+  /// The watcher owns its observer, which owns the watcher.
+  void End() {
+    std::shared_ptr<GlobalServiceWatcher> last;  // goes after the lock
+    const std::lock_guard lock(m_mtx);
+    last.swap(m_watcher);
+  }
+
   /// What the threads do: now and then it is a connection that has come up that they strike.
   void Rage() {
     while (!Over()) {
@@ -220,6 +227,7 @@ TEST_F(FaultTest, AnythingMayBeDoneAtAnyMomentFromAnyThread) {
     }
     for (std::size_t i = 0; !turmoil->Over(); ++i) Write(Client(kDc), ids[i % ids.size()]);
     for (auto& thread : threads) thread.join();
+    turmoil->End();
   }
   Watch(ConnectString(kDc));
   EXPECT_TRUE(AwaitTruth());

@@ -156,7 +156,7 @@ TEST_F(ZooKeeperConfigTest, NoFileMakesALongListOrALongMessageOrTakesLong) {
   std::string unknown;
   for (int i = 0; i < 50'000; ++i) unknown += "k" + std::to_string(i) + ".b=''\n";
   std::string noise;
-  for (int i = 0; i < 1'000'000; ++i) noise += static_cast<char>(i * 7919 >> 5);
+  for (unsigned i = 0; i < 1'000'000; ++i) noise += static_cast<char>(i * 7919 >> 5U);
   for (const auto& text : {entries, entries + "?", unknown, noise, noise + noise}) {
     const auto config = Read(text);
     EXPECT_LE(config.faults.size(), 102u);
