@@ -59,15 +59,19 @@ java -Xmx64m -Dzookeeper.admin.enableServer=false \
 server=$!
 printf '[data_centers]\nhere = "127.0.0.1:%s"\n' "$port" >"$folder/halden.toml"
 
-mkfifo "$folder/input"
+mkfifo "$folder/input" "$folder/stop"
 "$folder/make/publisher" "127.0.0.1:$port" orders host-1 8080 <"$folder/input" >"$folder/publisher.log" 2>&1 &
 publisher=$!
 exec 3>"$folder/input"
 await grep --quiet published "$folder/publisher.log"
 for build in shared static make; do
-  "$folder/$build/watcher" "$folder/halden.toml" orders </dev/null >"$folder/watcher.out" 2>&1
-  expect "1 instances" "$folder/watcher.out"
-  expect "here added host-1" "$folder/watcher.out"
+  "$folder/$build/watcher" "$folder/halden.toml" orders <"$folder/stop" >"$folder/watcher.out" 2>&1 &
+  watcher=$!
+  exec 4>"$folder/stop"
+  await grep --quiet "1 instances" "$folder/watcher.out"
+  await grep --quiet "here added host-1" "$folder/watcher.out"
+  exec 4>&-
+  wait "$watcher" || fail "the watcher failed ($build)"
   "$folder/$build/shared_connections" "$folder/halden.toml" orders stock >"$folder/shared.out" 2>&1
   expect "orders: 1 instances" "$folder/shared.out"
   expect "stock: 0 instances" "$folder/shared.out"

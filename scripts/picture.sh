@@ -5,12 +5,12 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-readonly columns=118 rows=62
+readonly columns=118 rows=56
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 scripts/demo.sh >"$log"
-# From the first step on: what comes before it is the build.
-sed -n '/^== /,$p' "$log" | head -n "$rows" | cut -c "1-$columns" | awk -v columns="$columns" '
+# From the first servers on: what comes before is the build.
+sed -n '/^== Three data centres/,$p' "$log" | head -n "$rows" | cut -c "1-$columns" | awk -v columns="$columns" '
   { gsub(/&/, "\\&amp;"); gsub(/</, "\\&lt;"); gsub(/>/, "\\&gt;"); line[NR] = $0 }
   END {
     width = columns * 7.25 + 32
