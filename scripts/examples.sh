@@ -49,7 +49,11 @@ export PKG_CONFIG_PATH="$library/pkgconfig" LD_LIBRARY_PATH="$library"
 make --directory examples BUILD="$folder/make" >"$folder/make.log" 2>&1 || fail "does not build with pkg-config"
 
 echo "examples: running on a ZooKeeper server"
-port=$(($(od -An -N2 -tu2 /dev/urandom) % 20000 + 20000))
+listens() { (exec 5<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+port=0
+until ((port != 0)) && ! listens "$port"; do # below what the system gives to outgoing connections
+  port=$(($(od -An -N2 -tu2 /dev/urandom) % 12000 + 20000))
+done
 mkdir "$folder/data"
 printf 'tickTime=500\ndataDir=%s\nclientPort=%s\nclientPortAddress=127.0.0.1\n' "$folder/data" "$port" \
   >"$folder/zoo.cfg"
