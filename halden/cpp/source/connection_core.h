@@ -83,6 +83,12 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   void DeliverAfter(TaskThread::Clock::duration delay, TaskThread::Task task) {
     m_delivery.PostAfter(delay, std::move(task));
   }
+  /// A little later, in order among themselves: while everything is being read, a thread that is woken for
+  /// each instance costs as much as what it then does.
+  void DeliverGathered(TaskThread::Task task) {
+    constexpr std::chrono::milliseconds gathering{5};
+    DeliverAfter(gathering, std::move(task));
+  }
 
   // The connection's thread.
 

@@ -27,10 +27,10 @@ bool AwaitAll(const std::vector<std::shared_ptr<ServiceWatcher>>& watchers, std:
                      [deadline](const auto& watcher) { return watcher->AwaitSynchronized(Until(deadline)); });
 }
 
-/// Waits until what was to be delivered before the call is.
+/// Waits until what was to be delivered before the call is, gathered or not.
 bool AwaitDelivered(const Connection& conn, std::chrono::milliseconds limit) {
   const auto delivered = std::make_shared<std::promise<void>>();
-  conn.Core()->Deliver([delivered] { delivered->set_value(); });
+  conn.Core()->DeliverGathered([delivered] { delivered->set_value(); });
   return delivered->get_future().wait_for(limit) == std::future_status::ready;
 }
 

@@ -15,8 +15,6 @@ namespace {
 
 // Then the thread's other watchers get their turn.
 constexpr int kEventsPerTurn = 64;
-// While everything is being read: a thread that is woken for each instance costs as much as what it then does.
-constexpr std::chrono::milliseconds kGathering{5};
 
 /// Runs foreign code: what it throws costs that call only.
 template <typename Function>
@@ -176,7 +174,7 @@ void WatcherDelivery::Schedule(std::unique_lock<std::mutex>& lock) {
   const bool manyToCome = m_freshness != Freshness::Live;
   lock.unlock();
   const auto deliver = [self = shared_from_this()] { self->Deliver(); };
-  manyToCome ? m_core->DeliverAfter(kGathering, deliver) : m_core->Deliver(deliver);
+  manyToCome ? m_core->DeliverGathered(deliver) : m_core->Deliver(deliver);
 }
 
 /// m_mtx is held.

@@ -85,7 +85,9 @@ TEST_F(DataCenterStatusTest, EachDataCentersStateIsToldAndCanBeAwaitedApart) {
   EXPECT_TRUE(watcher.DisconnectDC("us-east"));
   EXPECT_TRUE(watcher.ConnectDC("us-east"));
   EXPECT_TRUE(m_states->Await("us-east", ConnectionState::Connected, Freshness::Live)) << "settings hold on";
-  watcher.Close(kLimit);
+  ASSERT_TRUE(watcher.Close(kLimit));
+  EXPECT_TRUE(m_states->Await(kDc, ConnectionState::Stopped, Freshness::Stale))
+      << "not told before Close ends";
 }
 
 TEST_F(DataCenterStatusTest, WhoComesBackFromAMassRemovalWasNeverGone) {
