@@ -29,6 +29,10 @@ double Percentile(std::vector<double> values, double share) {
                          static_cast<std::size_t>(share * static_cast<double>(values.size())))];
 }
 
+Sides<double> Medians(const Samples& samples) {
+  return {Median(samples[kThreaded]), Median(samples[kSingle]), Median(samples[kHalden])};
+}
+
 Millis CpuTime() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
@@ -38,32 +42,41 @@ Millis CpuTime() {
   return Millis(millis(usage.ru_utime) + millis(usage.ru_stime));
 }
 
-void PrintHeading() {
-  fmt::print("{:54} {:>10} {:>10} {:4} {:>6}  {}\n", "medians of rounds that take turns", "raw", "halden", "",
-             "ratio", "limit");
+namespace {
+
+void PrintLine(const std::string& what, const Sides<std::string>& columns, const char* unit,
+               const std::string& ratio, const std::string& limit) {
+  fmt::print("{:54} {:>10} {:>10} {:>10} {:4} {:>6}  {}\n", what, columns[kThreaded], columns[kSingle],
+             columns[kHalden], unit, ratio, limit);
   std::fflush(stdout);
 }
 
-namespace {
+std::string Figure(double value) {
+  return fmt::format("{:.1f}", value);
+}
 
-std::string Limit(double value, std::optional<double> limit) {
-  if (!limit) return {};
-  return fmt::format("<= {:.2f}{}", *limit, value > *limit ? "  OVER" : "");
+std::string Judge(double value, double most, const char* unit = "") {
+  return fmt::format("<= {:g}{}{}{}", most, *unit == 0 ? "" : " ", unit, value > most ? "  OVER" : "");
 }
 
 }  // namespace
 
-void PrintRatio(const std::string& what, const char* unit, double raw, double halden,
-                std::optional<double> ratioLimit) {
-  const double ratio = halden / raw;
-  fmt::print("{:54} {:10.1f} {:10.1f} {:4} {:6.2f}  {}\n", what, raw, halden, unit, ratio,
-             Limit(ratio, ratioLimit));
-  std::fflush(stdout);
+void PrintHeading() {
+  PrintLine("medians of rounds that take turns", {"threaded", "single", "halden"}, "", "ratio", "limit");
+}
+
+void PrintSides(const std::string& what, const char* unit, const Sides<double>& values,
+                std::optional<Limit> limit) {
+  const double ratio = values[kHalden] / values[kThreaded];
+  std::string judged;
+  if (limit && limit->of == Limit::kRatio) judged = Judge(ratio, limit->most);
+  if (limit && limit->of == Limit::kFigure) judged = Judge(values[kHalden], limit->most, unit);
+  PrintLine(what, {Figure(values[kThreaded]), Figure(values[kSingle]), Figure(values[kHalden])}, unit,
+            fmt::format("{:.2f}", ratio), judged);
 }
 
 void PrintFigure(const std::string& what, const char* unit, double halden, std::optional<double> limit) {
-  fmt::print("{:54} {:>10} {:10.1f} {:4} {:>6}  {}\n", what, "", halden, unit, "", Limit(halden, limit));
-  std::fflush(stdout);
+  PrintLine(what, {"", "", Figure(halden)}, unit, "", limit ? Judge(halden, *limit, unit) : "");
 }
 
 std::string NodeBytes(std::size_t bytes) {
@@ -170,14 +183,11 @@ HaldenFollower::~HaldenFollower() {
   m_watcher->UnregisterShared(m_observer);  // returns when no callback runs
 }
 
-std::shared_ptr<void> FollowRaw(const Server& server, Tally& tally) {
-  auto reader = std::make_shared<RawReader>(server.ConnectString(), &tally);
+std::shared_ptr<void> Follow(Side side, const Server& server, Tally& tally) {
+  if (side == kHalden) return std::make_shared<HaldenFollower>(server, tally);
+  auto reader = std::make_shared<RawReader>(side, server.ConnectString(), &tally);
   reader->Begin({details::ServicePath(kService)});
   return reader;
-}
-
-std::shared_ptr<void> FollowHalden(const Server& server, Tally& tally) {
-  return std::make_shared<HaldenFollower>(server, tally);
 }
 
 }  // namespace zr::halden::bench

@@ -5,7 +5,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -16,8 +15,8 @@
 #include "halden/service_watcher.h"
 #include "support/zookeeper_server.h"
 
-/// What the measurements share. Each measures the library beside its yardstick, the client library alone (RawReader),
-/// in rounds that take turns, so that whatever else the machine does falls on both.
+/// What the measurements share. Each measures halden beside its yardsticks, the two builds of the client library
+/// alone (RawReader), in rounds that take turns, so that whatever else the machine does falls on all.
 namespace zr::halden::bench {
 
 using Clock = std::chrono::steady_clock;
@@ -30,6 +29,14 @@ inline constexpr std::size_t kPerDataCenter = 10'000;
 inline constexpr std::array<const char*, 3> kDataCenters{"eu-west", "us-east", "ap-south"};
 inline constexpr const char* kService = "orders";
 
+/// Whose figure it is: the client library's alone, on the build with threads or on the one without, or ours.
+enum Side : std::uint8_t { kThreaded, kSingle, kHalden };
+inline constexpr std::array kSides{kThreaded, kSingle, kHalden};
+inline constexpr std::array kBareSides{kThreaded, kSingle};
+template <typename T>
+using Sides = std::array<T, kSides.size()>;
+using Samples = Sides<std::vector<double>>;
+
 // The parts, one file each.
 void BenchLoad();
 void BenchLatency();
@@ -41,6 +48,7 @@ void BenchCalls();
 void Require(bool condition, const char* what);
 double Median(std::vector<double> values);
 double Percentile(std::vector<double> values, double share);
+Sides<double> Medians(const Samples& samples);
 
 /// Runs `call` and says how long it took.
 template <typename Duration, typename Call>
@@ -55,10 +63,18 @@ Millis CpuTime();
 
 // The table. A limit that is passed is marked.
 
+/// The most that halden may need, in the line's unit or in proportion to the client library's build with threads.
+struct Limit {
+  enum Of : std::uint8_t { kFigure, kRatio };
+  Of of;
+  double most;
+};
+
 void PrintHeading();
-/// `ratioLimit`: of the second to the first; none when it is not to be judged.
-void PrintRatio(const std::string& what, const char* unit, double raw, double halden,
-                std::optional<double> ratioLimit);
+/// All sides, and the ratio that a limit is about. No limit: it is not judged.
+void PrintSides(const std::string& what, const char* unit, const Sides<double>& values,
+                std::optional<Limit> limit = std::nullopt);
+/// Only what halden needs.
 void PrintFigure(const std::string& what, const char* unit, double halden,
                  std::optional<double> limit = std::nullopt);
 
@@ -128,10 +144,7 @@ class HaldenFollower {
   const std::shared_ptr<ServiceWatcher> m_watcher;
 };
 
-/// Both sides of a measurement: begins to follow kService at the server and tells the tally, until what it returns
-/// goes.
-using Follow = std::function<std::shared_ptr<void>(const Server&, Tally&)>;
-std::shared_ptr<void> FollowRaw(const Server& server, Tally& tally);
-std::shared_ptr<void> FollowHalden(const Server& server, Tally& tally);
+/// Begins to follow kService at the server and tells the tally, until what it returns goes.
+std::shared_ptr<void> Follow(Side side, const Server& server, Tally& tally);
 
 }  // namespace zr::halden::bench

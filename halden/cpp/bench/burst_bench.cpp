@@ -13,7 +13,7 @@ namespace {
 constexpr std::size_t kOfEachKind = 1000;
 
 /// `paths`: the instances there are, before and after.
-double Round(const Server& server, const Follow& follow, RawWriter& writer, std::vector<std::string>& paths) {
+double Round(Side side, const Server& server, RawWriter& writer, std::vector<std::string>& paths) {
   const std::string bytes = NodeBytes(200);
   const std::string changed = NodeBytes(210);
   std::vector<std::string> joins;
@@ -21,7 +21,7 @@ double Round(const Server& server, const Follow& follow, RawWriter& writer, std:
     joins.push_back(details::InstancePath(details::ServicePath(kService), MakeServiceId()));
   }
   Tally tally;
-  const auto follower = follow(server, tally);
+  const auto follower = Follow(side, server, tally);
   tally.Await({paths.size(), 0, 0});
   const auto start = Clock::now();
   for (std::size_t i = 0; i < kOfEachKind; ++i) {
@@ -43,14 +43,13 @@ void BenchBurst() {
   const Server& server = *servers.front();
   auto paths = Populate(server, kService, kPerDataCenter);
   RawWriter writer(server.ConnectString());
-  std::vector<double> raw;
-  std::vector<double> halden;
-  Round(server, FollowRaw, writer, paths);  // first-time costs
+  Samples millis;
+  Round(kThreaded, server, writer, paths);  // first-time costs
   for (int round = 0; round < kRounds; ++round) {
-    raw.push_back(Round(server, FollowRaw, writer, paths));
-    halden.push_back(Round(server, FollowHalden, writer, paths));
+    for (const Side side : kSides) millis[side].push_back(Round(side, server, writer, paths));
   }
-  PrintRatio("burst of 3,000 writes until the view is right", "ms", Median(raw), Median(halden), 1.3);
+  PrintSides("burst of 3,000 writes until the view is right", "ms", Medians(millis),
+             Limit{Limit::kRatio, 1.1});
 }
 
 }  // namespace zr::halden::bench

@@ -13,11 +13,11 @@ constexpr int kSessionTimeoutMs = 30000;
 
 void DropLogLine(const char* /*line*/) {}
 
-zhandle_t* Open(const std::string& hosts, watcher_fn onSession, void* context) {
+zhandle_t* Open(const ClientLibrary& library, const std::string& hosts, watcher_fn onSession, void* context) {
   zhandle_t* const handle =
-      zookeeper_init2(hosts.c_str(), onSession, kSessionTimeoutMs, nullptr, context, 0, &DropLogLine);
+      library.init(hosts.c_str(), onSession, kSessionTimeoutMs, nullptr, context, 0, &DropLogLine);
   if (handle == nullptr) throw std::runtime_error("no client handle for " + hosts);
-  zoo_set_servers_resolution_delay(handle, -1);
+  library.setResolutionDelay(handle, -1);
   return handle;
 }
 
@@ -28,7 +28,8 @@ void Check(int code) {
 }  // namespace
 
 RawWriter::RawWriter(const std::string& hosts) {
-  m_handle = Open(hosts, &RawWriter::OnSession, this);  // calls back at once: all members are there by now
+  // Calls back at once: all members are there by now.
+  m_handle = Open(ThreadedLibrary(), hosts, &RawWriter::OnSession, this);
 }
 
 RawWriter::~RawWriter() {
@@ -81,14 +82,21 @@ void RawWriter::Finish() {
   Require(done && m_error == 0, "nodes not written");
 }
 
+RawReader::RawReader(Side build, std::string hosts, Tally* tally)
+    : m_library(build == kSingle ? SingleThreadedLibrary() : ThreadedLibrary()),
+      m_hosts(std::move(hosts)),
+      m_tally(tally) {}
+
 RawReader::~RawReader() {
-  if (m_handle != nullptr) zookeeper_close(m_handle);
+  m_thread.reset();
+  if (m_handle != nullptr) m_library.close(m_handle);
 }
 
 void RawReader::Begin(std::vector<std::string> servicePaths) {
   m_services = std::move(servicePaths);
   m_outstanding = m_services.size();
-  m_handle = Open(m_hosts, &RawReader::OnSession, this);
+  m_handle = Open(m_library, m_hosts, &RawReader::OnSession, this);
+  if (m_library.process != nullptr) m_thread.emplace(m_library, m_handle);
 }
 
 std::size_t RawReader::AwaitLoaded() {
@@ -121,8 +129,8 @@ void RawReader::OnWatch(zhandle_t* /*handle*/, int type, int /*state*/, const ch
 /// The caller has counted it as outstanding.
 void RawReader::List(std::string path, bool ofService) {
   Listing& listing = m_listings.emplace_back(Listing{this, std::move(path), ofService});
-  zoo_awget_children2(m_handle, listing.path.c_str(), &RawReader::OnWatch, this, &RawReader::OnChildren,
-                      &listing);
+  m_library.awgetChildren2(m_handle, listing.path.c_str(), &RawReader::OnWatch, this, &RawReader::OnChildren,
+                           &listing);
 }
 
 void RawReader::OnChildren(int code, const String_vector* names, const Stat* /*stat*/, const void* context) {
@@ -150,7 +158,7 @@ void RawReader::Found(std::string path) {
 
 void RawReader::Read(Instance* instance) {
   ++m_outstanding;
-  zoo_awget(m_handle, instance->path.c_str(), &RawReader::OnWatch, this, &RawReader::OnData, instance);
+  m_library.awget(m_handle, instance->path.c_str(), &RawReader::OnWatch, this, &RawReader::OnData, instance);
 }
 
 void RawReader::SendReads() {

@@ -7,12 +7,14 @@
 #include <cstddef>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
 
 #include "bench.h"
+#include "client_library.h"
 
 namespace zr::halden::bench {
 
@@ -48,15 +50,15 @@ class RawWriter {
   std::size_t m_outstanding = 0;
 };
 
-/// The yardstick: the client library alone, as a loop written by hand would use it. It reads services as the library
-/// under test does, with the same requests, watches included, as many at a time as pay; it decodes nothing. With a
-/// tally it then follows them: it reads again what an event names, and tells what became of it.
+/// The yardstick: one build of the client library alone, as a loop written by hand would use it. It reads services
+/// as the library under test does, with the same requests, watches included, as many at a time as pay; it decodes
+/// nothing. With a tally it then follows them: it reads again what an event names, and tells what became of it.
 ///
-/// After `Begin` everything runs on the client library's own thread.
+/// After `Begin` everything runs on one thread: the client library's own, or the one given to the build without.
 class RawReader {
  public:
-  /// `tally`: null when only the first load counts; nothing is remembered then.
-  RawReader(std::string hosts, Tally* tally) : m_hosts(std::move(hosts)), m_tally(tally) {}
+  /// `build`: kThreaded or kSingle. `tally`: null when only the first load counts; nothing is remembered then.
+  RawReader(Side build, std::string hosts, Tally* tally);
   ~RawReader();
 
   RawReader(const RawReader&) = delete;
@@ -91,11 +93,13 @@ class RawReader {
   void Forget(const std::string& path);
   void Answered(int code);
 
+  const ClientLibrary& m_library;
   const std::string m_hosts;
   Tally* const m_tally;
   zhandle_t* m_handle = nullptr;
+  std::optional<HandleThread> m_thread;  // for the build that has none
 
-  // Owned by the library's thread.
+  // Owned by the thread that calls back.
   std::vector<std::string> m_services;
   std::deque<Listing> m_listings;    // deques: the library holds the elements' addresses
   std::deque<Instance> m_instances;  // every one ever seen

@@ -25,50 +25,42 @@ constexpr std::size_t kLargest = 100'000;
 constexpr int kJoins = 100;  // in each round
 
 struct Size {
-  std::vector<double> load;  // milliseconds
-  std::vector<double> join;  // microseconds
+  Samples load;  // milliseconds
+  Samples join;  // microseconds
 };
 
-void Round(const Server& server, const Follow& follow, RawWriter& writer, std::size_t instances, Size& size) {
+void Round(Side side, const Server& server, RawWriter& writer, std::size_t instances, Size& size) {
   const std::string bytes = NodeBytes(200);
   Tally tally;
   const auto start = Clock::now();
-  const auto follower = follow(server, tally);
-  size.load.push_back(Millis(tally.Await({instances, 0, 0}) - start).count());
+  const auto follower = Follow(side, server, tally);
+  size.load[side].push_back(Millis(tally.Await({instances, 0, 0}) - start).count());
   for (std::size_t i = 1; i <= kJoins; ++i) {
     const std::string path = details::InstancePath(details::ServicePath(kService), MakeServiceId());
     const auto sent = Clock::now();
     writer.Create(path, bytes);
     writer.Finish();
-    size.join.push_back(Micros(tally.Await({instances + i, 0, 0}) - sent).count());
+    size.join[side].push_back(Micros(tally.Await({instances + i, 0, 0}) - sent).count());
     writer.Delete(path);
     writer.Finish();
     tally.Await({instances + i, 0, i});
   }
 }
 
-struct Sizes {
-  Size raw;
-  Size halden;
-};
-
-Sizes Grow(const Server& server, std::size_t instances) {
+Size Grow(const Server& server, std::size_t instances) {
   RawWriter writer(server.ConnectString());
-  Sizes sizes;
-  Size warmUp;
-  Round(server, FollowRaw, writer, instances, warmUp);
+  Size size;
+  Round(kThreaded, server, writer, instances, size);  // first-time costs
+  size = {};
   for (int round = 0; round < kRounds; ++round) {
-    Round(server, FollowRaw, writer, instances, sizes.raw);
-    Round(server, FollowHalden, writer, instances, sizes.halden);
+    for (const Side side : kSides) Round(side, server, writer, instances, size);
   }
-  const auto perInstance = [instances](const Size& size) {
-    return Median(size.load) * 1000 / static_cast<double>(instances);
-  };
-  PrintRatio(fmt::format("first load of {}, for each instance", instances), "us", perInstance(sizes.raw),
-             perInstance(sizes.halden), 1.3);
-  PrintRatio(fmt::format("join latency at {}, p50", instances), "us", Median(sizes.raw.join),
-             Median(sizes.halden.join), std::nullopt);
-  return sizes;
+  Sides<double> perInstance = Medians(size.load);
+  for (double& time : perInstance) time *= 1000 / static_cast<double>(instances);
+  const auto limit = instances == kLargest ? std::optional(Limit{Limit::kRatio, 1.1}) : std::nullopt;
+  PrintSides(fmt::format("first load of {}, for each instance", instances), "us", perInstance, limit);
+  PrintSides(fmt::format("join latency at {}, p50", instances), "us", Medians(size.join));
+  return size;
 }
 
 double ResidentBytes() {
@@ -80,18 +72,34 @@ double ResidentBytes() {
 }
 
 /// What the process grows by for each instance it follows.
-void Memory(const Server& server, const Follow& follow, const char* whose, std::optional<double> limit) {
+struct Growth {
+  double resident;
+  double onHeap;
+};
+
+Growth Memory(Side side, const Server& server) {
   malloc_trim(0);
   const double resident = ResidentBytes();
   const double heap = static_cast<double>(mallinfo2().uordblks);
   Tally tally;
-  const auto follower = follow(server, tally);
+  const auto follower = Follow(side, server, tally);
   tally.Await({kLargest, 0, 0});
   const auto count = static_cast<double>(kLargest);
-  PrintFigure(fmt::format("memory at {}, {}: resident, each", kLargest, whose), "B",
-              (ResidentBytes() - resident) / count, limit);
-  PrintFigure(fmt::format("memory at {}, {}: of it on the heap", kLargest, whose), "B",
-              (static_cast<double>(mallinfo2().uordblks) - heap) / count);
+  return {(ResidentBytes() - resident) / count, (static_cast<double>(mallinfo2().uordblks) - heap) / count};
+}
+
+void BenchMemory(const Server& server) {
+  Sides<double> resident{};
+  Sides<double> onHeap{};
+  // Ours first, while there is no freed memory to be used again.
+  for (const Side side : {kHalden, kThreaded, kSingle}) {
+    const Growth growth = Memory(side, server);
+    resident[side] = growth.resident;
+    onHeap[side] = growth.onHeap;
+  }
+  const std::string at = fmt::format("memory at {}: ", kLargest);
+  PrintSides(at + "resident, each", "B", resident, Limit{Limit::kFigure, 693});
+  PrintSides(at + "of it on the heap", "B", onHeap);
 }
 
 /// Cuts this process's connections to the server; the server runs on.
@@ -118,7 +126,8 @@ double Recovery(const ServiceWatcher& watcher, const Harm& harm) {
   });
 }
 
-void Recoveries(const Server& server, double rawLoad) {
+/// `loads`: what reading everything takes the client library alone.
+void Recoveries(const Server& server, Sides<double> loads) {
   Tally tally;
   HaldenFollower follower(server, tally);
   tally.Await({kLargest, 0, 0});
@@ -132,8 +141,10 @@ void Recoveries(const Server& server, double rawLoad) {
   Require(status.reconnects == kRounds && status.expiries == kRounds, "not what was done to the session");
   Require(tally.Heard() == Tally::Counts{kLargest, 0, 0}, "instances were told of that did not change");
   const std::string at = fmt::format("live again at {}, ", kLargest);
-  PrintRatio(at + "connection dropped (raw: load)", "ms", rawLoad, Median(dropped), std::nullopt);
-  PrintRatio(at + "session expired (raw: load)", "ms", rawLoad, Median(expired), std::nullopt);
+  loads[kHalden] = Median(dropped);
+  PrintSides(at + "connection dropped (others: load)", "ms", loads);
+  loads[kHalden] = Median(expired);
+  PrintSides(at + "session expired (others: load)", "ms", loads);
 }
 
 }  // namespace
@@ -142,16 +153,15 @@ void BenchScale() {
   const Servers servers = StartServers(3, "1g");
   const Server& largest = *servers.back();
   Populate(largest, kService, kLargest);
-  Memory(largest, FollowHalden, "halden", 1024);
-  Memory(largest, FollowRaw, "raw client", std::nullopt);
-  std::vector<Sizes> sizes;
+  BenchMemory(largest);
+  std::vector<Size> sizes;
   for (std::size_t i = 0, instances = 1000; i < servers.size(); ++i, instances *= 10) {
     if (i + 1 < servers.size()) Populate(*servers[i], kService, instances);
     sizes.push_back(Grow(*servers[i], instances));
   }
   PrintFigure("join latency at 100,000 against at 1,000", "x",
-              Median(sizes.back().halden.join) / Median(sizes.front().halden.join), 1.5);
-  Recoveries(largest, Median(sizes.back().raw.load));
+              Median(sizes.back().join[kHalden]) / Median(sizes.front().join[kHalden]), 1.5);
+  Recoveries(largest, Medians(sizes.back().load));
 }
 
 }  // namespace zr::halden::bench

@@ -22,31 +22,31 @@ double Entries(const char* folder) {
 }
 
 struct Costs {
-  std::vector<double> millis;
-  std::vector<double> threads;
-  std::vector<double> descriptors;
+  Samples millis;
+  Samples threads;
+  Samples descriptors;
 
   /// What is used at the end of a round, beyond what was used before it.
-  void Add(double took, double threadsBefore, double descriptorsBefore) {
-    millis.push_back(took);
-    threads.push_back(Entries("/proc/self/task") - threadsBefore);
-    descriptors.push_back(Entries("/proc/self/fd") - descriptorsBefore);
+  void Add(Side side, double took, double threadsBefore, double descriptorsBefore) {
+    millis[side].push_back(took);
+    threads[side].push_back(Entries("/proc/self/task") - threadsBefore);
+    descriptors[side].push_back(Entries("/proc/self/fd") - descriptorsBefore);
   }
 };
 
-void RoundRaw(const Servers& servers, const std::vector<std::string>& paths, Costs& costs) {
+void RoundBare(Side side, const Servers& servers, const std::vector<std::string>& paths, Costs& costs) {
   const double threads = Entries("/proc/self/task");
   const double descriptors = Entries("/proc/self/fd");
   std::vector<std::unique_ptr<RawReader>> readers;
   const double took = Time<Millis>([&] {
     for (const auto& server : servers) {
-      readers.push_back(std::make_unique<RawReader>(server->ConnectString(), nullptr));
+      readers.push_back(std::make_unique<RawReader>(side, server->ConnectString(), nullptr));
       readers.back()->Begin(paths);
     }
     for (const auto& reader : readers)
       Require(reader->AwaitLoaded() == kServices * kInstances, "not all read");
   });
-  costs.Add(took, threads, descriptors);
+  costs.Add(side, took, threads, descriptors);
 }
 
 void RoundHalden(const Servers& servers, const std::vector<zr::String>& names, Costs& costs) {
@@ -65,7 +65,7 @@ void RoundHalden(const Servers& servers, const std::vector<zr::String>& names, C
     }
     for (const auto& watcher : watchers) Require(watcher->AwaitSynchronized(kLimit), "not synchronised");
   });
-  costs.Add(took, threads, descriptors);
+  costs.Add(kHalden, took, threads, descriptors);
   for (const auto& watcher : watchers) {
     Require(watcher->ListInstances().size() == kInstances * servers.size(), "not all known");
   }
@@ -88,20 +88,17 @@ void BenchServices() {
     paths.push_back(details::ServicePath(names.back()));
     for (const auto& server : servers) Populate(*server, names.back(), kInstances);
   }
-  Costs raw;
-  Costs halden;
-  RoundRaw(servers, paths, raw);
-  raw = {};
+  Costs costs;
+  for (const Side side : kBareSides) RoundBare(side, servers, paths, costs);  // first-time costs
+  costs = {};
   for (int round = 0; round < kRounds; ++round) {
-    RoundRaw(servers, paths, raw);
-    RoundHalden(servers, names, halden);
+    for (const Side side : kBareSides) RoundBare(side, servers, paths, costs);
+    RoundHalden(servers, names, costs);
   }
-  PrintRatio("200 services over 3 connections: synchronised", "ms", Median(raw.millis), Median(halden.millis),
-             std::nullopt);
-  PrintRatio("200 services over 3 connections: threads", "", Median(raw.threads), Median(halden.threads),
-             std::nullopt);
-  PrintRatio("200 services over 3 connections: descriptors", "", Median(raw.descriptors),
-             Median(halden.descriptors), std::nullopt);
+  PrintSides("200 services over 3 connections: synchronised", "ms", Medians(costs.millis));
+  PrintSides("200 services over 3 connections: threads", "", Medians(costs.threads),
+             Limit{Limit::kFigure, 9});
+  PrintSides("200 services over 3 connections: descriptors", "", Medians(costs.descriptors));
 }
 
 }  // namespace zr::halden::bench
