@@ -7,7 +7,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build git file pkg-config
-  libzookeeper-mt-dev libboost1.81-dev libprotobuf-dev protobuf-compiler
+  libzookeeper-st-dev libzookeeper-st2 libzookeeper-mt2 libboost1.81-dev libprotobuf-dev protobuf-compiler
   libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   zookeeper openjdk-17-jre-headless

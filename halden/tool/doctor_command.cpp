@@ -15,9 +15,9 @@
 #include "failure.h"
 #include "json.h"
 #include "layout.h"
-#include "name_resolution.h"
 #include "node_codec.h"
 #include "reachability.h"
+#include "session/name_resolution.h"
 #include "terminal.h"
 
 namespace zr::halden::tool {

@@ -12,9 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include "connection_core.h"
 #include "halden/utils.h"
 #include "line_writer.h"
+#include "session/connection_core.h"
 
 namespace zr::halden::tool {
 

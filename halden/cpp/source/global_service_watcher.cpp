@@ -6,15 +6,17 @@
 #include <stdexcept>
 #include <utility>
 
-#include "connection_core.h"
+#include "base/clock.h"
+#include "base/wait_limit.h"
 #include "global_service_watcher_impl.h"
-#include "wait_limit.h"
+#include "session/connection_core.h"
+#include "watch/observer_thread.h"
 
 namespace zr::halden {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using details::Clock;
 
 std::chrono::milliseconds Until(Clock::time_point deadline) {
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
@@ -30,7 +32,9 @@ bool AwaitAll(const std::vector<std::shared_ptr<ServiceWatcher>>& watchers, std:
 /// Waits until what was to be delivered before the call is, gathered or not.
 bool AwaitDelivered(const Connection& conn, std::chrono::milliseconds limit) {
   const auto delivered = std::make_shared<std::promise<void>>();
-  conn.Core()->DeliverGathered([delivered] { delivered->set_value(); });
+  const auto thread = conn.Core()->Shared<details::ObserverThread>();
+  // The way that deliveries go.
+  conn.Core()->Post([thread, delivered] { thread->PostGathered([delivered] { delivered->set_value(); }); });
   return delivered->get_future().wait_for(limit) == std::future_status::ready;
 }
 

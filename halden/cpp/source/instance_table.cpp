@@ -133,7 +133,7 @@ void InstanceTable::SetPayload(const ServiceId& id, Entry& entry, std::string pa
   const bool isKnown = !payload.empty();
   entry.payload = std::move(payload);
   if (isKnown && !wasKnown) {
-    entry.position = m_known.size();
+    entry.position = static_cast<std::uint32_t>(m_known.size());
     m_known.push_back(id);
   } else if (wasKnown && !isKnown) {  // the last one takes its place
     const ServiceId last = m_known.back();

@@ -69,11 +69,11 @@ class InstanceTable {
 
  private:
   struct Entry {
-    NodeVersion seen;          // newest version read, good or bad
-    NodeVersion good;          // the version that `payload` is of
-    NodeVersion announced;     // zero: not announced
-    std::string payload;       // empty: not known
-    std::size_t position = 0;  // in m_known, if known
+    NodeVersion seen;            // newest version read, good or bad
+    NodeVersion good;            // the version that `payload` is of
+    NodeVersion announced;       // zero: not announced
+    std::string payload;         // empty: not known
+    std::uint32_t position = 0;  // in m_known, if known
     bool queued = false;
     bool quarantined = false;
     bool held = false;

@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/clock.h"
 #include "halden/service_id.h"
 #include "halden/service_watcher.h"
 
@@ -22,7 +23,7 @@ namespace zr::halden::details {
 ///   held    --grace period--> due;     any of them --the instance comes back--> forgotten
 class RemovalGuard {
  public:
-  using TimePoint = std::chrono::steady_clock::time_point;
+  using TimePoint = Clock::time_point;
 
   explicit RemovalGuard(const MassRemovalGuard& options) : m_options(options) {}
 

@@ -43,8 +43,9 @@ void NameService::Forget(const std::string& name) {
 
 }  // namespace zr::halden::test
 
-/// Comes before the C library's own, which answers all the rest.
-extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** result) {
+/// Comes before the C library's own, in shared libraries too; that one answers all the rest.
+extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* node, const char* service,
+                                                                  const addrinfo* hints, addrinfo** result) {
   static auto* const system = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
   if (node == nullptr) return system(node, service, hints, result);
   const std::string asked = zr::halden::test::Translate(node);

@@ -1,0 +1,33 @@
+# Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#
+# ZooKeeper::client: the single-threaded C client as the library embeds it. Its functions for what depends on
+# threads are made weak, so that ours (halden/cpp/source/session/client_adaptor.cpp) come in their place.
+# client_symbols is the list of all that it defines: to be hidden from the programs that link the library, which may use
+# a client library of their own.
+if(NOT ZooKeeper_st_LIBRARY)
+  message(FATAL_ERROR "libzookeeper_st.a is not found; Debian's package is libzookeeper-st-dev")
+endif()
+set(replaced adaptor_send_queue get_xid log_message)
+set(client_library "${PROJECT_BINARY_DIR}/client/libzookeeper_client.a")
+set(client_symbols "${PROJECT_BINARY_DIR}/client/symbols")
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${ZooKeeper_st_LIBRARY}")
+
+execute_process(COMMAND "${CMAKE_NM}" --defined-only --extern-only --format=posix "${ZooKeeper_st_LIBRARY}"
+  OUTPUT_VARIABLE listed ERROR_QUIET COMMAND_ERROR_IS_FATAL ANY)
+string(REGEX MATCHALL "[^\n]+ [TDBRVW] [^\n]*" listed "${listed}")
+list(TRANSFORM listed REPLACE " .*" "")
+list(JOIN listed "\n" lines)
+file(WRITE "${client_symbols}" "${lines}\n")
+set(weaken "")
+foreach(name IN LISTS replaced)
+  if(NOT name IN_LIST listed)
+    message(FATAL_ERROR "${ZooKeeper_st_LIBRARY} has no ${name}: this version of the client library is not known")
+  endif()
+  list(APPEND weaken "--weaken-symbol=${name}")
+endforeach()
+execute_process(COMMAND "${CMAKE_OBJCOPY}" ${weaken} "${ZooKeeper_st_LIBRARY}" "${client_library}"
+  COMMAND_ERROR_IS_FATAL ANY)
+
+add_library(ZooKeeper::client STATIC IMPORTED GLOBAL)
+set_target_properties(ZooKeeper::client PROPERTIES IMPORTED_LOCATION "${client_library}"
+  INTERFACE_INCLUDE_DIRECTORIES "${ZooKeeper_INCLUDE_DIR}")

@@ -1,0 +1,53 @@
+# Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#
+# The library as programs link it, shared and static, each with all layers in it (a process must have one log sink,
+# whatever links it) and with a client library that nobody else sees.
+set(library_objects
+  $<TARGET_OBJECTS:logger_objects> $<TARGET_OBJECTS:halden_proto_objects>
+  $<TARGET_OBJECTS:halden_model> $<TARGET_OBJECTS:halden_objects>)
+set(library_headers_dir "${CMAKE_INSTALL_INCLUDEDIR}/halden")  # includes are <halden/...>, <logger/...> below it
+
+function(halden_library target)
+  target_compile_features(${target} INTERFACE cxx_std_20)
+  foreach(directory IN ITEMS "${PROJECT_SOURCE_DIR}/halden/cpp/include" "${PROJECT_SOURCE_DIR}/zrstl/include"
+      "${PROJECT_SOURCE_DIR}/misc/logger/include")
+    target_include_directories(${target} INTERFACE "$<BUILD_INTERFACE:${directory}>")
+  endforeach()
+  target_include_directories(${target} SYSTEM INTERFACE "$<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/generated>")
+  target_include_directories(${target} INTERFACE "$<INSTALL_INTERFACE:${library_headers_dir}>")
+  target_link_libraries(${target}
+    PUBLIC protobuf::libprotobuf ZooKeeper::headers Boost::headers Threads::Threads
+    PRIVATE spdlog::spdlog tomlplusplus::tomlplusplus ZLIB::ZLIB)
+  set_target_properties(${target} PROPERTIES OUTPUT_NAME halden
+    LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/package"
+    ARCHIVE_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/package")
+endfunction()
+
+add_library(halden_shared SHARED ${library_objects})
+halden_library(halden_shared)
+target_link_libraries(halden_shared PRIVATE $<BUILD_INTERFACE:ZooKeeper::client>)
+set(version_script "${PROJECT_SOURCE_DIR}/cmake/halden.map")
+# Until 1.0 every minor version may change the interface.
+set_target_properties(halden_shared PROPERTIES
+  EXPORT_NAME shared VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
+  LINK_DEPENDS "${version_script}")
+target_link_options(halden_shared PRIVATE "LINKER:--version-script=${version_script}" "LINKER:--no-undefined"
+  "LINKER:--exclude-libs,libzookeeper_client.a")
+
+# An archive hides nothing: so one object is made of all, in which the client library's names are local.
+set(whole "${PROJECT_BINARY_DIR}/package/halden.o")
+set(parts "$<FILTER:${library_objects},EXCLUDE,\\.gch$>")  # CMake counts precompiled headers among the objects
+add_custom_command(
+  OUTPUT "${whole}"
+  COMMAND "${CMAKE_LINKER}" -r -o "${whole}" "${parts}" "${client_library}"
+  COMMAND "${CMAKE_OBJCOPY}" "--localize-symbols=${client_symbols}" "${whole}"
+  DEPENDS "${parts}" "${client_library}" "${client_symbols}"
+  COMMAND_EXPAND_LISTS
+  COMMENT "Making one object of the library and its client"
+  VERBATIM)
+add_library(halden_static STATIC "${whole}")
+set_source_files_properties("${whole}" PROPERTIES EXTERNAL_OBJECT TRUE GENERATED TRUE)
+set_target_properties(halden_static PROPERTIES EXPORT_NAME static LINKER_LANGUAGE CXX)
+halden_library(halden_static)
+add_dependencies(halden_static halden_proto_objects)
+add_library(halden::halden ALIAS halden_static)

@@ -1,0 +1,203 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+//
+// For how long a connection's thread is held up, by the network above all: tasks are posted to it every millisecond while
+// something goes on, and the time until each has its turn is taken. On private headers, hence a program of its own.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "layout.h"
+#include "logger/sink.h"
+#include "session/connection_core.h"
+#include "support/await.h"
+#include "support/zookeeper_server.h"
+
+namespace zr::halden::bench {
+
+namespace {
+
+using details::ConnectionCore;
+using Clock = std::chrono::steady_clock;
+using Millis = std::chrono::duration<double, std::milli>;
+constexpr std::chrono::seconds kLimit{60};
+
+void Require(bool condition, const char* what) {
+  if (!condition) throw std::runtime_error(what);
+}
+
+/// What tasks wait for their turn, from construction to `End`.
+class Probe {
+ public:
+  explicit Probe(std::shared_ptr<ConnectionCore> core)
+      : m_thread([this, core = std::move(core)] {
+          while (!m_over) {
+            core->Post([delays = m_delays, sent = Clock::now()] {
+              const std::lock_guard lock(delays->mtx);
+              delays->millis.push_back(Millis(Clock::now() - sent).count());
+            });
+            ++m_posted;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+          }
+        }) {}
+  ~Probe() { Join(); }
+
+  std::vector<double> End() {
+    Join();
+    const auto all = [this] {
+      const std::lock_guard lock(m_delays->mtx);
+      return m_delays->millis.size() == m_posted;
+    };
+    Require(test::Poll(kLimit, all), "a task did not run");
+    return m_delays->millis;
+  }
+
+ private:
+  struct Delays {
+    std::mutex mtx;
+    std::vector<double> millis;  // guarded by mtx
+  };
+
+  void Join() {
+    m_over = true;
+    if (m_thread.joinable()) m_thread.join();
+  }
+
+  const std::shared_ptr<Delays> m_delays = std::make_shared<Delays>();
+  std::atomic<bool> m_over{false};
+  std::atomic<std::size_t> m_posted{0};
+  std::thread m_thread;
+};
+
+std::shared_ptr<ConnectionCore> Connect(const test::ZooKeeperServer& server) {
+  auto core = std::make_shared<ConnectionCore>(
+      details::ConnectionOptions{{server.ConnectString()}, true, {}, std::chrono::seconds(10), "bench"});
+  core->Start(nullptr);
+  Require(test::Poll(kLimit, [&] { return core->Status().state == ConnectionState::Connected; }),
+          "not connected");
+  return core;
+}
+
+/// `count` nodes with so many bytes each, as fast as they can be asked for.
+void Write(const std::shared_ptr<ConnectionCore>& core, std::size_t count, std::size_t bytes) {
+  for (std::size_t i = 0; i < count; ++i) {
+    core->Post([core, data = std::string(bytes, 'x')] {
+      core->Submit({.kind = details::Request::Kind::Create,
+                    .path = "/" + ToString(MakeServiceId()),
+                    .data = data,
+                    .mode = ZOO_EPHEMERAL});
+    });
+  }
+}
+
+void Pass(std::chrono::milliseconds time) {
+  std::this_thread::sleep_for(time);
+}
+
+/// Waits until the thread has done what was posted to it so far.
+void Settle(const std::shared_ptr<ConnectionCore>& core) {
+  const auto done = std::make_shared<std::atomic<bool>>(false);
+  core->Post([done] { *done = true; });
+  Require(test::Poll(kLimit, [&] { return done->load(); }), "a task did not run");
+}
+
+using Server = test::ZooKeeperServer;
+using Core = std::shared_ptr<ConnectionCore>;
+
+struct Scene {
+  const char* name;
+  std::function<void(Server&, const Core&)> prepare;  // not measured
+  std::function<void(Server&, const Core&)> play;
+};
+
+std::vector<Scene> Scenes() {
+  using namespace std::chrono_literals;
+  const auto nothing = [](Server&, const Core&) {};
+  const auto write = [](Server&, const Core& core) { Write(core, 2000, 200); };
+  const auto fillSocket = [](Server& server, const Core& core) {
+    server.Pause();
+    Write(core, 30, 700'000);
+  };
+  return {
+      {"connected, idle", nothing, [](Server&, const Core&) { Pass(1s); }},
+      {"connected, 2,000 writes under way", write, [](Server&, const Core&) { Pass(2s); }},
+      {"server frozen, 21 MB waiting to be sent", fillSocket, [](Server&, const Core&) { Pass(2s); }},
+      {"Stop and Start with that, server thawed in the end", fillSocket,
+       [](Server& server, const Core& core) {
+         core->Stop();
+         core->Start(nullptr);
+         Pass(5s);
+         server.Resume();
+         Pass(1s);
+       }},
+      {"Stop with 2,000 writes under way", write,
+       [](Server&, const Core& core) {
+         core->Stop();
+         Pass(1s);
+       }},
+      {"forced expiry with 2,000 writes under way", write,
+       [](Server&, const Core& core) {
+         core->ForceExpire();
+         Pass(1s);
+       }},
+      {"server killed, and started 3 s later", nothing,
+       [](Server& server, const Core&) {
+         server.Kill();
+         Pass(3s);
+         server.Start();
+         Pass(2s);
+       }},
+      {"server frozen past its session", nothing,
+       [](Server& server, const Core&) {
+         server.Pause();
+         Pass(12s);
+         server.Resume();
+         Pass(2s);
+       }},
+  };
+}
+
+void Run() {
+  constexpr double limit = 10;
+  fmt::print("{:54} {:>10} {:>10} {:>10}\n", "a task waits for the connection's thread, ms", "p50", "p99",
+             "longest");
+  for (const auto& scene : Scenes()) {
+    Server server;
+    server.Start();
+    const auto core = Connect(server);
+    scene.prepare(server, core);
+    Settle(core);
+    Probe probe(core);
+    scene.play(server, core);
+    auto delays = probe.End();
+    core->Stop();
+    Require(core->AwaitClosed(kLimit), "not closed");
+    std::sort(delays.begin(), delays.end());
+    const auto at = [&delays](double share) {
+      return delays[static_cast<std::size_t>(share * static_cast<double>(delays.size() - 1))];
+    };
+    fmt::print("{:54} {:10.2f} {:10.2f} {:10.2f}  <= {:.0f}{}\n", scene.name, at(0.5), at(0.99), at(1), limit,
+               at(1) > limit ? "  OVER" : "");
+    std::fflush(stdout);
+  }
+}
+
+}  // namespace
+
+}  // namespace zr::halden::bench
+
+int main() try {
+  zr::logging::SetMinimumLoggingLevel(zr::logging::ZRLOG_ERROR);  // servers are down and silent on purpose
+  zr::halden::bench::Run();
+  return 0;
+} catch (const std::exception& e) {
+  fmt::print(stderr, "bench: {}\n", e.what());
+  return 1;
+}

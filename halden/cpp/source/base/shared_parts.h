@@ -1,0 +1,29 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <typeindex>
+#include <unordered_map>
+
+namespace zr::halden::details {
+
+/// One object of each type, shared by all who work through one connection: made for the first who asks, gone with
+/// the last who holds it. Any thread.
+class SharedParts {
+ public:
+  template <typename T>
+  std::shared_ptr<T> Get() {
+    const std::lock_guard lock(m_mtx);
+    auto& known = m_parts[typeid(T)];
+    auto part = std::static_pointer_cast<T>(known.lock());
+    if (!part) known = part = std::make_shared<T>();
+    return part;
+  }
+
+ private:
+  std::mutex m_mtx;
+  std::unordered_map<std::type_index, std::weak_ptr<void>> m_parts;  // guarded by m_mtx
+};
+
+}  // namespace zr::halden::details

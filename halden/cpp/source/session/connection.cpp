@@ -1,0 +1,57 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include <utility>
+
+#include "halden/connection_v2.h"
+#include "session/connection_core.h"
+
+namespace zr::halden {
+
+std::string_view ToString(ConnectionState state) {
+  switch (state) {
+    case ConnectionState::Stopped:
+      return "stopped";
+    case ConnectionState::Connecting:
+      return "connecting";
+    case ConnectionState::Connected:
+      return "connected";
+    case ConnectionState::Suspended:
+      return "suspended";
+    case ConnectionState::Expired:
+      return "expired";
+    case ConnectionState::AuthFailed:
+      return "authentication failed";
+  }
+  return "unknown";
+}
+
+Connection::Connection(const std::vector<zr::String>& hosts, bool renewExpired, zr::String auth,
+                       std::chrono::milliseconds sessionTimeout, zr::String dcName)
+    : m_dcName(std::move(dcName)),
+      m_core(std::make_shared<details::ConnectionCore>(
+          details::ConnectionOptions{hosts, renewExpired, std::move(auth), sessionTimeout, m_dcName})) {}
+
+Connection::~Connection() {
+  m_core->Stop();
+}
+
+void Connection::Start(const clientid_t* session) {
+  m_core->Start(session);
+}
+
+void Connection::Stop() {
+  m_core->Stop();
+}
+
+void Connection::ForceExpire() {
+  m_core->ForceExpire();
+}
+
+ConnectionStatus Connection::Status() const {
+  return m_core->Status();
+}
+
+bool Connection::AwaitClosed(std::chrono::milliseconds limit) const {
+  return m_core->AwaitClosed(limit);
+}
+
+}  // namespace zr::halden

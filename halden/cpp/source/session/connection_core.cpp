@@ -1,0 +1,400 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "session/connection_core.h"
+
+#include <algorithm>
+#include <limits>
+#include <ostream>
+#include <system_error>
+#include <utility>
+
+#include "base/log_sources.h"
+
+namespace zr::halden::details {
+
+namespace {
+
+// A resolver that is out of reach answers after half a minute: addresses known before need not wait so long.
+constexpr std::chrono::seconds kResolveLimit{2};
+
+bool IsLegal(ConnectionState from, ConnectionState to) {
+  using S = ConnectionState;
+  switch (from) {
+    case S::Stopped:
+      return to == S::Connecting;
+    case S::Connecting:
+      return to != S::Suspended;
+    case S::Connected:
+      return to != S::Connected;
+    case S::Suspended:
+      return to != S::Suspended;
+    case S::Expired:
+    case S::AuthFailed:
+      return to == S::Connecting || to == S::Stopped;
+  }
+  return false;
+}
+
+struct Hex {
+  std::int64_t value;
+};
+
+std::ostream& operator<<(std::ostream& out, Hex hex) {
+  return out << "0x" << std::hex << static_cast<std::uint64_t>(hex.value) << std::dec;
+}
+
+}  // namespace
+
+ConnectionCore::ConnectionCore(ConnectionOptions options) : m_options(std::move(options)) {}
+
+ConnectionCore::~ConnectionCore() = default;
+
+// Any thread.
+
+void ConnectionCore::Start(const clientid_t* session) {
+  const auto resume = session != nullptr ? std::optional(*session) : std::nullopt;
+  const std::lock_guard lock(m_startMtx);
+  const bool first = !m_target;
+  if (first) Prepare();
+  try {
+    m_thread.Post([weak = weak_from_this(), resume] {
+      if (const auto self = weak.lock()) self->DoStart(resume);
+    });
+  } catch (const std::system_error& e) {  // no thread to be had
+    if (first) m_target.reset();
+    throw ZooError(ZSYSTEMERROR, e.what());
+  }
+}
+
+ConnectionCore::Target ConnectionCore::Validate(const ConnectionOptions& options) {
+  Target target;
+  for (const auto& text : options.hosts) {
+    auto parsed = ParseConnectString(text);
+    if (!parsed.error.empty()) {
+      throw ZooError(ZBADARGUMENTS, "connect string \"" + text + "\", character " +
+                                        std::to_string(parsed.offset + 1) + ": " + parsed.error);
+    }
+    auto& hosts = target.ensemble.hosts;
+    hosts.insert(hosts.end(), parsed.value.hosts.begin(), parsed.value.hosts.end());
+    target.ensemble.chroot = std::move(parsed.value.chroot);
+  }
+  if (target.ensemble.hosts.empty()) throw ZooError(ZBADARGUMENTS, "no host is given");
+  const auto timeout = options.sessionTimeout.count();
+  if (timeout <= 0 || timeout > std::numeric_limits<int>::max()) {
+    throw ZooError(ZBADARGUMENTS, "session timeout out of range: " + std::to_string(timeout) + " ms");
+  }
+  if (!options.auth.empty()) {
+    const auto colon = options.auth.find(':');
+    if (colon == zr::String::npos || colon == 0) {  // the text itself is secret
+      throw ZooError(ZBADARGUMENTS, "authentication is not of the form scheme:credential");
+    }
+    target.authScheme = options.auth.substr(0, colon);
+    target.authCredential = options.auth.substr(colon + 1);
+  }
+  return target;
+}
+
+/// Before the connection's thread begins.
+void ConnectionCore::Prepare() {
+  m_target = Validate(m_options);
+  m_addresses.emplace(m_target->ensemble.hosts, Poster());
+  // All of these are called with the connection alive.
+  m_sessionEnd = std::make_shared<SessionEnd>(
+      Poster(),
+      [this](const clientid_t& session, Epoch::SessionFunction onSession) {
+        return OpenHandle(&session, std::move(onSession));
+      },
+      [this] {
+        ZRLOG(ZRLOG_WARNING, ConnectionLog())
+            << "session not ended on the server, it ends after its timeout, dc_name=" << m_options.dcName;
+      },
+      [this] { OnAllEnded(); });
+  m_thread.Serve(std::shared_ptr<TaskThread::Sockets>(shared_from_this(), this));
+}
+
+void ConnectionCore::Stop() {
+  if (!StartedOnce()) return;
+  m_board.AskStop();
+  m_thread.Post([self = shared_from_this()] { self->DoStop(); });
+}
+
+void ConnectionCore::ForceExpire() {
+  if (!StartedOnce()) return;
+  PostMember([this] { DoForceExpire(); });
+}
+
+/// Before the first start there is nothing to end, and no thread to do it.
+bool ConnectionCore::StartedOnce() {
+  const std::lock_guard lock(m_startMtx);
+  return m_target.has_value();
+}
+
+PostFunction ConnectionCore::Poster() {
+  return [weak = weak_from_this()](Clock::duration delay, TaskThread::Task task) {
+    const auto alive = weak.lock();
+    if (!alive) return;
+    alive->m_thread.PostAfter(delay, [weak, task = std::move(task)] {
+      if (const auto self = weak.lock()) task();
+    });
+  };
+}
+
+// The connection's thread.
+
+Clock::time_point ConnectionCore::Await(std::vector<pollfd>& sockets) {
+  auto end = m_sessionEnd->Await(sockets);
+  const auto epoch = m_epoch;
+  if (epoch) end = std::min(end, epoch->Await(sockets));
+  // In there one may have ended and another begun.
+  return epoch == m_epoch ? end : Clock::now();
+}
+
+void ConnectionCore::Ready(const pollfd& socket) {
+  const auto epoch = m_epoch;
+  if (epoch) epoch->Ready(socket);
+  m_sessionEnd->Ready(socket);
+}
+
+void ConnectionCore::AddListener(const std::shared_ptr<ConnectionListener>& listener) {
+  m_listeners.push_back(listener);
+  if (Connected()) listener->OnConnected(true);
+  listener->OnStateChanged();  // it may have been asked before it heard
+}
+
+void ConnectionCore::Submit(Request request) {
+  if (m_epoch) m_epoch->Submit(std::move(request));
+}
+
+void ConnectionCore::DoStart(const std::optional<clientid_t>& session) {
+  if (m_wanted) return;
+  m_wanted = true;
+  m_resume = session;
+  m_backoff.Reset();
+  UpdateClosed();
+  Open();
+}
+
+void ConnectionCore::DoStop() {
+  m_wanted = false;
+  m_awaitingAddresses = false;
+  const clientid_t session = KnownSession();
+  m_resume.reset();
+  const auto epoch = EndEpoch();
+  if (m_state != ConnectionState::Stopped) SetState(ConnectionState::Stopped);
+  EndSession(session, epoch);
+  m_board.ConfirmStop();
+}
+
+void ConnectionCore::DoForceExpire() {
+  const clientid_t session = KnownSession();
+  if (session.client_id == 0) {
+    ZRLOG(ZRLOG_INFO, ConnectionLog()) << "no session to expire, dc_name=" << m_options.dcName;
+    return;
+  }
+  ZRLOG(ZRLOG_INFO, ConnectionLog()) << "expiring the session, session_id=" << Hex{session.client_id}
+                                     << ", dc_name=" << m_options.dcName;
+  EndSession(session, OnSessionOver(ZSESSIONEXPIRED, ConnectionState::Expired));
+}
+
+void ConnectionCore::Open() {
+  if (!m_wanted || m_epoch || m_sessionEnd->UnderWay()) return;
+  if (m_state != ConnectionState::Connecting) SetState(ConnectionState::Connecting);
+  m_awaitingAddresses = true;
+  if (!m_addresses->Text().empty() && m_addresses->AreNames()) {
+    Poster()(kResolveLimit, [this, attempt = m_attempt] {
+      if (m_attempt == attempt && m_awaitingAddresses) OpenResolved();
+    });
+  }
+  m_addresses->Resolve([this](const zr::String& error) { OnResolved(error); });
+}
+
+void ConnectionCore::OnResolved(const zr::String& error) {
+  if (!m_awaitingAddresses) return;  // the watchdog gives them to a handle that looks for a server
+  if (!error.empty()) SetError(ZSYSTEMERROR, "no host resolves: " + error);
+  if (!m_addresses->Text().empty()) return OpenResolved();  // those of an earlier time are better than none
+  m_awaitingAddresses = false;
+  OpenLater();
+}
+
+void ConnectionCore::OpenResolved() {
+  m_awaitingAddresses = false;
+  if (!m_wanted || m_epoch || m_sessionEnd->UnderWay()) return;
+  m_epoch = OpenHandle(m_resume ? &*m_resume : nullptr, [this](Epoch& epoch, int state) {
+    if (m_epoch.get() == &epoch) OnSession(state);
+  });
+  if (!m_epoch) return OpenLater();
+  UpdateClosed();
+  Watch(m_epoch, std::make_shared<Watchdog>());
+}
+
+void ConnectionCore::OpenLater() {
+  Poster()(m_backoff.Next(), [this, attempt = ++m_attempt] {
+    if (m_attempt == attempt) Open();
+  });
+}
+
+std::shared_ptr<Epoch> ConnectionCore::OpenHandle(const clientid_t* resume,
+                                                  Epoch::SessionFunction onSession) {
+  auto epoch = std::make_shared<Epoch>(Poster(), m_target->ensemble.chroot, std::move(onSession));
+  const int error = epoch->Open(m_addresses->Text(), m_options.sessionTimeout, resume);
+  if (error != 0) {
+    SetError(ZSYSTEMERROR, "no client handle: " + std::generic_category().message(error));
+    return nullptr;
+  }
+  if (!m_target->authScheme.empty()) epoch->Authenticate(m_target->authScheme, m_target->authCredential);
+  return epoch;
+}
+
+/// The epoch that was the current one, still to be closed. Listeners hear at once: from here on nothing they
+/// asked for will be answered.
+std::shared_ptr<Epoch> ConnectionCore::EndEpoch() {
+  auto epoch = std::exchange(m_epoch, nullptr);
+  m_session = {};
+  ++m_attempt;
+  Tell([](ConnectionListener& listener) { listener.OnDisconnected(true); });
+  return epoch;
+}
+
+/// A new epoch that goes on with the session, if there is one.
+void ConnectionCore::ReplaceHandle() {
+  if (m_session.client_id != 0) m_resume = m_session;
+  EndEpoch()->Abandon();
+  Open();
+}
+
+void ConnectionCore::Watch(const std::weak_ptr<Epoch>& epoch, const std::shared_ptr<Watchdog>& watchdog) {
+  Poster()(Watchdog::kPeriod, [this, epoch, watchdog] {
+    const auto current = epoch.lock();
+    if (!current || current != m_epoch) return;
+    if (Connected())
+      m_backoff.Reset();  // not at once: a session can be refused right after it is established
+    Act(watchdog->Look({m_state, current->Unanswered(), current->Unheard(), current->Timeout()}));
+    if (current != m_epoch) return;
+    current->SetServers(m_addresses->Text());
+    Watch(epoch, watchdog);
+  });
+}
+
+void ConnectionCore::Act(Watchdog::Verdict verdict) {
+  using V = Watchdog::Verdict;
+  const auto replace = [this](const char* why) {
+    ZRLOG(ZRLOG_INFO, ConnectionLog()) << why << ", trying anew, dc_name=" << m_options.dcName;
+    ReplaceHandle();
+  };
+  switch (verdict) {
+    case V::Fine:
+    case V::Away:
+      return;
+    case V::TellAway:
+      return SetError(ZCONNECTIONLOSS, "no server of the ensemble is reached: " + m_addresses->Text());
+    case V::ResolveNames:
+      if (m_addresses->AreNames())
+        m_addresses->Resolve([this](const zr::String& error) { OnResolved(error); });
+      return;
+    case V::ReplaceUnanswered:
+      return replace("a server does not answer");
+    case V::ReplaceRefused:
+      return replace("no server has taken the session back within its timeout");
+    case V::ReplaceSilent:
+      ZRLOG(ZRLOG_WARNING, ConnectionLog())
+          << "a server leaves requests unanswered, trying anew, dc_name=" << m_options.dcName;
+      return ReplaceHandle();
+  }
+}
+
+void ConnectionCore::OnSession(int state) {
+  if (state == ZOO_CONNECTED_STATE) {
+    OnEstablished();
+  } else if (state == ZOO_CONNECTING_STATE || state == ZOO_NOTCONNECTED_STATE) {
+    OnLost();
+  } else if (state == ZOO_EXPIRED_SESSION_STATE) {
+    const bool established = m_session.client_id != 0;
+    OnSessionOver(ZSESSIONEXPIRED, ConnectionState::Expired)->Abandon();
+    UpdateClosed();
+    established ? Open() : OpenLater();  // a session that was dead before it began could be so again
+  } else if (state == ZOO_AUTH_FAILED_STATE) {
+    OnSessionOver(ZAUTHFAILED, ConnectionState::AuthFailed)->Abandon();
+    UpdateClosed();
+    OpenLater();
+  }
+}
+
+void ConnectionCore::OnEstablished() {
+  const bool newEpoch = m_session.client_id == 0;
+  if (m_state == ConnectionState::Connected) {  // it can come without word of the loss before it
+    const auto epoch = m_epoch;
+    OnLost();
+    if (epoch != m_epoch) return;
+  }
+  m_session = m_epoch->Session();
+  const bool resumed = m_resume && m_resume->client_id == m_session.client_id;
+  m_resume.reset();
+  m_board.CountSession(m_session.client_id, !newEpoch || resumed);
+  SetState(ConnectionState::Connected);
+  ZRLOG(ZRLOG_INFO, ConnectionLog()) << "connected, session_id=" << Hex{m_session.client_id}
+                                     << ", dc_name=" << m_options.dcName;
+  Tell([newEpoch](ConnectionListener& listener) { listener.OnConnected(newEpoch); });
+}
+
+void ConnectionCore::OnLost() {
+  if (m_state != ConnectionState::Connected) return;
+  SetError(ZCONNECTIONLOSS, "connection lost");
+  if (m_epoch->Watches().Exceeded()) return ReplaceHandle();  // a new handle has no watches to set again
+  SetState(ConnectionState::Suspended);
+  Tell([](ConnectionListener& listener) { listener.OnDisconnected(false); });
+}
+
+/// The epoch that it ends with is still to be closed.
+std::shared_ptr<Epoch> ConnectionCore::OnSessionOver(int code, ConnectionState state) {
+  SetError(code,
+           "session " + std::string(code == ZAUTHFAILED ? "refused: authentication failed" : "expired"));
+  m_resume.reset();
+  if (code == ZSESSIONEXPIRED) m_board.CountExpiry();
+  auto epoch = EndEpoch();
+  SetState(state);
+  m_wanted = m_options.renewExpired;
+  if (!m_wanted || code == ZAUTHFAILED) {
+    Tell([code](ConnectionListener& listener) { listener.OnSessionError(code); });
+  }
+  return epoch;
+}
+
+/// `epoch`: the session's own, where it has one.
+void ConnectionCore::EndSession(const clientid_t& session, const std::shared_ptr<Epoch>& epoch) {
+  auto farewell = epoch ? epoch->Close() : nullptr;
+  if (session.client_id != 0) {
+    m_self = shared_from_this();
+    m_sessionEnd->Begin(session, std::move(farewell));
+  }
+  UpdateClosed();
+}
+
+void ConnectionCore::OnAllEnded() {
+  const auto self = std::move(m_self);
+  UpdateClosed();
+  Open();
+}
+
+void ConnectionCore::SetState(ConnectionState state) {
+  if (!IsLegal(m_state, state)) {
+    ZRLOG(ZRLOG_ERROR, ConnectionLog()) << "illegal state change, from=" << ToString(m_state)
+                                        << ", to=" << ToString(state) << ", dc_name=" << m_options.dcName;
+  }
+  m_state = state;
+  m_board.SetState(state);
+  Tell([](ConnectionListener& listener) { listener.OnStateChanged(); });
+}
+
+void ConnectionCore::SetError(int code, zr::String text) {
+  ZRLOG(ZRLOG_WARNING, ConnectionLog()) << text << ", dc_name=" << m_options.dcName;
+  m_board.SetError(code, std::move(text));
+}
+
+void ConnectionCore::Tell(const std::function<void(ConnectionListener&)>& what) {
+  std::erase_if(m_listeners, [](const auto& weak) { return weak.expired(); });
+  const auto listeners = m_listeners;  // a listener may add another
+  for (const auto& weak : listeners) {
+    if (const auto listener = weak.lock()) what(*listener);
+  }
+}
+
+}  // namespace zr::halden::details

@@ -1,0 +1,172 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "base/backoff.h"
+#include "base/shared_parts.h"
+#include "base/task_thread.h"
+#include "connect_string.h"
+#include "halden/connection_v2.h"
+#include "session/addresses.h"
+#include "session/epoch.h"
+#include "session/session_end.h"
+#include "session/status_board.h"
+#include "session/watchdog.h"
+#include "zrstl/string.h"
+
+namespace zr::halden::details {
+
+/// What works through a connection. Called on the connection's thread, in the order things happened.
+class ConnectionListener {
+ public:
+  virtual ~ConnectionListener() = default;
+
+  /// Requests can be made. `newEpoch`: the handle is new, so that no watch is set and no request is under
+  /// way; else the handle went on, with its watches.
+  virtual void OnConnected(bool newEpoch) = 0;
+  /// Requests cannot be made for now. `epochOver`: the handle goes away, and with it every watch and every
+  /// request; no answer will come. Else requests under way are answered with an error.
+  virtual void OnDisconnected(bool epochOver) = 0;
+  /// The session is lost and will not be replaced by itself: ZSESSIONEXPIRED or ZAUTHFAILED.
+  virtual void OnSessionError(int code) = 0;
+  /// The connection's state is another one.
+  virtual void OnStateChanged() {}
+};
+
+struct ConnectionOptions {
+  std::vector<zr::String> hosts;
+  bool renewExpired = true;
+  zr::String auth;
+  std::chrono::milliseconds sessionTimeout{30000};
+  zr::String dcName;
+};
+
+/// A connection's inside: the state machine of ConnectionState over epochs, one at a time.
+///
+/// Threads: what is marked "any thread" posts or locks briefly; everything else belongs to the connection's
+/// thread, which is the only one that touches a handle.
+/// Ownership: Connection, watchers and publishers share it; handles and timers hold it weakly. A posted stop
+/// keeps it alive until the session is closed.
+class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>,
+                             private TaskThread::Sockets {
+ public:
+  explicit ConnectionCore(ConnectionOptions options);
+  ~ConnectionCore() override;
+
+  ConnectionCore(const ConnectionCore&) = delete;
+  ConnectionCore& operator=(const ConnectionCore&) = delete;
+
+  // Any thread.
+
+  void Start(const clientid_t* session);
+  void Stop();
+  void ForceExpire();
+  ConnectionStatus Status() const { return m_board.Status(); }
+  bool AwaitClosed(std::chrono::milliseconds limit) const { return m_board.AwaitClosed(limit); }
+
+  const zr::String& DataCenterName() const { return m_options.dcName; }
+
+  /// Runs `task` on the connection's thread.
+  void Post(TaskThread::Task task) { m_thread.Post(std::move(task)); }
+  void PostAfter(Clock::duration delay, TaskThread::Task task) { m_thread.PostAfter(delay, std::move(task)); }
+
+  /// What those who work through this connection share among themselves.
+  template <typename T>
+  std::shared_ptr<T> Shared() {
+    return m_shared.Get<T>();
+  }
+
+  // The connection's thread.
+
+  /// Told at once when connected already.
+  void AddListener(const std::shared_ptr<ConnectionListener>& listener);
+  bool Connected() const { return m_state == ConnectionState::Connected; }
+  std::int64_t SessionId() const { return m_session.client_id; }
+  /// There is a session, or one that a new handle is about to take up.
+  bool SessionGoesOn() const { return KnownSession().client_id != 0; }
+  /// Empty, or the path that stands before every other; known once connected.
+  const zr::String& Chroot() const { return m_target->ensemble.chroot; }
+  /// Dropped without an answer while there is no epoch.
+  void Submit(Request request);
+
+ private:
+  /// What to connect to, checked.
+  struct Target {
+    ConnectString ensemble;
+    zr::String authScheme;
+    zr::String authCredential;
+  };
+
+  static Target Validate(const ConnectionOptions& options);
+  void Prepare();
+  bool StartedOnce();
+  PostFunction Poster();
+  void PostMember(TaskThread::Task task) { Poster()(Clock::duration::zero(), std::move(task)); }
+
+  Clock::time_point Await(std::vector<pollfd>& sockets) override;
+  void Ready(const pollfd& socket) override;
+
+  void DoStart(const std::optional<clientid_t>& session);
+  void DoStop();
+  void DoForceExpire();
+  clientid_t KnownSession() const {
+    return m_session.client_id != 0 ? m_session : m_resume.value_or(clientid_t{});
+  }
+
+  void Open();
+  void OnResolved(const zr::String& error);
+  void OpenResolved();
+  void OpenLater();
+  std::shared_ptr<Epoch> OpenHandle(const clientid_t* resume, Epoch::SessionFunction onSession);
+  std::shared_ptr<Epoch> EndEpoch();
+  void ReplaceHandle();
+  void Watch(const std::weak_ptr<Epoch>& epoch, const std::shared_ptr<Watchdog>& watchdog);
+  void Act(Watchdog::Verdict verdict);
+
+  void OnSession(int state);
+  void OnEstablished();
+  void OnLost();
+  std::shared_ptr<Epoch> OnSessionOver(int code, ConnectionState state);
+
+  void EndSession(const clientid_t& session, const std::shared_ptr<Epoch>& epoch);
+  void OnAllEnded();
+
+  void SetState(ConnectionState state);
+  void SetError(int code, zr::String text);
+  void UpdateClosed() { m_board.SetClosed(!m_wanted && !m_epoch && !m_sessionEnd->UnderWay()); }
+  void Tell(const std::function<void(ConnectionListener&)>& what);
+
+  // Constant after construction.
+  const ConnectionOptions m_options;
+
+  std::mutex m_startMtx;
+  std::optional<Target> m_target;  // set by the first `Start` under m_startMtx, constant afterwards
+
+  // Owned by the connection's thread, from the first `Start` on.
+  std::optional<Addresses> m_addresses;
+  std::shared_ptr<SessionEnd> m_sessionEnd;
+  ConnectionState m_state = ConnectionState::Stopped;
+  bool m_wanted = false;             // started, and not stopped since
+  bool m_awaitingAddresses = false;  // to open the next epoch
+  std::uint64_t m_attempt = 0;       // a timer of an earlier attempt to open finds another number
+  std::shared_ptr<Epoch> m_epoch;
+  clientid_t m_session{};              // of the current epoch; zero before it is established
+  std::optional<clientid_t> m_resume;  // what the next epoch resumes
+  Backoff m_backoff{std::chrono::milliseconds(100), std::chrono::seconds(10)};
+  std::vector<std::weak_ptr<ConnectionListener>> m_listeners;
+  std::shared_ptr<ConnectionCore> m_self;  // while ending: a dropped connection ends its session all the same
+
+  // Any thread.
+  StatusBoard m_board;
+  SharedParts m_shared;
+  TaskThread m_thread{"halden-session"};
+};
+
+}  // namespace zr::halden::details

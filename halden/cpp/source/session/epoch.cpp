@@ -1,0 +1,302 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "session/epoch.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "session/client_adaptor.h"
+
+namespace zr::halden::details {
+
+namespace {
+
+// Enough to keep a server busy.
+constexpr std::size_t kWindow = 500;
+// Then the connection's tasks have their turn.
+constexpr int kPacketsAtOnce = 256;
+// A library that fails at once and does not pause by itself must not take a whole processor.
+constexpr std::chrono::milliseconds kRestAfterFailure{1};
+
+void Cork(int socket, int on) {
+  setsockopt(socket, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
+}
+
+}  // namespace
+
+Epoch::Epoch(PostFunction post, zr::String root, SessionFunction onSession)
+    : m_post(std::move(post)), m_root(std::move(root)), m_onSession(std::move(onSession)) {}
+
+Epoch::~Epoch() {
+  Abandon();
+}
+
+int Epoch::Open(const zr::String& addresses, std::chrono::milliseconds timeout, const clientid_t* resume) {
+  m_handle = zookeeper_init2(addresses.c_str(), &Epoch::OnSession, static_cast<int>(timeout.count()), resume,
+                             this, ZOO_NO_LOG_CLIENTENV, nullptr);
+  if (m_handle == nullptr) return errno == 0 ? EINVAL : errno;
+  m_addresses = addresses;
+  zoo_set_servers_resolution_delay(m_handle, -1);  // the addresses are numeric: nothing to resolve anew
+  return 0;
+}
+
+void Epoch::Authenticate(const zr::String& scheme, const zr::String& credential) {
+  zoo_add_auth(m_handle, scheme.c_str(), credential.data(), static_cast<int>(credential.size()), nullptr,
+               nullptr);
+}
+
+void Epoch::SetServers(const zr::String& addresses) {
+  if (m_life != Life::Open || ConnectedNow() || addresses == m_addresses) return;
+  m_addresses = addresses;
+  InLibrary([&] { return zoo_set_servers(m_handle, addresses.c_str()); });
+}
+
+std::unique_ptr<Farewell> Epoch::Close() {
+  if (m_life != Life::Open || m_inLibrary || !ConnectedNow()) {
+    Abandon();
+    return nullptr;
+  }
+  Flush();  // what is asked for first must leave first
+  if (!ConnectedNow()) {
+    Abandon();
+    return nullptr;
+  }
+  m_life = Life::Closed;
+  return CloseAndEndSession(std::exchange(m_handle, nullptr), m_socket);
+}
+
+void Epoch::Abandon() {
+  if (m_handle == nullptr) return;
+  if (m_inLibrary) {
+    m_life = Life::Closing;
+    return;
+  }
+  m_life = Life::Closed;
+  CloseAndKeepSession(std::exchange(m_handle, nullptr));
+}
+
+/// Calls the library with a function that may tell something, and closes the handle if it is let go of then.
+template <typename Function>
+int Epoch::InLibrary(const Function& function) {
+  if (m_life != Life::Open || m_handle == nullptr) return ZINVALIDSTATE;
+  m_inLibrary = true;
+  const int code = function();
+  m_inLibrary = false;
+  if (m_life == Life::Closing) {
+    Abandon();
+    return ZINVALIDSTATE;
+  }
+  return code;
+}
+
+int Epoch::Process(int events) {
+  return InLibrary([&] { return zookeeper_process(m_handle, events); });
+}
+
+/// Sends what is queued, in as few packets as hold it: the library writes each request in two pieces.
+void Epoch::Flush() {
+  const int socket = m_socket;
+  Cork(socket, 1);
+  Process(ZOOKEEPER_WRITE);
+  if (ConnectedNow()) Cork(socket, 0);  // else it is closed
+}
+
+void Epoch::ReadAll() {
+  for (int i = 0; i < kPacketsAtOnce; ++i) {
+    if (Process(ZOOKEEPER_READ) != ZOK) return;  // one packet, if there is one
+  }
+}
+
+void Epoch::TakeSocket(int socket) {
+  if (!ConnectedNow()) fcntl(socket, F_SETFD, FD_CLOEXEC);  // it may be a new one
+  m_socket = socket;
+}
+
+/// The library opens connections, notices silence and pings in here.
+Clock::time_point Epoch::Await(std::vector<pollfd>& sockets) {
+  if (Clock::now() < m_resting) return m_resting;
+  int interest = 0;
+  timeval wait{};
+  for (bool flushed = false;; flushed = true) {
+    int socket = -1;
+    const int code = InLibrary([&] { return zookeeper_interest(m_handle, &socket, &interest, &wait); });
+    if (m_life != Life::Open || is_unrecoverable(m_handle) != 0) return Clock::time_point::max();
+    if (code != ZOK) return m_resting = Clock::now() + kRestAfterFailure;
+    const auto end =
+        Clock::now() + std::chrono::seconds(wait.tv_sec) + std::chrono::microseconds(wait.tv_usec);
+    if (socket < 0) return m_resting = end;  // between two tries
+    TakeSocket(socket);
+    const bool unsent = (interest & ZOOKEEPER_WRITE) != 0 && ConnectedNow();
+    if (!unsent) m_full = false;
+    if (unsent && !m_full && !flushed) {
+      Flush();
+      continue;
+    }
+    if (unsent) m_full = true;
+    const int output = (interest & ZOOKEEPER_WRITE) != 0 ? POLLOUT : 0;
+    sockets.push_back({socket, static_cast<short>(POLLIN | output), 0});
+    return end;
+  }
+}
+
+void Epoch::Ready(const pollfd& socket) {
+  if (m_life != Life::Open || socket.fd != m_socket) return;
+  const bool broken = (socket.revents & ~(POLLIN | POLLOUT)) != 0;
+  if (broken || (socket.revents & POLLOUT) != 0) {
+    m_full = false;
+    if (ConnectedNow()) {
+      Flush();
+    } else {
+      Process(ZOOKEEPER_WRITE);  // the connection stands, or has failed
+    }
+  }
+  if (broken || (socket.revents & POLLIN) != 0) ReadAll();
+}
+
+clientid_t Epoch::Session() const {
+  return m_handle == nullptr ? clientid_t{} : *zoo_client_id(m_handle);
+}
+
+void Epoch::Submit(Request request) {
+  if (m_life != Life::Open) return;
+  if (m_outstanding >= kWindow) {
+    m_waiting.push_back(std::move(request));
+  } else {
+    Send(std::move(request));
+  }
+}
+
+void Epoch::Send(Request request) {
+  if (m_free.empty()) m_free.push_back(&m_slots.emplace_back(Slot{this, {}}));
+  Slot* const slot = m_free.back();
+  m_free.pop_back();
+  slot->request = std::move(request);
+  if (m_outstanding++ == 0) m_lastHeard = Clock::now();
+  Binding* const binding = slot->request.watch ? Bind(slot->request.watch) : nullptr;
+  const auto& path = slot->request.path;
+  const int code = Call(slot, slot->request.outsideChroot ? path : m_root + path, binding);
+  if (code == ZOK) return;
+  m_post(Clock::duration::zero(), [weak = weak_from_this(), slot, code] {
+    const auto self = weak.lock();
+    if (!self || self->m_life != Life::Open) return;
+    Reply reply;
+    reply.code = code;
+    self->Complete(*slot, reply);
+  });
+}
+
+/// Hands the request to the library. On success a completion will come back for the slot.
+int Epoch::Call(Slot* slot, const zr::String& path, Binding* binding) {
+  const Request& request = slot->request;
+  watcher_fn const watcher = binding != nullptr ? &Epoch::OnWatch : nullptr;
+  const int length = static_cast<int>(request.data.size());
+  switch (request.kind) {
+    case Request::Kind::Get:
+      return zoo_awget(m_handle, path.c_str(), watcher, binding, &Epoch::OnData, slot);
+    case Request::Kind::GetChildren:
+      return zoo_awget_children2(m_handle, path.c_str(), watcher, binding, &Epoch::OnChildren, slot);
+    case Request::Kind::Exists:
+      return zoo_awexists(m_handle, path.c_str(), watcher, binding, &Epoch::OnStat, slot);
+    case Request::Kind::Sync:
+      return zoo_async(m_handle, path.c_str(), &Epoch::OnString, slot);
+    case Request::Kind::Create:
+      return zoo_acreate(m_handle, path.c_str(), request.data.data(), length, &ZOO_OPEN_ACL_UNSAFE,
+                         request.mode, &Epoch::OnString, slot);
+    case Request::Kind::Set:
+      return zoo_aset(m_handle, path.c_str(), request.data.data(), length, request.version, &Epoch::OnStat,
+                      slot);
+    case Request::Kind::Delete:
+      return zoo_adelete(m_handle, path.c_str(), request.version, &Epoch::OnVoid, slot);
+  }
+  return ZBADARGUMENTS;
+}
+
+/// One binding for a context: the library then keeps its watches under few distinct pointers, which it
+/// compares pair by pair at every session event.
+Epoch::Binding* Epoch::Bind(const std::shared_ptr<Connection::WatchContext>& context) {
+  Binding*& binding = m_bindingOf[context.get()];
+  // An address can be that of an earlier context, now gone, whose binding the library may still know.
+  if (binding == nullptr || binding->context.expired()) {
+    binding = &m_bindings.emplace_back(Binding{this, context});
+  }
+  return binding;
+}
+
+void Epoch::Complete(Slot& slot, Reply& reply) {
+  const Request request = std::exchange(slot.request, Request{});
+  m_free.push_back(&slot);
+  --m_outstanding;
+  m_lastHeard = Clock::now();
+  if (request.watch) m_watches.Count(request, m_root + request.path, reply.code);
+  if (!m_waiting.empty()) {
+    Request next = std::move(m_waiting.front());
+    m_waiting.pop_front();
+    Send(std::move(next));
+  }
+  if (request.reply) request.reply(reply);
+}
+
+void Epoch::Dispatch(const Binding& binding, int type, int state, const std::string& path) {
+  m_watches.Uncount(type, path);
+  if (const auto context = binding.context.lock()) context->Invoke(type, state, path.substr(m_root.size()));
+}
+
+void Epoch::OnSession(zhandle_t* /*handle*/, int type, int state, const char* /*path*/,
+                      void* epoch) noexcept {
+  auto& self = *static_cast<Epoch*>(epoch);
+  if (type != ZOO_SESSION_EVENT || self.m_life != Life::Open) return;
+  TaskThread::RunGuarded([&] { self.m_onSession(self, state); });
+}
+
+void Epoch::OnWatch(zhandle_t* /*handle*/, int type, int state, const char* path, void* context) noexcept {
+  if (type == ZOO_SESSION_EVENT) return;  // every watch gets these too; the handle's own watcher tells them
+  const auto& binding = *static_cast<const Binding*>(context);
+  if (binding.epoch->m_life != Life::Open) return;
+  TaskThread::RunGuarded([&] { binding.epoch->Dispatch(binding, type, state, path); });
+}
+
+/// `fill` adds to the answer what only some have.
+template <typename Fill>
+void Epoch::Answer(const void* context, int code, const Stat* stat, const Fill& fill) noexcept {
+  // The library takes contexts back as const; the slot is ours.
+  auto& slot = *static_cast<Slot*>(const_cast<void*>(context));
+  Epoch& self = *slot.epoch;
+  if (self.m_life != Life::Open) return;
+  TaskThread::RunGuarded([&] {
+    Reply reply;
+    reply.code = code;
+    if (stat != nullptr) reply.stat = *stat;
+    fill(reply);
+    self.Complete(slot, reply);
+  });
+}
+
+void Epoch::OnData(int code, const char* value, int length, const Stat* stat, const void* slot) noexcept {
+  Answer(slot, code, stat, [&](Reply& reply) {
+    if (value != nullptr && length > 0) reply.value.assign(value, static_cast<std::size_t>(length));
+  });
+}
+
+void Epoch::OnChildren(int code, const String_vector* names, const Stat* stat, const void* slot) noexcept {
+  Answer(slot, code, stat, [&](Reply& reply) {
+    if (names != nullptr) reply.children.assign(names->data, names->data + names->count);
+  });
+}
+
+void Epoch::OnStat(int code, const Stat* stat, const void* slot) noexcept {
+  Answer(slot, code, stat, [](Reply&) {});
+}
+
+void Epoch::OnString(int code, const char* /*value*/, const void* slot) noexcept {
+  OnVoid(code, slot);
+}
+
+void Epoch::OnVoid(int code, const void* slot) noexcept {
+  Answer(slot, code, nullptr, [](Reply&) {});
+}
+
+}  // namespace zr::halden::details

@@ -1,0 +1,131 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <poll.h>
+#include <zookeeper/zookeeper.h>
+
+#include <chrono>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "base/task_thread.h"
+#include "session/farewell.h"
+#include "session/request.h"
+#include "session/watch_budget.h"
+
+namespace zr::halden::details {
+
+/// One client handle's life, from open to close: its input and output, its requests and its watches.
+///
+/// Threads: all of it on the connection's thread. Answers, events and session states are told from inside
+/// `Await` and `Ready`, one after another, in the order in which the server sent them; that the library
+/// refuses a request, from a task.
+/// Ownership: shared by its owner and, for the length of a call, by whoever calls. From inside what it tells,
+/// its owner may let go of it; nothing is told after that.
+class Epoch final : public std::enable_shared_from_this<Epoch> {
+ public:
+  /// `state`: ZOO_CONNECTED_STATE, ... `Close` must not be called from inside it, `Abandon` may.
+  using SessionFunction = std::function<void(Epoch&, int state)>;
+
+  /// `root`: what stands before every path; may be empty.
+  Epoch(PostFunction post, zr::String root, SessionFunction onSession);
+  ~Epoch();
+
+  Epoch(const Epoch&) = delete;
+  Epoch& operator=(const Epoch&) = delete;
+
+  /// Opens the handle; 0, or the errno that it failed with.
+  int Open(const zr::String& addresses, std::chrono::milliseconds timeout, const clientid_t* resume);
+  void Authenticate(const zr::String& scheme, const zr::String& credential);
+  /// Not while connected: the library would drop its connection, and what is under way with it.
+  void SetServers(const zr::String& addresses);
+
+  /// Ends: no request is answered any more. With it goes the session, if the handle is connected and the
+  /// request to end it can be sent: then the answer is to be awaited.
+  std::unique_ptr<Farewell> Close();
+  /// Ends, and leaves the session to whoever takes it up.
+  void Abandon();
+
+  // As TaskThread::Sockets.
+  Clock::time_point Await(std::vector<pollfd>& sockets);
+  void Ready(const pollfd& socket);
+
+  clientid_t Session() const;
+  /// The session's timeout as the server grants it.
+  std::chrono::milliseconds Timeout() const { return std::chrono::milliseconds(zoo_recv_timeout(m_handle)); }
+  /// A server took the connection and has not answered yet.
+  bool Unanswered() const { return m_handle != nullptr && zoo_state(m_handle) == ZOO_ASSOCIATING_STATE; }
+  const WatchBudget& Watches() const { return m_watches; }
+
+  /// At most some hundred requests are under way at a time; the rest waits here, in order. The answer is never
+  /// given from inside this call.
+  void Submit(Request request);
+  /// How long the server has owed an answer without giving any; answers come in order.
+  Clock::duration Unheard() const {
+    return m_outstanding == 0 ? Clock::duration::zero() : Clock::now() - m_lastHeard;
+  }
+
+ private:
+  struct Slot {
+    Epoch* epoch;
+    Request request;
+  };
+  struct Binding {
+    Epoch* epoch;
+    std::weak_ptr<Connection::WatchContext> context;
+  };
+  /// Open -> Closing (let go of inside a call of the library) -> Closed;   Open -> Closed
+  enum class Life : std::uint8_t { Open, Closing, Closed };
+
+  static void OnSession(zhandle_t*, int type, int state, const char* path, void* epoch) noexcept;
+  static void OnWatch(zhandle_t*, int type, int state, const char* path, void* binding) noexcept;
+  static void OnData(int code, const char* value, int length, const Stat* stat, const void* slot) noexcept;
+  static void OnChildren(int code, const String_vector* names, const Stat* stat, const void* slot) noexcept;
+  static void OnStat(int code, const Stat* stat, const void* slot) noexcept;
+  static void OnString(int code, const char* value, const void* slot) noexcept;
+  static void OnVoid(int code, const void* slot) noexcept;
+  template <typename Fill>
+  static void Answer(const void* slot, int code, const Stat* stat, const Fill& fill) noexcept;
+
+  template <typename Function>
+  int InLibrary(const Function& function);
+  bool ConnectedNow() const { return m_handle != nullptr && zoo_state(m_handle) == ZOO_CONNECTED_STATE; }
+  int Process(int events);
+  void Flush();
+  void ReadAll();
+  void TakeSocket(int socket);
+
+  void Send(Request request);
+  int Call(Slot* slot, const zr::String& path, Binding* binding);
+  Binding* Bind(const std::shared_ptr<Connection::WatchContext>& context);
+  void Complete(Slot& slot, Reply& reply);
+  void Dispatch(const Binding& binding, int type, int state, const std::string& path);
+
+  const PostFunction m_post;
+  const zr::String m_root;
+  const SessionFunction m_onSession;
+
+  zhandle_t* m_handle = nullptr;
+  zr::String m_addresses;  // that the handle was given last
+  Life m_life = Life::Open;
+  bool m_inLibrary = false;
+  int m_socket = -1;            // as the library told last
+  bool m_full = false;          // the socket takes no more for now
+  Clock::time_point m_resting;  // the library is not to be asked before
+
+  std::deque<Slot> m_slots;  // a deque: the library holds the elements' addresses
+  std::vector<Slot*> m_free;
+  std::deque<Request> m_waiting;
+  std::size_t m_outstanding = 0;
+  Clock::time_point m_lastHeard;   // the last answer, or request when none was outstanding
+  std::deque<Binding> m_bindings;  // every one ever made: the library may hold its address until the close
+  std::unordered_map<const Connection::WatchContext*, Binding*> m_bindingOf;
+  WatchBudget m_watches;
+};
+
+}  // namespace zr::halden::details

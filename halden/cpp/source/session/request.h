@@ -1,0 +1,41 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <zookeeper/zookeeper.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "halden/connection_v2.h"
+#include "zrstl/string.h"
+
+namespace zr::halden::details {
+
+/// The answer to a request. `code` decides which of the others mean something.
+struct Reply {
+  int code = ZOK;
+  std::string value;
+  std::vector<std::string> children;
+  Stat stat{};
+};
+
+using ReplyFunction = std::function<void(Reply&)>;
+
+/// One asynchronous ZooKeeper request.
+struct Request {
+  enum class Kind : std::uint8_t { Get, GetChildren, Exists, Sync, Create, Set, Delete };
+
+  Kind kind = Kind::Get;
+  zr::String path;             ///< absolute, below the chroot
+  bool outsideChroot = false;  ///< `path` is below the ensemble's own root instead
+  std::shared_ptr<Connection::WatchContext> watch = nullptr;  ///< reads: also set a watch
+  std::string data = {};                                      ///< Create, Set
+  int mode = 0;                                               ///< Create: ZOO_EPHEMERAL, ...
+  int version = -1;                                           ///< Set, Delete: -1 for any
+  ReplyFunction reply = {};
+};
+
+}  // namespace zr::halden::details

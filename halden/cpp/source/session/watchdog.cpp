@@ -1,0 +1,29 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "session/watchdog.h"
+
+namespace zr::halden::details {
+
+Watchdog::Verdict Watchdog::Look(const Sight& sight) {
+  // In rounds without a connection:
+  constexpr unsigned firstReport = 6;
+  constexpr unsigned reportRounds = 60;
+  constexpr unsigned resolveRounds = 5;
+  constexpr unsigned unansweredRounds = 2;
+  if (sight.state == ConnectionState::Connected) {
+    m_roundsAway = 0;
+    m_roundsUnanswered = 0;
+    return sight.unheard > sight.timeout ? Verdict::ReplaceSilent : Verdict::Fine;
+  }
+  ++m_roundsAway;
+  m_roundsUnanswered = sight.unanswered ? m_roundsUnanswered + 1 : 0;
+  if (m_roundsUnanswered > unansweredRounds) return Verdict::ReplaceUnanswered;
+  if (sight.state == ConnectionState::Suspended && m_roundsAway * kPeriod > sight.timeout) {
+    return Verdict::ReplaceRefused;
+  }
+  if (sight.state == ConnectionState::Connecting && m_roundsAway % reportRounds == firstReport) {
+    return Verdict::TellAway;
+  }
+  return m_roundsAway % resolveRounds == 0 ? Verdict::ResolveNames : Verdict::Away;
+}
+
+}  // namespace zr::halden::details

@@ -1,0 +1,291 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "watch/watcher_delivery.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "base/log_sources.h"
+#include "base/wait_limit.h"
+#include "node_codec.h"
+
+namespace zr::halden::details {
+
+namespace {
+
+// Then the thread's other watchers get their turn.
+constexpr int kEventsPerTurn = 64;
+
+/// Runs foreign code: what it throws costs that call only.
+template <typename Function>
+void CallGuarded(const char* what, const Function& function) {
+  try {
+    function();
+  } catch (const std::exception& e) {
+    ZRLOG(ZRLOG_ERROR, WatcherLog()) << what << " threw, error=" << e.what();
+  } catch (...) {
+    ZRLOG(ZRLOG_ERROR, WatcherLog()) << what << " threw, error="
+                                     << "unknown exception";
+  }
+}
+
+}  // namespace
+
+WatcherDelivery::WatcherDelivery(std::shared_ptr<ConnectionCore> core, ZkErrorHandler errorHandler)
+    : m_core(std::move(core)),
+      m_thread(m_core->Shared<ObserverThread>()),
+      m_errorHandler(std::move(errorHandler)) {}
+
+void WatcherDelivery::Start(std::weak_ptr<ServiceWatcher> watcher) {
+  std::unique_lock lock(m_mtx);
+  m_watcher = std::move(watcher);
+  m_started = true;
+  Schedule(lock);
+}
+
+void WatcherDelivery::SetGuard(const std::optional<MassRemovalGuard>& guard) {
+  std::unique_lock lock(m_mtx);
+  if (guard ? m_guard && m_guard->Options() == *guard : !m_guard) return;
+  m_statusDue |= m_table.Held() != 0;
+  for (const auto& id : m_table.ListHeld()) m_table.Remove(id);
+  m_guard.reset();
+  if (guard) m_guard.emplace(*guard);
+  Schedule(lock);
+}
+
+void WatcherDelivery::SetStatusHandler(DataCenterStatusHandler handler) {
+  auto changed = handler ? std::make_shared<const DataCenterStatusHandler>(std::move(handler)) : nullptr;
+  std::unique_lock lock(m_mtx);
+  m_statusHandler.swap(changed);  // the one before goes after the lock
+  m_toldStatus.reset();
+  m_statusDue = true;
+  Schedule(lock);
+}
+
+InstanceTable::Outcome WatcherDelivery::Put(const ServiceId& id, const NodeVersion& version,
+                                            std::string payload, bool force) {
+  std::unique_lock lock(m_mtx);
+  const bool held = m_table.IsHeld(id);
+  const auto outcome = m_table.Put(id, version, std::move(payload), force);
+  if (held && !m_table.IsHeld(id)) OnNotHeldAnyMore(id);
+  Schedule(lock);
+  return outcome;
+}
+
+InstanceTable::Outcome WatcherDelivery::Quarantine(const ServiceId& id, const NodeVersion& version,
+                                                   bool force) {
+  std::unique_lock lock(m_mtx);
+  const bool held = m_table.IsHeld(id);
+  const auto outcome = m_table.Quarantine(id, version, force);
+  if (held && !m_table.IsHeld(id)) OnNotHeldAnyMore(id);
+  Schedule(lock);
+  return outcome;
+}
+
+void WatcherDelivery::Remove(const ServiceId& id) {
+  std::unique_lock lock(m_mtx);
+  if (m_table.IsHeld(id)) return;  // its end is on its way
+  const auto present = m_table.Size() - m_table.Held();
+  if (m_guard && m_table.Hold(id)) {
+    if (m_guard->Hold(id, Clock::now(), present)) {
+      m_statusDue |= m_table.Held() == 1;
+      ScheduleGuard();
+    } else {
+      m_table.Remove(id);
+    }
+  } else {
+    m_table.Remove(id);
+  }
+  Schedule(lock);
+}
+
+void WatcherDelivery::MarkStale() {
+  std::unique_lock lock(m_mtx);
+  if (m_freshness != Freshness::Live) return;
+  m_freshness = Freshness::Stale;
+  m_staleSince = TimeOfDay();
+  m_statusDue = true;
+  Schedule(lock);
+}
+
+void WatcherDelivery::MarkLive(bool everythingRead) {
+  std::unique_lock lock(m_mtx);
+  if (everythingRead) ++m_resyncs;
+  if (m_freshness == Freshness::Live) return;
+  m_freshness = Freshness::Live;
+  m_synchronized.notify_all();
+  m_statusDue = true;
+  RemoveDue();
+  Schedule(lock);
+}
+
+void WatcherDelivery::ReportStatus() {
+  std::unique_lock lock(m_mtx);
+  m_statusDue = true;
+  Schedule(lock);
+}
+
+void WatcherDelivery::ReportError(int code) {
+  std::unique_lock lock(m_mtx);
+  m_lastError = code;
+  if (!m_errorHandler || std::find(m_errors.begin(), m_errors.end(), code) != m_errors.end()) return;
+  m_errors.push_back(code);
+  Schedule(lock);
+}
+
+std::vector<ServiceId> WatcherDelivery::ListInstances() const {
+  const std::lock_guard lock(m_mtx);
+  return m_table.List();
+}
+
+std::vector<ServiceId> WatcherDelivery::ListHeld() const {
+  const std::lock_guard lock(m_mtx);
+  return m_table.ListHeld();
+}
+
+std::optional<std::string> WatcherDelivery::Find(const ServiceId& id) const {
+  const std::lock_guard lock(m_mtx);
+  return m_table.Find(id);
+}
+
+ServiceWatcherStatus WatcherDelivery::Status() const {
+  const std::lock_guard lock(m_mtx);
+  ServiceWatcherStatus status;
+  status.freshness = m_freshness;
+  if (m_freshness == Freshness::Stale) status.staleSince = m_staleSince;
+  status.instances = m_table.Size();
+  status.held = m_table.Held();
+  status.quarantined = m_table.Quarantined();
+  status.resyncs = m_resyncs;
+  status.lastError = m_lastError;
+  return status;
+}
+
+bool WatcherDelivery::AwaitSynchronized(std::chrono::milliseconds limit) const {
+  std::unique_lock lock(m_mtx);
+  return m_synchronized.wait_for(lock, WaitLimit(limit),
+                                 [this] { return m_freshness != Freshness::NeverSynchronized; });
+}
+
+/// Posts a delivery if there is something to tell and none is on its way. `lock` is on m_mtx and may be
+/// released.
+void WatcherDelivery::Schedule(std::unique_lock<std::mutex>& lock) {
+  if (m_scheduled || !m_started) return;
+  if (!m_table.HasChanges() && m_errors.empty() && !(m_statusDue && m_statusHandler)) return;
+  m_scheduled = true;
+  const bool manyToCome = m_freshness != Freshness::Live;
+  lock.unlock();
+  const auto deliver = [self = shared_from_this()] { self->Deliver(); };
+  if (manyToCome) return m_thread->PostGathered(deliver);
+  // When all that has arrived is read: the thread is then woken once for all of it.
+  m_core->Post([thread = m_thread, deliver] { thread->Post(deliver); });
+}
+
+/// m_mtx is held.
+void WatcherDelivery::OnNotHeldAnyMore(const ServiceId& id) {
+  if (m_guard) m_guard->Forget(id);
+  m_statusDue |= m_table.Held() == 0;
+}
+
+/// m_mtx is held.
+void WatcherDelivery::ScheduleGuard() {
+  const auto due = m_guard->NextDue();
+  if (!due || (m_guardTimer && *m_guardTimer <= *due)) return;
+  m_guardTimer = due;
+  m_thread->PostAfter(*due - Clock::now(), [weak = weak_from_this(), due = *due] {
+    if (const auto self = weak.lock()) self->OnGuardDue(due);
+  });
+}
+
+void WatcherDelivery::OnGuardDue(RemovalGuard::TimePoint due) {
+  std::unique_lock lock(m_mtx);
+  if (m_guardTimer == due) m_guardTimer.reset();
+  if (m_freshness != Freshness::Live) return;  // who has come back meanwhile is not known: when it is again
+  RemoveDue();
+  Schedule(lock);
+}
+
+/// m_mtx is held.
+void WatcherDelivery::RemoveDue() {
+  if (!m_guard) return;
+  const bool held = m_table.Held() != 0;
+  for (const auto& id : m_guard->Due(Clock::now())) {
+    if (m_table.IsHeld(id)) m_table.Remove(id);
+  }
+  m_statusDue |= held && m_table.Held() == 0;
+  ScheduleGuard();
+}
+
+void WatcherDelivery::Deliver() {
+  for (int i = 0; i < kEventsPerTurn; ++i) {
+    if (!DeliverOne()) return;
+  }
+  m_thread->Post([self = shared_from_this()] { self->Deliver(); });
+}
+
+/// One instance's change, after all errors that wait; false when nothing is left, or nobody.
+bool WatcherDelivery::DeliverOne() {
+  // Both may end here, with foreign code in what they own: after the lock.
+  std::shared_ptr<ServiceWatcher> watcher;
+  std::shared_ptr<const DataCenterStatusHandler> handler;
+  std::unique_lock lock(m_mtx);
+  // Owned for one event only: who drops the last owner hears at most the event that is running.
+  watcher = m_watcher.lock();
+  if (!watcher) return false;
+  DeliverErrors(lock);
+  handler = m_statusHandler;
+  DeliverStatus(lock, *watcher, handler);
+  if (!m_table.HasChanges()) {
+    if (!m_errors.empty() || (m_statusDue && m_statusHandler)) return true;  // come while handlers ran
+    m_scheduled = false;
+    return false;
+  }
+  const auto change = m_table.Take();
+  lock.unlock();
+  Tell(*watcher, change);
+  return true;
+}
+
+void WatcherDelivery::DeliverErrors(std::unique_lock<std::mutex>& lock) {
+  const auto errors = std::exchange(m_errors, {});
+  if (errors.empty()) return;
+  lock.unlock();
+  for (const int code : errors) {
+    CallGuarded("error handler", [&] { m_errorHandler(code); });
+  }
+  lock.lock();
+}
+
+void WatcherDelivery::DeliverStatus(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher,
+                                    const std::shared_ptr<const DataCenterStatusHandler>& handler) {
+  if (!handler || !std::exchange(m_statusDue, false)) return;
+  lock.unlock();
+  const DataCenterStatus status = watcher.DataCenter();
+  const StatusKey key(status.connection.state, status.watcher.freshness, status.watcher.held != 0);
+  lock.lock();
+  if (m_toldStatus == key || handler != m_statusHandler) return;
+  m_toldStatus = key;
+  lock.unlock();
+  CallGuarded("status handler", [&] { (*handler)(status); });
+  lock.lock();
+}
+
+void WatcherDelivery::Tell(ServiceWatcher& watcher, const InstanceTable::Change& change) {
+  using Observer = ServiceWatcherObserver;
+  const ServiceInstanceData data =
+      change.payload.empty() ? ServiceInstanceData() : ParsePayload(change.payload);
+  for (const ChangeKind kind : change.kinds) {
+    CallGuarded("observer", [&] {
+      switch (kind) {
+        case ChangeKind::Removed:
+          return watcher.NotifyObservers(&Observer::OnInstanceRemoved, watcher, change.id);
+        case ChangeKind::Added:
+          return watcher.NotifyObservers(&Observer::OnInstanceAdded, watcher, change.id, data);
+        case ChangeKind::Modified:
+          return watcher.NotifyObservers(&Observer::OnInstanceModified, watcher, change.id, data);
+      }
+    });
+  }
+}
+
+}  // namespace zr::halden::details

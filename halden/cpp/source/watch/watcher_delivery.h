@@ -1,0 +1,99 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "halden/service_watcher.h"
+#include "instance_table.h"
+#include "removal_guard.h"
+#include "session/connection_core.h"
+#include "watch/observer_thread.h"
+
+namespace zr::halden::details {
+
+/// Between the reader of a service and those who want to know: holds the instances, answers queries, and
+/// tells observers and the error handler.
+///
+/// Threads: the reader writes on the connection's thread; any thread queries; observers and the error handler
+/// are called on the ObserverThread, with no lock held.
+/// Ownership: shared by the watcher, the reader and posted deliveries; holds the watcher only weakly, and
+/// owns it for the length of one event.
+class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
+ public:
+  WatcherDelivery(std::shared_ptr<ConnectionCore> core, ZkErrorHandler errorHandler);
+
+  /// Events begin; what was known before is delivered too.
+  void Start(std::weak_ptr<ServiceWatcher> watcher);
+
+  /// Ends what another guard holds; null for none.
+  void SetGuard(const std::optional<MassRemovalGuard>& guard);
+  void SetStatusHandler(DataCenterStatusHandler handler);
+
+  // The reader's.
+
+  InstanceTable::Outcome Put(const ServiceId& id, const NodeVersion& version, std::string payload,
+                             bool force);
+  InstanceTable::Outcome Quarantine(const ServiceId& id, const NodeVersion& version, bool force);
+  void Remove(const ServiceId& id);
+  void MarkStale();
+  /// `everythingRead`: after a complete read, rather than a reconnect that needed none.
+  void MarkLive(bool everythingRead);
+  /// Tells the error handler; a code that waits to be told already is told once.
+  void ReportError(int code);
+  /// Tells the status handler, if what it was told last is not so any more.
+  void ReportStatus();
+
+  // Any thread.
+
+  std::vector<ServiceId> ListInstances() const;
+  std::vector<ServiceId> ListHeld() const;
+  std::optional<std::string> Find(const ServiceId& id) const;
+  ServiceWatcherStatus Status() const;
+  bool AwaitSynchronized(std::chrono::milliseconds limit) const;
+
+ private:
+  /// What the status handler is told the changes of.
+  using StatusKey = std::tuple<ConnectionState, Freshness, bool>;
+
+  void Schedule(std::unique_lock<std::mutex>& lock);
+  void ScheduleGuard();
+  void OnGuardDue(RemovalGuard::TimePoint due);
+  void RemoveDue();
+  void OnNotHeldAnyMore(const ServiceId& id);
+  void Deliver();
+  bool DeliverOne();
+  void DeliverErrors(std::unique_lock<std::mutex>& lock);
+  void DeliverStatus(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher,
+                     const std::shared_ptr<const DataCenterStatusHandler>& handler);
+  static void Tell(ServiceWatcher& watcher, const InstanceTable::Change& change);
+
+  const std::shared_ptr<ConnectionCore> m_core;
+  const std::shared_ptr<ObserverThread> m_thread;
+  const ZkErrorHandler m_errorHandler;
+
+  mutable std::mutex m_mtx;  // guards all below; no foreign code runs with it held
+  mutable std::condition_variable m_synchronized;
+  std::weak_ptr<ServiceWatcher> m_watcher;
+  InstanceTable m_table;
+  std::vector<int> m_errors;  // waiting to be told, each code once
+  std::optional<RemovalGuard> m_guard;
+  std::optional<RemovalGuard::TimePoint> m_guardTimer;  // the earliest that runs
+  std::shared_ptr<const DataCenterStatusHandler> m_statusHandler;
+  bool m_statusDue = false;  // the handler is to be asked
+  std::optional<StatusKey> m_toldStatus;
+  bool m_started = false;
+  bool m_scheduled = false;  // a delivery is posted, or running and will look again
+  Freshness m_freshness = Freshness::NeverSynchronized;
+  std::chrono::system_clock::time_point m_staleSince;
+  std::uint64_t m_resyncs = 0;
+  int m_lastError = 0;
+};
+
+}  // namespace zr::halden::details
