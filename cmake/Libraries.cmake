@@ -34,12 +34,17 @@ set_target_properties(halden_shared PROPERTIES
 target_link_options(halden_shared PRIVATE "LINKER:--version-script=${version_script}" "LINKER:--no-undefined"
   "LINKER:--exclude-libs,libzookeeper_client.a")
 
-# An archive hides nothing: so one object is made of all, in which the client library's names are local.
+# An archive hides nothing: so one object is made of all, in which the client library's names are local. The compiler
+# does it, because a linker alone would put link-time code (-flto) through as it is, the names in it included.
 set(whole "${PROJECT_BINARY_DIR}/package/halden.o")
 set(parts "$<FILTER:${library_objects},EXCLUDE,\\.gch$>")  # CMake counts precompiled headers among the objects
+set(partial_link "${CMAKE_CXX_COMPILER}" -r -nostdlib)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  list(APPEND partial_link -flinker-output=nolto-rel)
+endif()
 add_custom_command(
   OUTPUT "${whole}"
-  COMMAND "${CMAKE_LINKER}" -r -o "${whole}" "${parts}" "${client_library}"
+  COMMAND ${partial_link} -o "${whole}" "${parts}" "${client_library}"
   COMMAND "${CMAKE_OBJCOPY}" "--localize-symbols=${client_symbols}" "${whole}"
   DEPENDS "${parts}" "${client_library}" "${client_symbols}"
   COMMAND_EXPAND_LISTS
