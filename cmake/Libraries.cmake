@@ -2,9 +2,8 @@
 #
 # The library as programs link it, shared and static, each with all layers in it (a process must have one log sink,
 # whatever links it) and with a client library that nobody else sees.
-set(library_objects
-  $<TARGET_OBJECTS:logger_objects> $<TARGET_OBJECTS:halden_proto_objects>
-  $<TARGET_OBJECTS:halden_model> $<TARGET_OBJECTS:halden_objects>)
+set(library_layers logger_objects halden_proto_objects halden_model halden_objects)
+list(TRANSFORM library_layers REPLACE "(.+)" "$<TARGET_OBJECTS:\\1>" OUTPUT_VARIABLE library_objects)
 set(library_headers_dir "${CMAKE_INSTALL_INCLUDEDIR}/halden")  # includes are <halden/...>, <logger/...> below it
 
 function(halden_library target)
@@ -54,5 +53,14 @@ add_library(halden_static STATIC "${whole}")
 set_source_files_properties("${whole}" PROPERTIES EXTERNAL_OBJECT TRUE GENERATED TRUE)
 set_target_properties(halden_static PROPERTIES EXPORT_NAME static LINKER_LANGUAGE CXX)
 halden_library(halden_static)
-add_dependencies(halden_static halden_proto_objects)
-add_library(halden::halden ALIAS halden_static)
+add_dependencies(halden_static ${library_layers})  # the command's dependencies are files, which make knows by directory
+
+if(NOT HALDEN_INSTALL)  # built where something links them
+  set_target_properties(halden_shared halden_static PROPERTIES EXCLUDE_FROM_ALL TRUE)
+endif()
+
+# For who takes this tree as a part of a build, the names that the installed package has too. All are the same library:
+# a program that linked the log's archive and the library would have two sinks, or would not link at all.
+foreach(name IN ITEMS halden logger zrstl)
+  add_library(halden::${name} ALIAS halden_static)
+endforeach()
