@@ -27,7 +27,7 @@ configure_package_config_file("${CMAKE_CURRENT_LIST_DIR}/haldenConfig.cmake.in"
 write_basic_package_version_file("${PROJECT_BINARY_DIR}/package/haldenConfigVersion.cmake"
   COMPATIBILITY SameMinorVersion)
 install(FILES "${PROJECT_BINARY_DIR}/package/haldenConfig.cmake"
-  "${PROJECT_BINARY_DIR}/package/haldenConfigVersion.cmake" "${CMAKE_CURRENT_LIST_DIR}/FindZooKeeper.cmake"
+  "${PROJECT_BINARY_DIR}/package/haldenConfigVersion.cmake"
   DESTINATION "${package_cmake_dir}" COMPONENT development)
 file(RELATIVE_PATH prefix_from_pkgconfig "/x/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/x")  # it may be moved
 configure_file("${CMAKE_CURRENT_LIST_DIR}/halden.pc.in" "${PROJECT_BINARY_DIR}/package/halden.pc" @ONLY)
