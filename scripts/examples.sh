@@ -2,7 +2,8 @@
 # Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #
 # Builds the programs in examples/ as a user would, against the packages and nothing else, through CMake (shared
-# and static) and through pkg-config, and runs them on a real ZooKeeper server.
+# and static) and through pkg-config, and runs them on a real ZooKeeper server. One of them uses a client library of
+# its own: the two must not come to call each other.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -37,16 +38,36 @@ await() { # await COMMAND...: asks again and again until it succeeds, for 30 sec
 }
 
 echo "examples: unpacking and building"
-for package in build/release/packages/*.deb; do dpkg-deb --extract "$package" "$folder/root"; done
+for package in build/release/packages/*.deb; do
+  dpkg-deb --extract "$package" "$folder/root"
+  ! dpkg-deb --field "$package" Depends | grep --extended-regexp 'libzookeeper-[ms]t2' || fail "$package wants a client"
+done
 prefix="$folder/root/usr"
+library=$(dirname "$(find "$prefix" -name libhalden.so)")
 for component in shared static; do
   cmake -S examples -B "$folder/$component" -DCMAKE_PREFIX_PATH="$prefix" -DHALDEN_COMPONENT=$component \
     >"$folder/cmake.log" 2>&1 || fail "CMake does not find the package ($component)"
   cmake --build "$folder/$component" --parallel 2 >"$folder/build.log" 2>&1 || fail "does not build ($component)"
 done
-library=$(dirname "$(find "$prefix" -name libhalden.so)")
 export PKG_CONFIG_PATH="$library/pkgconfig" LD_LIBRARY_PATH="$library"
 make --directory examples BUILD="$folder/make" >"$folder/make.log" 2>&1 || fail "does not build with pkg-config"
+
+# A program may use a client library of its own: so halden neither shows nor asks for any name of one.
+names() { nm "$@" | awk 'NF > 1 { sub(/@.*/, "", $NF); print $NF }' | sort --unique; }
+names --dynamic --defined-only "$("${CXX:-c++}" -print-file-name=libzookeeper_mt.so.2)" >"$folder/client.names"
+names --dynamic "$library/libhalden.so" >"$folder/shared.names"
+names --extern-only "$library/libhalden.a" >"$folder/static.names"
+expect zookeeper_init "$folder/client.names"
+for kind in shared static; do
+  expect _ZN2zr6halden10Connection "$folder/$kind.names"
+  both=$(comm -12 "$folder/client.names" "$folder/$kind.names")
+  [[ -z "$both" ]] || fail "halden ($kind) and the client library have names in common: $both"
+done
+first() { readelf --dynamic "$1" | grep --only-matching --max-count=1 -e 'libhalden\.so' -e 'libzookeeper_mt\.so'; }
+for build in shared make; do # else one order would be tried twice
+  [[ $(first "$folder/$build/beside_own_client") == libhalden.so ]] || fail "halden is not first ($build)"
+  [[ $(first "$folder/$build/own_client_first") == libzookeeper_mt.so ]] || fail "the client is not first ($build)"
+done
 
 echo "examples: running on a ZooKeeper server"
 listens() { (exec 5<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
@@ -82,6 +103,13 @@ for build in shared static make; do
   expect "here added host-1" "$folder/shared.out"
   "$folder/$build/own_log" "$folder/halden.toml" orders >"$folder/log.out" 2>&1
   expect "[own log] info halden.connection: connected" "$folder/log.out"
+  for program in beside_own_client own_client_first; do
+    timeout 60 "$folder/$build/$program" "127.0.0.1:$port" orders >"$folder/beside.log" 2>&1 ||
+      fail "$program failed ($build)"
+    expect "halden: 2 instances" "$folder/beside.log"
+    expect "own client: 2 instances" "$folder/beside.log"
+    expect "both have seen it go" "$folder/beside.log"
+  done
 done
 "$prefix/bin/halden" list orders --config "$folder/halden.toml" >"$folder/list.out"
 expect host-1 "$folder/list.out"

@@ -5,6 +5,7 @@
 # Idempotent: packages that are present are left alone. Runs as root, or through sudo.
 set -euo pipefail
 
+# libzookeeper-st-dev takes the place of libzookeeper-mt-dev: Debian installs only one of them.
 packages=(
   build-essential cmake ninja-build git file pkg-config
   libzookeeper-st-dev libzookeeper-st2 libzookeeper-mt2 libboost1.81-dev libprotobuf-dev protobuf-compiler
