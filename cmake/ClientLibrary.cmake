@@ -3,7 +3,7 @@
 # ZooKeeper::client: the single-threaded C client as the library embeds it. Its functions for what depends on
 # threads are made weak, so that ours (halden/cpp/source/session/client_adaptor.cpp) come in their place.
 # client_symbols is the list of all that it defines: to be hidden from the programs that link the library, which may use
-# a client library of their own.
+# a client library of their own. client_version says which version of it is inside.
 if(NOT ZooKeeper_st_LIBRARY)
   message(FATAL_ERROR "libzookeeper_st.a is not found; Debian's package is libzookeeper-st-dev")
 endif()
@@ -31,3 +31,18 @@ execute_process(COMMAND "${CMAKE_OBJCOPY}" ${weaken} "${ZooKeeper_st_LIBRARY}" "
 add_library(ZooKeeper::client STATIC IMPORTED GLOBAL)
 set_target_properties(ZooKeeper::client PROPERTIES IMPORTED_LOCATION "${client_library}"
   INTERFACE_INCLUDE_DIRECTORIES "${ZooKeeper_INCLUDE_DIR}")
+
+# A security update of a distribution leaves ZOO_VERSION as it is: where the archive belongs to a Debian package, that
+# package's version tells more.
+set(client_version "${ZooKeeper_VERSION}")
+find_program(DPKG_QUERY dpkg-query)
+mark_as_advanced(DPKG_QUERY)
+if(DPKG_QUERY)
+  execute_process(COMMAND "${DPKG_QUERY}" --search "${ZooKeeper_st_LIBRARY}"
+    OUTPUT_VARIABLE package ERROR_QUIET RESULT_VARIABLE unknown)
+  if(NOT unknown)
+    string(REGEX REPLACE ": .*" "" package "${package}")
+    execute_process(COMMAND "${DPKG_QUERY}" --show "--showformat=\${Version}" "${package}"
+      OUTPUT_VARIABLE client_version COMMAND_ERROR_IS_FATAL ANY)
+  endif()
+endif()

@@ -61,4 +61,7 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_NAME halden)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION admin)
 set(CPACK_COMPONENT_TOOL_DESCRIPTION
   "Service discovery over ZooKeeper, across data centres: the command to watch, list and publish instances")
+foreach(component IN ITEMS LIBRARY DEVELOPMENT TOOL)
+  string(APPEND CPACK_COMPONENT_${component}_DESCRIPTION "\nContains ZooKeeper's C client ${client_version}.")
+endforeach()
 include(CPack)

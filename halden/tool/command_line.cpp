@@ -8,6 +8,7 @@ namespace zr::halden::tool {
 
 namespace {
 
+constexpr const char* kVersion = "halden " HALDEN_VERSION ", ZooKeeper C client " HALDEN_CLIENT_VERSION;
 constexpr const char* kAwaitAnswers = "How long to wait for data centres that do not answer (default: 10)";
 
 /// Leaves out which options exclude each other: who gives both is told.
@@ -30,7 +31,7 @@ class HelpFormat final : public CLI::Formatter {
 
 CLI::App& AddPlainCommand(CLI::App& app, const char* name, const char* description) {
   CLI::App& command = *app.add_subcommand(name, description);
-  command.set_version_flag("--version", "halden " HALDEN_VERSION, "Print the version and end");
+  command.set_version_flag("--version", kVersion, "Print the version and end");
   return command;
 }
 
@@ -177,7 +178,7 @@ void Declare(CLI::App& app, Words& words) {
   app.formatter(std::make_shared<HelpFormat>());  // commands take it over as they are added
   app.name("halden");
   app.description("Service discovery over ZooKeeper, across data centres");
-  app.set_version_flag("--version", "halden " HALDEN_VERSION, "Print the version and end");
+  app.set_version_flag("--version", kVersion, "Print the version and end");
   app.require_subcommand(1);
   app.footer("Example:\n  halden list orders --config halden.toml\n");
   AddReaders(app, words);

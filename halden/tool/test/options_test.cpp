@@ -99,7 +99,8 @@ TEST(CommandLine, OffersHelpWithAnExampleAndTheVersionEverywhere) {
   for (const char* command : {"watch", "list", "status", "get", "services", "doctor", "publish", "config"}) {
     const std::string help = std::get<Information>(Parse({command, "--help"})).text;
     EXPECT_NE(help.find(std::string("Example:\n  halden ") + command), std::string::npos) << help;
-    EXPECT_EQ(std::get<Information>(Parse({command, "--version"})).text, "halden " HALDEN_VERSION "\n");
+    EXPECT_EQ(std::get<Information>(Parse({command, "--version"})).text,
+              "halden " HALDEN_VERSION ", ZooKeeper C client " HALDEN_CLIENT_VERSION "\n");
   }
 }
 
