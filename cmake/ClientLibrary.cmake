@@ -33,8 +33,9 @@ set_target_properties(ZooKeeper::client PROPERTIES IMPORTED_LOCATION "${client_l
   INTERFACE_INCLUDE_DIRECTORIES "${ZooKeeper_INCLUDE_DIR}")
 
 # A security update of a distribution leaves ZOO_VERSION as it is: where the archive belongs to a Debian package, that
-# package's version tells more.
+# package's version tells more. Its licences have to be handed on with what is made of it.
 set(client_version "${ZooKeeper_VERSION}")
+set(client_licences "")
 find_program(DPKG_QUERY dpkg-query)
 mark_as_advanced(DPKG_QUERY)
 if(DPKG_QUERY)
@@ -44,5 +45,7 @@ if(DPKG_QUERY)
     string(REGEX REPLACE ": .*" "" package "${package}")
     execute_process(COMMAND "${DPKG_QUERY}" --show "--showformat=\${Version}" "${package}"
       OUTPUT_VARIABLE client_version COMMAND_ERROR_IS_FATAL ANY)
+    string(REGEX REPLACE ":.*" "" package "${package}")  # the architecture
+    set(client_licences "/usr/share/doc/${package}/copyright")
   endif()
 endif()

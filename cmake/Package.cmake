@@ -34,8 +34,21 @@ configure_file("${CMAKE_CURRENT_LIST_DIR}/halden.pc.in" "${PROJECT_BINARY_DIR}/p
 install(FILES "${PROJECT_BINARY_DIR}/package/halden.pc"
   DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
 
-# Debian packages.
 set(library_package "libhalden${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}")
+function(halden_install_licences component package)
+  set(destination "${CMAKE_INSTALL_DATADIR}/doc/${package}")
+  install(FILES "${PROJECT_SOURCE_DIR}/LICENSE" RENAME copyright
+    DESTINATION "${destination}" COMPONENT ${component})
+  if(EXISTS "${client_licences}")
+    install(FILES "${client_licences}" RENAME copyright.zookeeper
+      DESTINATION "${destination}" COMPONENT ${component})
+  endif()
+endfunction()
+halden_install_licences(library ${library_package})
+halden_install_licences(development libhalden-dev)
+halden_install_licences(tool halden)
+
+# Debian packages.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME halden)
 set(CPACK_PACKAGE_CONTACT "The halden authors <halden@example.org>")
