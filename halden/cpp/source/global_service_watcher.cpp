@@ -180,6 +180,15 @@ void GlobalServiceWatcher::SetMassRemovalGuard(const std::optional<MassRemovalGu
   Equip();
 }
 
+void GlobalServiceWatcher::SetAudit(const AuditIntervals& intervals) {
+  {
+    const std::lock_guard lock(m_settingsMtx);
+    m_audit = intervals;
+    m_equipped.clear();
+  }
+  Equip();
+}
+
 void GlobalServiceWatcher::SetStatusHandler(DataCenterStatusHandler handler) {
   auto changed = handler ? std::make_shared<const DataCenterStatusHandler>(std::move(handler)) : nullptr;
   {
@@ -220,6 +229,7 @@ void GlobalServiceWatcher::Equip() {
   for (const auto& watcher : watchers) {
     if (!m_equipped.insert(watcher).second) continue;
     watcher->SetMassRemovalGuard(m_guard);
+    if (m_audit) watcher->SetAudit(*m_audit);
     if (!m_statusHandler) {
       watcher->SetStatusHandler({});
     } else {

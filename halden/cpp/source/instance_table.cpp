@@ -112,20 +112,30 @@ bool InstanceTable::IsHeld(const ServiceId& id) const {
   return found != m_entries.end() && found->second.held;
 }
 
+NodeVersion InstanceTable::Seen(const ServiceId& id) const {
+  const auto found = m_entries.find(id);
+  return found == m_entries.end() ? NodeVersion{} : found->second.seen;
+}
+
+/// All that can fail comes first.
 InstanceTable::Change InstanceTable::Take() {
-  Change change;
-  change.id = m_queue.front();
-  m_queue.pop_front();
-  const auto found = m_entries.find(change.id);
+  const auto found = m_entries.find(m_queue.front());
   Entry& entry = found->second;
-  entry.queued = false;
   const bool known = !entry.payload.empty();
+  Change change{found->first, {}, entry.payload, entry.announced};
   change.kinds =
       Diff(entry.announced == NodeVersion{} ? nullptr : &entry.announced, known ? &entry.good : nullptr);
-  change.payload = entry.payload;
+  m_queue.pop_front();
+  entry.queued = false;
   entry.announced = known ? entry.good : NodeVersion{};
   if (!known && !entry.quarantined) m_entries.erase(found);
   return change;
+}
+
+void InstanceTable::TakeBack(const Change& change) {
+  Entry& entry = m_entries[change.id];
+  entry.announced = change.before;
+  Queue(change.id, entry);
 }
 
 void InstanceTable::SetPayload(const ServiceId& id, Entry& entry, std::string payload) {

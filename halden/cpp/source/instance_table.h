@@ -40,7 +40,8 @@ class InstanceTable {
   struct Change {
     ServiceId id{};
     std::vector<ChangeKind> kinds;
-    std::string payload;  ///< empty when the last kind is Removed
+    std::string payload;   ///< empty when the last kind is Removed
+    NodeVersion before{};  ///< what was announced until then; zero for nothing
   };
 
   /// A node was read. `Older` and nothing done when something newer is known already, unless `force`.
@@ -59,6 +60,8 @@ class InstanceTable {
   /// Null when the instance is not known.
   std::optional<std::string> Find(const ServiceId& id) const;
   bool IsHeld(const ServiceId& id) const;
+  /// The newest version read; zero when there is none.
+  NodeVersion Seen(const ServiceId& id) const;
   std::size_t Size() const { return m_known.size(); }  ///< those held included
   std::size_t Held() const { return m_held; }
   std::size_t Quarantined() const { return m_quarantined; }
@@ -66,6 +69,8 @@ class InstanceTable {
   bool HasChanges() const { return !m_queue.empty(); }
   /// Takes the oldest change and marks it announced; its kinds are empty when it undid itself meanwhile.
   Change Take();
+  /// It could not be told after all: it waits again.
+  void TakeBack(const Change& change);
 
  private:
   struct Entry {

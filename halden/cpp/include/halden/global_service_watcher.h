@@ -124,6 +124,8 @@ class ZR_EXPORT GlobalServiceWatcher final : public zr::Observable<ServiceWatche
   /// Off at the start. See MassRemovalGuard; null turns it off, and what is held is removed then. Throws
   /// std::invalid_argument for values that are out of range.
   void SetMassRemovalGuard(const std::optional<MassRemovalGuard>& guard);
+  /// At the start the defaults of AuditIntervals.
+  void SetAudit(const AuditIntervals& intervals);
   /// Is told of every data centre's changes of state (see DataCenterStatusHandler), of different ones
   /// concurrently. Takes the place of the one before; null for none. As a callback, it is bound by what is
   /// said above; the status it is given is all that it needs to ask.
@@ -141,6 +143,7 @@ class ZR_EXPORT GlobalServiceWatcher final : public zr::Observable<ServiceWatche
 
   std::mutex m_settingsMtx;  // guards all below; no foreign code runs with it held
   std::optional<MassRemovalGuard> m_guard;
+  std::optional<AuditIntervals> m_audit;
   std::shared_ptr<const DataCenterStatusHandler> m_statusHandler;
   std::set<std::weak_ptr<ServiceWatcher>, std::owner_less<>> m_equipped;  // that have these settings
 };

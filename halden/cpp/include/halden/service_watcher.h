@@ -45,10 +45,14 @@ class ZR_EXPORT ServiceWatcherObserver {
                                   const ServiceInstanceData& data) = 0;
 };
 
-/// How far what a watcher knows can be trusted.
+/// How far what a watcher knows can be trusted. Live means: connected, every list of instances is known, and so
+/// is each instance in them, but for single ones that may not be read (the error handler hears of these) or do
+/// not decode (`quarantined`).
 ///
 ///   NeverSynchronized -> Live     the first complete read
-///   Live              -> Stale    connection lost, session lost, connection stopped
+///   Live              -> Stale    connection lost, session lost, connection stopped; a list could not be read
+///                                 anew, may not be read any more for example, or an instance for a reason that
+///                                 will pass
 ///   Stale             -> Live     everything read or confirmed again
 enum class Freshness : std::uint8_t { NeverSynchronized, Live, Stale };
 
@@ -62,15 +66,17 @@ struct ServiceWatcherStatus {
   std::size_t held = 0;  ///< of them, those whose removal the guard holds back, or has not decided on yet
   std::size_t quarantined = 0;  ///< nodes whose payload does not decode
   std::uint64_t resyncs = 0;    ///< complete reads of everything, the first one included
+  std::uint64_t drifts = 0;     ///< changes whose event was lost, found by the audit (see AuditIntervals)
   int lastError = 0;            ///< last ZooKeeper error told to the error handler; 0 for none
 };
 
-/// What is worth a graph, as numbers. The first four only grow.
+/// What is worth a graph, as numbers. The first five only grow.
 struct DataCenterCounters {
   std::uint64_t sessions = 0;    ///< sessions established
   std::uint64_t reconnects = 0;  ///< times that a session went on after a lost connection
   std::uint64_t expiries = 0;    ///< sessions lost to expiry, forced ones included
   std::uint64_t resyncs = 0;     ///< complete reads of everything, the first one included
+  std::uint64_t drifts = 0;      ///< changes whose event was lost, found by the audit
   std::size_t instances = 0;     ///< known now, those held included
   std::size_t held = 0;
   std::size_t quarantined = 0;
@@ -103,6 +109,16 @@ struct MassRemovalGuard {
   std::chrono::milliseconds gracePeriod{30000};  ///< more than 0
 
   bool operator==(const MassRemovalGuard&) const = default;
+};
+
+/// An event can be lost: by a bug or a proxy, and a server does not tell one to a client that may not read the
+/// node just then. So while nothing else is read a watcher goes over what it knows, evenly spread: over every
+/// list of instances and over every instance once in its interval; zero: never. What it finds changed is
+/// announced as any change, counted (`drifts`) and logged. The cost, for the servers: an answer of some hundred
+/// bytes for each instance, and each partition's list of names.
+struct AuditIntervals {
+  std::chrono::milliseconds lists{std::chrono::minutes(5)};
+  std::chrono::milliseconds instances{std::chrono::hours(1)};
 };
 
 /// Throws std::invalid_argument for values that are out of range.
@@ -155,6 +171,7 @@ class ZR_EXPORT ServiceWatcher : public std::enable_shared_from_this<ServiceWatc
   /// Null, as at the start: removals are never held. What another guard holds is removed at once; an
   /// equal one changes nothing. Throws as `Check`.
   void SetMassRemovalGuard(const std::optional<MassRemovalGuard>& guard);
+  void SetAudit(const AuditIntervals& intervals);
   /// Takes the place of the one before, which may be running for a last time; null for none.
   void SetStatusHandler(DataCenterStatusHandler handler);
 

@@ -33,7 +33,10 @@ void PublisherCore::Start(const Connection& conn) {
       conn, [weak = weak_from_this()](int type, int /*state*/, const zr::String& /*path*/) {
         if (const auto self = weak.lock()) self->OnEvent(type);
       });
-  m_core->Post([self = shared_from_this()] { self->m_core->AddListener(self); });
+  m_core->Post([self = shared_from_this()] {
+    self->m_core->AddWatcher(self->m_path, self->m_watch);
+    self->m_core->AddListener(self);
+  });
 }
 
 void PublisherCore::Publish(std::string bytes) {
@@ -49,6 +52,7 @@ void PublisherCore::Stop() {
   m_core->Post([self = shared_from_this()] {
     if (self->m_core->SessionGoesOn()) self->m_self = self;
     self->m_claims->AnnounceRelease(self->m_path, self);
+    self->m_core->RemoveWatcher(self->m_path, self->m_watch, 1);
   });
   Wish(std::nullopt);
 }
@@ -279,7 +283,7 @@ void PublisherCore::OnDeleted(Reply& reply) {
 /// A node of ours that nobody has touched since is confirmed by the same look that watches it from now on.
 void PublisherCore::Watch() {
   m_watched = true;
-  Send({.kind = Request::Kind::Exists, .path = m_path, .watch = m_watch}, &PublisherCore::OnWatched);
+  Send({.kind = Request::Kind::Exists, .path = m_path, .watch = true}, &PublisherCore::OnWatched);
 }
 
 void PublisherCore::OnWatched(Reply& reply) {

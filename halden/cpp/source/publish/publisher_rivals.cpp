@@ -64,7 +64,7 @@ void PublisherCore::Yield(const zr::String& rival) {
 void PublisherCore::AwaitRivalsEnd() {
   if (m_watched) return;
   m_watched = true;
-  Send({.kind = Request::Kind::Exists, .path = m_path, .watch = m_watch}, &PublisherCore::OnRivalLookedAt);
+  Send({.kind = Request::Kind::Exists, .path = m_path, .watch = true}, &PublisherCore::OnRivalLookedAt);
 }
 
 void PublisherCore::OnRivalLookedAt(Reply& reply) {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "base/log_sources.h"
+#include "error_policy.h"
 
 namespace zr::halden::details {
 
@@ -155,6 +156,7 @@ void ConnectionCore::Ready(const pollfd& socket) {
 }
 
 void ConnectionCore::AddListener(const std::shared_ptr<ConnectionListener>& listener) {
+  if (m_listeners.size() > 2 * m_listening + 16) ForgetDeadListeners();
   m_listeners.push_back(listener);
   if (Connected()) listener->OnConnected(true);
   listener->OnStateChanged();  // it may have been asked before it heard
@@ -162,6 +164,19 @@ void ConnectionCore::AddListener(const std::shared_ptr<ConnectionListener>& list
 
 void ConnectionCore::Submit(Request request) {
   if (m_epoch) m_epoch->Submit(std::move(request));
+}
+
+/// The library cannot be made to forget a watch, but with its handle. A new one costs a full read of what is
+/// still wanted: so it is for when that is the smaller part.
+void ConnectionCore::RemoveWatcher(const zr::String& root, const WatchRoutes::ContextPtr& context,
+                                   std::size_t watches) {
+  constexpr std::size_t tooMany = 4096;
+  if (!m_routes.Remove(root, context) || !m_epoch) return;
+  m_unusedWatches += watches;
+  if (!Connected() || m_unusedWatches < std::max(tooMany, m_epoch->Watches().Count() / 2)) return;
+  ZRLOG(ZRLOG_INFO, ConnectionLog()) << "most watches are of watchers that are gone, trying anew, dc_name="
+                                     << m_options.dcName;
+  ReplaceHandle();
 }
 
 void ConnectionCore::DoStart(const std::optional<clientid_t>& session) {
@@ -234,7 +249,13 @@ void ConnectionCore::OpenLater() {
 
 std::shared_ptr<Epoch> ConnectionCore::OpenHandle(const clientid_t* resume,
                                                   Epoch::SessionFunction onSession) {
-  auto epoch = std::make_shared<Epoch>(Poster(), m_target->ensemble.chroot, std::move(onSession));
+  auto epoch =
+      std::make_shared<Epoch>(Poster(), m_target->ensemble.chroot, std::move(onSession),
+                              [this](int type, int state, const zr::String& path) {
+                                for (const auto& context : m_routes.Find(path)) {
+                                  TaskThread::RunGuarded([&] { context->Invoke(type, state, path); });
+                                }
+                              });
   const int error = epoch->Open(m_addresses->Text(), m_options.sessionTimeout, resume);
   if (error != 0) {
     SetError(ZSYSTEMERROR, "no client handle: " + std::generic_category().message(error));
@@ -249,6 +270,7 @@ std::shared_ptr<Epoch> ConnectionCore::OpenHandle(const clientid_t* resume,
 std::shared_ptr<Epoch> ConnectionCore::EndEpoch() {
   auto epoch = std::exchange(m_epoch, nullptr);
   m_session = {};
+  m_unusedWatches = 0;
   ++m_attempt;
   Tell([](ConnectionListener& listener) { listener.OnDisconnected(true); });
   return epoch;
@@ -332,7 +354,20 @@ void ConnectionCore::OnEstablished() {
   SetState(ConnectionState::Connected);
   ZRLOG(ZRLOG_INFO, ConnectionLog()) << "connected, session_id=" << Hex{m_session.client_id}
                                      << ", dc_name=" << m_options.dcName;
+  if (newEpoch && resumed) RaiseBarrier();
   Tell([newEpoch](ConnectionListener& listener) { listener.OnConnected(newEpoch); });
+}
+
+/// A handle that went on shows servers what it has seen, and a new session was written by a quorum. But a new handle
+/// that takes up a session has seen nothing: a leader that was deposed while it was frozen, and does not know it
+/// yet, accepts it, and reads with the past. It cannot complete a transaction, though. So one goes before all
+/// other requests: answers come in order, and behind its own, whatever that is, comes nothing that is outdated.
+void ConnectionCore::RaiseBarrier() {
+  Request barrier{.kind = Request::Kind::Barrier, .path = "/", .outsideChroot = true};
+  barrier.reply = [this](const Reply& reply) {
+    if (ActionFor(reply.code) == ErrorAction::Retry) ReplaceHandle();  // not carried out, and nothing proven
+  };
+  m_epoch->Submit(std::move(barrier));
 }
 
 void ConnectionCore::OnLost() {
@@ -389,8 +424,13 @@ void ConnectionCore::SetError(int code, zr::String text) {
   m_board.SetError(code, std::move(text));
 }
 
-void ConnectionCore::Tell(const std::function<void(ConnectionListener&)>& what) {
+void ConnectionCore::ForgetDeadListeners() {
   std::erase_if(m_listeners, [](const auto& weak) { return weak.expired(); });
+  m_listening = m_listeners.size();
+}
+
+void ConnectionCore::Tell(const std::function<void(ConnectionListener&)>& what) {
+  ForgetDeadListeners();
   const auto listeners = m_listeners;  // a listener may add another
   for (const auto& weak : listeners) {
     if (const auto listener = weak.lock()) what(*listener);

@@ -18,6 +18,7 @@
 #include "session/epoch.h"
 #include "session/session_end.h"
 #include "session/status_board.h"
+#include "session/watch_routes.h"
 #include "session/watchdog.h"
 #include "zrstl/string.h"
 
@@ -95,6 +96,12 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   const zr::String& Chroot() const { return m_target->ensemble.chroot; }
   /// Dropped without an answer while there is no epoch.
   void Submit(Request request);
+  /// From here on the context is told of events of all watches at `root` and below, whoever set them.
+  void AddWatcher(const zr::String& root, const WatchRoutes::ContextPtr& context) {
+    m_routes.Add(root, context);
+  }
+  /// `watches`: about how many it leaves behind in the client library.
+  void RemoveWatcher(const zr::String& root, const WatchRoutes::ContextPtr& context, std::size_t watches);
 
  private:
   /// What to connect to, checked.
@@ -127,6 +134,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   std::shared_ptr<Epoch> OpenHandle(const clientid_t* resume, Epoch::SessionFunction onSession);
   std::shared_ptr<Epoch> EndEpoch();
   void ReplaceHandle();
+  void RaiseBarrier();
   void Watch(const std::weak_ptr<Epoch>& epoch, const std::shared_ptr<Watchdog>& watchdog);
   void Act(Watchdog::Verdict verdict);
 
@@ -141,6 +149,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   void SetState(ConnectionState state);
   void SetError(int code, zr::String text);
   void UpdateClosed() { m_board.SetClosed(!m_wanted && !m_epoch && !m_sessionEnd->UnderWay()); }
+  void ForgetDeadListeners();
   void Tell(const std::function<void(ConnectionListener&)>& what);
 
   // Constant after construction.
@@ -161,6 +170,9 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   std::optional<clientid_t> m_resume;  // what the next epoch resumes
   Backoff m_backoff{std::chrono::milliseconds(100), std::chrono::seconds(10)};
   std::vector<std::weak_ptr<ConnectionListener>> m_listeners;
+  std::size_t m_listening = 0;  // of these, when it was last looked at
+  WatchRoutes m_routes;
+  std::size_t m_unusedWatches = 0;         // about: of the current epoch's, those that nobody wants any more
   std::shared_ptr<ConnectionCore> m_self;  // while ending: a dropped connection ends its session all the same
 
   // Any thread.

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <exception>
 #include <utility>
 
 #include "session/client_adaptor.h"
@@ -28,8 +29,11 @@ void Cork(int socket, int on) {
 
 }  // namespace
 
-Epoch::Epoch(PostFunction post, zr::String root, SessionFunction onSession)
-    : m_post(std::move(post)), m_root(std::move(root)), m_onSession(std::move(onSession)) {}
+Epoch::Epoch(PostFunction post, zr::String root, SessionFunction onSession, EventFunction onEvent)
+    : m_post(std::move(post)),
+      m_root(std::move(root)),
+      m_onSession(std::move(onSession)),
+      m_onEvent(std::move(onEvent)) {}
 
 Epoch::~Epoch() {
   Abandon();
@@ -171,14 +175,13 @@ void Epoch::Submit(Request request) {
 }
 
 void Epoch::Send(Request request) {
-  if (m_free.empty()) m_free.push_back(&m_slots.emplace_back(Slot{this, {}}));
+  if (m_free.empty()) m_free.push_back(&m_slots.emplace_back(Slot{this, {}, {}}));
   Slot* const slot = m_free.back();
   m_free.pop_back();
   slot->request = std::move(request);
   if (m_outstanding++ == 0) m_lastHeard = Clock::now();
-  Binding* const binding = slot->request.watch ? Bind(slot->request.watch) : nullptr;
   const auto& path = slot->request.path;
-  const int code = Call(slot, slot->request.outsideChroot ? path : m_root + path, binding);
+  const int code = Call(slot, slot->request.outsideChroot ? path : m_root + path);
   if (code == ZOK) return;
   m_post(Clock::duration::zero(), [weak = weak_from_this(), slot, code] {
     const auto self = weak.lock();
@@ -190,17 +193,17 @@ void Epoch::Send(Request request) {
 }
 
 /// Hands the request to the library. On success a completion will come back for the slot.
-int Epoch::Call(Slot* slot, const zr::String& path, Binding* binding) {
+int Epoch::Call(Slot* slot, const zr::String& path) {
   const Request& request = slot->request;
-  watcher_fn const watcher = binding != nullptr ? &Epoch::OnWatch : nullptr;
+  watcher_fn const watcher = request.watch ? &Epoch::OnWatch : nullptr;
   const int length = static_cast<int>(request.data.size());
   switch (request.kind) {
     case Request::Kind::Get:
-      return zoo_awget(m_handle, path.c_str(), watcher, binding, &Epoch::OnData, slot);
+      return zoo_awget(m_handle, path.c_str(), watcher, this, &Epoch::OnData, slot);
     case Request::Kind::GetChildren:
-      return zoo_awget_children2(m_handle, path.c_str(), watcher, binding, &Epoch::OnChildren, slot);
+      return zoo_awget_children2(m_handle, path.c_str(), watcher, this, &Epoch::OnChildren, slot);
     case Request::Kind::Exists:
-      return zoo_awexists(m_handle, path.c_str(), watcher, binding, &Epoch::OnStat, slot);
+      return zoo_awexists(m_handle, path.c_str(), watcher, this, &Epoch::OnStat, slot);
     case Request::Kind::Sync:
       return zoo_async(m_handle, path.c_str(), &Epoch::OnString, slot);
     case Request::Kind::Create:
@@ -211,38 +214,36 @@ int Epoch::Call(Slot* slot, const zr::String& path, Binding* binding) {
                       slot);
     case Request::Kind::Delete:
       return zoo_adelete(m_handle, path.c_str(), request.version, &Epoch::OnVoid, slot);
+    case Request::Kind::Barrier: {
+      zoo_op_t check;
+      zoo_check_op_init(&check, path.c_str(), request.version);
+      return zoo_amulti(m_handle, 1, &check, &slot->result, &Epoch::OnVoid, slot);
+    }
   }
   return ZBADARGUMENTS;
 }
 
-/// One binding for a context: the library then keeps its watches under few distinct pointers, which it
-/// compares pair by pair at every session event.
-Epoch::Binding* Epoch::Bind(const std::shared_ptr<Connection::WatchContext>& context) {
-  Binding*& binding = m_bindingOf[context.get()];
-  // An address can be that of an earlier context, now gone, whose binding the library may still know.
-  if (binding == nullptr || binding->context.expired()) {
-    binding = &m_bindings.emplace_back(Binding{this, context});
-  }
-  return binding;
-}
-
+/// Whatever is thrown on the way costs that step only: the slot is free, and the next request has its turn.
 void Epoch::Complete(Slot& slot, Reply& reply) {
   const Request request = std::exchange(slot.request, Request{});
   m_free.push_back(&slot);
   --m_outstanding;
   m_lastHeard = Clock::now();
-  if (request.watch) m_watches.Count(request, m_root + request.path, reply.code);
-  if (!m_waiting.empty()) {
+  TaskThread::RunGuarded([&] {
+    if (request.watch) m_watches.Count(request, m_root + request.path, reply.code);
+  });
+  TaskThread::RunGuarded([&] {
+    if (m_waiting.empty()) return;
     Request next = std::move(m_waiting.front());
     m_waiting.pop_front();
     Send(std::move(next));
-  }
+  });
   if (request.reply) request.reply(reply);
 }
 
-void Epoch::Dispatch(const Binding& binding, int type, int state, const std::string& path) {
+void Epoch::Dispatch(int type, int state, const std::string& path) {
   m_watches.Uncount(type, path);
-  if (const auto context = binding.context.lock()) context->Invoke(type, state, path.substr(m_root.size()));
+  m_onEvent(type, state, path.substr(m_root.size()));
 }
 
 void Epoch::OnSession(zhandle_t* /*handle*/, int type, int state, const char* /*path*/,
@@ -252,11 +253,11 @@ void Epoch::OnSession(zhandle_t* /*handle*/, int type, int state, const char* /*
   TaskThread::RunGuarded([&] { self.m_onSession(self, state); });
 }
 
-void Epoch::OnWatch(zhandle_t* /*handle*/, int type, int state, const char* path, void* context) noexcept {
-  if (type == ZOO_SESSION_EVENT) return;  // every watch gets these too; the handle's own watcher tells them
-  const auto& binding = *static_cast<const Binding*>(context);
-  if (binding.epoch->m_life != Life::Open) return;
-  TaskThread::RunGuarded([&] { binding.epoch->Dispatch(binding, type, state, path); });
+/// All watches have the epoch itself as their context, and are told of every session event too.
+void Epoch::OnWatch(zhandle_t* /*handle*/, int type, int state, const char* path, void* epoch) noexcept {
+  auto& self = *static_cast<Epoch*>(epoch);
+  if (type == ZOO_SESSION_EVENT || self.m_life != Life::Open) return;
+  TaskThread::RunGuarded([&] { self.Dispatch(type, state, path); });
 }
 
 /// `fill` adds to the answer what only some have.
@@ -266,13 +267,15 @@ void Epoch::Answer(const void* context, int code, const Stat* stat, const Fill& 
   auto& slot = *static_cast<Slot*>(const_cast<void*>(context));
   Epoch& self = *slot.epoch;
   if (self.m_life != Life::Open) return;
-  TaskThread::RunGuarded([&] {
-    Reply reply;
-    reply.code = code;
-    if (stat != nullptr) reply.stat = *stat;
+  Reply reply;
+  reply.code = code;
+  if (stat != nullptr) reply.stat = *stat;
+  try {
     fill(reply);
-    self.Complete(slot, reply);
-  });
+  } catch (const std::exception&) {  // no memory for what was read
+    reply.code = ZSYSTEMERROR;
+  }
+  TaskThread::RunGuarded([&] { self.Complete(slot, reply); });
 }
 
 void Epoch::OnData(int code, const char* value, int length, const Stat* stat, const void* slot) noexcept {

@@ -10,7 +10,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "base/task_thread.h"
@@ -31,9 +30,11 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
  public:
   /// `state`: ZOO_CONNECTED_STATE, ... `Close` must not be called from inside it, `Abandon` may.
   using SessionFunction = std::function<void(Epoch&, int state)>;
+  /// The event of a watch: as of Connection::WatchFunction.
+  using EventFunction = std::function<void(int type, int state, const zr::String& path)>;
 
   /// `root`: what stands before every path; may be empty.
-  Epoch(PostFunction post, zr::String root, SessionFunction onSession);
+  Epoch(PostFunction post, zr::String root, SessionFunction onSession, EventFunction onEvent);
   ~Epoch();
 
   Epoch(const Epoch&) = delete;
@@ -74,16 +75,13 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   struct Slot {
     Epoch* epoch;
     Request request;
-  };
-  struct Binding {
-    Epoch* epoch;
-    std::weak_ptr<Connection::WatchContext> context;
+    zoo_op_result_t result;  // of a Barrier's only operation; nobody looks at it
   };
   /// Open -> Closing (let go of inside a call of the library) -> Closed;   Open -> Closed
   enum class Life : std::uint8_t { Open, Closing, Closed };
 
   static void OnSession(zhandle_t*, int type, int state, const char* path, void* epoch) noexcept;
-  static void OnWatch(zhandle_t*, int type, int state, const char* path, void* binding) noexcept;
+  static void OnWatch(zhandle_t*, int type, int state, const char* path, void* epoch) noexcept;
   static void OnData(int code, const char* value, int length, const Stat* stat, const void* slot) noexcept;
   static void OnChildren(int code, const String_vector* names, const Stat* stat, const void* slot) noexcept;
   static void OnStat(int code, const Stat* stat, const void* slot) noexcept;
@@ -101,14 +99,14 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   void TakeSocket(int socket);
 
   void Send(Request request);
-  int Call(Slot* slot, const zr::String& path, Binding* binding);
-  Binding* Bind(const std::shared_ptr<Connection::WatchContext>& context);
+  int Call(Slot* slot, const zr::String& path);
   void Complete(Slot& slot, Reply& reply);
-  void Dispatch(const Binding& binding, int type, int state, const std::string& path);
+  void Dispatch(int type, int state, const std::string& path);
 
   const PostFunction m_post;
   const zr::String m_root;
   const SessionFunction m_onSession;
+  const EventFunction m_onEvent;
 
   zhandle_t* m_handle = nullptr;
   zr::String m_addresses;  // that the handle was given last
@@ -122,9 +120,7 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   std::vector<Slot*> m_free;
   std::deque<Request> m_waiting;
   std::size_t m_outstanding = 0;
-  Clock::time_point m_lastHeard;   // the last answer, or request when none was outstanding
-  std::deque<Binding> m_bindings;  // every one ever made: the library may hold its address until the close
-  std::unordered_map<const Connection::WatchContext*, Binding*> m_bindingOf;
+  Clock::time_point m_lastHeard;  // the last answer, or request when none was outstanding
   WatchBudget m_watches;
 };
 

@@ -5,11 +5,9 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "halden/connection_v2.h"
 #include "zrstl/string.h"
 
 namespace zr::halden::details {
@@ -26,15 +24,24 @@ using ReplyFunction = std::function<void(Reply&)>;
 
 /// One asynchronous ZooKeeper request.
 struct Request {
-  enum class Kind : std::uint8_t { Get, GetChildren, Exists, Sync, Create, Set, Delete };
+  enum class Kind : std::uint8_t {
+    Get,
+    GetChildren,
+    Exists,
+    Sync,
+    Create,
+    Set,
+    Delete,
+    Barrier  ///< a transaction that changes nothing: who answers it, whatever it is, is up to date
+  };
 
   Kind kind = Kind::Get;
   zr::String path;             ///< absolute, below the chroot
   bool outsideChroot = false;  ///< `path` is below the ensemble's own root instead
-  std::shared_ptr<Connection::WatchContext> watch = nullptr;  ///< reads: also set a watch
-  std::string data = {};                                      ///< Create, Set
-  int mode = 0;                                               ///< Create: ZOO_EPHEMERAL, ...
-  int version = -1;                                           ///< Set, Delete: -1 for any
+  bool watch = false;          ///< reads: also set a watch
+  std::string data = {};       ///< Create, Set
+  int mode = 0;                ///< Create: ZOO_EPHEMERAL, ...
+  int version = -1;            ///< Set, Delete: -1 for any
   ReplyFunction reply = {};
 };
 

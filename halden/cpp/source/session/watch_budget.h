@@ -17,6 +17,7 @@ namespace zr::halden::details {
 class WatchBudget {
  public:
   bool Exceeded() const { return m_bytes > kLimit; }
+  std::size_t Count() const { return m_count; }
 
   /// A read with a watch was answered.
   void Count(const Request& request, const std::string& path, int code);

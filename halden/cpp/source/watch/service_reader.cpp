@@ -1,8 +1,10 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "watch/service_reader.h"
 
+#include <algorithm>
 #include <utility>
 
+#include "base/chance.h"
 #include "base/log_sources.h"
 #include "error_policy.h"
 #include "node_codec.h"
@@ -16,6 +18,15 @@ namespace {
 constexpr std::size_t kInstanceWindow = 480;
 constexpr std::size_t kMaxOddNames = 1000;
 
+/// All clients of an ensemble come back together when it does. What they have is served meanwhile: so a service that is
+/// known is read anew at some moment of a time that grows with its size.
+Clock::duration Spread(std::size_t instances) {
+  constexpr std::chrono::microseconds each{100};
+  constexpr std::chrono::seconds longest{10};
+  const auto bound = std::min<Clock::duration>(each * instances, longest);
+  return std::chrono::duration_cast<Clock::duration>(bound * Chance());
+}
+
 }  // namespace
 
 ServiceReader::ServiceReader(std::shared_ptr<ConnectionCore> core, const zr::String& service,
@@ -25,28 +36,39 @@ ServiceReader::ServiceReader(std::shared_ptr<ConnectionCore> core, const zr::Str
 void ServiceReader::Start(const Connection& conn) {
   m_watch = std::make_shared<Connection::WatchContext>(
       conn, [weak = weak_from_this()](int type, int /*state*/, const zr::String& path) {
-        if (const auto self = weak.lock()) self->OnWatch(type, path);
+        if (const auto self = weak.lock()) self->Guarded([&] { self->OnWatch(type, path); });
       });
-  m_core->Post([self = shared_from_this()] { self->m_core->AddListener(self); });
+  m_core->Post([self = shared_from_this()] {
+    self->m_core->AddWatcher(self->m_path, self->m_watch);
+    self->m_core->AddListener(self);
+    self->AuditAfter(std::chrono::seconds(1));
+  });
 }
 
 void ServiceReader::Stop() {
-  if (m_watch) m_watch->Invalidate({});
+  if (!m_watch) return;
+  m_watch->Invalidate({});
+  m_core->Post([self = shared_from_this()] {
+    std::size_t watches = 1;
+    for (const auto& partition : self->m_partitions) {
+      watches += partition.listed ? 1 + partition.instances.size() : 0;
+    }
+    self->m_core->RemoveWatcher(self->m_path, self->m_watch, watches);
+  });
 }
 
 void ServiceReader::OnConnected(bool newEpoch) {
-  m_connected = true;
   if (newEpoch) {
     m_readAll = true;
-    m_syncedOnce = false;
-    m_trusting = false;
+    m_trust = Trust::Usual;
   }
+  m_phase = Phase::Waiting;
   // Also after a reconnect: its answer comes behind the events of all that was missed meanwhile.
-  Sync();
+  SyncAfter(m_readAll ? Spread(m_delivery->KnownBefore()) : Clock::duration::zero());
 }
 
 void ServiceReader::OnDisconnected(bool epochOver) {
-  m_connected = false;
+  m_phase = Phase::Away;
   m_delivery->MarkStale();
   if (epochOver) ForgetReads();
 }
@@ -59,25 +81,34 @@ void ServiceReader::OnSessionError(int code) {
   m_delivery->ReportError(code);
 }
 
-/// No answer and no event of the ended epoch will come; the next epoch reads everything.
+/// No answer and no event of what was asked so far will come; everything is to be read.
 void ServiceReader::ForgetReads() {
-  m_service = {};
+  const auto forget = [](ReadState& state) { state = {.toldRefused = state.toldRefused}; };
+  ++m_generation;
+  m_ledger = {};
+  forget(m_service.read);
   for (Partition& partition : m_partitions) {
-    partition.read = {};
+    forget(partition.list.read);
     partition.listed = false;
-    for (auto& [id, instance] : partition.instances) instance.read = {};
+    for (auto& [id, instance] : partition.instances) forget(instance.read);
   }
   m_toRead.clear();
   m_instanceReads = 0;
-  m_pending = 0;
-  m_dirty = 0;
-  m_refused = 0;
-  m_syncing = false;
   m_fullRead = false;
+  m_readAll = true;
+}
+
+/// Something was left half done.
+void ServiceReader::StartOver() noexcept {
+  TaskThread::RunGuarded([this] {
+    m_delivery->MarkStale();
+    ForgetReads();
+    if (m_phase != Phase::Away) m_phase = Phase::Waiting;
+    ScheduleRetry(m_retry);
+  });
 }
 
 void ServiceReader::OnWatch(int type, const zr::String& path) {
-  if (!path.starts_with(m_path)) return;
   const std::string_view rest = std::string_view(path).substr(m_path.size());
   if (rest.empty()) return ReadService();
   const auto partition = ParsePartition(rest.substr(1, 2));
@@ -96,21 +127,31 @@ void ServiceReader::OnWatch(int type, const zr::String& path) {
   }
 }
 
+void ServiceReader::SyncAfter(Clock::duration delay) {
+  if (delay < std::chrono::milliseconds(1)) return Sync();
+  m_core->PostAfter(delay, [weak = weak_from_this()] {
+    const auto self = weak.lock();
+    if (self && self->m_phase == Phase::Waiting) self->Sync();
+  });
+}
+
 void ServiceReader::Sync() {
-  if (m_syncing || !m_connected) return;
-  m_syncing = true;
-  Submit(Request::Kind::Sync, m_path, false,
+  if (m_phase == Phase::Away || m_phase == Phase::Syncing) return;
+  m_phase = Phase::Syncing;
+  Submit(m_trust == Trust::Doubtful ? Request::Kind::Barrier : Request::Kind::Sync, m_path, false,
          [](ServiceReader& self, const Reply& reply) { self.OnSync(reply); });
 }
 
 void ServiceReader::OnSync(const Reply& reply) {
-  m_syncing = false;
+  if (m_phase != Phase::Syncing) return;
   const ErrorAction action = ActionFor(reply.code);
-  if (action == ErrorAction::AwaitSession || action == ErrorAction::Retry) return ScheduleRetry();
-  m_trusting = m_syncedOnce;
-  m_syncedOnce = true;
-  if (m_readAll) {
-    m_readAll = false;
+  if (action == ErrorAction::AwaitSession || action == ErrorAction::Retry) {
+    m_phase = Phase::Waiting;
+    return ScheduleRetry(m_retry);
+  }
+  m_phase = Phase::Following;
+  if (m_trust == Trust::Doubtful) m_trust = Trust::Proven;
+  if (std::exchange(m_readAll, false)) {
     m_fullRead = true;
     ReadService();
   }
@@ -120,11 +161,11 @@ void ServiceReader::OnSync(const Reply& reply) {
 }
 
 void ServiceReader::ReadDirty() {
-  if (m_dirty == 0) return;
-  if (m_service.dirty) ReadService();
-  for (std::size_t i = 0; i < kPartitions && m_dirty != 0; ++i) {
+  if (m_ledger.Dirty() == 0) return;
+  if (m_service.read.dirty) ReadService();
+  for (std::size_t i = 0; i < kPartitions && m_ledger.Dirty() != 0; ++i) {
     Partition& partition = m_partitions[i];
-    if (partition.read.dirty) ReadPartition(static_cast<std::uint8_t>(i));
+    if (partition.list.read.dirty) ReadPartition(static_cast<std::uint8_t>(i));
     for (const auto& [id, instance] : partition.instances) {
       if (instance.read.dirty) ReadInstance(id);
     }
@@ -132,32 +173,34 @@ void ServiceReader::ReadDirty() {
 }
 
 void ServiceReader::ReadService() {
-  if (!Begin(m_service)) return;
+  if (!m_ledger.Begin(m_service.read)) return;
   Submit(Request::Kind::GetChildren, m_path, true,
          [](ServiceReader& self, Reply& reply) { self.OnService(reply); });
 }
 
 void ServiceReader::OnService(Reply& reply) {
-  if (!End(m_service)) return ReadService();
+  if (!m_ledger.End(m_service.read)) {
+    m_service.audited = false;  // the event has come
+    return ReadService();
+  }
   switch (ActionFor(reply.code)) {
     case ErrorAction::Done:
       OnServiceListed(reply);
       break;
     case ErrorAction::Absent:
+      TakeListing(m_service, reply, m_path);
       for (std::size_t i = 0; i < kPartitions; ++i) OnPartitionAbsent(static_cast<std::uint8_t>(i));
       AwaitService();
       break;
     default:
-      Fail(m_service, reply.code, m_path);
+      Fail(m_service.read, reply.code, m_path);
   }
   FinishIfComplete();
 }
 
 void ServiceReader::OnServiceListed(const Reply& reply) {
-  if (reply.stat.pzxid < m_servicePzxid && !m_trusting) {
-    return Fail(m_service, ZRUNTIMEINCONSISTENCY, m_path);
-  }
-  m_servicePzxid = reply.stat.pzxid;
+  if (IsOlder(m_service, reply)) return Fail(m_service.read, ZRUNTIMEINCONSISTENCY, m_path);
+  TakeListing(m_service, reply, m_path);
   std::array<bool, kPartitions> present{};
   for (const auto& name : reply.children) {
     if (const auto number = ParsePartition(name)) {
@@ -170,7 +213,7 @@ void ServiceReader::OnServiceListed(const Reply& reply) {
     const auto number = static_cast<std::uint8_t>(i);
     if (!present[i]) {
       // One that is being read answers for itself: it may have been created since.
-      if (!m_partitions[i].read.reading) OnPartitionAbsent(number);
+      if (!m_partitions[i].list.read.reading) OnPartitionAbsent(number);
     } else if (!m_partitions[i].listed) {
       ReadPartition(number);
     }
@@ -179,87 +222,91 @@ void ServiceReader::OnServiceListed(const Reply& reply) {
 
 /// A list leaves no watch on a node that is absent; a check for existence does.
 void ServiceReader::AwaitService() {
-  if (!Begin(m_service)) return;
+  if (!m_ledger.Begin(m_service.read)) return;
   Submit(Request::Kind::Exists, m_path, true,
          [](ServiceReader& self, const Reply& reply) { self.OnServiceAwaited(reply); });
 }
 
 void ServiceReader::OnServiceAwaited(const Reply& reply) {
-  const bool changed = !End(m_service);
+  const bool changed = !m_ledger.End(m_service.read);
   const ErrorAction action = ActionFor(reply.code);
   if (changed || action == ErrorAction::Done) return ReadService();
-  if (action != ErrorAction::Absent) Fail(m_service, reply.code, m_path);
+  if (action != ErrorAction::Absent) Fail(m_service.read, reply.code, m_path);
   FinishIfComplete();
 }
 
 void ServiceReader::ReadPartition(std::uint8_t number) {
-  if (!Begin(m_partitions[number].read)) return;
+  if (!m_ledger.Begin(m_partitions[number].list.read)) return;
   Submit(Request::Kind::GetChildren, PartitionPath(m_path, number), true,
          [number](ServiceReader& self, Reply& reply) { self.OnPartition(number, reply); });
 }
 
 void ServiceReader::OnPartition(std::uint8_t number, Reply& reply) {
   Partition& partition = m_partitions[number];
-  if (!End(partition.read)) return ReadPartition(number);
+  if (!m_ledger.End(partition.list.read)) {
+    partition.list.audited = false;
+    return ReadPartition(number);
+  }
   switch (ActionFor(reply.code)) {
     case ErrorAction::Done:
       OnPartitionListed(number, reply);
       break;
     case ErrorAction::Absent:  // the service's own child watch tells when it comes back
+      TakeListing(partition.list, reply, PartitionPath(m_path, number));
       OnPartitionAbsent(number);
       break;
     default:
-      Fail(partition.read, reply.code, PartitionPath(m_path, number));
+      Fail(partition.list.read, reply.code, PartitionPath(m_path, number));
   }
   FinishIfComplete();
 }
 
 void ServiceReader::OnPartitionListed(std::uint8_t number, const Reply& reply) {
   Partition& partition = m_partitions[number];
-  if (reply.stat.pzxid < partition.pzxid && !m_trusting) {
-    return Fail(partition.read, ZRUNTIMEINCONSISTENCY, PartitionPath(m_path, number));
-  }
+  const zr::String path = PartitionPath(m_path, number);
+  if (IsOlder(partition.list, reply)) return Fail(partition.list.read, ZRUNTIMEINCONSISTENCY, path);
+  TakeListing(partition.list, reply, path);
   const bool firstInEpoch = !std::exchange(partition.listed, true);
-  partition.pzxid = reply.stat.pzxid;
   ++partition.listing;
   for (const auto& name : reply.children) {
     const auto id = ParseServiceId(name);
     if (!id || PartitionOf(*id) != number) {
-      LogOddName(PartitionPath(m_path, number) + "/" + name);
+      LogOddName(path + "/" + name);
       continue;
     }
     const auto [entry, isNew] = partition.instances.try_emplace(*id);
     entry->second.listing = partition.listing;
     if (isNew || firstInEpoch) ReadInstance(*id);
   }
-  std::vector<ServiceId> gone;
-  for (const auto& [id, instance] : partition.instances) {
-    // One that is being read answers for itself.
-    if (instance.listing != partition.listing && !instance.read.reading) gone.push_back(id);
-  }
-  for (const auto& id : gone) RemoveInstance(id);
+  RemoveUnread(partition, [&partition](const Instance& one) { return one.listing != partition.listing; });
 }
 
 void ServiceReader::OnPartitionAbsent(std::uint8_t number) {
   Partition& partition = m_partitions[number];
+  m_ledger.Clean(partition.list.read);
   partition.listed = false;
+  RemoveUnread(partition, [](const Instance&) { return true; });
+}
+
+/// One that is being read answers for itself.
+void ServiceReader::RemoveUnread(Partition& partition, const std::function<bool(const Instance&)>& isGone) {
   std::vector<ServiceId> gone;
   for (const auto& [id, instance] : partition.instances) {
-    if (!instance.read.reading) gone.push_back(id);
+    if (!instance.read.reading && isGone(instance)) gone.push_back(id);
   }
   for (const auto& id : gone) RemoveInstance(id);
 }
 
 void ServiceReader::ReadInstance(const ServiceId& id) {
-  if (!Begin(m_partitions[PartitionOf(id)].instances[id].read)) return;
+  if (!m_ledger.Begin(m_partitions[PartitionOf(id)].instances[id].read)) return;
   m_toRead.push_back(id);
   SendInstanceReads();
 }
 
-/// By the half window, so that requests, answers and the threads' waking up come in batches too.
+/// By the half window, so that requests and answers come in batches.
 void ServiceReader::SendInstanceReads() {
   if (m_instanceReads > kInstanceWindow / 2) return;
-  while (m_connected && !m_toRead.empty() && m_instanceReads < kInstanceWindow) {
+  while (m_phase != Phase::Away && !m_toRead.empty() && m_instanceReads < kInstanceWindow) {
     const ServiceId id = m_toRead.front();
     m_toRead.pop_front();
     ++m_instanceReads;
@@ -271,20 +318,17 @@ void ServiceReader::SendInstanceReads() {
 void ServiceReader::OnInstance(const ServiceId& id, Reply& reply) {
   --m_instanceReads;
   ReadState& state = m_partitions[PartitionOf(id)].instances[id].read;
-  if (!End(state)) return ReadInstance(id);
+  if (!m_ledger.End(state)) return ReadInstance(id);
   switch (ActionFor(reply.code)) {
     case ErrorAction::Done:
+      state.toldRefused = false;
       OnInstanceData(id, reply);
       break;
     case ErrorAction::Absent:
       RemoveInstance(id);
       break;
-    case ErrorAction::Report:
-      state.refused = true;
-      ++m_refused;
-      [[fallthrough]];
     default:
-      Fail(state, reply.code, InstancePath(m_path, id));
+      Fail(state, reply.code, InstancePath(m_path, id), true);
   }
   SendInstanceReads();
   FinishIfComplete();
@@ -294,9 +338,11 @@ void ServiceReader::OnInstanceData(const ServiceId& id, const Reply& reply) {
   const NodeVersion version{reply.stat.czxid, reply.stat.mzxid};
   DecodedNode decoded = DecodeNode(reply.value);
   const bool good = decoded.payload.has_value();
-  const auto outcome = good ? m_delivery->Put(id, version, std::move(*decoded.payload), m_trusting)
-                            : m_delivery->Quarantine(id, version, m_trusting);
+  const bool force = m_trust == Trust::Proven;
+  const auto outcome = good ? m_delivery->Put(id, version, std::move(*decoded.payload), force)
+                            : m_delivery->Quarantine(id, version, force);
   if (outcome == InstanceTable::Outcome::Older) {
+    m_trust = Trust::Doubtful;
     return Fail(m_partitions[PartitionOf(id)].instances[id].read, ZRUNTIMEINCONSISTENCY,
                 InstancePath(m_path, id));
   }
@@ -313,67 +359,54 @@ void ServiceReader::RemoveInstance(const ServiceId& id) {
   auto& instances = m_partitions[PartitionOf(id)].instances;
   const auto instance = instances.find(id);
   if (instance != instances.end()) {
-    Clean(instance->second.read);
+    m_ledger.Clean(instance->second.read);
     instances.erase(instance);
   }
   m_delivery->Remove(id);
 }
 
-/// True when the node is to be read now; a read under way is told to be followed by another.
-bool ServiceReader::Begin(ReadState& state) {
-  if (state.reading) {
-    state.again = true;
-    return false;
-  }
-  Clean(state);
-  state.reading = true;
-  ++m_pending;
+bool ServiceReader::IsOlder(const List& list, const Reply& reply) {
+  if (reply.stat.pzxid >= list.pzxid || m_trust == Trust::Proven) return false;
+  m_trust = Trust::Doubtful;
   return true;
 }
 
-/// False when the node has changed since the read began: the answer may be outdated.
-bool ServiceReader::End(ReadState& state) {
-  state.reading = false;
-  --m_pending;
-  return !std::exchange(state.again, false);
-}
-
-void ServiceReader::Clean(ReadState& state) {
-  if (std::exchange(state.dirty, false)) --m_dirty;
-  if (std::exchange(state.refused, false)) --m_refused;
-}
-
-/// The node stays dirty until it is read again: after a reconnect, or a back-off.
-void ServiceReader::Fail(ReadState& state, int code, const zr::String& path) {
-  if (!std::exchange(state.dirty, true)) ++m_dirty;
-  if (ActionFor(code) != ErrorAction::AwaitSession) {
+/// The node stays dirty until it is read again: after a reconnect, or a back-off. Single instances that are
+/// refused hold nothing up; everything else that cannot be read does.
+void ServiceReader::Fail(ReadState& state, int code, const zr::String& path, bool ofInstance) {
+  const bool refused = ActionFor(code) == ErrorAction::Report;
+  m_ledger.Fail(state, refused && ofInstance);
+  if (!refused || !ofInstance) m_delivery->MarkStale();
+  const bool told = refused && std::exchange(state.toldRefused, true);
+  if (ActionFor(code) != ErrorAction::AwaitSession && !told) {
     ZRLOG(ZRLOG_WARNING, WatcherLog()) << "read failed, error=" << zerror(code)
                                        << ", dc_name=" << m_core->DataCenterName() << ", path=" << path;
   }
-  if (ActionFor(code) == ErrorAction::Report) {
-    m_delivery->ReportError(code);
-    ScheduleRetry(m_refusedBackoff, m_refusedRetryScheduled);
-  } else {
-    ScheduleRetry();
-  }
+  if (refused) m_delivery->ReportError(code);
+  ScheduleRetry(refused ? m_refusedRetry : m_retry);
 }
 
-/// `backoff` and `scheduled` are members.
-void ServiceReader::ScheduleRetry(Backoff& backoff, bool& scheduled) {
-  if (std::exchange(scheduled, true)) return;
-  m_core->PostAfter(backoff.Next(), [weak = weak_from_this(), &scheduled] {
+/// `retry` is a member.
+void ServiceReader::ScheduleRetry(Retry& retry) {
+  if (retry.scheduled) return;
+  m_core->PostAfter(retry.backoff.Next(), [weak = weak_from_this(), &retry] {
     const auto self = weak.lock();
     if (!self) return;
-    scheduled = false;
+    retry.scheduled = false;
+    if (&retry == &self->m_refusedRetry && self->m_ledger.Dirty() != 0) {
+      ZRLOG(ZRLOG_WARNING, WatcherLog())
+          << "nodes that could not be read are asked for again, nodes=" << self->m_ledger.Dirty()
+          << ", dc_name=" << self->m_core->DataCenterName() << ", path=" << self->m_path;
+    }
     self->Sync();  // reads the dirty nodes; without a connection, the next reconnect does
   });
+  retry.scheduled = true;
 }
 
 void ServiceReader::FinishIfComplete() {
-  if (!m_connected || m_syncing || m_readAll || m_pending != 0) return;
-  if (m_dirty != m_refused) return;
-  m_backoff.Reset();
-  if (m_dirty == 0) m_refusedBackoff.Reset();
+  if (!IsAtRest() || m_ledger.Dirty() != m_ledger.Refused()) return;
+  m_retry.backoff.Reset();
+  if (m_ledger.Dirty() == 0) m_refusedRetry.backoff.Reset();
   m_delivery->MarkLive(std::exchange(m_fullRead, false));
 }
 

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -17,6 +18,8 @@
 #include "halden/service_id.h"
 #include "layout.h"
 #include "session/connection_core.h"
+#include "watch/audit.h"
+#include "watch/read_ledger.h"
 #include "watch/watcher_delivery.h"
 
 namespace zr::halden::details {
@@ -28,14 +31,15 @@ namespace zr::halden::details {
 /// watch's event reads its node again. At most one read of a node is under way; a change meanwhile reads it
 /// once more. A new epoch reads everything, after a sync, so that a server that lags behind does not answer
 /// with the past. A read that failed leaves its node dirty; dirty nodes are read again after a reconnect or a
-/// back-off, behind a sync. What a read says is older than what is known is not believed the first time;
-/// after that sync it is (the ensemble was then set up anew).
+/// back-off, behind a sync. What is read to be older than what is known is not believed the first time; behind
+/// a barrier it is (the ensemble was then set up anew).
 /// Removals: an instance goes when a live session says so: its node was deleted, is absent, or is missing
 /// from the list of its partition. Never because a read failed.
+/// Live: every list is read, and every instance in them, but for those that may not be read or do not decode.
 ///
-/// Threads: everything on the connection's thread, except construction and `Start`.
+/// Threads: everything on the connection's thread, except construction, `Start` and `Stop`.
 /// Ownership: shared by the watcher and, for its time, a posted task; requests, timers and watches hold it
-/// weakly.
+/// weakly. Not to be made with std::make_shared: its memory would stay for as long as one of those.
 class ServiceReader final : public ConnectionListener, public std::enable_shared_from_this<ServiceReader> {
  public:
   ServiceReader(std::shared_ptr<ConnectionCore> core, const zr::String& service,
@@ -45,6 +49,8 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   void Start(const Connection& conn);
   /// Any thread: no watch event gets in any more.
   void Stop();
+  /// Any thread.
+  void SetAudit(const AuditIntervals& intervals);
 
   void OnConnected(bool newEpoch) override;
   void OnDisconnected(bool epochOver) override;
@@ -52,30 +58,46 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   void OnStateChanged() override;
 
  private:
-  /// Where the reading of one node stands.
-  ///   idle -> reading -> idle;   reading -> reading again (changed meanwhile);   dirty: failed, to be read
-  ///   again
-  struct ReadState {
-    bool reading = false;
-    bool again = false;
-    bool dirty = false;
-    bool refused = false;  // dirty, and asking again will not help by itself
-  };
+  ///   Away -> Waiting | Syncing                 connected; a known service is read anew only after a while
+  ///   Waiting -> Syncing -> Following           the sync has failed: -> Waiting
+  ///   Following -> Syncing                      something is to be read again
+  ///   any -> Away                               connection lost
+  enum class Phase : std::uint8_t { Away, Waiting, Syncing, Following };
+  /// Usual -> Doubtful (something read is older than known) -> Proven (a barrier has passed)
+  enum class Trust : std::uint8_t { Usual, Doubtful, Proven };
+
   struct Instance {
     ReadState read;
     std::uint32_t listing = 0;  // the partition's listing that had it last
   };
-  struct Partition {
+  struct List {
     ReadState read;
+    bool audited = false;    // the read under way is the audit's: it should find nothing new
+    bool absent = true;      // as read last
+    std::int64_t pzxid = 0;  // of the last listing: a lower one is older
+  };
+  struct Partition {
+    List list;
     bool listed = false;  // in this epoch: its child watch is set
     std::uint32_t listing = 0;
-    std::int64_t pzxid = 0;  // of the last listing: a lower one is older
     std::unordered_map<ServiceId, Instance, ServiceIdHash> instances;
+  };
+  struct Retry {
+    Backoff backoff;
+    bool scheduled = false;
+  };
+  /// What the audit looks at next.
+  struct AuditCursor {
+    std::size_t list = 0;       // the service's own comes behind the partitions
+    std::size_t partition = 0;  // whose instances are in `instances`
+    std::vector<ServiceId> instances;
+    std::uint64_t run = 0;  // a timer of an earlier one finds another number
   };
 
   void OnWatch(int type, const zr::String& path);
 
   void Sync();
+  void SyncAfter(Clock::duration delay);
   void OnSync(const Reply& reply);
   void ReadDirty();
 
@@ -89,6 +111,7 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   void OnPartition(std::uint8_t number, Reply& reply);
   void OnPartitionListed(std::uint8_t number, const Reply& reply);
   void OnPartitionAbsent(std::uint8_t number);
+  void RemoveUnread(Partition& partition, const std::function<bool(const Instance&)>& isGone);
 
   void ReadInstance(const ServiceId& id);
   void SendInstanceReads();
@@ -96,25 +119,44 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   void OnInstanceData(const ServiceId& id, const Reply& reply);
   void RemoveInstance(const ServiceId& id);
 
-  bool Begin(ReadState& state);
-  bool End(ReadState& state);
-  void Clean(ReadState& state);
-  void Fail(ReadState& state, int code, const zr::String& path);
-  void ScheduleRetry() { ScheduleRetry(m_backoff, m_retryScheduled); }
-  void ScheduleRetry(Backoff& backoff, bool& scheduled);
+  // service_audit.cpp
+  void AuditAfter(Clock::duration delay);
+  void RunAudit();
+  void AuditList();
+  void AuditInstance();
+  void OnInstanceAudited(const ServiceId& id, const Reply& reply);
+  void TakeListing(List& list, const Reply& reply, const zr::String& path);
+  void ReportDrift(const zr::String& path);
+
+  bool IsOlder(const List& list, const Reply& reply);
+  void Fail(ReadState& state, int code, const zr::String& path, bool ofInstance = false);
+  void ScheduleRetry(Retry& retry);
+  /// Connected, and nothing is being read.
+  bool IsAtRest() const { return m_phase == Phase::Following && !m_readAll && m_ledger.Pending() == 0; }
   void FinishIfComplete();
   void ForgetReads();
+  void StartOver() noexcept;
   void LogOddName(const zr::String& path);
   template <typename OnReply>
   void Submit(Request::Kind kind, zr::String path, bool watch, OnReply onReply) {
-    Request request;
-    request.kind = kind;
-    request.path = std::move(path);
-    if (watch) request.watch = m_watch;
-    request.reply = [weak = weak_from_this(), onReply](Reply& reply) {
-      if (const auto self = weak.lock()) onReply(*self, reply);
+    Request request{.kind = kind, .path = std::move(path), .watch = watch};
+    request.reply = [weak = weak_from_this(), generation = m_generation, onReply](Reply& reply) {
+      const auto self = weak.lock();
+      if (self && self->m_generation == generation) {
+        self->Guarded([&] { onReply(*self, reply); });
+      }
     };
     m_core->Submit(std::move(request));
+  }
+  /// What fails for want of memory is done again, from the start.
+  template <typename Function>
+  void Guarded(const Function& function) {
+    try {
+      function();
+    } catch (...) {
+      StartOver();
+      throw;
+    }
   }
 
   // Constant after construction.
@@ -126,25 +168,21 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   std::shared_ptr<Connection::WatchContext> m_watch;
 
   // Owned by the connection's thread.
-  bool m_connected = false;
-  bool m_readAll = true;    // the whole service is to be read, after the next sync
-  bool m_fullRead = false;  // that read is under way
-  bool m_syncing = false;
-  bool m_trusting = false;    // a second sync has passed: even what looks older is believed
-  bool m_syncedOnce = false;  // in this epoch
-  bool m_retryScheduled = false;
-  ReadState m_service;
-  std::int64_t m_servicePzxid = 0;  // of the last listing: a lower one is older
+  Phase m_phase = Phase::Away;
+  Trust m_trust = Trust::Usual;
+  bool m_readAll = true;           // the whole service is to be read, after the next sync
+  bool m_fullRead = false;         // that read is under way
+  std::uint64_t m_generation = 0;  // answers to requests of an earlier one are dropped
+  ReadLedger m_ledger;
+  List m_service;
   std::array<Partition, kPartitions> m_partitions;
   std::deque<ServiceId> m_toRead;   // instances whose read waits for its turn
   std::size_t m_instanceReads = 0;  // under way
-  std::size_t m_pending = 0;        // nodes being read or waiting for it
-  std::size_t m_dirty = 0;          // nodes with `dirty` set
-  std::size_t m_refused = 0;        // instances with `refused` set: they hold nothing up
-  Backoff m_backoff{std::chrono::milliseconds(100), std::chrono::seconds(10)};
+  Retry m_retry{{std::chrono::milliseconds(100), std::chrono::seconds(10)}};
   // Apart from the other: a node that is refused for good must not slow down the rest.
-  Backoff m_refusedBackoff{std::chrono::seconds(1), std::chrono::seconds(30)};
-  bool m_refusedRetryScheduled = false;
+  Retry m_refusedRetry{{std::chrono::seconds(1), std::chrono::seconds(30)}};
+  Audit m_audit;
+  AuditCursor m_auditCursor;
   std::unordered_set<std::string> m_oddNames;  // logged already; bounded
 };
 

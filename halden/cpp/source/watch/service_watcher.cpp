@@ -39,7 +39,7 @@ std::string_view ToString(Freshness freshness) {
 
 DataCenterCounters DataCenterStatus::Counters() const {
   return {connection.sessions, connection.reconnects, connection.expiries, watcher.resyncs,
-          watcher.instances,   watcher.held,          watcher.quarantined};
+          watcher.drifts,      watcher.instances,     watcher.held,        watcher.quarantined};
 }
 
 void Check(const std::optional<MassRemovalGuard>& guard) {
@@ -57,7 +57,7 @@ ServiceWatcher::ServiceWatcher(std::shared_ptr<Connection> conn, const zr::Strin
     : m_serviceName(CheckedName(serviceName)),
       m_conn(Checked(std::move(conn))),
       m_delivery(std::make_shared<details::WatcherDelivery>(m_conn->Core(), std::move(errorHandler))),
-      m_reader(std::make_shared<details::ServiceReader>(m_conn->Core(), m_serviceName, m_delivery)) {}
+      m_reader(new details::ServiceReader(m_conn->Core(), m_serviceName, m_delivery)) {}
 
 ServiceWatcher::~ServiceWatcher() {
   m_reader->Stop();
@@ -99,6 +99,10 @@ void ServiceWatcher::SetMassRemovalGuard(const std::optional<MassRemovalGuard>& 
 
 void ServiceWatcher::SetStatusHandler(DataCenterStatusHandler handler) {
   m_delivery->SetStatusHandler(std::move(handler));
+}
+
+void ServiceWatcher::SetAudit(const AuditIntervals& intervals) {
+  m_reader->SetAudit(intervals);
 }
 
 const zr::String& ServiceWatcher::ServiceName() const {

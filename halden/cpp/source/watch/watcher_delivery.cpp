@@ -108,6 +108,21 @@ void WatcherDelivery::MarkStale() {
   Schedule(lock);
 }
 
+void WatcherDelivery::CountDrift() {
+  const std::lock_guard lock(m_mtx);
+  ++m_drifts;
+}
+
+std::size_t WatcherDelivery::KnownBefore() const {
+  const std::lock_guard lock(m_mtx);
+  return m_freshness == Freshness::NeverSynchronized ? 0 : m_table.Size();
+}
+
+NodeVersion WatcherDelivery::Seen(const ServiceId& id) const {
+  const std::lock_guard lock(m_mtx);
+  return m_table.Seen(id);
+}
+
 void WatcherDelivery::MarkLive(bool everythingRead) {
   std::unique_lock lock(m_mtx);
   if (everythingRead) ++m_resyncs;
@@ -157,6 +172,7 @@ ServiceWatcherStatus WatcherDelivery::Status() const {
   status.held = m_table.Held();
   status.quarantined = m_table.Quarantined();
   status.resyncs = m_resyncs;
+  status.drifts = m_drifts;
   status.lastError = m_lastError;
   return status;
 }
@@ -176,9 +192,17 @@ void WatcherDelivery::Schedule(std::unique_lock<std::mutex>& lock) {
   const bool manyToCome = m_freshness != Freshness::Live;
   lock.unlock();
   const auto deliver = [self = shared_from_this()] { self->Deliver(); };
-  if (manyToCome) return m_thread->PostGathered(deliver);
-  // When all that has arrived is read: the thread is then woken once for all of it.
-  m_core->Post([thread = m_thread, deliver] { thread->Post(deliver); });
+  try {
+    if (manyToCome) {
+      m_thread->PostGathered(deliver);
+    } else {  // when all that has arrived is read: the thread is then woken once for all of it
+      m_core->Post([thread = m_thread, deliver] { thread->Post(deliver); });
+    }
+  } catch (...) {  // else nothing would ever be delivered again
+    lock.lock();
+    m_scheduled = false;
+    throw;
+  }
 }
 
 /// m_mtx is held.
@@ -191,10 +215,10 @@ void WatcherDelivery::OnNotHeldAnyMore(const ServiceId& id) {
 void WatcherDelivery::ScheduleGuard() {
   const auto due = m_guard->NextDue();
   if (!due || (m_guardTimer && *m_guardTimer <= *due)) return;
-  m_guardTimer = due;
   m_thread->PostAfter(*due - Clock::now(), [weak = weak_from_this(), due = *due] {
     if (const auto self = weak.lock()) self->OnGuardDue(due);
   });
+  m_guardTimer = due;
 }
 
 void WatcherDelivery::OnGuardDue(RemovalGuard::TimePoint due) {
@@ -217,10 +241,17 @@ void WatcherDelivery::RemoveDue() {
 }
 
 void WatcherDelivery::Deliver() {
-  for (int i = 0; i < kEventsPerTurn; ++i) {
-    if (!DeliverOne()) return;
+  constexpr std::chrono::milliseconds afterFailure{100};
+  const auto again = [self = shared_from_this()] { self->Deliver(); };
+  try {
+    for (int i = 0; i < kEventsPerTurn; ++i) {
+      if (!DeliverOne()) return;
+    }
+    m_thread->Post(again);
+  } catch (...) {  // no memory, say: what was not told is told later
+    m_thread->PostAfter(afterFailure, again);
+    throw;
   }
-  m_thread->Post([self = shared_from_this()] { self->Deliver(); });
 }
 
 /// One instance's change, after all errors that wait; false when nothing is left, or nobody.
@@ -242,7 +273,15 @@ bool WatcherDelivery::DeliverOne() {
   }
   const auto change = m_table.Take();
   lock.unlock();
-  Tell(*watcher, change);
+  ServiceInstanceData data;
+  try {
+    if (!change.payload.empty()) data = ParsePayload(change.payload);
+  } catch (...) {
+    lock.lock();
+    m_table.TakeBack(change);
+    throw;
+  }
+  Tell(*watcher, change, data);
   return true;
 }
 
@@ -270,10 +309,9 @@ void WatcherDelivery::DeliverStatus(std::unique_lock<std::mutex>& lock, const Se
   lock.lock();
 }
 
-void WatcherDelivery::Tell(ServiceWatcher& watcher, const InstanceTable::Change& change) {
+void WatcherDelivery::Tell(ServiceWatcher& watcher, const InstanceTable::Change& change,
+                           const ServiceInstanceData& data) {
   using Observer = ServiceWatcherObserver;
-  const ServiceInstanceData data =
-      change.payload.empty() ? ServiceInstanceData() : ParsePayload(change.payload);
   for (const ChangeKind kind : change.kinds) {
     CallGuarded("observer", [&] {
       switch (kind) {

@@ -43,6 +43,11 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   InstanceTable::Outcome Quarantine(const ServiceId& id, const NodeVersion& version, bool force);
   void Remove(const ServiceId& id);
   void MarkStale();
+  void CountDrift();
+  /// How many are known, if everything was read once; else none.
+  std::size_t KnownBefore() const;
+  /// The newest version that was read of a node; zero where none was.
+  NodeVersion Seen(const ServiceId& id) const;
   /// `everythingRead`: after a complete read, rather than a reconnect that needed none.
   void MarkLive(bool everythingRead);
   /// Tells the error handler; a code that waits to be told already is told once.
@@ -72,7 +77,8 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   void DeliverErrors(std::unique_lock<std::mutex>& lock);
   void DeliverStatus(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher,
                      const std::shared_ptr<const DataCenterStatusHandler>& handler);
-  static void Tell(ServiceWatcher& watcher, const InstanceTable::Change& change);
+  static void Tell(ServiceWatcher& watcher, const InstanceTable::Change& change,
+                   const ServiceInstanceData& data);
 
   const std::shared_ptr<ConnectionCore> m_core;
   const std::shared_ptr<ObserverThread> m_thread;
@@ -93,6 +99,7 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   Freshness m_freshness = Freshness::NeverSynchronized;
   std::chrono::system_clock::time_point m_staleSince;
   std::uint64_t m_resyncs = 0;
+  std::uint64_t m_drifts = 0;
   int m_lastError = 0;
 };
 

@@ -1,0 +1,45 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "watch/audit.h"
+
+#include <algorithm>
+
+#include "base/chance.h"
+
+namespace zr::halden::details {
+
+namespace {
+
+constexpr Clock::time_point kNever = Clock::time_point::max();
+
+}  // namespace
+
+void Audit::Set(const AuditIntervals& intervals) {
+  m_intervals = intervals;
+  m_list = {};
+  m_instance = {};
+}
+
+Audit::Due Audit::Take(Clock::time_point now, std::size_t lists, std::size_t instances) {
+  const bool begun = m_list != Clock::time_point{};
+  const Due due{begun && m_list <= now, begun && m_instance <= now};
+  if (!begun || due.list) m_list = Next(now, m_intervals.lists, lists);
+  if (!begun || due.instance) m_instance = Next(now, m_intervals.instances, instances);
+  return due;
+}
+
+Clock::duration Audit::Wait(Clock::time_point now) const {
+  // When it is off too: how many there are changes.
+  constexpr std::chrono::minutes longest{1};
+  const auto next = std::min(m_list, m_instance);
+  if (next == kNever) return longest;
+  return std::clamp<Clock::duration>(next - now, std::chrono::milliseconds(1), longest);
+}
+
+/// With jitter, and such that all of them are through before the interval is over.
+Clock::time_point Audit::Next(Clock::time_point now, std::chrono::milliseconds interval, std::size_t count) {
+  if (interval.count() <= 0) return kNever;
+  const auto each = std::chrono::duration_cast<Clock::duration>(interval) / std::max<std::size_t>(count, 1);
+  return now + std::chrono::duration_cast<Clock::duration>(each * (0.5 + Chance() / 2));
+}
+
+}  // namespace zr::halden::details
