@@ -2,10 +2,16 @@
 #include "bench.h"
 
 #include <fmt/format.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <utility>
 
@@ -77,6 +83,24 @@ void PrintSides(const std::string& what, const char* unit, const Sides<double>& 
 
 void PrintFigure(const std::string& what, const char* unit, double halden, std::optional<double> limit) {
   PrintLine(what, {"", "", Figure(halden)}, unit, "", limit ? Judge(halden, *limit, unit) : "");
+}
+
+double ResidentBytes() {
+  std::ifstream statm("/proc/self/statm");
+  double total = 0;
+  double resident = 0;
+  statm >> total >> resident;
+  return resident * static_cast<double>(sysconf(_SC_PAGESIZE));
+}
+
+void DropConnections(const Server& server) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const int descriptor = std::atoi(entry.path().filename().c_str());
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) != 0) continue;
+    if (peer.sin_family == AF_INET && ntohs(peer.sin_port) == server.Port()) shutdown(descriptor, SHUT_RDWR);
+  }
 }
 
 std::string NodeBytes(std::size_t bytes) {

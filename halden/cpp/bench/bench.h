@@ -44,6 +44,7 @@ void BenchBurst();
 void BenchScale();
 void BenchServices();
 void BenchCalls();
+void BenchUpkeep();
 
 void Require(bool condition, const char* what);
 double Median(std::vector<double> values);
@@ -60,6 +61,7 @@ double Time(const Call& call) {
 
 /// What this process has used of the processors so far, its servers not included.
 Millis CpuTime();
+double ResidentBytes();
 
 // The table. A limit that is passed is marked.
 
@@ -85,6 +87,8 @@ using Server = test::ZooKeeperServer;
 using Servers = std::vector<std::unique_ptr<Server>>;
 
 Servers StartServers(std::size_t count, const char* heap = "64m");
+/// Cuts this process's connections to the server; the server runs on.
+void DropConnections(const Server& server);
 /// Creates so many instances of the service and returns their paths.
 std::vector<std::string> Populate(const Server& server, const zr::String& service, std::size_t instances);
 
@@ -136,6 +140,7 @@ class HaldenFollower {
   HaldenFollower& operator=(const HaldenFollower&) = delete;
 
   Connection& Conn() { return *m_conn; }
+  const std::shared_ptr<Connection>& SharedConn() { return m_conn; }
   ServiceWatcher& Watcher() { return *m_watcher; }
 
  private:

@@ -164,6 +164,25 @@ std::vector<Scene> Scenes() {
   };
 }
 
+/// How long the answer to one request takes, with nothing else under way.
+void PrintTrip(const Core& core, const char* name, details::Request::Kind kind) {
+  constexpr int trips = 200;
+  std::vector<double> millis;
+  for (int i = 0; i < trips; ++i) {
+    const auto took = std::make_shared<std::atomic<double>>(-1);
+    core->Post([core, took, kind, sent = Clock::now()] {
+      core->Submit({.kind = kind, .path = "/", .outsideChroot = true, .reply = [took, sent](details::Reply&) {
+                      *took = Millis(Clock::now() - sent).count();
+                    }});
+    });
+    Require(test::Poll(kLimit, [&] { return took->load() >= 0; }), "no answer");
+    millis.push_back(*took);
+  }
+  std::sort(millis.begin(), millis.end());
+  fmt::print("{:54} {:10.2f} {:10.2f} {:10.2f}\n", name, millis[trips / 2], millis[trips * 99 / 100],
+             millis.back());
+}
+
 void Run() {
   constexpr double limit = 10;
   fmt::print("{:54} {:>10} {:>10} {:>10}\n", "a task waits for the connection's thread, ms", "p50", "p99",
@@ -187,6 +206,11 @@ void Run() {
                at(1) > limit ? "  OVER" : "");
     std::fflush(stdout);
   }
+  Server server;
+  server.Start();
+  const auto core = Connect(server);
+  PrintTrip(core, "a sync, for its answer", details::Request::Kind::Sync);
+  PrintTrip(core, "a barrier, for its answer", details::Request::Kind::Barrier);
 }
 
 }  // namespace

@@ -4,13 +4,6 @@
 // first load, a join, memory, and the way back after a lost connection and a lost session.
 #include <fmt/format.h>
 #include <malloc.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 
 #include "bench.h"
 #include "layout.h"
@@ -63,14 +56,6 @@ Size Grow(const Server& server, std::size_t instances) {
   return size;
 }
 
-double ResidentBytes() {
-  std::ifstream statm("/proc/self/statm");
-  double total = 0;
-  double resident = 0;
-  statm >> total >> resident;
-  return resident * static_cast<double>(sysconf(_SC_PAGESIZE));
-}
-
 /// What the process grows by for each instance it follows.
 struct Growth {
   double resident;
@@ -100,17 +85,6 @@ void BenchMemory(const Server& server) {
   const std::string at = fmt::format("memory at {}: ", kLargest);
   PrintSides(at + "resident, each", "B", resident, Limit{Limit::kFigure, 693});
   PrintSides(at + "of it on the heap", "B", onHeap);
-}
-
-/// Cuts this process's connections to the server; the server runs on.
-void DropConnections(const Server& server) {
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    const int descriptor = std::atoi(entry.path().filename().c_str());
-    sockaddr_in peer{};
-    socklen_t length = sizeof peer;
-    if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) != 0) continue;
-    if (peer.sin_family == AF_INET && ntohs(peer.sin_port) == server.Port()) shutdown(descriptor, SHUT_RDWR);
-  }
 }
 
 template <typename Harm>

@@ -18,8 +18,9 @@ struct Part {
   void (*run)();
 };
 
-constexpr Part kParts[] = {{"load", &BenchLoad},   {"latency", &BenchLatency},   {"burst", &BenchBurst},
-                           {"scale", &BenchScale}, {"services", &BenchServices}, {"calls", &BenchCalls}};
+constexpr Part kParts[] = {{"load", &BenchLoad},    {"latency", &BenchLatency},   {"burst", &BenchBurst},
+                           {"scale", &BenchScale},  {"services", &BenchServices}, {"calls", &BenchCalls},
+                           {"upkeep", &BenchUpkeep}};
 
 int Run(std::string_view wanted) try {
   zr::logging::SetMinimumLoggingLevel(zr::logging::ZRLOG_ERROR);  // servers are down and silent on purpose
@@ -30,7 +31,8 @@ int Run(std::string_view wanted) try {
     found = true;
     part.run();
   }
-  if (!found) fmt::print(stderr, "bench: no part {}: load, latency, burst, scale, services, calls\n", wanted);
+  if (!found)
+    fmt::print(stderr, "bench: no part {}: load, latency, burst, scale, services, calls, upkeep\n", wanted);
   return found ? 0 : 2;
 } catch (const std::exception& e) {
   fmt::print(stderr, "bench: {}\n", e.what());

@@ -20,6 +20,12 @@ class SharedParts {
     if (!part) known = part = std::make_shared<T>();
     return part;
   }
+  /// Null when nobody has it.
+  template <typename T>
+  std::shared_ptr<T> Find() {
+    const std::lock_guard lock(m_mtx);
+    return std::static_pointer_cast<T>(m_parts[typeid(T)].lock());
+  }
 
  private:
   std::mutex m_mtx;

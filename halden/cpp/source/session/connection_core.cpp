@@ -211,8 +211,9 @@ void ConnectionCore::DoForceExpire() {
 }
 
 void ConnectionCore::Open() {
-  if (!m_wanted || m_epoch || m_sessionEnd->UnderWay()) return;
+  if (!m_wanted || m_epoch) return;
   if (m_state != ConnectionState::Connecting) SetState(ConnectionState::Connecting);
+  if (m_sessionEnd->UnderWay()) return;
   m_awaitingAddresses = true;
   if (!m_addresses->Text().empty() && m_addresses->AreNames()) {
     Poster()(kResolveLimit, [this, attempt = m_attempt] {

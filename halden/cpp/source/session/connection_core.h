@@ -83,6 +83,11 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   std::shared_ptr<T> Shared() {
     return m_shared.Get<T>();
   }
+  /// Null when nobody has asked for it, or all have gone.
+  template <typename T>
+  std::shared_ptr<T> FindShared() {
+    return m_shared.Find<T>();
+  }
 
   // The connection's thread.
 

@@ -6,6 +6,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <exception>
 #include <utility>
@@ -22,6 +23,13 @@ constexpr std::size_t kWindow = 500;
 constexpr int kPacketsAtOnce = 256;
 // A library that fails at once and does not pause by itself must not take a whole processor.
 constexpr std::chrono::milliseconds kRestAfterFailure{1};
+
+/// The library passes over every second of an even number of addresses once it has tried all, and then makes no pause
+/// either.
+zr::String MadeOdd(const zr::String& addresses) {
+  const auto count = 1 + std::count(addresses.begin(), addresses.end(), ',');
+  return count % 2 != 0 ? addresses : addresses + "," + addresses.substr(0, addresses.find(','));
+}
 
 void Cork(int socket, int on) {
   setsockopt(socket, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
@@ -40,8 +48,8 @@ Epoch::~Epoch() {
 }
 
 int Epoch::Open(const zr::String& addresses, std::chrono::milliseconds timeout, const clientid_t* resume) {
-  m_handle = zookeeper_init2(addresses.c_str(), &Epoch::OnSession, static_cast<int>(timeout.count()), resume,
-                             this, ZOO_NO_LOG_CLIENTENV, nullptr);
+  m_handle = zookeeper_init2(MadeOdd(addresses).c_str(), &Epoch::OnSession, static_cast<int>(timeout.count()),
+                             resume, this, ZOO_NO_LOG_CLIENTENV, nullptr);
   if (m_handle == nullptr) return errno == 0 ? EINVAL : errno;
   m_addresses = addresses;
   zoo_set_servers_resolution_delay(m_handle, -1);  // the addresses are numeric: nothing to resolve anew
@@ -56,7 +64,7 @@ void Epoch::Authenticate(const zr::String& scheme, const zr::String& credential)
 void Epoch::SetServers(const zr::String& addresses) {
   if (m_life != Life::Open || ConnectedNow() || addresses == m_addresses) return;
   m_addresses = addresses;
-  InLibrary([&] { return zoo_set_servers(m_handle, addresses.c_str()); });
+  InLibrary([&] { return zoo_set_servers(m_handle, MadeOdd(addresses).c_str()); });
 }
 
 std::unique_ptr<Farewell> Epoch::Close() {
@@ -70,7 +78,7 @@ std::unique_ptr<Farewell> Epoch::Close() {
     return nullptr;
   }
   m_life = Life::Closed;
-  return CloseAndEndSession(std::exchange(m_handle, nullptr), m_socket);
+  return CloseAndEndSession(std::exchange(m_handle, nullptr), m_way.socket);
 }
 
 void Epoch::Abandon() {
@@ -103,7 +111,7 @@ int Epoch::Process(int events) {
 
 /// Sends what is queued, in as few packets as hold it: the library writes each request in two pieces.
 void Epoch::Flush() {
-  const int socket = m_socket;
+  const int socket = m_way.socket;
   Cork(socket, 1);
   Process(ZOOKEEPER_WRITE);
   if (ConnectedNow()) Cork(socket, 0);  // else it is closed
@@ -117,30 +125,36 @@ void Epoch::ReadAll() {
 
 void Epoch::TakeSocket(int socket) {
   if (!ConnectedNow()) fcntl(socket, F_SETFD, FD_CLOEXEC);  // it may be a new one
-  m_socket = socket;
+  m_way.socket = socket;
 }
 
 /// The library opens connections, notices silence and pings in here.
 Clock::time_point Epoch::Await(std::vector<pollfd>& sockets) {
-  if (Clock::now() < m_resting) return m_resting;
+  const auto now = Clock::now();
+  if (now < m_way.resume) return m_way.resume;
+  // Whoever was held up for long reads first: else what has come meanwhile passes for silence.
+  if (ConnectedNow() && now - m_way.asked > Timeout() / 10) ReadAll();
+  m_way.asked = now;
   int interest = 0;
   timeval wait{};
-  for (bool flushed = false;; flushed = true) {
+  for (bool flushed = false;;) {
     int socket = -1;
     const int code = InLibrary([&] { return zookeeper_interest(m_handle, &socket, &interest, &wait); });
     if (m_life != Life::Open || is_unrecoverable(m_handle) != 0) return Clock::time_point::max();
-    if (code != ZOK) return m_resting = Clock::now() + kRestAfterFailure;
+    if (code != ZOK) return m_way.resume = Clock::now() + kRestAfterFailure;
     const auto end =
         Clock::now() + std::chrono::seconds(wait.tv_sec) + std::chrono::microseconds(wait.tv_usec);
-    if (socket < 0) return m_resting = end;  // between two tries
+    if (socket < 0) {  // a pause, which is for tries that fail, and not before the first
+      if (std::exchange(m_way.lost, false)) continue;
+      return m_way.resume = end;
+    }
     TakeSocket(socket);
     const bool unsent = (interest & ZOOKEEPER_WRITE) != 0 && ConnectedNow();
-    if (!unsent) m_full = false;
-    if (unsent && !m_full && !flushed) {
+    if (unsent && !m_way.full && !std::exchange(flushed, true)) {
       Flush();
       continue;
     }
-    if (unsent) m_full = true;
+    m_way.full = unsent;
     const int output = (interest & ZOOKEEPER_WRITE) != 0 ? POLLOUT : 0;
     sockets.push_back({socket, static_cast<short>(POLLIN | output), 0});
     return end;
@@ -148,10 +162,10 @@ Clock::time_point Epoch::Await(std::vector<pollfd>& sockets) {
 }
 
 void Epoch::Ready(const pollfd& socket) {
-  if (m_life != Life::Open || socket.fd != m_socket) return;
+  if (m_life != Life::Open || socket.fd != m_way.socket) return;
   const bool broken = (socket.revents & ~(POLLIN | POLLOUT)) != 0;
   if (broken || (socket.revents & POLLOUT) != 0) {
-    m_full = false;
+    m_way.full = false;
     if (ConnectedNow()) {
       Flush();
     } else {
@@ -250,6 +264,8 @@ void Epoch::OnSession(zhandle_t* /*handle*/, int type, int state, const char* /*
                       void* epoch) noexcept {
   auto& self = *static_cast<Epoch*>(epoch);
   if (type != ZOO_SESSION_EVENT || self.m_life != Life::Open) return;
+  self.m_way.lost = state == ZOO_CONNECTING_STATE;
+  if (state == ZOO_CONNECTED_STATE) self.m_lastHeard = Clock::now();  // nothing could be answered before
   TaskThread::RunGuarded([&] { self.m_onSession(self, state); });
 }
 

@@ -77,6 +77,13 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
     Request request;
     zoo_op_result_t result;  // of a Barrier's only operation; nobody looks at it
   };
+  struct Way {
+    int socket = -1;           // as the library told last
+    bool full = false;         // the socket takes no more for now
+    bool lost = false;         // just now, and no other try was made yet
+    Clock::time_point resume;  // the library is not to be asked before
+    Clock::time_point asked;   // ... and was last
+  };
   /// Open -> Closing (let go of inside a call of the library) -> Closed;   Open -> Closed
   enum class Life : std::uint8_t { Open, Closing, Closed };
 
@@ -112,9 +119,7 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   zr::String m_addresses;  // that the handle was given last
   Life m_life = Life::Open;
   bool m_inLibrary = false;
-  int m_socket = -1;            // as the library told last
-  bool m_full = false;          // the socket takes no more for now
-  Clock::time_point m_resting;  // the library is not to be asked before
+  Way m_way;
 
   std::deque<Slot> m_slots;  // a deque: the library holds the elements' addresses
   std::vector<Slot*> m_free;

@@ -64,8 +64,10 @@ void SessionEnd::TakeUp() {
 void SessionEnd::OnTakenUp(int state) {
   if (state == ZOO_CONNECTED_STATE) {
     After(Clock::duration::zero(), &SessionEnd::Ask);
-  } else if (state == ZOO_EXPIRED_SESSION_STATE || state == ZOO_AUTH_FAILED_STATE) {
+  } else if (state == ZOO_EXPIRED_SESSION_STATE) {
     After(Clock::duration::zero(), &SessionEnd::Next);
+  } else if (state == ZOO_AUTH_FAILED_STATE) {
+    After(Clock::duration::zero(), &SessionEnd::Fail);
   }
 }
 

@@ -22,15 +22,18 @@ void ServiceReader::AuditAfter(Clock::duration delay) {
   m_core->PostAfter(delay, [weak = weak_from_this(), run = ++m_auditCursor.run] {
     const auto self = weak.lock();
     if (!self || self->m_auditCursor.run != run) return;
-    TaskThread::RunGuarded([&] { self->RunAudit(); });
-    constexpr std::chrono::seconds untilNothingElseIsRead{1};
-    self->AuditAfter(self->IsAtRest() ? self->m_audit.Wait(Clock::now()) : untilNothingElseIsRead);
+    constexpr std::chrono::seconds whileOthersRead{1};
+    Clock::duration next = whileOthersRead;
+    TaskThread::RunGuarded([&] {
+      if (self->RunAudit()) next = self->m_audit.Wait(Clock::now());
+    });
+    self->AuditAfter(next);
   });
 }
 
-/// Waits while anything else is read: what comes of that is newer than what the audit would compare with.
-void ServiceReader::RunAudit() {
-  if (!IsAtRest()) return;
+/// False while anything else is read: what comes of that is newer than what the audit would compare with.
+bool ServiceReader::RunAudit() {
+  if (!IsAtRest()) return false;
   std::size_t lists = 1;
   std::size_t instances = 0;
   for (const auto& partition : m_partitions) {
@@ -40,6 +43,7 @@ void ServiceReader::RunAudit() {
   const auto due = m_audit.Take(Clock::now(), lists, instances);
   if (due.list) AuditList();
   if (due.instance) AuditInstance();
+  return true;
 }
 
 /// The same read as after an event, watch included.

@@ -121,7 +121,7 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
 
   // service_audit.cpp
   void AuditAfter(Clock::duration delay);
-  void RunAudit();
+  bool RunAudit();
   void AuditList();
   void AuditInstance();
   void OnInstanceAudited(const ServiceId& id, const Reply& reply);

@@ -193,7 +193,15 @@ void ZooKeeperServer::Wipe() {
 }
 
 std::string ZooKeeperServer::Mode() const {
-  constexpr std::string_view label = "Mode: ";
+  return Says("Mode: ");
+}
+
+std::uint64_t ZooKeeperServer::Received() const {
+  const auto count = Says("Received: ");
+  return count.empty() ? 0 : std::stoull(count);
+}
+
+std::string ZooKeeperServer::Says(std::string_view label) const {
   const std::string answer = Ask(Port());
   const auto found = answer.find(label);
   if (found == std::string::npos) return {};

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace zr::halden::test {
@@ -91,6 +92,8 @@ class ZooKeeperServer {
   std::uint16_t Port() const { return m_port.Number(); }
   /// "standalone", "leader", "follower"; empty while it does not serve.
   std::string Mode() const;
+  /// Packets received so far.
+  std::uint64_t Received() const;
 
   /// "127.0.0.1:<port><chroot>"
   std::string ConnectString(const std::string& chroot = {}) const;
@@ -100,6 +103,7 @@ class ZooKeeperServer {
   void AwaitReady();
   bool ProcessEnded();
   std::string LogEnd() const;
+  std::string Says(std::string_view label) const;
 
   const ZooKeeperServerOptions m_options;
   const TemporaryFolder m_folder;
