@@ -61,6 +61,7 @@ std::string StateLine(const DataCenterStatus& status, std::optional<TimePoint> t
   json["reconnects"] = counters.reconnects;
   json["expiries"] = counters.expiries;
   json["resyncs"] = counters.resyncs;
+  json["drifts"] = counters.drifts;
   json["last_error"] = status.connection.lastErrorText;
   json["last_read_error"] = status.watcher.lastError == 0 ? "" : zerror(status.watcher.lastError);
   return Line(json);

@@ -75,7 +75,7 @@ TEST(EventLine, AsJsonKeepsItsKeysTheirOrderAndItsSyntax) {
             R"({"type":"state","time":"2023-11-14T22:13:20.042Z","data_center":"eu-west",)"
             R"("connection":"suspended","session_id":"0xffffffffffffffff","freshness":"stale",)"
             R"("stale_since":"2023-11-14T22:13:20.042Z","instances":3,"held":1,"unreadable":0,"sessions":0,)"
-            R"("reconnects":2,"expiries":0,"resyncs":0,"last_error":"connection lost","last_read_error":""})"
+            R"("reconnects":2,"expiries":0,"resyncs":0,"drifts":0,"last_error":"connection lost","last_read_error":""})"
             "\n");
 }
 
