@@ -121,7 +121,9 @@ inline LogLevel GetMinimumLoggingLevel() {
 /// The calling thread's log stream: made at the thread's first statement, empty between statements, and
 /// gone with the thread. Static objects that log in their destructors come after that on the main thread:
 /// they get another one, which is never destroyed.
-inline IPStringStream& GetThreadLocalStream() {
+/// Exported, so that a thread has one stream in the whole process, whatever module a statement is compiled in:
+/// the sink cleans it for handlers that log, and must not clean another one than they use.
+ZR_EXPORT inline IPStringStream& GetThreadLocalStream() {
   static thread_local IPStringStream* stream = nullptr;
   if (stream == nullptr) {
     stream = new IPStringStream;

@@ -28,7 +28,7 @@ std::string g_syslogLine;  // "priority text"
 }  // namespace
 
 /// In place of the C library's: there need not be a daemon, and the line is to be seen.
-extern "C" void syslog(int priority, const char* format, ...) {
+extern "C" ZR_EXPORT void syslog(int priority, const char* format, ...) {
   std::array<char, 200> text{};
   va_list arguments;
   va_start(arguments, format);
