@@ -31,7 +31,9 @@ set_target_properties(halden_shared PROPERTIES
   EXPORT_NAME shared VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
   LINK_DEPENDS "${version_script}")
 target_link_options(halden_shared PRIVATE "LINKER:--version-script=${version_script}" "LINKER:--no-undefined"
-  "LINKER:--exclude-libs,libzookeeper_client.a")
+  "LINKER:--exclude-libs,libzookeeper_client.a"
+  # Its threads are never joined: a library that is closed while they run must stay where they run.
+  "LINKER:-z,nodelete")
 
 # An archive hides nothing: so one object is made of all, in which the client library's names are local. The compiler
 # does it, because a linker alone would put link-time code (-flto) through as it is, the names in it included.
