@@ -320,7 +320,7 @@ ZooKeeperConfig ReadZooKeeperConfig(const std::string& path) {
 std::tuple<bool, DataCenterEnsembleMapT> ParseZooKeeperConfig(const std::string& path) {
   auto config = ReadZooKeeperConfig(path);
   for (const auto& fault : config.faults) {
-    ZRLOG(ZRLOG_ERROR, ConfigLog()) << "fault in the ZooKeeper configuration, fault=" << fault.Text();
+    ZRLOG(ZRLOG_WARNING, ConfigLog()) << "fault in the ZooKeeper configuration, fault=" << fault.Text();
   }
   for (const auto& warning : config.warnings) {
     ZRLOG(ZRLOG_WARNING, ConfigLog())
