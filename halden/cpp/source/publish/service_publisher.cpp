@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdio>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
@@ -15,17 +17,26 @@ namespace zr::halden {
 
 namespace {
 
+/// The account's name if the machine's own list has it, else its number. The name service is not asked: it may
+/// ask a directory far away, and `Publish` waits for nothing.
+zr::String Account() {
+  const uid_t uid = geteuid();
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> list(std::fopen("/etc/passwd", "re"), &std::fclose);
+  std::array<char, 4096> buffer{};
+  passwd entry{};
+  passwd* found = nullptr;
+  while (list && fgetpwent_r(list.get(), &entry, buffer.data(), buffer.size(), &found) == 0) {
+    if (found->pw_uid == uid) return found->pw_name;
+  }
+  return std::to_string(uid);
+}
+
 /// Who publishes: this process.
 zr::messaging::halden::User ThisUser() {
   zr::messaging::halden::User user;
   std::array<char, 256> host{};
   if (gethostname(host.data(), host.size() - 1) == 0) user.set_host(host.data());
-  std::array<char, 4096> buffer{};
-  passwd entry{};
-  passwd* found = nullptr;
-  if (getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr) {
-    user.set_name(found->pw_name);
-  }
+  user.set_name(Account());
   user.set_pid(static_cast<std::uint32_t>(getpid()));
   user.set_writer("halden/" HALDEN_VERSION);
   return user;

@@ -2,6 +2,7 @@
 #include "halden/service_publisher.h"
 
 #include <gmock/gmock.h>
+#include <pwd.h>
 #include <unistd.h>
 
 #include <memory>
@@ -11,6 +12,12 @@
 #include "support/capturing_log.h"
 #include "support/ensemble_test.h"
 #include "support/recording_observer.h"
+
+/// A directory far away that knows nobody: an operation that waits for nothing does not ask it.
+extern "C" ZR_EXPORT int getpwuid_r(uid_t, passwd*, char*, std::size_t, passwd** found) {
+  *found = nullptr;
+  return 0;
+}
 
 namespace zr::halden::test {
 namespace {
@@ -104,12 +111,10 @@ TEST_F(ServicePublisherTest, ANodeThatAnEarlierSessionLeftIsReplacedBeforeItGoes
 }
 
 TEST_F(ServicePublisherTest, ANodeThatOthersDeleteIsCreatedAgainWithItsParents) {
-  const CapturingLog log;
   m_publisher->Publish(MakeInstance("host"));
   ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
   Client(kDc).Unpublish(kService, m_id);
   ASSERT_TRUE(AwaitPublishedTimes(2));
-  EXPECT_TRUE(log.Await("halden.publisher", ToString(m_id)));
   Client(kDc).Delete("/halden");
   ASSERT_TRUE(AwaitPublishedTimes(3));
   ASSERT_TRUE(m_observer->AwaitHost(kDc, m_id, "host"));
@@ -130,8 +135,8 @@ TEST_F(ServicePublisherTest, OfTwoWithOneIdTheSecondIsToldAndTakesOverInTheEnd) 
     EXPECT_FALSE(publisher->AwaitPublished(kLimit));
     EXPECT_EQ(publisher->Status().lastError, ZNODEEXISTS);
   }
-  EXPECT_THAT(second.Status().rival, ::testing::HasSubstr("pid " + std::to_string(getpid())));
-  EXPECT_TRUE(log.Await("halden.publisher", "another publisher has this id"));
+  EXPECT_THAT(second.Status().rival, ::testing::MatchesRegex("\\w+@.+, pid " + std::to_string(getpid())));
+  EXPECT_TRUE(log.Await("halden.publisher", ToString(m_id)));
   ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
   EXPECT_EQ(Owner(m_id), m_conn->Status().sessionId);
   m_publisher.reset();
@@ -183,12 +188,8 @@ TEST_F(ServicePublisherTest, DataThatFitsInNoNodeIsRefusedAndLargeTextIsCompress
   }));
   std::minstd_rand random(1);
   for (auto& letter : value) letter = static_cast<char>('0' + random() % 64);
-  try {
-    m_publisher->Publish(data);
-    FAIL() << "accepted";
-  } catch (const ZooError& error) {
-    EXPECT_EQ(error.Code(), ZBADARGUMENTS);
-  }
+  EXPECT_THAT([&] { m_publisher->Publish(data); },
+              ::testing::Throws<ZooError>(::testing::Property(&ZooError::Code, ZBADARGUMENTS)));
   EXPECT_TRUE(m_publisher->AwaitPublished(kLimit)) << "what was published before stays";
 }
 
