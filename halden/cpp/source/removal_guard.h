@@ -17,7 +17,7 @@ namespace zr::halden::details {
 /// Decides which removals of one service in one data centre are held. Pure: time is handed in, the instances
 /// are elsewhere. Not thread-safe: its owner locks.
 ///
-///   removal --alone in the last second--> not held
+///   removal --alone in the last second, of ten or more; or no mass can come of it--> not held
 ///           --else--> undecided --so many within a second that they count as a mass--> held
 ///                               --quiet again, or a second old, and no mass--> due
 ///   held    --grace period--> due;     any of them --the instance comes back--> forgotten
@@ -25,7 +25,7 @@ class RemovalGuard {
  public:
   using TimePoint = Clock::time_point;
 
-  explicit RemovalGuard(const MassRemovalGuard& options) : m_options(options) {}
+  explicit RemovalGuard(const MassRemovalGuard& options);
 
   const MassRemovalGuard& Options() const { return m_options; }
 
@@ -48,10 +48,11 @@ class RemovalGuard {
 
   void TakeUntil(std::deque<Waiting>& from, TimePoint since, std::vector<ServiceId>& due);
 
-  MassRemovalGuard m_options;
-  std::deque<TimePoint> m_recent;                                   // the removals of the last second
-  std::deque<Waiting> m_undecided;                                  // in order of time, as the next one
-  std::deque<Waiting> m_held;                                       // a mass
+  const MassRemovalGuard m_options;
+  const std::chrono::milliseconds m_grace;  // as in the options, but no clock overflows at it
+  std::deque<TimePoint> m_recent;           // the removals of the last second
+  std::deque<Waiting> m_undecided;          // in order of time, as the next one
+  std::deque<Waiting> m_held;               // a mass
   std::unordered_map<ServiceId, TimePoint, ServiceIdHash> m_since;  // an entry above counts if it agrees
 };
 

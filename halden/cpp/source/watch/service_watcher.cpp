@@ -50,6 +50,7 @@ void Check(const std::optional<MassRemovalGuard>& guard) {
   if (guard->gracePeriod <= std::chrono::milliseconds::zero()) {
     throw std::invalid_argument("MassRemovalGuard: the grace period must be longer than nothing");
   }
+  if (guard->least == 0) throw std::invalid_argument("MassRemovalGuard: the least number must be at least 1");
 }
 
 ServiceWatcher::ServiceWatcher(std::shared_ptr<Connection> conn, const zr::String& serviceName,

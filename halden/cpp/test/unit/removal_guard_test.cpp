@@ -39,12 +39,25 @@ TEST_F(RemovalGuardTest, SingleRemovalsNeverWait) {
   EXPECT_EQ(m_guard.NextDue(), std::nullopt);
 }
 
-TEST_F(RemovalGuardTest, AFewThatLeaveTogetherWaitUntilItIsQuiet) {
-  EXPECT_EQ(Remove(9, 10), 8U) << "nine are never a mass, however large their share";
-  ASSERT_TRUE(m_guard.NextDue());
-  EXPECT_THAT(DueAfter(milliseconds(200)), IsEmpty());
-  EXPECT_THAT(DueAfter(milliseconds(51)), SizeIs(8));
+TEST_F(RemovalGuardTest, AServiceOfThreeKeepsAllThatDisappearAndLosesOneThatEnds) {
+  EXPECT_EQ(Remove(2, 2), 0U) << "waits although no mass can come of it";
   m_now += milliseconds(1000);
+  EXPECT_EQ(Remove(1, 3), 1U);
+  EXPECT_THAT(DueAfter(milliseconds(200)), IsEmpty());
+  EXPECT_THAT(DueAfter(milliseconds(51)), SizeIs(1));
+  m_now += milliseconds(1000);
+  EXPECT_EQ(Remove(3, 3), 3U);
+  EXPECT_THAT(DueAfter(kGrace - milliseconds(100)), IsEmpty());
+  EXPECT_THAT(DueAfter(milliseconds(100)), SizeIs(3));
+  RemovalGuard forEver({0.5, milliseconds::max(), 1});
+  EXPECT_TRUE(forEver.Hold(m_ids[0], m_now, 1)) << "one of one is a mass, for who says so";
+  EXPECT_THAT(forEver.Due(*forEver.NextDue() - std::chrono::hours(1)), IsEmpty());
+  EXPECT_GT(*forEver.NextDue(), m_now + std::chrono::years(50));
+  EXPECT_THROW(Check(MassRemovalGuard{0.5, kGrace, 0}), std::invalid_argument);
+  EXPECT_THROW(Check(MassRemovalGuard{1, kGrace}), std::invalid_argument);
+}
+
+TEST_F(RemovalGuardTest, AFewThatLeaveTogetherWaitUntilItIsQuietOrASecondOld) {
   // Half of them is not more than half; and a steady trickle keeps nobody waiting beyond a second.
   EXPECT_EQ(Remove(10, 20, milliseconds(95)), 9U);
   EXPECT_THAT(DueAfter(milliseconds(150)), SizeIs(1)) << "the one that is a second old";
