@@ -200,8 +200,8 @@ void GlobalServiceWatcher::SetStatusHandler(DataCenterStatusHandler handler) {
   Equip();
 }
 
-/// Takes the status handler from all watchers, or from those that are registered no more: the application may
-/// hold on to them.
+/// Takes the status handler from all watchers, or from those that are registered no more, which are out of use
+/// then: the application may hold on to them.
 void GlobalServiceWatcher::Release(bool all) {
   std::vector<std::shared_ptr<ServiceWatcher>> gone;
   {
@@ -214,6 +214,7 @@ void GlobalServiceWatcher::Release(bool all) {
     const auto kept = Watchers();  // asked after the above: one that was equipped is registered by now
     std::erase_if(gone,
                   [&](const auto& one) { return std::find(kept.begin(), kept.end(), one) != kept.end(); });
+    for (const auto& watcher : gone) *watcher->m_current = false;
   }
   {
     const std::lock_guard lock(m_settingsMtx);

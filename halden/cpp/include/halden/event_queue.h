@@ -1,17 +1,18 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string_view>
-#include <utility>
+#include <tuple>
 #include <vector>
 
 #include "halden/service_id.h"
@@ -46,12 +47,17 @@ struct InstanceEvent {
 /// added and removed is nothing; removed and added is both. So its memory is bounded by the number of
 /// instances, however slow the consumer is; the last state is never lost, and what comes out is legal: added,
 /// then modified any number of times, then removed. Instances come out in the order of their oldest change.
-/// A data centre that was disconnected and connected again tells its instances anew: those that the consumer
-/// has come out as modified.
+///
+/// While it is registered it loses nothing. A data centre that was disconnected and connected again tells its
+/// instances anew: those that the consumer has come out as modified, and once all is read, those that are not
+/// there any more as removed; until then the consumer keeps them. An event that was cut short, because an
+/// observer before the queue threw, is told to the queue all the same; where the queue had it already, it may
+/// come out again as modified. What the watcher of a connection that was removed still tells is passed over.
 ///
 /// Threads: any thread may call any operation; one consumer, or several that do not mind the order between
-/// them. `Pop` waits; nothing else does.
+/// them: each event wakes one. `Pop` waits; nothing else does.
 /// Ownership: held by the watcher as registered; it holds no watcher.
+/// Errors: an event that there is no memory for is logged and lost.
 class ZR_EXPORT EventQueue final : public ServiceWatcherObserver {
  public:
   /// Throws std::system_error when no descriptor is to be had.
@@ -85,28 +91,36 @@ class ZR_EXPORT EventQueue final : public ServiceWatcherObserver {
                           const ServiceInstanceData& data) override;
 
  private:
-  using Key = std::pair<zr::String, ServiceId>;
+  friend class details::WatcherDelivery;
 
-  /// From what the consumer has been handed to what is so now.
-  struct Pending {
-    bool removed = false;  // what the consumer has is gone, and perhaps back
-    std::optional<ServiceInstanceData> data;
-    std::list<Key>::iterator place;  // in m_order
+  using Key = std::tuple<zr::String, zr::String, ServiceId>;  // service, data centre
+
+  /// What the consumer has, and what it is yet to be handed.
+  struct Instance {
+    std::shared_ptr<const std::atomic<bool>> current;  // whether the watcher that told it is still in use
+    std::unique_ptr<ServiceInstanceData> data;         // to be handed out
+    bool handedOut = false;                            // the consumer has it
+    bool removed = false;                              // what the consumer has is gone, and perhaps back
+    bool waits = false;
+    std::list<const Key*>::iterator place;  // in m_order, if it waits
   };
+  using InstanceMap = std::map<Key, Instance>;
 
   void Change(const ServiceWatcher& watcher, const ServiceId& id, const ServiceInstanceData* data);
+  void Reconcile(const ServiceWatcher& watcher);
   std::optional<InstanceEvent> Take();
-  void Erase(std::map<Key, Pending>::iterator entry);
+  void Remove(InstanceMap::iterator entry);
+  void Enqueue(InstanceMap::iterator entry);
+  void Dequeue(InstanceMap::iterator entry);
   void Signal();
 
   int m_descriptor = -1;  // constant after construction
 
   mutable std::mutex m_mtx;  // guards all below; no foreign code runs with it held
   std::condition_variable m_changed;
-  std::map<Key, Pending> m_pending;
-  std::list<Key> m_order;     // the keys of m_pending, oldest first
-  std::set<Key> m_handedOut;  // what the consumer has
-  bool m_readable = false;    // the descriptor is
+  InstanceMap m_instances;
+  std::list<const Key*> m_order;  // in m_instances: those with an event that waits, oldest first
+  bool m_readable = false;        // the descriptor is
   bool m_closed = false;
 };
 

@@ -26,6 +26,8 @@ using ServiceInstanceData = zr::messaging::halden::ServiceInstanceData;
 /// told are told once each.
 using ZkErrorHandler = std::function<void(int)>;
 
+class EventQueue;
+class GlobalServiceWatcher;
 class ServiceWatcher;
 
 namespace details {
@@ -142,8 +144,8 @@ ZR_EXPORT void Check(const std::optional<MassRemovalGuard>& guard);
 /// Ownership: must be owned by a std::shared_ptr before `Start`. Shares ownership of its connection. Events
 /// end with the last owner; a callback that is running then is finished first, and keeps the watcher alive
 /// for it.
-/// Errors: an observer that throws loses that event for the observers after it; it is logged to
-/// "halden.service_watcher" and nothing else is lost.
+/// Errors: an observer that throws loses that event for the observers after it, but for an EventQueue; it is
+/// logged to "halden.service_watcher" and nothing else is lost.
 class ZR_EXPORT ServiceWatcher : public std::enable_shared_from_this<ServiceWatcher>,
                                  public zr::ObservableImpl<ServiceWatcherObserver> {
  public:
@@ -184,6 +186,8 @@ class ZR_EXPORT ServiceWatcher : public std::enable_shared_from_this<ServiceWatc
   bool AwaitSynchronized(std::chrono::milliseconds limit) const;
 
  private:
+  friend class EventQueue;
+  friend class GlobalServiceWatcher;
   friend class details::WatcherDelivery;
 
   const zr::String m_serviceName;
@@ -191,6 +195,8 @@ class ZR_EXPORT ServiceWatcher : public std::enable_shared_from_this<ServiceWatc
   const std::shared_ptr<details::WatcherDelivery> m_delivery;
   const std::shared_ptr<details::ServiceReader> m_reader;
   std::atomic<bool> m_started{false};
+  /// Not any more once this object is gone, or its connection was removed from its global watcher.
+  const std::shared_ptr<std::atomic<bool>> m_current = std::make_shared<std::atomic<bool>>(true);
 };
 
 /// A service name is 1 to 255 bytes of valid UTF-8 without "/" and control characters, not "." or "..", and

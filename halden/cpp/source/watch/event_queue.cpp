@@ -4,8 +4,10 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 #include "base/wait_limit.h"
 
@@ -33,20 +35,20 @@ EventQueue::~EventQueue() {
 
 std::optional<InstanceEvent> EventQueue::Pop() {
   std::unique_lock lock(m_mtx);
-  m_changed.wait(lock, [this] { return m_closed || !m_pending.empty(); });
+  m_changed.wait(lock, [this] { return m_closed || !m_order.empty(); });
   return Take();
 }
 
 std::optional<InstanceEvent> EventQueue::PopFor(std::chrono::milliseconds limit) {
   std::unique_lock lock(m_mtx);
-  m_changed.wait_for(lock, details::WaitLimit(limit), [this] { return m_closed || !m_pending.empty(); });
+  m_changed.wait_for(lock, details::WaitLimit(limit), [this] { return m_closed || !m_order.empty(); });
   return Take();
 }
 
 std::vector<InstanceEvent> EventQueue::Drain() {
   std::vector<InstanceEvent> events;
   const std::lock_guard lock(m_mtx);
-  events.reserve(m_pending.size());
+  events.reserve(m_order.size());
   while (auto event = Take()) events.push_back(std::move(*event));
   return events;
 }
@@ -60,7 +62,7 @@ void EventQueue::Close() {
 
 std::size_t EventQueue::Size() const {
   const std::lock_guard lock(m_mtx);
-  return m_pending.size();
+  return m_order.size();
 }
 
 void EventQueue::OnInstanceAdded(ServiceWatcher& watcher, const ServiceId& instance,
@@ -80,54 +82,84 @@ void EventQueue::OnInstanceModified(ServiceWatcher& watcher, const ServiceId& in
 /// `data` is null for what is removed. What the consumer has decides, not the kind of the event: another
 /// watcher of the same data centre tells everything as added.
 void EventQueue::Change(const ServiceWatcher& watcher, const ServiceId& id, const ServiceInstanceData* data) {
+  const Key key(watcher.ServiceName(), watcher.DataCenterName(), id);
+  auto copy = data != nullptr ? std::make_unique<ServiceInstanceData>(*data) : nullptr;
+  const std::lock_guard lock(m_mtx);
+  if (m_closed || !*watcher.m_current) return;
+  if (!copy) {
+    if (const auto found = m_instances.find(key); found != m_instances.end()) Remove(found);
+    return;
+  }
+  const auto entry = m_instances.try_emplace(key).first;
+  entry->second.current = watcher.m_current;
+  Enqueue(entry);
+  entry->second.data = std::move(copy);
+}
+
+/// The watcher has read everything and told it. What it does not know, and was told by one that is not in use
+/// any more, has gone while neither was there to tell.
+void EventQueue::Reconcile(const ServiceWatcher& watcher) {
+  auto known = watcher.ListInstances();
+  std::sort(known.begin(), known.end());
+  const Key first(watcher.ServiceName(), watcher.DataCenterName(), ServiceId{});
   const std::lock_guard lock(m_mtx);
   if (m_closed) return;
-  const auto [entry, isNew] = m_pending.try_emplace(Key(watcher.DataCenterName(), id));
-  Pending& pending = entry->second;
-  if (isNew) pending.place = m_order.insert(m_order.end(), entry->first);
-  if (data != nullptr) {
-    pending.data = *data;
-  } else if (m_handedOut.contains(entry->first)) {
-    pending.removed = true;
-    pending.data.reset();
-  } else {
-    Erase(entry);  // came and went
+  for (auto next = m_instances.lower_bound(first); next != m_instances.end();) {
+    const auto entry = next++;
+    const auto& [service, dcName, id] = entry->first;
+    if (service != watcher.ServiceName() || dcName != watcher.DataCenterName()) return;
+    if (!*entry->second.current && !std::binary_search(known.begin(), known.end(), id)) Remove(entry);
   }
+}
+
+/// m_mtx is held, here and below.
+std::optional<InstanceEvent> EventQueue::Take() {
+  if (m_order.empty()) return std::nullopt;
+  const auto entry = m_instances.find(*m_order.front());
+  Instance& instance = entry->second;
+  InstanceEvent event;
+  event.dcName = std::get<1>(entry->first);
+  event.id = std::get<2>(entry->first);
+  if (instance.removed) {
+    event.change = InstanceChange::Removed;
+    instance.removed = instance.handedOut = false;
+    if (!instance.data) Remove(entry);  // else what came after it is next
+  } else {
+    event.change = instance.handedOut ? InstanceChange::Modified : InstanceChange::Added;
+    event.data = std::move(*instance.data);
+    instance.data.reset();
+    instance.handedOut = true;
+    Dequeue(entry);
+  }
+  if (!m_order.empty()) m_changed.notify_one();
+  return event;
+}
+
+void EventQueue::Remove(InstanceMap::iterator entry) {
+  Instance& instance = entry->second;
+  instance.data.reset();
+  instance.removed = instance.handedOut;
+  if (instance.handedOut) return Enqueue(entry);
+  Dequeue(entry);  // the consumer never had it, or not any more
+  m_instances.erase(entry);
+}
+
+void EventQueue::Enqueue(InstanceMap::iterator entry) {
+  Instance& instance = entry->second;
+  if (!instance.waits) instance.place = m_order.insert(m_order.end(), &entry->first);
+  instance.waits = true;
   Signal();
   m_changed.notify_one();
 }
 
-/// m_mtx is held.
-std::optional<InstanceEvent> EventQueue::Take() {
-  if (m_order.empty()) return std::nullopt;
-  const auto entry = m_pending.find(m_order.front());
-  Pending& pending = entry->second;
-  InstanceEvent event;
-  event.dcName = entry->first.first;
-  event.id = entry->first.second;
-  if (pending.removed) {
-    event.change = InstanceChange::Removed;
-    pending.removed = false;
-    m_handedOut.erase(entry->first);
-    if (pending.data) return event;  // what came after it is next
-  } else {
-    const bool isNew = m_handedOut.insert(entry->first).second;
-    event.change = isNew ? InstanceChange::Added : InstanceChange::Modified;
-    event.data = std::move(*pending.data);
-  }
-  Erase(entry);
+void EventQueue::Dequeue(InstanceMap::iterator entry) {
+  if (std::exchange(entry->second.waits, false)) m_order.erase(entry->second.place);
   Signal();
-  return event;
 }
 
-void EventQueue::Erase(std::map<Key, Pending>::iterator entry) {
-  m_order.erase(entry->second.place);
-  m_pending.erase(entry);
-}
-
-/// Makes the descriptor readable or not, as it should be. m_mtx is held.
+/// Makes the descriptor readable or not, as it should be.
 void EventQueue::Signal() {
-  const bool readable = m_closed || !m_pending.empty();
+  const bool readable = m_closed || !m_order.empty();
   if (readable == m_readable) return;
   m_readable = readable;
   if (readable) {

@@ -61,6 +61,7 @@ ServiceWatcher::ServiceWatcher(std::shared_ptr<Connection> conn, const zr::Strin
       m_reader(new details::ServiceReader(m_conn->Core(), m_serviceName, m_delivery)) {}
 
 ServiceWatcher::~ServiceWatcher() {
+  *m_current = false;
   m_reader->Stop();
 }
 

@@ -7,6 +7,7 @@
 
 #include "base/log_sources.h"
 #include "base/wait_limit.h"
+#include "halden/event_queue.h"
 #include "node_codec.h"
 
 namespace zr::halden::details {
@@ -16,17 +17,19 @@ namespace {
 // Then the thread's other watchers get their turn.
 constexpr int kEventsPerTurn = 64;
 
-/// Runs foreign code: what it throws costs that call only.
+/// Runs foreign code: what it throws costs that call only. False then.
 template <typename Function>
-void CallGuarded(const char* what, const Function& function) {
+bool CallGuarded(const char* what, const Function& function) {
   try {
     function();
+    return true;
   } catch (const std::exception& e) {
     ZRLOG(ZRLOG_ERROR, WatcherLog()) << what << " threw, error=" << e.what();
   } catch (...) {
     ZRLOG(ZRLOG_ERROR, WatcherLog()) << what << " threw, error="
                                      << "unknown exception";
   }
+  return false;
 }
 
 }  // namespace
@@ -39,7 +42,7 @@ WatcherDelivery::WatcherDelivery(std::shared_ptr<ConnectionCore> core, ZkErrorHa
 void WatcherDelivery::Start(std::weak_ptr<ServiceWatcher> watcher) {
   std::unique_lock lock(m_mtx);
   m_watcher = std::move(watcher);
-  m_started = true;
+  m_scheduled = false;
   Schedule(lock);
 }
 
@@ -127,6 +130,7 @@ void WatcherDelivery::MarkLive(bool everythingRead) {
   std::unique_lock lock(m_mtx);
   if (everythingRead) ++m_resyncs;
   if (m_freshness == Freshness::Live) return;
+  m_queuesDue |= m_freshness == Freshness::NeverSynchronized;
   m_freshness = Freshness::Live;
   m_synchronized.notify_all();
   m_statusDue = true;
@@ -186,8 +190,9 @@ bool WatcherDelivery::AwaitSynchronized(std::chrono::milliseconds limit) const {
 /// Posts a delivery if there is something to tell and none is on its way. `lock` is on m_mtx and may be
 /// released.
 void WatcherDelivery::Schedule(std::unique_lock<std::mutex>& lock) {
-  if (m_scheduled || !m_started) return;
-  if (!m_table.HasChanges() && m_errors.empty() && !(m_statusDue && m_statusHandler)) return;
+  if (m_scheduled) return;
+  const bool handlersDue = !m_errors.empty() || (m_statusDue && m_statusHandler);
+  if (!m_table.HasChanges() && !handlersDue && !m_queuesDue) return;
   m_scheduled = true;
   const bool manyToCome = m_freshness != Freshness::Live;
   lock.unlock();
@@ -268,6 +273,13 @@ bool WatcherDelivery::DeliverOne() {
   DeliverStatus(lock, *watcher, handler);
   if (!m_table.HasChanges()) {
     if (!m_errors.empty() || (m_statusDue && m_statusHandler)) return true;  // come while handlers ran
+    if (m_queuesDue) {
+      lock.unlock();
+      ForEachQueue(*watcher, [&](EventQueue& queue) { queue.Reconcile(*watcher); });
+      lock.lock();
+      m_queuesDue = false;
+      return true;
+    }
     m_scheduled = false;
     return false;
   }
@@ -311,19 +323,38 @@ void WatcherDelivery::DeliverStatus(std::unique_lock<std::mutex>& lock, const Se
 
 void WatcherDelivery::Tell(ServiceWatcher& watcher, const InstanceTable::Change& change,
                            const ServiceInstanceData& data) {
-  using Observer = ServiceWatcherObserver;
   for (const ChangeKind kind : change.kinds) {
-    CallGuarded("observer", [&] {
+    const auto tell = [&](ServiceWatcherObserver& observer) {
       switch (kind) {
         case ChangeKind::Removed:
-          return watcher.NotifyObservers(&Observer::OnInstanceRemoved, watcher, change.id);
+          return observer.OnInstanceRemoved(watcher, change.id);
         case ChangeKind::Added:
-          return watcher.NotifyObservers(&Observer::OnInstanceAdded, watcher, change.id, data);
+          return observer.OnInstanceAdded(watcher, change.id, data);
         case ChangeKind::Modified:
-          return watcher.NotifyObservers(&Observer::OnInstanceModified, watcher, change.id, data);
+          return observer.OnInstanceModified(watcher, change.id, data);
       }
-    });
+    };
+    // If one throws, it does not come to those behind: of these a queue could never make up for it.
+    if (!CallGuarded("observer", [&] { watcher.NotifyObservers(tell); })) ForEachQueue(watcher, tell);
   }
+}
+
+/// Those among the watcher's observers, and among the observers of these that relay to their own.
+void WatcherDelivery::ForEachQueue(const ServiceWatcher& watcher,
+                                   const std::function<void(EventQueue&)>& tell) {
+  using Registry = zr::ObservableImpl<ServiceWatcherObserver>;
+  using Visit = std::function<void(ServiceWatcherObserver&)>;
+  // A pass like that of an event, so that an unregistration waits for it. Any registry's: the watcher, whose
+  // friend this is, only lends its access.
+  void (Registry::*const pass)(const Visit&) const = &ServiceWatcher::NotifyObservers<const Visit&>;
+  const Visit visit = [&](ServiceWatcherObserver& observer) {
+    if (auto* const queue = dynamic_cast<EventQueue*>(&observer)) {
+      CallGuarded("event queue", [&] { tell(*queue); });
+    } else if (const auto* const relay = dynamic_cast<const Registry*>(&observer)) {
+      (relay->*pass)(visit);
+    }
+  };
+  (watcher.*pass)(visit);
 }
 
 }  // namespace zr::halden::details

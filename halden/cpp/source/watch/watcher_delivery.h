@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -79,6 +80,7 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
                      const std::shared_ptr<const DataCenterStatusHandler>& handler);
   static void Tell(ServiceWatcher& watcher, const InstanceTable::Change& change,
                    const ServiceInstanceData& data);
+  static void ForEachQueue(const ServiceWatcher& watcher, const std::function<void(EventQueue&)>& tell);
 
   const std::shared_ptr<ConnectionCore> m_core;
   const std::shared_ptr<ObserverThread> m_thread;
@@ -94,8 +96,8 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   std::shared_ptr<const DataCenterStatusHandler> m_statusHandler;
   bool m_statusDue = false;  // the handler is to be asked
   std::optional<StatusKey> m_toldStatus;
-  bool m_started = false;
-  bool m_scheduled = false;  // a delivery is posted, or running and will look again
+  bool m_queuesDue = false;  // everything was read for the first time, and queues are to be told
+  bool m_scheduled = true;   // a delivery is posted, or running and will look again; or not started
   Freshness m_freshness = Freshness::NeverSynchronized;
   std::chrono::system_clock::time_point m_staleSince;
   std::uint64_t m_resyncs = 0;

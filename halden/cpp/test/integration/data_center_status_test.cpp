@@ -6,12 +6,15 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <vector>
 
 #include "halden/event_queue.h"
 #include "halden/global_service_watcher.h"
 #include "support/await.h"
+#include "support/capturing_log.h"
 #include "support/ensemble_test.h"
+#include "support/recording_observer.h"
 
 namespace zr::halden::test {
 namespace {
@@ -132,8 +135,40 @@ TEST_F(DataCenterStatusTest, WhoComesBackFromAMassRemovalWasNeverGone) {
   EXPECT_THAT(watcher.ListInstances(), SizeIs(10));
   EXPECT_EQ(watcher.Status()[0].watcher.held, 0U);
   EXPECT_FALSE(events->PopFor(std::chrono::milliseconds(1)));
-  EXPECT_THROW(watcher.SetMassRemovalGuard(MassRemovalGuard{1.5, std::chrono::seconds(1)}),
-               std::invalid_argument);
+}
+
+TEST_F(DataCenterStatusTest, AQueueLearnsOfRemovalsThatAnObserverCutShortOrNobodySaw) {
+  const CapturingLog log;
+  const ServiceId cutShort = Publish(kDc, "cut short");
+  const auto events = std::make_shared<EventQueue>();
+  GlobalServiceWatcher watcher(kService, LibraryManaged{WriteConfig({kDc})});
+  watcher.RegisterShared(std::make_shared<RecordingObserver>([](ServiceWatcher&, const Event& event) {
+    if (event.kind == EventKind::Removed) throw std::runtime_error("on purpose");
+  }));
+  watcher.RegisterShared(events);
+  watcher.StartManagedConnections();
+  ASSERT_TRUE(events->PopFor(kLimit));
+  const auto removed = [&] {
+    const auto event = events->PopFor(kLimit);
+    return event && event->change == InstanceChange::Removed ? event->id : ServiceId{};
+  };
+  Client(kDc).Unpublish(kService, cutShort);
+  EXPECT_EQ(removed(), cutShort);
+  EXPECT_EQ(log.Count("halden.service_watcher", "on purpose"), 1);
+  const ServiceId unseen = Publish(kDc, "unseen");
+  ASSERT_TRUE(events->PopFor(kLimit)) << "it cost more than one event";
+
+  m_chroot += "/other";
+  GlobalServiceWatcher other(kService, LibraryManaged{WriteConfig({kDc})});
+  other.RegisterShared(events);
+  other.StartManagedConnections();
+  ASSERT_TRUE(other.AwaitSynchronized(kLimit) && other.Close(kLimit));
+  EXPECT_EQ(events->Size(), 0U) << "one of the same name speaks only for itself";
+  const auto kept = watcher.Watchers();  // a program may hold on to them
+  EXPECT_TRUE(watcher.DisconnectDC(kDc));
+  Client(kDc).Unpublish(kService, unseen);
+  EXPECT_TRUE(watcher.ConnectDC(kDc));
+  EXPECT_EQ(removed(), unseen);
 }
 
 }  // namespace

@@ -186,23 +186,6 @@ TEST_F(GlobalWatcherTest, StoppedConnectionsTellNothingMoreButStillAnswer) {
   ASSERT_TRUE(AwaitFreshness(*WatcherOf(kWest), Freshness::Stale));
 }
 
-TEST_F(GlobalWatcherTest, ADataCenterThatIsDownAtTheStartHoldsUpNoOther) {
-  const ServiceId west = Publish(kWest, "west");
-  const ServiceId south = Publish(kSouth, "south");
-  Server(kWest).Kill();
-  m_watcher = MakeWatcher(m_observer);
-  m_watcher->StartManagedConnections();
-  ASSERT_TRUE(m_observer->Await(EventKind::Added, kSouth, south));
-  ASSERT_TRUE(WatcherOf(kEast)->AwaitSynchronized(kLimit));
-  EXPECT_FALSE(m_watcher->AwaitSynchronized(std::chrono::milliseconds(1)));
-  EXPECT_EQ(WatcherOf(kWest)->Status().freshness, Freshness::NeverSynchronized);
-  EXPECT_THAT(m_watcher->ListInstances(), ElementsAre(south));
-
-  Server(kWest).Start();
-  ASSERT_TRUE(m_observer->Await(EventKind::Added, kWest, west));
-  EXPECT_TRUE(m_watcher->AwaitSynchronized(kLimit));
-}
-
 TEST_F(GlobalWatcherTest, DestructionInsideACallbackDoesNotWaitForItself) {
   struct Scene {
     std::unique_ptr<GlobalServiceWatcher> watcher;

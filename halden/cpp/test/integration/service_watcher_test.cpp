@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <memory>
 #include <random>
-#include <stdexcept>
 #include <vector>
 
 #include "halden/global_service_watcher.h"
@@ -229,19 +228,6 @@ TEST_F(ServiceWatcherTest, ASlowObserverDelaysNeitherQueriesNorOthersAndGetsTheN
               ElementsAre(EventKind::Added, EventKind::Modified, EventKind::Modified));
   EXPECT_THAT(slow->History(kDc, recreated),
               ElementsAre(EventKind::Added, EventKind::Removed, EventKind::Added));
-}
-
-TEST_F(ServiceWatcherTest, AnObserverThatThrowsCostsOneEventOnly) {
-  const CapturingLog log;
-  const auto throwing = std::make_shared<RecordingObserver>([](ServiceWatcher&, const Event& event) {
-    if (event.data.host() == "bad") throw std::runtime_error("observer is broken");
-  });
-  m_conn->Start(nullptr);
-  m_watcher = MakeWatcher(m_conn, throwing);
-  Publish(kDc, "bad");
-  ASSERT_TRUE(log.Await("halden.service_watcher", "observer is broken"));
-  const ServiceId good = Publish(kDc, "good");
-  ASSERT_TRUE(throwing->Await(EventKind::Added, kDc, good));
 }
 
 TEST_F(ServiceWatcherTest, AStopThatMissesChangesIsCaughtUpByTheNextStart) {
