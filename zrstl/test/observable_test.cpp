@@ -5,7 +5,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
@@ -286,30 +285,6 @@ TEST(ObserverRemoval, NamesTheNotifyingThreadInItsDebugLine) {
   pass.UnregisterAndLetGoAt(1, pass.m_observer.get());
   pass.m_publisher.UnregisterRaw(pass.m_observer.get());
   EXPECT_THAT(*lines, ElementsAre(line(pass.m_thread.get_id()), line(std::thread::id())));
-}
-
-TEST(ObserverRemoval, NobodyIsCalledOnceItHasReturned) {
-  Publisher publisher;
-  std::atomic<bool> stop{false};
-  std::thread notifier([&] {
-    while (!stop) publisher.Publish(1);
-  });
-  const auto comeAndGo = [&] {
-    for (int i = 0; i < 300; ++i) {
-      auto freed = std::make_unique<int>(0);  // not atomic: for the sanitizers to see a late call
-      const auto observer = Calling([&](int event) { *freed += event; });
-      i % 2 == 0 ? publisher.RegisterWeak(observer) : publisher.RegisterShared(observer);
-      publisher.UnregisterShared(observer);
-      freed.reset();
-    }
-  };
-  std::thread first(comeAndGo);
-  std::thread second(comeAndGo);
-  first.join();
-  second.join();
-  stop = true;
-  notifier.join();
-  EXPECT_THAT(publisher.GetObservers(), IsEmpty());
 }
 
 }  // namespace
