@@ -1,6 +1,7 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "publish/path_claims.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace zr::halden::details {
@@ -15,7 +16,10 @@ PathClaims::Result PathClaims::Claim(const zr::String& path, const Owner& owner,
     claim.ending = false;
     return Result::Granted;
   }
-  claim.waiting.push_back(std::move(released));
+  const auto waits = [&](const Waiting& one) { return one.who.lock() == owner; };
+  if (std::none_of(claim.waiting.begin(), claim.waiting.end(), waits)) {
+    claim.waiting.push_back({owner, std::move(released)});
+  }
   return claim.ending ? Result::AboutToBeReleased : Result::Taken;
 }
 
@@ -34,9 +38,10 @@ void PathClaims::AnnounceRelease(const zr::String& path, const Owner& owner) {
 std::vector<TaskThread::Task> PathClaims::Release(const zr::String& path, const Owner& owner) {
   const auto claim = m_claims.find(path);
   if (claim == m_claims.end() || claim->second.owner.lock() != owner) return {};
-  auto waiting = std::move(claim->second.waiting);
+  std::vector<TaskThread::Task> released;
+  for (auto& one : claim->second.waiting) released.push_back(std::move(one.released));
   m_claims.erase(claim);
-  return waiting;
+  return released;
 }
 
 }  // namespace zr::halden::details

@@ -29,10 +29,14 @@ class PathClaims {
   std::vector<TaskThread::Task> Release(const zr::String& path, const Owner& owner);
 
  private:
+  struct Waiting {
+    std::weak_ptr<const void> who;
+    TaskThread::Task released;
+  };
   struct PathClaim {
     std::weak_ptr<const void> owner;
     bool ending = false;
-    std::vector<TaskThread::Task> waiting;
+    std::vector<Waiting> waiting;  // each once, however often it asks
   };
 
   void ForgetDead();

@@ -7,7 +7,6 @@
 
 #include <memory>
 #include <random>
-#include <vector>
 
 #include "support/capturing_log.h"
 #include "support/ensemble_test.h"
@@ -21,9 +20,6 @@ extern "C" ZR_EXPORT int getpwuid_r(uid_t, passwd*, char*, std::size_t, passwd**
 
 namespace zr::halden::test {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::SizeIs;
 
 constexpr const char* kDc = "eu-west";
 
@@ -79,19 +75,6 @@ TEST_F(ServicePublisherTest, AnInstanceIsSeenFromPublicationToRemoval) {
   m_publisher.reset();
   ASSERT_TRUE(m_observer->Await(EventKind::Removed, kDc, m_id, 2))
       << "the destructor takes the instance back";
-}
-
-TEST_F(ServicePublisherTest, AnExpiredSessionIsFollowedByANewNode) {
-  m_publisher->Publish(MakeInstance("host"));
-  ASSERT_TRUE(m_observer->Await(EventKind::Added, kDc, m_id));
-  const auto session = m_conn->Status().sessionId;
-  m_conn->ForceExpire();
-  ASSERT_TRUE(m_observer->Await(EventKind::Added, kDc, m_id, 2));
-  ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
-  EXPECT_NE(m_conn->Status().sessionId, session);
-  EXPECT_EQ(Owner(m_id), m_conn->Status().sessionId);
-  EXPECT_THAT(m_observer->History(kDc, m_id),
-              ElementsAre(EventKind::Added, EventKind::Removed, EventKind::Added));
 }
 
 TEST_F(ServicePublisherTest, ANodeThatAnEarlierSessionLeftIsReplacedBeforeItGoes) {
@@ -191,22 +174,6 @@ TEST_F(ServicePublisherTest, DataThatFitsInNoNodeIsRefusedAndLargeTextIsCompress
   EXPECT_THAT([&] { m_publisher->Publish(data); },
               ::testing::Throws<ZooError>(::testing::Property(&ZooError::Code, ZBADARGUMENTS)));
   EXPECT_TRUE(m_publisher->AwaitPublished(kLimit)) << "what was published before stays";
-}
-
-TEST_F(ServicePublisherTest, AnAwaitedCloseLeavesNoNodeBehind) {
-  std::vector<std::unique_ptr<ServicePublisher>> publishers;
-  for (int i = 0; i < 50; ++i) {
-    publishers.push_back(std::make_unique<ServicePublisher>(m_conn, kService, MakeServiceId()));
-    publishers.back()->Publish(MakeInstance("host"));
-  }
-  for (const auto& publisher : publishers) ASSERT_TRUE(publisher->AwaitPublished(kLimit));
-  EXPECT_THAT(Client(kDc).ReadInstances(kService), SizeIs(50));
-  EXPECT_FALSE(m_conn->AwaitClosed(std::chrono::milliseconds(1)));
-  // A close with requests outstanding alone would leave the session alive.
-  for (const auto& publisher : publishers) publisher->Publish(MakeInstance("changed"));
-  m_conn->Stop();
-  ASSERT_TRUE(m_conn->AwaitClosed(kLimit));
-  EXPECT_THAT(Client(kDc).ReadInstances(kService), SizeIs(0));
 }
 
 TEST_F(ServicePublisherTest, EverythingCanBeDestroyedInsideACallback) {

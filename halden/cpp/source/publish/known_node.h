@@ -1,0 +1,67 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <zookeeper/zookeeper.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "session/request.h"
+
+namespace zr::halden::details {
+
+/// What a publisher knows of its instance's node.
+///
+///   Absent     none, for all that is known: who creates it is told if there is one
+///   Unknown    there may be one, of whomever
+///   Held       ours, as far as is known: a look will tell
+///   Confirmed  this session's, and nothing has been heard of it since the last look
+///   Foreign    another session's, at the last look
+///
+///   Absent            --creation begun--------> Unknown --done------> Held
+///   Unknown, Held     --looked----------------> Absent, Confirmed, Foreign
+///   Confirmed         --write begun, doubt----> Held;    Foreign --doubt--> Unknown
+///   Held, Confirmed   --another handle, with the same session--> Unknown
+///   any               --deleted, session over-> Absent
+///
+/// Threads: the connection's.
+class KnownNode {
+ public:
+  enum class Kind : std::uint8_t { Absent, Unknown, Held, Confirmed, Foreign };
+
+  Kind What() const { return m_kind; }
+  /// Nothing, or a node of a session of ours that is to be found and deleted.
+  bool MayBeOurs() const { return !m_sessions.empty(); }
+  /// The node that was looked at: does it belong to any session of ours?
+  bool OfOurSessions() const;
+  bool Holds(const std::string& bytes) const { return m_kind == Kind::Confirmed && m_bytes == bytes; }
+
+  // Of the last look.
+  const std::string& Bytes() const { return m_bytes; }
+  std::int64_t Owner() const { return m_owner; }
+  int Version() const { return m_version; }
+
+  void OnCreationBegun(std::int64_t session);
+  void OnWriteBegun();
+  void OnWritten(int version);
+  void OnAbsent();
+  /// Of an answer that there is one. Why the node is not as we left it; null where it is, or was not held.
+  const char* OnLooked(Reply& reply, std::int64_t session);
+  /// Something may have happened to it.
+  void Doubt();
+  /// A new handle: one that begins anew may see the past.
+  void OnHandleReplaced();
+  void OnSessionOver() { m_kind = Kind::Absent; }
+
+ private:
+  static constexpr int kAnyVersion = -1;
+
+  Kind m_kind = Kind::Absent;
+  std::string m_bytes;
+  std::int64_t m_owner = 0;
+  int m_version = kAnyVersion;           // as we left it, or looked at it
+  std::vector<std::int64_t> m_sessions;  // that may own a node of ours
+};
+
+}  // namespace zr::halden::details

@@ -1,0 +1,48 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+#include "halden/service_publisher.h"
+#include "zrstl/string.h"
+
+namespace zr::halden::details {
+
+/// What others may know of a publisher: which wish was the last, how far it is, and waiting for it.
+///
+/// Threads: any. A wish is numbered where it is made; all that is said of it comes from the connection's.
+class PublicationBoard {
+ public:
+  /// The number of a new wish, from 1.
+  std::uint64_t CountWish();
+
+  PublisherStatus Status() const;
+  bool AwaitPublished(std::chrono::milliseconds limit) const;
+  bool AwaitAbsent(std::chrono::milliseconds limit) const;
+
+  /// What was confirmed is no longer so, or no longer wished. A conflict lasts until more is known.
+  void Unsettle();
+  /// It is being written.
+  void SetPublishing();
+  /// False: it was one already.
+  bool SetConflict(const zr::String& rival);
+  /// `wish` is fulfilled.
+  void Settle(PublishState state, std::uint64_t wish);
+  void CountCreation();
+  void SetError(int code);
+
+ private:
+  void SetState(PublishState state);
+
+  mutable std::mutex m_mtx;
+  mutable std::condition_variable m_changed;
+  // Guarded by m_mtx.
+  PublisherStatus m_status;
+  std::uint64_t m_wished = 0;   // number of the last wish
+  std::uint64_t m_settled = 0;  // number of the last wish that is confirmed
+};
+
+}  // namespace zr::halden::details

@@ -1,0 +1,179 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+//
+// What a publisher asks of ZooKeeper, and what it makes of the answers. All on the connection's thread.
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "error_policy.h"
+#include "layout.h"
+#include "publish/publisher_core.h"
+
+namespace zr::halden::details {
+
+namespace {
+
+/// All at once and from the top: requests are carried out in order, and what exists already stays. The service
+/// and its partitions are containers: the server removes them when their last child is gone.
+std::vector<Request> ParentCreations(const zr::String& chroot, const zr::String& servicePath,
+                                     const ServiceId& id) {
+  std::vector<Request> creations;
+  const auto create = [&](zr::String path, int mode, bool outsideChroot) {
+    Request& request = creations.emplace_back();
+    request.kind = Request::Kind::Create;
+    request.path = std::move(path);
+    request.outsideChroot = outsideChroot;
+    request.mode = mode;
+  };
+  const auto createAll = [&](const zr::String& path, bool outsideChroot) {
+    for (auto slash = path.find('/', 1); slash != zr::String::npos; slash = path.find('/', slash + 1)) {
+      create(path.substr(0, slash), ZOO_PERSISTENT, outsideChroot);
+    }
+    create(path, ZOO_PERSISTENT, outsideChroot);
+  };
+  if (!chroot.empty()) createAll(chroot, true);
+  createAll(zr::String(kServicesPath), false);
+  create(servicePath, ZOO_CONTAINER, false);
+  create(PartitionPath(servicePath, PartitionOf(id)), ZOO_CONTAINER, false);
+  return creations;
+}
+
+}  // namespace
+
+void PublisherCore::Send(PublisherPhase phase, Request request, ReplyFunction onReply) {
+  SetPhase(phase);
+  request.reply = [self = shared_from_this(), onReply = std::move(onReply)](Reply& reply) { onReply(reply); };
+  m_core->Submit(std::move(request));
+}
+
+/// Whose node is there, and what is in it? With a watch, so that what confirms it also tells of its end. Behind a
+/// sync where it is not certain that this server has seen our own last write: what it does not know of would
+/// pass for absent.
+void PublisherCore::Look() {
+  if (m_node.What() != KnownNode::Kind::Held) m_core->Submit({.kind = Request::Kind::Sync, .path = m_path});
+  Request request{.kind = Request::Kind::Get, .path = m_path};
+  if (m_wish) request.watch = m_watch;
+  Send(PublisherPhase::Looking, std::move(request), [this](Reply& reply) { OnLooked(reply); });
+}
+
+void PublisherCore::OnLooked(Reply& reply) {
+  const ErrorAction action = ActionFor(reply.code);
+  if (action != ErrorAction::Done && action != ErrorAction::Absent) return Fail(reply.code);
+  const char* loss = nullptr;
+  if (action == ErrorAction::Absent) {
+    if (m_node.What() == KnownNode::Kind::Held) loss = "node deleted by others";
+    m_node.OnAbsent();
+    m_rivalry.OnGone();
+  } else {
+    loss = m_node.OnLooked(reply, m_core->SessionId());
+    if (m_node.What() == KnownNode::Kind::Confirmed) m_rivalry.OnStood();
+  }
+  if (loss != nullptr && !(m_wish && m_node.Holds(*m_wish))) return MendLater(loss);
+  Step();
+}
+
+Request PublisherCore::Creation() {
+  m_board.SetPublishing();
+  m_node.OnCreationBegun(m_core->SessionId());
+  Request request{.kind = Request::Kind::Create, .path = m_path};
+  request.data = *m_wish;
+  request.mode = ZOO_EPHEMERAL;
+  return request;
+}
+
+void PublisherCore::Create() {
+  Send(PublisherPhase::Creating, Creation(), [this](const Reply& reply) { OnCreated(reply); });
+}
+
+void PublisherCore::OnCreated(const Reply& reply) {
+  switch (ActionFor(reply.code)) {
+    case ErrorAction::Done:
+      return Hold();
+    case ErrorAction::Conflict:
+      return Step();  // there is one: look at it
+    case ErrorAction::Absent:
+      if (m_wish && m_core->Connected()) return CreateWithParents();
+      m_node.OnAbsent();
+      return Step();
+    default:
+      return Fail(reply.code);
+  }
+}
+
+void PublisherCore::CreateWithParents() {
+  for (auto& request : ParentCreations(m_core->Chroot(), m_servicePath, m_id)) {
+    request.reply = [self = shared_from_this()](const Reply& reply) {
+      const ErrorAction action = ActionFor(reply.code);
+      if (action != ErrorAction::Done && action != ErrorAction::Conflict) self->TellFailure(reply.code);
+    };
+    m_core->Submit(std::move(request));
+  }
+  Send(PublisherPhase::CreatingWithParents, Creation(),
+       [this](const Reply& reply) { OnCreatedWithParents(reply); });
+}
+
+void PublisherCore::OnCreatedWithParents(const Reply& reply) {
+  switch (ActionFor(reply.code)) {
+    case ErrorAction::Done:
+      return Hold();
+    case ErrorAction::Conflict:
+      return Step();
+    case ErrorAction::Absent:
+      m_node.OnAbsent();
+      return Fail(reply.code);
+    default:
+      return Fail(reply.code);
+  }
+}
+
+/// Our node is there.
+void PublisherCore::Hold() {
+  m_node.OnWritten(0);
+  m_pause.OnWritten();
+  m_board.CountCreation();
+  Step();
+}
+
+/// Not what others have written since: that could be another publisher's node by now.
+void PublisherCore::Write() {
+  m_board.SetPublishing();
+  Request request{.kind = Request::Kind::Set, .path = m_path};
+  request.data = *m_wish;
+  request.version = m_node.Version();
+  m_node.OnWriteBegun();
+  Send(PublisherPhase::Writing, std::move(request), [this](const Reply& reply) { OnWritten(reply); });
+}
+
+void PublisherCore::OnWritten(const Reply& reply) {
+  switch (ActionFor(reply.code)) {
+    case ErrorAction::Done:
+      m_node.OnWritten(reply.stat.version);
+      m_pause.OnWritten();
+      return Step();
+    case ErrorAction::Conflict:
+      return MendLater("node changed by others");
+    case ErrorAction::Absent:
+      m_node.OnAbsent();
+      return MendLater("node deleted by others");
+    default:
+      return Fail(reply.code);
+  }
+}
+
+void PublisherCore::Delete() {
+  Request request{.kind = Request::Kind::Delete, .path = m_path};
+  request.version = m_node.Version();
+  Send(PublisherPhase::Deleting, std::move(request), [this](const Reply& reply) { OnDeleted(reply); });
+}
+
+void PublisherCore::OnDeleted(const Reply& reply) {
+  const ErrorAction action = ActionFor(reply.code);
+  // Changed since, or failed: look again.
+  if (action != ErrorAction::Done && action != ErrorAction::Absent) return Fail(reply.code);
+  const bool foreign = m_node.What() == KnownNode::Kind::Foreign && !m_node.OfOurSessions();
+  if (foreign && action == ErrorAction::Done) m_rivalry.OnReplaced(m_node.Owner());
+  m_node.OnAbsent();
+  Step();
+}
+
+}  // namespace zr::halden::details
