@@ -135,16 +135,12 @@ void PublisherCore::Settle() {
 }
 
 void PublisherCore::Fail(int code) {
-  TellFailure(code);
-  Pause(m_pause.AfterFailure());
-}
-
-void PublisherCore::TellFailure(int code) {
   m_board.SetError(code);
   if (ActionFor(code) != ErrorAction::AwaitSession && ActionFor(code) != ErrorAction::Conflict) {
     ZRLOG(ZRLOG_WARNING, PublisherLog()) << "write failed, error=" << zerror(code)
                                          << ", dc_name=" << m_core->DataCenterName() << ", path=" << m_path;
   }
+  Pause(m_pause.AfterFailure());
 }
 
 /// What stood is no longer as we left it.

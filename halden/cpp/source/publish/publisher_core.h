@@ -61,7 +61,6 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   void Settle();
   void LetGo();
   void Fail(int code);
-  void TellFailure(int code);
   void MendLater(const char* loss);
   void Pause(Clock::duration delay);
   void SetPhase(PublisherPhase phase);
@@ -73,7 +72,7 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   void Create();
   void OnCreated(const Reply& reply);
   void CreateWithParents();
-  void OnCreatedWithParents(const Reply& reply);
+  void OnCreatedWithParents(const Reply& reply, int parentsError);
   void Hold();
   Request Creation();
   void Write();

@@ -100,19 +100,25 @@ void PublisherCore::OnCreated(const Reply& reply) {
   }
 }
 
+/// That a parent may not be created says little: the server says so of one that is there, too. What went wrong
+/// matters only if the node then lacks its parent still.
 void PublisherCore::CreateWithParents() {
+  const auto error = std::make_shared<int>(ZNONODE);
   for (auto& request : ParentCreations(m_core->Chroot(), m_servicePath, m_id)) {
-    request.reply = [self = shared_from_this()](const Reply& reply) {
+    request.reply = [error](const Reply& reply) {
       const ErrorAction action = ActionFor(reply.code);
-      if (action != ErrorAction::Done && action != ErrorAction::Conflict) self->TellFailure(reply.code);
+      // Below a parent that is absent all others fail for that alone.
+      if (action == ErrorAction::Done || action == ErrorAction::Conflict || action == ErrorAction::Absent)
+        return;
+      *error = reply.code;
     };
     m_core->Submit(std::move(request));
   }
   Send(PublisherPhase::CreatingWithParents, Creation(),
-       [this](const Reply& reply) { OnCreatedWithParents(reply); });
+       [this, error](const Reply& reply) { OnCreatedWithParents(reply, *error); });
 }
 
-void PublisherCore::OnCreatedWithParents(const Reply& reply) {
+void PublisherCore::OnCreatedWithParents(const Reply& reply, int parentsError) {
   switch (ActionFor(reply.code)) {
     case ErrorAction::Done:
       return Hold();
@@ -120,7 +126,7 @@ void PublisherCore::OnCreatedWithParents(const Reply& reply) {
       return Step();
     case ErrorAction::Absent:
       m_node.OnAbsent();
-      return Fail(reply.code);
+      return Fail(parentsError);
     default:
       return Fail(reply.code);
   }

@@ -93,6 +93,21 @@ TEST_F(ServicePublisherTest, ANodeThatAnEarlierSessionLeftIsReplacedBeforeItGoes
   EXPECT_EQ(Owner(other), m_conn->Status().sessionId);
 }
 
+TEST_F(ServicePublisherTest, AParentThatMayNotBeCreatedIsTroubleOnlyWhereItIsAbsent) {
+  const CapturingLog log;
+  Client(kDc).Create("/halden/services/orders");
+  Client(kDc).Authenticate("digest", "owner:secret");
+  Client(kDc).SetAcl("/halden/services", ZOO_CREATOR_ALL_ACL);
+  m_publisher->Publish(MakeInstance("host"));
+  ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
+  EXPECT_EQ(log.Count("halden.publisher", "write failed"), 0);
+  ServicePublisher refused(m_conn, "payments", MakeServiceId());
+  refused.Publish(MakeInstance("host"));
+  EXPECT_TRUE(log.Await("halden.publisher", "write failed, error=not authenticated"));
+  Client(kDc).SetAcl("/halden/services", ZOO_OPEN_ACL_UNSAFE);
+  EXPECT_TRUE(refused.AwaitPublished(kLimit));
+}
+
 TEST_F(ServicePublisherTest, ANodeThatOthersDeleteIsCreatedAgainWithItsParents) {
   m_publisher->Publish(MakeInstance("host"));
   ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
