@@ -37,6 +37,7 @@ const char* KnownNode::OnLooked(Reply& reply, std::int64_t session) {
   const bool held = m_kind == Kind::Held;
   const bool changed = m_version != kAnyVersion && m_version != reply.stat.version;
   m_owner = reply.stat.ephemeralOwner;
+  m_created = reply.stat.czxid;
   m_version = reply.stat.version;
   m_bytes = std::move(reply.value);
   if (m_owner == session) {

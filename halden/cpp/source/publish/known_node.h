@@ -41,10 +41,13 @@ class KnownNode {
   const std::string& Bytes() const { return m_bytes; }
   std::int64_t Owner() const { return m_owner; }
   int Version() const { return m_version; }
+  /// No other one, created since.
+  bool IsSame(const Stat& stat) const { return m_created == stat.czxid; }
 
   void OnCreationBegun(std::int64_t session);
   void OnWriteBegun();
   void OnWritten(int version);
+  void OnMarked(int version) { m_version = version; }
   void OnAbsent();
   /// Of an answer that there is one. Why the node is not as we left it; null where it is, or was not held.
   const char* OnLooked(Reply& reply, std::int64_t session);
@@ -60,6 +63,7 @@ class KnownNode {
   Kind m_kind = Kind::Absent;
   std::string m_bytes;
   std::int64_t m_owner = 0;
+  std::int64_t m_created = 0;            // the transaction
   int m_version = kAnyVersion;           // as we left it, or looked at it
   std::vector<std::int64_t> m_sessions;  // that may own a node of ours
 };

@@ -82,7 +82,7 @@ void PublisherCore::OnDisconnected(bool epochOver) {
   if (m_self && !m_core->SessionGoesOn()) LetGo();
 }
 
-/// Without a publisher, and without a session, with which the node goes.
+/// Nothing is left to do: the path is free for others, and after its publisher's end this goes.
 void PublisherCore::LetGo() {
   ReleaseClaim();
   const auto self = std::move(m_self);

@@ -27,7 +27,7 @@ namespace zr::halden::details {
 ///   Unknown    look                        look
 ///   Held       look                        look
 ///   Confirmed  as wished: done; else write delete
-///   Foreign    delete, or yield            of an earlier session of ours: delete; else done
+///   Foreign    mark and delete, or yield   of an earlier session of ours: mark and delete; else done
 ///
 /// Threads: `Publish`, `Remove`, `Stop`, `Status` and the waits from any thread; the rest on the connection's.
 /// Ownership: shared by the publisher and by requests under way; after the publisher's end it owns itself
@@ -77,6 +77,8 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   Request Creation();
   void Write();
   void OnWritten(const Reply& reply);
+  void Mark();
+  void OnMarked(const Reply& reply);
   void Delete();
   void OnDeleted(const Reply& reply);
 

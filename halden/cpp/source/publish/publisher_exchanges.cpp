@@ -166,6 +166,40 @@ void PublisherCore::OnWritten(const Reply& reply) {
   }
 }
 
+/// ZooKeeper deletes by version, and every node begins with version 0: one that was deleted and created anew
+/// since the look, by a rival that has just come up, would be deleted for the one before. So a foreign node of
+/// version 0 is first written, with the very bytes that were read. The answer tells which node that was: the
+/// one that was looked at is deleted, at its version 1; another one is left, and looked at.
+///
+/// That other one then holds the bytes of the one before. They cannot be given back, since nobody has read them,
+/// and need not be: its publisher watches it and writes its own again, and is meanwhile listed with data of the
+/// same instance, instead of not at all. To wait until a foreign session ends by itself would harm nobody, but
+/// leave an instance that is back after a crash to the data of its dead process for a whole session timeout.
+///
+/// What is left: a node that was created anew and also written once, between the mark's answer and the deletion.
+/// A node of our own session is not marked: that would tell all watchers of a change at each removal, and who
+/// replaces ours marks it first, which refuses our deletion.
+void PublisherCore::Mark() {
+  Request request{.kind = Request::Kind::Set, .path = m_path};
+  request.data = m_node.Bytes();
+  request.version = m_node.Version();
+  Send(PublisherPhase::Marking, std::move(request), [this](const Reply& reply) { OnMarked(reply); });
+}
+
+void PublisherCore::OnMarked(const Reply& reply) {
+  const ErrorAction action = ActionFor(reply.code);
+  if (action == ErrorAction::Absent) {
+    m_node.OnAbsent();
+    return Step();
+  }
+  if (reply.code == ZNOAUTH) return Delete();  // who may not write a node may still delete it
+  if (action != ErrorAction::Done) return Fail(reply.code);
+  if (!m_node.IsSame(reply.stat)) return Fail(ZBADVERSION);
+  m_node.OnMarked(reply.stat.version);
+  if (!m_wish && !m_node.MayBeOurs()) return Step();  // taken back meanwhile
+  Delete();
+}
+
 void PublisherCore::Delete() {
   Request request{.kind = Request::Kind::Delete, .path = m_path};
   request.version = m_node.Version();

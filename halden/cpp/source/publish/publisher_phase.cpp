@@ -26,6 +26,8 @@ bool IsLegal(PublisherPhase from, PublisherPhase to) {
       return to == P::Looking || to == P::BackingOff;
     case P::Writing:
       return to == P::Looking || to == P::BackingOff || to == P::Absent;
+    case P::Marking:
+      return to == P::Deleting || to == P::Creating || to == P::BackingOff || to == P::Absent;
     case P::Deleting:
       return to == P::Creating || to == P::BackingOff || to == P::Absent;
   }
@@ -54,6 +56,8 @@ std::string_view NameOf(PublisherPhase phase) {
       return "creating with parents";
     case PublisherPhase::Writing:
       return "writing";
+    case PublisherPhase::Marking:
+      return "marking";
     case PublisherPhase::Deleting:
       return "deleting";
   }

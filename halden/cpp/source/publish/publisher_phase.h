@@ -21,6 +21,7 @@ namespace zr::halden::details {
 ///     Creating
 ///     CreatingWithParents
 ///     Writing
+///     Marking              writes a foreign node as it is, to delete it and no other
 ///     Deleting
 ///
 ///   Absent              -> Creating, AwaitingClaim
@@ -33,6 +34,7 @@ namespace zr::halden::details {
 ///   Creating            -> Looking, CreatingWithParents, BackingOff, Absent
 ///   CreatingWithParents -> Looking, BackingOff
 ///   Writing             -> Looking, BackingOff, Absent
+///   Marking             -> Deleting, Creating, BackingOff, Absent
 ///   Deleting            -> Creating, BackingOff, Absent
 ///   any                 -> Disconnected
 ///   Absent, Disconnected, AwaitingClaim, Published, Yielded -> the same, for another wish
@@ -47,6 +49,7 @@ enum class PublisherPhase : std::uint8_t {
   Creating,
   CreatingWithParents,
   Writing,
+  Marking,
   Deleting,
 };
 

@@ -37,7 +37,7 @@ void PublisherCore::OnForeign() {
   ZRLOG(ZRLOG_INFO, PublisherLog()) << "replacing a node of another session, dc_name="
                                     << m_core->DataCenterName() << ", path=" << m_path;
   if (m_wish) m_board.SetPublishing();
-  Delete();
+  m_node.Version() == 0 ? Mark() : Delete();
 }
 
 void PublisherCore::SetConflict(const zr::String& rival) {

@@ -7,7 +7,9 @@
 
 #include <memory>
 #include <random>
+#include <vector>
 
+#include "logger/sink.h"
 #include "support/capturing_log.h"
 #include "support/ensemble_test.h"
 #include "support/recording_observer.h"
@@ -91,6 +93,25 @@ TEST_F(ServicePublisherTest, ANodeThatAnEarlierSessionLeftIsReplacedBeforeItGoes
   earlier.reset();  // ends its session
   EXPECT_EQ(Owner(m_id), m_conn->Status().sessionId);
   EXPECT_EQ(Owner(other), m_conn->Status().sessionId);
+}
+
+TEST_F(ServicePublisherTest, AForeignNodeCreatedAnewAfterTheLookIsLookedAtAgainBeforeItsDeletion) {
+  const CapturingLog log;
+  std::vector<std::unique_ptr<ZooKeeperClient>> others;
+  const auto publish = [&] {
+    others.push_back(MakeClient(kDc));
+    Client(kDc).Unpublish(kService, m_id);
+    others.back()->PublishRaw(kService, m_id, EncodeInstance(MakeInstance("other")), NodeKind::Ephemeral);
+  };
+  publish();
+  int looks = 0;
+  zr::logging::SetHandler("race", [&](const zr::logging::LogRecord& record) {  // between look and deletion
+    if (record.msg.find("replacing a node") != std::string::npos && ++looks == 1) publish();
+  });
+  m_publisher->Publish(MakeInstance("host"));
+  EXPECT_TRUE(m_publisher->AwaitPublished(kLimit));
+  zr::logging::RemoveHandler("race");
+  EXPECT_EQ(looks, 2);
 }
 
 TEST_F(ServicePublisherTest, AParentThatMayNotBeCreatedIsTroubleOnlyWhereItIsAbsent) {
