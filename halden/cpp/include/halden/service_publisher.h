@@ -42,7 +42,8 @@ struct PublisherStatus {
 /// Two publishers of one id: the one that comes second replaces the node of the first, which may be one that a
 /// dead process left; when the first takes it back the second yields, is in `Conflict`, logs an error with
 /// what is known of its rival, and publishes as soon as the rival's node is gone. First is who has published
-/// in a connected session; who had to reconnect comes second.
+/// in a connected session; who had to reconnect comes second. Of two that have both been first one yields, too.
+/// What is replaced is first written once more as it is, so that nothing but that is deleted.
 ///
 /// Threads: every operation may be called from any thread, and returns without waiting; only the `Await...`
 /// ones wait, with a limit (not from a callback). What is asked while disconnected is done on reconnect; only

@@ -15,8 +15,8 @@ namespace zr::halden::details {
 ///   Yielding --the rival's node is gone---------> Newcomer
 ///   any      --takes its own node back----------> Newcomer
 ///
-/// Who is first may replace a rival three times before it yields: the rival is the one to do so, unless it has
-/// been first as well.
+/// Who is first may replace a rival twice before it yields: the rival is the one to do so, unless it has been
+/// first as well, which happens when one takes its instance back for a while.
 ///
 /// Threads: the connection's.
 class Rivalry {
@@ -42,7 +42,7 @@ class Rivalry {
 
  private:
   enum class Standing : std::uint8_t { Newcomer, First, Yielding };
-  static constexpr int kPatience = 3;
+  static constexpr int kPatience = 2;
 
   Standing m_standing = Standing::Newcomer;
   std::unordered_map<std::int64_t, int> m_replaced;  // sessions, and how far we are from yielding to them

@@ -9,7 +9,6 @@
 #include <random>
 #include <vector>
 
-#include "logger/sink.h"
 #include "support/capturing_log.h"
 #include "support/ensemble_test.h"
 #include "support/recording_observer.h"
@@ -99,9 +98,8 @@ TEST_F(ServicePublisherTest, AForeignNodeCreatedAnewAfterTheLookIsLookedAtAgainB
   const CapturingLog log;
   std::vector<std::unique_ptr<ZooKeeperClient>> others;
   const auto publish = [&] {
-    others.push_back(MakeClient(kDc));
     Client(kDc).Unpublish(kService, m_id);
-    others.back()->PublishRaw(kService, m_id, EncodeInstance(MakeInstance("other")), NodeKind::Ephemeral);
+    others.emplace_back(MakeClient(kDc))->PublishRaw(kService, m_id, "other", NodeKind::Ephemeral);
   };
   publish();
   int looks = 0;
@@ -158,9 +156,12 @@ TEST_F(ServicePublisherTest, OfTwoWithOneIdTheSecondIsToldAndTakesOverInTheEnd) 
   EXPECT_TRUE(log.Await("halden.publisher", ToString(m_id)));
   ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
   EXPECT_EQ(Owner(m_id), m_conn->Status().sessionId);
-  m_publisher.reset();
+  m_publisher->Remove();
   ASSERT_TRUE(Eventually([&] { return Owner(m_id) == other->Status().sessionId; }));
   ASSERT_TRUE(m_observer->AwaitHost(kDc, m_id, "rival"));
+  m_publisher->Publish(MakeInstance("back"));  // both have been first: one gives way all the same
+  ASSERT_TRUE(Eventually([&] { return m_publisher->Status().state == PublishState::Conflict; }));
+  m_publisher.reset();
   second.Remove();
   ASSERT_TRUE(Eventually([&] { return third.Status().state == PublishState::Published; }));
 }
