@@ -162,6 +162,11 @@ void PublisherCore::Pause(Clock::duration delay) {
   });
 }
 
+/// After an exception (no memory, say) nothing is under way that an answer would end.
+void PublisherCore::GiveUpExchange() {
+  if (IsUnderWay(m_phase)) Pause(m_pause.AfterFailure());
+}
+
 void PublisherCore::SetPhase(PublisherPhase phase) {
   if (!IsLegal(m_phase, phase)) {
     ZRLOG(ZRLOG_ERROR, PublisherLog())

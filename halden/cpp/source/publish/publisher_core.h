@@ -63,6 +63,7 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   void Fail(int code);
   void MendLater(const char* loss);
   void Pause(Clock::duration delay);
+  void GiveUpExchange();
   void SetPhase(PublisherPhase phase);
 
   // Exchanges, and their answers.

@@ -42,8 +42,20 @@ std::vector<Request> ParentCreations(const zr::String& chroot, const zr::String&
 
 void PublisherCore::Send(PublisherPhase phase, Request request, ReplyFunction onReply) {
   SetPhase(phase);
-  request.reply = [self = shared_from_this(), onReply = std::move(onReply)](Reply& reply) { onReply(reply); };
-  m_core->Submit(std::move(request));
+  try {
+    request.reply = [self = shared_from_this(), onReply = std::move(onReply)](Reply& reply) {
+      try {
+        onReply(reply);
+      } catch (...) {
+        self->GiveUpExchange();
+        throw;
+      }
+    };
+    m_core->Submit(std::move(request));
+  } catch (...) {
+    GiveUpExchange();
+    throw;
+  }
 }
 
 /// Whose node is there, and what is in it? With a watch, so that what confirms it also tells of its end. Behind a
