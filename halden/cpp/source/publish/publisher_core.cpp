@@ -24,7 +24,10 @@ void PublisherCore::Start(const Connection& conn) {
       conn, [weak = weak_from_this()](int /*type*/, int /*state*/, const zr::String& /*path*/) {
         if (const auto self = weak.lock()) self->OnEvent();
       });
-  m_core->Post([self = shared_from_this()] { self->m_core->AddListener(self); });
+  m_core->Post([self = shared_from_this()] {
+    self->m_core->AddWatcher(self->m_path, self->m_watch);
+    self->m_core->AddListener(self);
+  });
 }
 
 void PublisherCore::Publish(std::string bytes) {
@@ -38,6 +41,7 @@ void PublisherCore::Remove() {
 void PublisherCore::Stop() {
   m_watch->Invalidate({});
   m_core->Post([self = shared_from_this(), number = m_board.CountWish()] {
+    self->m_core->RemoveWatcher(self->m_path, self->m_watch, 1);
     self->m_claims->AnnounceRelease(self->m_path, self);
     self->m_self = self;
     self->TakeWish(std::nullopt, number);

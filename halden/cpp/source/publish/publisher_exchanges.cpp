@@ -63,8 +63,7 @@ void PublisherCore::Send(PublisherPhase phase, Request request, ReplyFunction on
 /// pass for absent.
 void PublisherCore::Look() {
   if (m_node.What() != KnownNode::Kind::Held) m_core->Submit({.kind = Request::Kind::Sync, .path = m_path});
-  Request request{.kind = Request::Kind::Get, .path = m_path};
-  if (m_wish) request.watch = m_watch;
+  Request request{.kind = Request::Kind::Get, .path = m_path, .watch = m_wish.has_value()};
   Send(PublisherPhase::Looking, std::move(request), [this](Reply& reply) { OnLooked(reply); });
 }
 

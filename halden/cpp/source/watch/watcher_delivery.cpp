@@ -104,21 +104,21 @@ void WatcherDelivery::Remove(const ServiceId& id) {
 
 void WatcherDelivery::MarkStale() {
   std::unique_lock lock(m_mtx);
-  if (m_freshness != Freshness::Live) return;
-  m_freshness = Freshness::Stale;
-  m_staleSince = TimeOfDay();
+  if (m_status.freshness != Freshness::Live) return;
+  m_status.freshness = Freshness::Stale;
+  m_status.staleSince = TimeOfDay();
   m_statusDue = true;
   Schedule(lock);
 }
 
 void WatcherDelivery::CountDrift() {
   const std::lock_guard lock(m_mtx);
-  ++m_drifts;
+  ++m_status.drifts;
 }
 
 std::size_t WatcherDelivery::KnownBefore() const {
   const std::lock_guard lock(m_mtx);
-  return m_freshness == Freshness::NeverSynchronized ? 0 : m_table.Size();
+  return m_status.freshness == Freshness::NeverSynchronized ? 0 : m_table.Size();
 }
 
 NodeVersion WatcherDelivery::Seen(const ServiceId& id) const {
@@ -128,10 +128,10 @@ NodeVersion WatcherDelivery::Seen(const ServiceId& id) const {
 
 void WatcherDelivery::MarkLive(bool everythingRead) {
   std::unique_lock lock(m_mtx);
-  if (everythingRead) ++m_resyncs;
-  if (m_freshness == Freshness::Live) return;
-  m_queuesDue |= m_freshness == Freshness::NeverSynchronized;
-  m_freshness = Freshness::Live;
+  if (everythingRead) ++m_status.resyncs;
+  if (m_status.freshness == Freshness::Live) return;
+  m_queuesDue |= m_status.freshness == Freshness::NeverSynchronized;
+  m_status.freshness = Freshness::Live;
   m_synchronized.notify_all();
   m_statusDue = true;
   RemoveDue();
@@ -146,7 +146,7 @@ void WatcherDelivery::ReportStatus() {
 
 void WatcherDelivery::ReportError(int code) {
   std::unique_lock lock(m_mtx);
-  m_lastError = code;
+  m_status.lastError = code;
   if (!m_errorHandler || std::find(m_errors.begin(), m_errors.end(), code) != m_errors.end()) return;
   m_errors.push_back(code);
   Schedule(lock);
@@ -169,22 +169,18 @@ std::optional<std::string> WatcherDelivery::Find(const ServiceId& id) const {
 
 ServiceWatcherStatus WatcherDelivery::Status() const {
   const std::lock_guard lock(m_mtx);
-  ServiceWatcherStatus status;
-  status.freshness = m_freshness;
-  if (m_freshness == Freshness::Stale) status.staleSince = m_staleSince;
+  ServiceWatcherStatus status = m_status;
+  if (status.freshness != Freshness::Stale) status.staleSince.reset();
   status.instances = m_table.Size();
   status.held = m_table.Held();
   status.quarantined = m_table.Quarantined();
-  status.resyncs = m_resyncs;
-  status.drifts = m_drifts;
-  status.lastError = m_lastError;
   return status;
 }
 
 bool WatcherDelivery::AwaitSynchronized(std::chrono::milliseconds limit) const {
   std::unique_lock lock(m_mtx);
   return m_synchronized.wait_for(lock, WaitLimit(limit),
-                                 [this] { return m_freshness != Freshness::NeverSynchronized; });
+                                 [this] { return m_status.freshness != Freshness::NeverSynchronized; });
 }
 
 /// Posts a delivery if there is something to tell and none is on its way. `lock` is on m_mtx and may be
@@ -194,7 +190,7 @@ void WatcherDelivery::Schedule(std::unique_lock<std::mutex>& lock) {
   const bool handlersDue = !m_errors.empty() || (m_statusDue && m_statusHandler);
   if (!m_table.HasChanges() && !handlersDue && !m_queuesDue) return;
   m_scheduled = true;
-  const bool manyToCome = m_freshness != Freshness::Live;
+  const bool manyToCome = m_status.freshness != Freshness::Live;
   lock.unlock();
   const auto deliver = [self = shared_from_this()] { self->Deliver(); };
   try {
@@ -229,7 +225,8 @@ void WatcherDelivery::ScheduleGuard() {
 void WatcherDelivery::OnGuardDue(RemovalGuard::TimePoint due) {
   std::unique_lock lock(m_mtx);
   if (m_guardTimer == due) m_guardTimer.reset();
-  if (m_freshness != Freshness::Live) return;  // who has come back meanwhile is not known: when it is again
+  if (m_status.freshness != Freshness::Live)
+    return;  // who has come back meanwhile is not known: when it is again
   RemoveDue();
   Schedule(lock);
 }

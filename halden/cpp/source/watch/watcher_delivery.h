@@ -96,13 +96,9 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   std::shared_ptr<const DataCenterStatusHandler> m_statusHandler;
   bool m_statusDue = false;  // the handler is to be asked
   std::optional<StatusKey> m_toldStatus;
-  bool m_queuesDue = false;  // everything was read for the first time, and queues are to be told
-  bool m_scheduled = true;   // a delivery is posted, or running and will look again; or not started
-  Freshness m_freshness = Freshness::NeverSynchronized;
-  std::chrono::system_clock::time_point m_staleSince;
-  std::uint64_t m_resyncs = 0;
-  std::uint64_t m_drifts = 0;
-  int m_lastError = 0;
+  bool m_queuesDue = false;       // everything was read for the first time, and queues are to be told
+  bool m_scheduled = true;        // a delivery is posted, or running and will look again; or not started
+  ServiceWatcherStatus m_status;  // its numbers of instances are the table's
 };
 
 }  // namespace zr::halden::details
