@@ -85,7 +85,8 @@ bool InstanceTable::Hold(const ServiceId& id) {
 /// although it is another node.
 void InstanceTable::Rejoin(Entry& entry, const NodeVersion& version, const std::string& payload) {
   const bool toldAlready = entry.announced == entry.good && entry.payload == payload;
-  entry.announced = toldAlready ? version : NodeVersion{version.czxid, entry.announced.mzxid};
+  // No node has that mzxid: in an ensemble that was set up anew the old one could come again.
+  entry.announced = toldAlready ? version : NodeVersion{version.czxid, -1};
 }
 
 std::vector<ServiceId> InstanceTable::List() const {

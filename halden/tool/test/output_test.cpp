@@ -71,12 +71,13 @@ TEST(EventLine, AsJsonKeepsItsKeysTheirOrderAndItsSyntax) {
   state.connection.reconnects = 2;
   state.watcher.staleSince = kNow;
   state.watcher.held = 1;
-  EXPECT_EQ(format.State(kNow, state),
-            R"({"type":"state","time":"2023-11-14T22:13:20.042Z","data_center":"eu-west",)"
-            R"("connection":"suspended","session_id":"0xffffffffffffffff","freshness":"stale",)"
-            R"("stale_since":"2023-11-14T22:13:20.042Z","instances":3,"held":1,"unreadable":0,"sessions":0,)"
-            R"("reconnects":2,"expiries":0,"resyncs":0,"drifts":0,"last_error":"connection lost","last_read_error":""})"
-            "\n");
+  EXPECT_EQ(
+      format.State(kNow, state),
+      R"({"type":"state","time":"2023-11-14T22:13:20.042Z","data_center":"eu-west",)"
+      R"("connection":"suspended","session_id":"0xffffffffffffffff","freshness":"stale",)"
+      R"("stale_since":"2023-11-14T22:13:20.042Z","instances":3,"held":1,"unreadable":0,"sessions":0,)"
+      R"("reconnects":2,"expiries":0,"resyncs":0,"drifts":0,"last_error":"connection lost","last_read_error":""})"
+      "\n");
 }
 
 TEST(StateText, CallsNeitherKeptInstancesLiveNorLiveOnesKept) {

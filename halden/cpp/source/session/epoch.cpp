@@ -181,7 +181,7 @@ clientid_t Epoch::Session() const {
 
 void Epoch::Submit(Request request) {
   if (m_life != Life::Open) return;
-  if (m_outstanding >= kWindow) {
+  if (m_sent.size() >= kWindow) {
     m_waiting.push_back(std::move(request));
   } else {
     Send(std::move(request));
@@ -189,14 +189,14 @@ void Epoch::Submit(Request request) {
 }
 
 void Epoch::Send(Request request) {
-  if (m_free.empty()) m_free.push_back(&m_slots.emplace_back(Slot{this, {}, {}}));
+  if (m_free.empty()) m_free.push_back(&m_slots.emplace_back(Slot{this, {}, {}, false}));
   Slot* const slot = m_free.back();
   m_free.pop_back();
   slot->request = std::move(request);
-  if (m_outstanding++ == 0) m_lastHeard = Clock::now();
+  if (m_sent.empty()) m_lastHeard = Clock::now();
   const auto& path = slot->request.path;
   const int code = Call(slot, slot->request.outsideChroot ? path : m_root + path);
-  if (code == ZOK) return;
+  if (code == ZOK) return m_sent.push_back(slot);
   m_post(Clock::duration::zero(), [weak = weak_from_this(), slot, code] {
     const auto self = weak.lock();
     if (!self || self->m_life != Life::Open) return;
@@ -237,11 +237,24 @@ int Epoch::Call(Slot* slot, const zr::String& path) {
   return ZBADARGUMENTS;
 }
 
+/// Answers come in order: what was sent before this one and has none has lost it, and would be waited for for ever.
+void Epoch::MissLost(const Slot& answered) {
+  while (!m_sent.empty()) {
+    Slot* const first = m_sent.front();
+    m_sent.pop_front();
+    if (first == &answered) return;
+    first->lost = true;
+    Reply reply;
+    reply.code = ZOPERATIONTIMEOUT;
+    TaskThread::RunGuarded([&] { Complete(*first, reply); });
+    if (m_life != Life::Open) return;
+  }
+}
+
 /// Whatever is thrown on the way costs that step only: the slot is free, and the next request has its turn.
 void Epoch::Complete(Slot& slot, Reply& reply) {
   const Request request = std::exchange(slot.request, Request{});
-  m_free.push_back(&slot);
-  --m_outstanding;
+  if (!slot.lost) m_free.push_back(&slot);
   m_lastHeard = Clock::now();
   TaskThread::RunGuarded([&] {
     if (request.watch) m_watches.Count(request, m_root + request.path, reply.code);
@@ -291,6 +304,9 @@ void Epoch::Answer(const void* context, int code, const Stat* stat, const Fill& 
   } catch (const std::exception&) {  // no memory for what was read
     reply.code = ZSYSTEMERROR;
   }
+  if (slot.lost) return;
+  self.MissLost(slot);
+  if (self.m_life != Life::Open) return;
   TaskThread::RunGuarded([&] { self.Complete(slot, reply); });
 }
 

@@ -68,7 +68,7 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   void Submit(Request request);
   /// How long the server has owed an answer without giving any; answers come in order.
   Clock::duration Unheard() const {
-    return m_outstanding == 0 ? Clock::duration::zero() : Clock::now() - m_lastHeard;
+    return m_sent.empty() ? Clock::duration::zero() : Clock::now() - m_lastHeard;
   }
 
  private:
@@ -76,6 +76,7 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
     Epoch* epoch;
     Request request;
     zoo_op_result_t result;  // of a Barrier's only operation; nobody looks at it
+    bool lost;               // answered without the library, which may come back to it in the close
   };
   struct Way {
     int socket = -1;           // as the library told last
@@ -107,6 +108,7 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
 
   void Send(Request request);
   int Call(Slot* slot, const zr::String& path);
+  void MissLost(const Slot& answered);
   void Complete(Slot& slot, Reply& reply);
   void Dispatch(int type, int state, const std::string& path);
 
@@ -124,7 +126,7 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   std::deque<Slot> m_slots;  // a deque: the library holds the elements' addresses
   std::vector<Slot*> m_free;
   std::deque<Request> m_waiting;
-  std::size_t m_outstanding = 0;
+  std::deque<Slot*> m_sent;       // without an answer, in order
   Clock::time_point m_lastHeard;  // the last answer, or request when none was outstanding
   WatchBudget m_watches;
 };

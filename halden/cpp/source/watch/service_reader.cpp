@@ -206,7 +206,7 @@ void ServiceReader::OnServiceListed(const Reply& reply) {
     if (const auto number = ParsePartition(name)) {
       present[*number] = true;
     } else {
-      LogOddName(m_path + "/" + name);
+      LogOddName(m_path, name);
     }
   }
   for (std::size_t i = 0; i < kPartitions; ++i) {
@@ -271,7 +271,7 @@ void ServiceReader::OnPartitionListed(std::uint8_t number, const Reply& reply) {
   for (const auto& name : reply.children) {
     const auto id = ParseServiceId(name);
     if (!id || PartitionOf(*id) != number) {
-      LogOddName(path + "/" + name);
+      LogOddName(path, name);
       continue;
     }
     const auto [entry, isNew] = partition.instances.try_emplace(*id);
@@ -410,7 +410,9 @@ void ServiceReader::FinishIfComplete() {
   m_delivery->MarkLive(std::exchange(m_fullRead, false));
 }
 
-void ServiceReader::LogOddName(const zr::String& path) {
+void ServiceReader::LogOddName(zr::String path, const zr::String& name) {
+  path += '/';
+  path += name;
   if (m_oddNames.size() >= kMaxOddNames || !m_oddNames.insert(path).second) return;
   ZRLOG(ZRLOG_WARNING, WatcherLog()) << "node ignored, it is no instance, dc_name="
                                      << m_core->DataCenterName() << ", path=" << path;

@@ -136,7 +136,7 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   void FinishIfComplete();
   void ForgetReads();
   void StartOver() noexcept;
-  void LogOddName(const zr::String& path);
+  void LogOddName(zr::String path, const zr::String& name);
   template <typename OnReply>
   void Submit(Request::Kind kind, zr::String path, bool watch, OnReply onReply) {
     Request request{.kind = kind, .path = std::move(path), .watch = watch};
