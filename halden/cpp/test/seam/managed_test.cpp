@@ -2,10 +2,8 @@
 #include <zookeeper/zookeeper.h>
 
 #include <stdexcept>
-#include <thread>
 
 #include "seam/seam_test.h"
-#include "support/await.h"
 
 namespace zr::halden::test {
 namespace {
@@ -33,17 +31,6 @@ class ManagedConnections : public GlobalWatcherTest {
       EXPECT_EQ(m_journal.Take(), filtered ? Lines() : lines);
     }
   }
-
-  /// Makes `step` throw for the second data centre that comes to it, whichever that is.
-  void FailTheSecond(const std::string& step) {
-    for (const char* dc : {"east: ", "west: ", "north: "}) {
-      m_journal.m_actions[dc + step] = [reached = m_reached] {
-        if (++*reached == 2) throw ZooError(ZCONNECTIONLOSS);
-      };
-    }
-  }
-
-  const std::shared_ptr<int> m_reached = std::make_shared<int>(0);
 };
 
 TEST_F(ManagedConnections, AreRefusedInApplicationManagedModeAlsoWhenNoLineIsLogged) {
@@ -71,21 +58,6 @@ TEST_F(ManagedConnections, StartMakesAConnectionForEveryEnsembleAndOnesMoreWhenC
   }
   m_watcher->ListInstances();
   EXPECT_EQ(m_journal.Take().size(), 4u);
-}
-
-TEST_F(ManagedConnections, AFailedStartLeavesTheEarlierOnesConnectedAndTriesNoMore) {
-  Make(true, {{"east", "e:2181"}, {"west", "w:2181"}, {"north", "n:2181"}});
-  FailTheSecond("Start(null)");
-  EXPECT_THROW(m_watcher->StartManagedConnections(), ZooError);
-  const Lines lines = m_journal.Take();  // five steps of one that succeeded, four of one that failed
-  ASSERT_EQ(lines.size(), 9u);
-  const std::string first = lines.front().substr(0, lines.front().find(':'));
-  const std::string failed = lines.back().substr(0, lines.back().find(':'));
-  EXPECT_EQ(lines[4], "* " + first + ": watcher Start");
-  EXPECT_EQ(lines[6], "* " + failed + ": Start(null)");
-  EXPECT_EQ(lines[8], failed + ": ~Connection");
-  EXPECT_TRUE(m_watcher->HasConnection(first));
-  EXPECT_FALSE(m_watcher->HasConnection(failed));
 }
 
 TEST_F(ManagedConnections, ConnectRefusesUnknownAndConnectedNamesWithoutMakingAConnection) {
@@ -141,55 +113,6 @@ TEST_F(ManagedConnections, DisconnectReportsAnEntryThatWentBetweenItsTwoLocks) {
                                             "* " + Warning(text), "east: ~Connection"));
 }
 
-TEST_F(ManagedConnections, DisconnectCleansUpWhateverHasTheNameByThen) {
-  MakeEastAndWest();
-  const auto expired = m_watcher->GetConnection("east");
-  m_journal.m_actions["east: ForceExpire"] = [&] {
-    m_watcher->RemoveConnection(expired);
-    m_watcher->AddConnection(MakeConnection("east"));
-    m_journal.Take();
-  };
-  EXPECT_TRUE(m_watcher->DisconnectDC("east"));
-  const auto lines = m_journal.Take();
-  EXPECT_EQ(Lines(lines.begin(), lines.begin() + 2), (Lines{"* east: UnregisterWeak", "* east: Stop"}));
-  EXPECT_FALSE(m_watcher->HasConnection("east"));
-}
-
-TEST_F(ManagedConnections, AFailureInDisconnectLeavesTheEntryInPlace) {
-  MakeEastAndWest();
-  const auto disconnect = [&] { m_watcher->DisconnectDC("east"); };
-  Lines expected{kFound, "east: ForceExpire"};
-  EXPECT_EQ(LinesOfFailure("east: ForceExpire", ZooError(ZCLOSING), disconnect), expected);
-  for (const std::string step : {"east: UnregisterWeak", "east: Stop"}) {
-    expected.push_back("* " + step);
-    EXPECT_EQ(LinesOfFailure(step, ZooError(ZCLOSING), disconnect), expected);
-  }
-  EXPECT_TRUE(m_watcher->HasConnection("east"));
-}
-
-TEST_F(ManagedConnections, DisconnectWaitsForARelayBeforeItStops) {
-  MakeEastAndWest();
-  Happening inside;
-  Happening detaching;
-  const auto observer = std::make_shared<AddressObserver>();
-  observer->m_then = [&] {
-    inside.Set();
-    EXPECT_TRUE(detaching.Await());
-    m_journal.Step("the observer leaves");
-  };
-  m_watcher->RegisterShared(observer);
-  m_journal.m_isLocked = nullptr;
-  m_journal.m_actions["east: UnregisterWeak"] = [&] { detaching.Set(); };
-  ServiceWatcher& east = WatcherOf("east");
-  std::thread relay([&] { east.Raise(&ServiceWatcherObserver::OnInstanceRemoved, ServiceId{}); });
-  EXPECT_TRUE(inside.Await());
-  EXPECT_TRUE(m_watcher->DisconnectDC("east"));
-  relay.join();
-  EXPECT_THAT(m_journal.Take(),
-              ElementsAre(kFound, "east: ForceExpire", "east: UnregisterWeak", "the observer leaves",
-                          "east: Stop", "east: ~ServiceWatcher", "east: ~Connection"));
-}
-
 TEST_F(ManagedConnections, StopDetachesAndStopsEveryOneEveryTimeAndLeavesThemRegistered) {
   MakeEastAndWest();
   const Lines east{"* east: UnregisterWeak", "* east: Stop"};
@@ -201,20 +124,6 @@ TEST_F(ManagedConnections, StopDetachesAndStopsEveryOneEveryTimeAndLeavesThemReg
   }
   EXPECT_FALSE(m_watcher->ConnectDC("west"));
   EXPECT_TRUE(m_watcher->DisconnectDC("west"));
-}
-
-TEST_F(ManagedConnections, AFailureInStopLeavesTheRestAsItIs) {
-  for (const std::string step : {"UnregisterWeak", "Stop"}) {
-    MakeEastAndWest();
-    *m_reached = 0;
-    FailTheSecond(step);
-    EXPECT_THROW(m_watcher->StopManagedConnections(), ZooError);
-    EXPECT_EQ(m_journal.Take().size(), step == "Stop" ? 4u : 3u);
-    EXPECT_EQ(WatcherOf("east").ObserverCount() + WatcherOf("west").ObserverCount(),
-              step == "Stop" ? 0u : 1u);
-    EXPECT_FALSE(GlobalServiceWatcher::IsLocked(*m_watcher));
-    m_journal.m_actions.clear();
-  }
 }
 
 }  // namespace

@@ -1,9 +1,7 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include <zookeeper/zookeeper.h>
 
-#include <algorithm>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
 #include "seam/seam_test.h"
@@ -94,28 +92,98 @@ TEST_F(ConnectionRegistry, AFailureRegistersNothingAndOnlyThatOfAStartIsLogged) 
   EXPECT_THROW(m_watcher->AddConnection(nullptr), std::invalid_argument);
 }
 
-TEST_F(ConnectionRegistry, ThreadsThatShareItNeitherRaceNorMakeAnEntryTwice) {
-  Make(false);
-  m_journal.m_isLocked = nullptr;
-  const auto shared = MakeConnection("shared");
-  const auto work = [&](const std::shared_ptr<Connection>& own) {
-    for (int i = 0; i < 100; ++i) {
-      m_watcher->AddConnection(shared);
-      m_watcher->AddConnection(own);
-      EXPECT_TRUE(m_watcher->DisconnectDC("shared"));
-      EXPECT_EQ(m_watcher->GetConnection(own->GetDCName()), own);
-      EXPECT_THAT(m_watcher->ListInstances(), IsEmpty());
-      own->m_watcher->Raise(&ServiceWatcherObserver::OnInstanceRemoved, ServiceId{});
-      m_watcher->RemoveConnection(own);
-    }
-  };
-  const auto east = MakeConnection("east");
-  const auto west = MakeConnection("west");
-  std::thread other(work, east);
-  work(west);
-  other.join();
-  const Lines lines = m_journal.Take();
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), "shared: ServiceWatcher(orders)"), 1);
+using GlobalWatcherLifetime = GlobalWatcherTest;
+
+TEST_F(GlobalWatcherLifetime, ARejectedConfigurationIsLoggedAndItsGoodEntriesAreKept) {
+  g_config = {false, {{"east", "e:2181"}, {"west", "w:2181"}}};
+  Construct(true);
+  EXPECT_THAT(
+      m_journal.Take(),
+      ElementsAre("ParseZooKeeperConfig(zk.toml)",
+                  Warning("failed to process zookeeper config: zk.tomlService watch is not set for: orders"),
+                  Info("global service watcher created, name=orders, managed_service=1, ensembles_size=2")));
+  EXPECT_TRUE(m_watcher->ConnectDC("west"));
+
+  m_watcher.reset();
+  m_journal.Take();
+  zr::logging::SetMinimumLoggingLevel(zr::logging::ZRLOG_ERROR);
+  Construct(true);
+  EXPECT_THAT(m_journal.Take(), ElementsAre("ParseZooKeeperConfig(zk.toml)"));
+}
+
+TEST_F(GlobalWatcherLifetime, DestructionReleasesWithoutStoppingOrUnregistering) {
+  MakeEastAndWest();
+  WatcherOf("east").m_instances = {{ServiceId{}, {}}};
+  std::shared_ptr<ServiceWatcher> kept;
+  ServiceInstanceData data;
+  ASSERT_TRUE(m_watcher->GetInstanceData(ServiceId{}, kept, data));
+  m_journal.Take();
+  m_watcher.reset();
+  EXPECT_THAT(m_journal.Take(), ElementsAre("west: ~ServiceWatcher", "west: ~Connection"));
+  EXPECT_EQ(kept->ObserverCount(), 1u) << "a registration is left, but a weak one";
+  kept->Raise(&ServiceWatcherObserver::OnInstanceRemoved, ServiceId{});
+}
+
+const ServiceId kFirst{{1}};
+const ServiceId kSecond{{2}};
+const ServiceId kThird{{3}};
+
+class InstancesOfAll : public GlobalWatcherTest {
+ protected:
+  void MakeWithInstances() {
+    MakeEastAndWest();
+    ServiceInstanceData data;
+    data.set_host("east");
+    WatcherOf("east").m_instances = {{kSecond, data}, {kFirst, data}};
+    data.set_host("west");
+    WatcherOf("west").m_instances = {{kThird, data}, {kFirst, data}};
+  }
+
+  const std::shared_ptr<AddressObserver> m_first = std::make_shared<AddressObserver>();
+  const std::shared_ptr<AddressObserver> m_second = std::make_shared<AddressObserver>();
+};
+
+TEST_F(InstancesOfAll, AreListedPerDataCenterNeitherSortedNorMerged) {
+  MakeWithInstances();
+  EXPECT_THAT(m_watcher->ListInstances(), AnyOf(ElementsAre(kSecond, kFirst, kThird, kFirst),
+                                                ElementsAre(kThird, kFirst, kSecond, kFirst)));
+  EXPECT_THAT(m_journal.Take(),
+              ::testing::UnorderedElementsAre("* east: ListInstances", "* west: ListInstances"));
+  LinesOfFailure("east: ListInstances", std::out_of_range("east"), [&] { m_watcher->ListInstances(); });
+}
+
+TEST_F(InstancesOfAll, DataComesFromTheFirstThatKnowsTheInstanceAndNoOtherIsAsked) {
+  MakeWithInstances();
+  std::shared_ptr<ServiceWatcher> watcher;
+  ServiceInstanceData data;
+  ASSERT_TRUE(m_watcher->GetInstanceData(kFirst, watcher, data));
+  EXPECT_THAT(m_journal.Take(), ElementsAre("* " + data.host() + ": GetInstanceData"));
+  EXPECT_EQ(watcher.get(), &WatcherOf(data.host()));
+  EXPECT_TRUE(m_watcher->GetInstanceData(kThird, watcher, data));
+  EXPECT_EQ(watcher.get(), &WatcherOf("west"));
+  EXPECT_TRUE(m_watcher->GetInstanceData(kSecond, watcher, data));
+  EXPECT_FALSE(m_watcher->GetInstanceData(ServiceId{}, watcher, data));
+  EXPECT_EQ(watcher.get(), &WatcherOf("east")) << "one that nobody knows must leave it";
+  EXPECT_EQ(data.host(), "east");
+  LinesOfFailure("west: GetInstanceData", std::out_of_range("west"),
+                 [&] { m_watcher->GetInstanceData(ServiceId{}, watcher, data); });
+}
+
+TEST_F(InstancesOfAll, EventsReachEveryObserverWithTheVeryArgumentsOfTheDataCenter) {
+  MakeEastAndWest();
+  m_watcher->RegisterShared(m_first);
+  m_watcher->RegisterWeak(m_second);
+  const ServiceInstanceData data;
+  ServiceWatcher& east = WatcherOf("east");
+  ServiceWatcher& west = WatcherOf("west");
+  east.Raise(&ServiceWatcherObserver::OnInstanceRemoved, kFirst);
+  east.Raise(&ServiceWatcherObserver::OnInstanceAdded, kFirst, data);
+  west.Raise(&ServiceWatcherObserver::OnInstanceAdded, kFirst, data);
+  west.Raise(&ServiceWatcherObserver::OnInstanceModified, kFirst, data);
+  EXPECT_THAT(m_first->m_events,
+              ElementsAre(Event("removed", &east, &kFirst, nullptr), Event("added", &east, &kFirst, &data),
+                          Event("added", &west, &kFirst, &data), Event("modified", &west, &kFirst, &data)));
+  EXPECT_EQ(m_second->m_events, m_first->m_events);
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <exception>
-#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -60,29 +59,22 @@ inline std::string Warning(const std::string& text) {
 /// What happened and where its arguments are.
 using Event = std::tuple<std::string, const ServiceWatcher*, const ServiceId*, const ServiceInstanceData*>;
 
-/// Keeps every event, and then does what the test says.
+/// Keeps every event.
 class AddressObserver : public ServiceWatcherObserver {
  public:
   void OnInstanceAdded(ServiceWatcher& watcher, const ServiceId& id,
                        const ServiceInstanceData& data) override {
-    Record({"added", &watcher, &id, &data});
+    m_events.push_back({"added", &watcher, &id, &data});
   }
   void OnInstanceRemoved(ServiceWatcher& watcher, const ServiceId& id) override {
-    Record({"removed", &watcher, &id, nullptr});
+    m_events.push_back({"removed", &watcher, &id, nullptr});
   }
   void OnInstanceModified(ServiceWatcher& watcher, const ServiceId& id,
                           const ServiceInstanceData& data) override {
-    Record({"modified", &watcher, &id, &data});
+    m_events.push_back({"modified", &watcher, &id, &data});
   }
 
   std::vector<Event> m_events;
-  std::function<void()> m_then;
-
- private:
-  void Record(const Event& event) {
-    m_events.push_back(event);
-    if (m_then) m_then();
-  }
 };
 
 class GlobalWatcherTest : public ::testing::Test {

@@ -5,9 +5,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
-#include <map>
 #include <memory>
-#include <random>
 #include <string>
 #include <thread>
 
@@ -72,17 +70,6 @@ TEST_F(EventQueueTest, WhatOvertakesASlowConsumerIsMergedAndStaysLegal) {
   EXPECT_THAT(Taken(), ElementsAre());
 }
 
-TEST_F(EventQueueTest, WhatAnotherWatcherOfTheDataCenterTellsAnewIsMatchedWithWhatTheConsumerHas) {
-  m_queue.OnInstanceAdded(*m_watcher, m_id, Data("a"));
-  EXPECT_THAT(Taken(), ElementsAre("eu added a"));
-  const auto again = MakeWatcher("eu");  // disconnected and connected: no removals are told
-  m_queue.OnInstanceAdded(*again, m_id, Data("b"));
-  EXPECT_THAT(Taken(), ElementsAre("eu modified b"));
-  m_queue.OnInstanceAdded(*again, m_id, Data("c"));
-  m_queue.OnInstanceRemoved(*again, m_id);
-  EXPECT_THAT(Taken(), ElementsAre("eu removed ")) << "the consumer would have kept it";
-}
-
 TEST_F(EventQueueTest, TheDescriptorIsReadableWhileThereIsSomethingToTake) {
   EXPECT_FALSE(Readable());
   m_queue.OnInstanceAdded(*m_watcher, m_id, Data("a"));
@@ -111,34 +98,6 @@ TEST_F(EventQueueTest, EachEventWakesOneOfSeveralConsumers) {
   m_queue.OnInstanceAdded(*m_watcher, m_id, Data("b"));
   for (auto& one : consumers) one.join();
   EXPECT_FALSE(Readable());
-}
-
-TEST_F(EventQueueTest, AConsumerOnItsOwnThreadEndsUpWithTheLastState) {
-  std::vector<ServiceId> ids(50);
-  for (auto& id : ids) id = MakeServiceId();
-  std::map<ServiceId, std::string> seen;
-  std::thread consumer([&] {
-    while (const auto event = m_queue.Pop()) {
-      EXPECT_EQ(seen.contains(event->id), event->change != InstanceChange::Added);
-      seen[event->id] = event->data.host();
-      if (event->change == InstanceChange::Removed) seen.erase(event->id);
-    }
-  });
-  std::map<ServiceId, std::string> truth;
-  std::minstd_rand random(1);
-  for (int i = 0; i < 20'000; ++i) {
-    const ServiceId& id = ids[random() % ids.size()];
-    if (truth.contains(id) && random() % 3 == 0) {
-      m_queue.OnInstanceRemoved(*m_watcher, id);
-      truth.erase(id);
-    } else {
-      const auto there = truth.insert_or_assign(id, std::to_string(i)).first;
-      m_queue.OnInstanceModified(*m_watcher, id, Data(there->second));
-    }
-  }
-  m_queue.Close();  // ends the consumer once it has taken all
-  consumer.join();
-  EXPECT_EQ(seen, truth);
 }
 
 }  // namespace
