@@ -13,7 +13,7 @@
 ///
 /// - `adaptor_send_queue`: requests are only queued where they are made, and sent by the connection's loop, all
 ///   at once. The library's own sends each by itself from inside the call, and when that finds the connection
-///   broken it forgets to answer what is under way.
+///   broken it goes on in the next one as if nothing had happened, in the middle of a request.
 /// - `get_xid`: the number of a request, from a counter of each thread's own.
 /// - `log_message`: the library's formats into one static buffer. Its lines go to the log sink under the source
 ///   "zookeeper", those of one place in the library at most once in some seconds, with the number left out (a

@@ -272,6 +272,7 @@ std::shared_ptr<Epoch> ConnectionCore::EndEpoch() {
   auto epoch = std::exchange(m_epoch, nullptr);
   m_session = {};
   m_unusedWatches = 0;
+  m_proven = false;
   ++m_attempt;
   Tell([](ConnectionListener& listener) { listener.OnDisconnected(true); });
   return epoch;
@@ -292,7 +293,8 @@ void ConnectionCore::Watch(const std::weak_ptr<Epoch>& epoch, const std::shared_
       m_backoff.Reset();  // not at once: a session can be refused right after it is established
     Act(watchdog->Look({m_state, current->Unanswered(), current->Unheard(), current->Timeout()}));
     if (current != m_epoch) return;
-    current->SetServers(m_addresses->Text());
+    // The library compares lists of servers loosely, and drops what is under way: a new handle takes the new ones.
+    if (!Connected() && current->Addresses() != m_addresses->Text()) return ReplaceHandle();
     Watch(epoch, watchdog);
   });
 }
@@ -355,7 +357,8 @@ void ConnectionCore::OnEstablished() {
   SetState(ConnectionState::Connected);
   ZRLOG(ZRLOG_INFO, ConnectionLog()) << "connected, session_id=" << Hex{m_session.client_id}
                                      << ", dc_name=" << m_options.dcName;
-  if (newEpoch && resumed) RaiseBarrier();
+  m_proven = m_proven || (newEpoch && !resumed);
+  if (!m_proven) RaiseBarrier();
   Tell([newEpoch](ConnectionListener& listener) { listener.OnConnected(newEpoch); });
 }
 
@@ -366,7 +369,9 @@ void ConnectionCore::OnEstablished() {
 void ConnectionCore::RaiseBarrier() {
   Request barrier{.kind = Request::Kind::Barrier, .path = "/", .outsideChroot = true};
   barrier.reply = [this](const Reply& reply) {
-    if (ActionFor(reply.code) == ErrorAction::Retry) ReplaceHandle();  // not carried out, and nothing proven
+    const ErrorAction action = ActionFor(reply.code);
+    if (action == ErrorAction::Retry) return ReplaceHandle();  // not carried out, and nothing proven
+    m_proven = action != ErrorAction::AwaitSession;            // else again after the reconnect
   };
   m_epoch->Submit(std::move(barrier));
 }

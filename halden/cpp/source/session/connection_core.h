@@ -172,6 +172,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   std::uint64_t m_attempt = 0;       // a timer of an earlier attempt to open finds another number
   std::shared_ptr<Epoch> m_epoch;
   clientid_t m_session{};              // of the current epoch; zero before it is established
+  bool m_proven = false;               // its servers cannot be outdated: a quorum has written since it began
   std::optional<clientid_t> m_resume;  // what the next epoch resumes
   Backoff m_backoff{std::chrono::milliseconds(100), std::chrono::seconds(10)};
   std::vector<std::weak_ptr<ConnectionListener>> m_listeners;

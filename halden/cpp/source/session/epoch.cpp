@@ -61,24 +61,21 @@ void Epoch::Authenticate(const zr::String& scheme, const zr::String& credential)
                nullptr);
 }
 
-void Epoch::SetServers(const zr::String& addresses) {
-  if (m_life != Life::Open || ConnectedNow() || addresses == m_addresses) return;
-  m_addresses = addresses;
-  InLibrary([&] { return zoo_set_servers(m_handle, MadeOdd(addresses).c_str()); });
-}
-
 std::unique_ptr<Farewell> Epoch::Close() {
   if (m_life != Life::Open || m_inLibrary || !ConnectedNow()) {
     Abandon();
     return nullptr;
   }
-  Flush();  // what is asked for first must leave first
-  if (!ConnectedNow()) {
-    Abandon();
+  m_life = Life::Closed;  // nothing is told any more, whatever the following finds
+  zhandle_t* const handle = std::exchange(m_handle, nullptr);
+  Cork(m_way.socket, 1);
+  zookeeper_process(handle, ZOOKEEPER_WRITE);  // what is asked for first must leave first
+  if (zoo_state(handle) != ZOO_CONNECTED_STATE) {
+    CloseAndKeepSession(handle);
     return nullptr;
   }
-  m_life = Life::Closed;
-  return CloseAndEndSession(std::exchange(m_handle, nullptr), m_way.socket);
+  Cork(m_way.socket, 0);
+  return CloseAndEndSession(handle, m_way.socket);
 }
 
 void Epoch::Abandon() {
@@ -277,8 +274,12 @@ void Epoch::OnSession(zhandle_t* /*handle*/, int type, int state, const char* /*
                       void* epoch) noexcept {
   auto& self = *static_cast<Epoch*>(epoch);
   if (type != ZOO_SESSION_EVENT || self.m_life != Life::Open) return;
-  self.m_way.lost = state == ZOO_CONNECTING_STATE;
-  if (state == ZOO_CONNECTED_STATE) self.m_lastHeard = Clock::now();  // nothing could be answered before
+  constexpr std::chrono::seconds longEnough{
+      1};  // a server that drops everybody at once must not be asked at once
+  const auto now = Clock::now();
+  self.m_way.lost = state == ZOO_CONNECTING_STATE && now - self.m_way.since > longEnough;
+  if (state == ZOO_CONNECTED_STATE)
+    self.m_way.since = self.m_lastHeard = now;  // nothing could be answered before
   TaskThread::RunGuarded([&] { self.m_onSession(self, state); });
 }
 

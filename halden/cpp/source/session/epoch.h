@@ -43,8 +43,8 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   /// Opens the handle; 0, or the errno that it failed with.
   int Open(const zr::String& addresses, std::chrono::milliseconds timeout, const clientid_t* resume);
   void Authenticate(const zr::String& scheme, const zr::String& credential);
-  /// Not while connected: the library would drop its connection, and what is under way with it.
-  void SetServers(const zr::String& addresses);
+  /// That it was opened with.
+  const zr::String& Addresses() const { return m_addresses; }
 
   /// Ends: no request is answered any more. With it goes the session, if the handle is connected and the
   /// request to end it can be sent: then the answer is to be awaited.
@@ -81,7 +81,8 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   struct Way {
     int socket = -1;           // as the library told last
     bool full = false;         // the socket takes no more for now
-    bool lost = false;         // just now, and no other try was made yet
+    bool lost = false;         // just now, after some time, and no other try was made yet
+    Clock::time_point since;   // connected last
     Clock::time_point resume;  // the library is not to be asked before
     Clock::time_point asked;   // ... and was last
   };
@@ -118,7 +119,7 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   const EventFunction m_onEvent;
 
   zhandle_t* m_handle = nullptr;
-  zr::String m_addresses;  // that the handle was given last
+  zr::String m_addresses;
   Life m_life = Life::Open;
   bool m_inLibrary = false;
   Way m_way;

@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::chrono::seconds kAnswerLimit{2};
 constexpr std::chrono::seconds kTakeUpLimit{2};
-constexpr int kTries = 5;
+constexpr int kTries = 3;
 
 }  // namespace
 
@@ -57,7 +57,7 @@ void SessionEnd::TakeUp() {
     if (self && self->m_epoch.get() == &epoch) self->OnTakenUp(state);
   });
   if (!m_epoch) return Fail();
-  After(kTakeUpLimit, &SessionEnd::Fail);  // no answer: no use asking again
+  After(kTakeUpLimit, &SessionEnd::TakeUp);  // it may have begun with a server that is out of reach
 }
 
 /// The handle is not closed from inside what it tells.

@@ -21,9 +21,9 @@ namespace zr::halden::details {
 ///   AwaitingAnswer -> Idle                     the server has confirmed it
 ///   AwaitingAnswer -> TakingUp                 the connection broke, or no answer came in time
 ///   TakingUp -> AwaitingAnswer                 another handle has the session, and asks to end it
-///   TakingUp -> TakingUp                       it has lost the session again
-///   TakingUp -> Idle                           the session is gone; nobody answers, or the fifth end is not confirmed:
-///                                              then it ends after its timeout
+///   TakingUp -> TakingUp                       it has lost the session again, or nobody answers
+///   TakingUp -> Idle                           the session is gone; or the third try is in vain: then it ends after
+///                                              its timeout
 ///
 /// Threads: the connection's. Ownership: by the connection; timers and handles hold it weakly.
 class SessionEnd final : public std::enable_shared_from_this<SessionEnd> {
