@@ -156,8 +156,7 @@ void ConnectionCore::Ready(const pollfd& socket) {
 }
 
 void ConnectionCore::AddListener(const std::shared_ptr<ConnectionListener>& listener) {
-  if (m_listeners.size() > 2 * m_listening + 16) ForgetDeadListeners();
-  m_listeners.push_back(listener);
+  m_listeners.Add(listener);
   if (Connected()) listener->OnConnected(true);
   listener->OnStateChanged();  // it may have been asked before it heard
 }
@@ -172,8 +171,8 @@ void ConnectionCore::RemoveWatcher(const zr::String& root, const WatchRoutes::Co
                                    std::size_t watches) {
   constexpr std::size_t tooMany = 4096;
   if (!m_routes.Remove(root, context) || !m_epoch) return;
-  m_unusedWatches += watches;
-  if (!Connected() || m_unusedWatches < std::max(tooMany, m_epoch->Watches().Count() / 2)) return;
+  m_routes.unused += watches;
+  if (!Connected() || m_routes.unused < std::max(tooMany, m_epoch->Watches().Count() / 2)) return;
   ZRLOG(ZRLOG_INFO, ConnectionLog()) << "most watches are of watchers that are gone, trying anew, dc_name="
                                      << m_options.dcName;
   ReplaceHandle();
@@ -271,10 +270,10 @@ std::shared_ptr<Epoch> ConnectionCore::OpenHandle(const clientid_t* resume,
 std::shared_ptr<Epoch> ConnectionCore::EndEpoch() {
   auto epoch = std::exchange(m_epoch, nullptr);
   m_session = {};
-  m_unusedWatches = 0;
+  m_routes.unused = 0;
   m_proven = false;
   ++m_attempt;
-  Tell([](ConnectionListener& listener) { listener.OnDisconnected(true); });
+  m_listeners.Tell([](ConnectionListener& listener) { listener.OnDisconnected(true); });
   return epoch;
 }
 
@@ -359,7 +358,7 @@ void ConnectionCore::OnEstablished() {
                                      << ", dc_name=" << m_options.dcName;
   m_proven = m_proven || (newEpoch && !resumed);
   if (!m_proven) RaiseBarrier();
-  Tell([newEpoch](ConnectionListener& listener) { listener.OnConnected(newEpoch); });
+  m_listeners.Tell([newEpoch](ConnectionListener& listener) { listener.OnConnected(newEpoch); });
 }
 
 /// A handle that went on shows servers what it has seen, and a new session was written by a quorum. But a new handle
@@ -381,7 +380,7 @@ void ConnectionCore::OnLost() {
   SetError(ZCONNECTIONLOSS, "connection lost");
   if (m_epoch->Watches().Exceeded()) return ReplaceHandle();  // a new handle has no watches to set again
   SetState(ConnectionState::Suspended);
-  Tell([](ConnectionListener& listener) { listener.OnDisconnected(false); });
+  m_listeners.Tell([](ConnectionListener& listener) { listener.OnDisconnected(false); });
 }
 
 /// The epoch that it ends with is still to be closed.
@@ -394,7 +393,7 @@ std::shared_ptr<Epoch> ConnectionCore::OnSessionOver(int code, ConnectionState s
   SetState(state);
   m_wanted = m_options.renewExpired;
   if (!m_wanted || code == ZAUTHFAILED) {
-    Tell([code](ConnectionListener& listener) { listener.OnSessionError(code); });
+    m_listeners.Tell([code](ConnectionListener& listener) { listener.OnSessionError(code); });
   }
   return epoch;
 }
@@ -422,25 +421,12 @@ void ConnectionCore::SetState(ConnectionState state) {
   }
   m_state = state;
   m_board.SetState(state);
-  Tell([](ConnectionListener& listener) { listener.OnStateChanged(); });
+  m_listeners.Tell([](ConnectionListener& listener) { listener.OnStateChanged(); });
 }
 
 void ConnectionCore::SetError(int code, zr::String text) {
   ZRLOG(ZRLOG_WARNING, ConnectionLog()) << text << ", dc_name=" << m_options.dcName;
   m_board.SetError(code, std::move(text));
-}
-
-void ConnectionCore::ForgetDeadListeners() {
-  std::erase_if(m_listeners, [](const auto& weak) { return weak.expired(); });
-  m_listening = m_listeners.size();
-}
-
-void ConnectionCore::Tell(const std::function<void(ConnectionListener&)>& what) {
-  ForgetDeadListeners();
-  const auto listeners = m_listeners;  // a listener may add another
-  for (const auto& weak : listeners) {
-    if (const auto listener = weak.lock()) what(*listener);
-  }
 }
 
 }  // namespace zr::halden::details

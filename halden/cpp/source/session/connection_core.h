@@ -16,6 +16,7 @@
 #include "halden/connection_v2.h"
 #include "session/addresses.h"
 #include "session/epoch.h"
+#include "session/listeners.h"
 #include "session/session_end.h"
 #include "session/status_board.h"
 #include "session/watch_routes.h"
@@ -23,23 +24,6 @@
 #include "zrstl/string.h"
 
 namespace zr::halden::details {
-
-/// What works through a connection. Called on the connection's thread, in the order things happened.
-class ConnectionListener {
- public:
-  virtual ~ConnectionListener() = default;
-
-  /// Requests can be made. `newEpoch`: the handle is new, so that no watch is set and no request is under
-  /// way; else the handle went on, with its watches.
-  virtual void OnConnected(bool newEpoch) = 0;
-  /// Requests cannot be made for now. `epochOver`: the handle goes away, and with it every watch and every
-  /// request; no answer will come. Else requests under way are answered with an error.
-  virtual void OnDisconnected(bool epochOver) = 0;
-  /// The session is lost and will not be replaced by itself: ZSESSIONEXPIRED or ZAUTHFAILED.
-  virtual void OnSessionError(int code) = 0;
-  /// The connection's state is another one.
-  virtual void OnStateChanged() {}
-};
 
 struct ConnectionOptions {
   std::vector<zr::String> hosts;
@@ -154,8 +138,6 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   void SetState(ConnectionState state);
   void SetError(int code, zr::String text);
   void UpdateClosed() { m_board.SetClosed(!m_wanted && !m_epoch && !m_sessionEnd->UnderWay()); }
-  void ForgetDeadListeners();
-  void Tell(const std::function<void(ConnectionListener&)>& what);
 
   // Constant after construction.
   const ConnectionOptions m_options;
@@ -175,10 +157,8 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   bool m_proven = false;               // its servers cannot be outdated: a quorum has written since it began
   std::optional<clientid_t> m_resume;  // what the next epoch resumes
   Backoff m_backoff{std::chrono::milliseconds(100), std::chrono::seconds(10)};
-  std::vector<std::weak_ptr<ConnectionListener>> m_listeners;
-  std::size_t m_listening = 0;  // of these, when it was last looked at
+  Listeners m_listeners;
   WatchRoutes m_routes;
-  std::size_t m_unusedWatches = 0;         // about: of the current epoch's, those that nobody wants any more
   std::shared_ptr<ConnectionCore> m_self;  // while ending: a dropped connection ends its session all the same
 
   // Any thread.

@@ -1,6 +1,7 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -23,6 +24,8 @@ class WatchRoutes {
   /// True when nobody is left at this root.
   bool Remove(const zr::String& root, const ContextPtr& context);
   std::vector<ContextPtr> Find(std::string_view path) const;
+
+  std::size_t unused = 0;  ///< about: of the current epoch's watches, those that nobody wants any more
 
  private:
   std::unordered_map<zr::String, std::vector<std::weak_ptr<Connection::WatchContext>>> m_routes;

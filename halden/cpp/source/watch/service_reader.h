@@ -68,7 +68,8 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
 
   struct Instance {
     ReadState read;
-    std::uint32_t listing = 0;  // the partition's listing that had it last
+    std::uint8_t listing =
+        0;  // the partition's listing that had it last; small, for there is one for each instance
   };
   struct List {
     ReadState read;
@@ -79,7 +80,7 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   struct Partition {
     List list;
     bool listed = false;  // in this epoch: its child watch is set
-    std::uint32_t listing = 0;
+    std::uint8_t listing = 0;
     std::unordered_map<ServiceId, Instance, ServiceIdHash> instances;
   };
   struct Retry {

@@ -1,0 +1,54 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+namespace zr::halden::details {
+
+/// What works through a connection. Called on the connection's thread, in the order things happened.
+class ConnectionListener {
+ public:
+  virtual ~ConnectionListener() = default;
+
+  /// Requests can be made. `newEpoch`: the handle is new, so that no watch is set and no request is under
+  /// way; else the handle went on, with its watches.
+  virtual void OnConnected(bool newEpoch) = 0;
+  /// Requests cannot be made for now. `epochOver`: the handle goes away, and with it every watch and every
+  /// request; no answer will come. Else requests under way are answered with an error.
+  virtual void OnDisconnected(bool epochOver) = 0;
+  /// The session is lost and will not be replaced by itself: ZSESSIONEXPIRED or ZAUTHFAILED.
+  virtual void OnSessionError(int code) = 0;
+  /// The connection's state is another one.
+  virtual void OnStateChanged() {}
+};
+
+/// A connection's listeners, held weakly. Its thread.
+class Listeners {
+ public:
+  void Add(const std::shared_ptr<ConnectionListener>& listener) {
+    if (m_listeners.size() > 2 * m_living + 16) ForgetDead();
+    m_listeners.push_back(listener);
+  }
+
+  template <typename Function>
+  void Tell(const Function& what) {
+    ForgetDead();
+    const auto listeners = m_listeners;  // a listener may add another
+    for (const auto& weak : listeners) {
+      if (const auto listener = weak.lock()) what(*listener);
+    }
+  }
+
+ private:
+  void ForgetDead() {
+    std::erase_if(m_listeners, [](const auto& weak) { return weak.expired(); });
+    m_living = m_listeners.size();
+  }
+
+  std::vector<std::weak_ptr<ConnectionListener>> m_listeners;
+  std::size_t m_living = 0;  // of these, when it was last looked at
+};
+
+}  // namespace zr::halden::details
