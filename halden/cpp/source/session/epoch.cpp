@@ -274,12 +274,12 @@ void Epoch::OnSession(zhandle_t* /*handle*/, int type, int state, const char* /*
                       void* epoch) noexcept {
   auto& self = *static_cast<Epoch*>(epoch);
   if (type != ZOO_SESSION_EVENT || self.m_life != Life::Open) return;
-  constexpr std::chrono::seconds longEnough{
-      1};  // a server that drops everybody at once must not be asked at once
+  // A server that drops everybody at once must not be asked at once.
+  constexpr std::chrono::seconds longEnough{1};
   const auto now = Clock::now();
   self.m_way.lost = state == ZOO_CONNECTING_STATE && now - self.m_way.since > longEnough;
-  if (state == ZOO_CONNECTED_STATE)
-    self.m_way.since = self.m_lastHeard = now;  // nothing could be answered before
+  // Nothing could be answered before.
+  if (state == ZOO_CONNECTED_STATE) self.m_way.since = self.m_lastHeard = now;
   TaskThread::RunGuarded([&] { self.m_onSession(self, state); });
 }
 
