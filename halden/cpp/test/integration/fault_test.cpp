@@ -1,24 +1,74 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 
-#include <array>
-#include <atomic>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "halden/event_queue.h"
 #include "halden/global_service_watcher.h"
-#include "halden/service_publisher.h"
-#include "support/fault_test.h"
+#include "support/ensemble_test.h"
 #include "support/name_service.h"
+#include "support/tcp_proxy.h"
+#include "support/truth_checker.h"
 #include "support/zookeeper_ensemble.h"
 
 namespace zr::halden::test {
 namespace {
 
 using namespace std::chrono_literals;
+
+/// One data centre whose instances the test writes and deletes, and a watcher that is checked all the time.
+class FaultTest : public EnsembleTest {
+ protected:
+  static constexpr const char* kDc = "eu-west";
+  /// Short, so that a client soon notices a connection that is dead.
+  static constexpr std::chrono::milliseconds kShortTimeout{1000};
+
+  /// Watches through a new connection to `hosts`, which it starts.
+  void Watch(const zr::String& hosts, const zr::String& auth = {}) {
+    m_conn = std::make_shared<Connection>(std::vector<zr::String>{hosts}, true, auth, kShortTimeout, kDc);
+    m_watcher = std::make_shared<ServiceWatcher>(m_conn, kService, m_errors.Handler());
+    m_watcher->RegisterWeak(m_checker);
+    m_watcher->Start();
+    m_conn->Start(nullptr);
+  }
+
+  void Write(ZooKeeperClient& client, const ServiceId& id) {
+    client.Publish(kService, id, m_ledger->Write({kDc, id}, "h" + std::to_string(++m_writes)));
+  }
+  void Delete(ZooKeeperClient& client, const ServiceId& id) {
+    m_ledger->Delete({kDc, id});
+    client.Unpublish(kService, id);
+  }
+  std::vector<ServiceId> WriteSome(ZooKeeperClient& client, std::size_t count) {
+    std::vector<ServiceId> ids(count);
+    for (auto& id : ids) Write(client, id = MakeServiceId());
+    return ids;
+  }
+
+  ::testing::AssertionResult AwaitTruth(ZooKeeperClient& fresh) const {
+    return m_checker->AwaitTruth(*m_watcher, fresh);
+  }
+  ::testing::AssertionResult AwaitTruth() const { return AwaitTruth(*MakeClient(kDc)); }
+
+  ::testing::AssertionResult AwaitLost() const {
+    return Eventually([this] { return m_conn->Status().state != ConnectionState::Connected; });
+  }
+
+  const std::shared_ptr<Ledger> m_ledger = std::make_shared<Ledger>();
+  const std::shared_ptr<TruthChecker> m_checker = std::make_shared<TruthChecker>(m_ledger);
+  const ErrorCodes m_errors{};
+  std::shared_ptr<Connection> m_conn;
+  std::shared_ptr<ServiceWatcher> m_watcher;
+
+ private:
+  int m_writes = 0;
+};
 
 TEST_F(FaultTest, ADeadLeaderAndALongLostQuorumCostNoInstance) {
   ZooKeeperEnsemble ensemble(3);
@@ -56,21 +106,6 @@ TEST_F(FaultTest, AServerThatComesBackEmptyIsBelieved) {
   Server(kDc).Start();
   WriteSome(Client(kDc), 3);
   EXPECT_TRUE(AwaitTruth());
-}
-
-TEST_F(FaultTest, AForcedExpiryWithAThousandRequestsOutstandingLosesNone) {
-  Watch(ConnectString(kDc));
-  std::vector<std::unique_ptr<ServicePublisher>> publishers(1000);
-  for (auto& publisher : publishers) {
-    publisher = std::make_unique<ServicePublisher>(m_conn, kService, MakeServiceId());
-    m_ledger->Doubt({kDc, publisher->Id()});
-    publisher->Publish(MakeInstance("host"));
-  }
-  m_conn->ForceExpire();
-  for (const auto& publisher : publishers) publisher->Publish(MakeInstance("last"));
-  for (const auto& publisher : publishers) ASSERT_TRUE(publisher->AwaitPublished(kLimit));
-  EXPECT_TRUE(AwaitTruth());
-  EXPECT_EQ(m_watcher->ListInstances().size(), publishers.size());
 }
 
 TEST_F(FaultTest, WhatMustNotBeReadIsReportedAndComesOnceItMay) {
@@ -122,114 +157,54 @@ TEST_F(FaultTest, NamesThatDoNotResolveOrMoveAreFollowed) {
   EXPECT_TRUE(AwaitTruth());
 }
 
-/// Threads and callbacks that do anything at any moment to two connections and what works through them.
-class Turmoil : public ServiceWatcherObserver, public std::enable_shared_from_this<Turmoil> {
- public:
-  explicit Turmoil(unsigned seed, zr::String hosts) : m_hosts(std::move(hosts)), m_random(seed) {}
-
-  void OnInstanceAdded(ServiceWatcher&, const ServiceId&, const ServiceInstanceData&) override { Act(); }
-  void OnInstanceModified(ServiceWatcher&, const ServiceId&, const ServiceInstanceData&) override { Act(); }
-  void OnInstanceRemoved(ServiceWatcher&, const ServiceId&) override { Act(); }
-
-  void Act() {
-    if (++m_acts <= kActs) Do(Choose());
+TEST_F(FaultTest, ABadNetworkLosesNoChange) {
+  TcpProxy proxy(Server(kDc).Port());
+  constexpr std::size_t count = 600;
+  const auto ids = WriteSome(Client(kDc), count);
+  proxy.Throttle(100'000);  // slow enough for the fault to come in the middle of the first load
+  Watch(proxy.ConnectString(m_chroot));
+  ASSERT_TRUE(Eventually([&] { return m_checker->Events() >= 20; }));
+  proxy.HalfOpen();
+  ASSERT_TRUE(AwaitLost());
+  proxy.Heal();
+  EXPECT_TRUE(AwaitTruth());
+  EXPECT_EQ(m_checker->Events(), count);
+  proxy.HalfOpen();
+  for (std::size_t i = 0; i < 90; ++i) {
+    if (i % 3 == 0) Delete(Client(kDc), ids[i]);
+    if (i % 4 != 0) Write(Client(kDc), ids[i]);
   }
-
-  bool Over() const { return m_acts > kActs; }
-
-  /// The watcher owns its observer, which owns the watcher.
-  void End() {
-    std::shared_ptr<GlobalServiceWatcher> last;  // goes after the lock
-    const std::lock_guard lock(m_mtx);
-    last.swap(m_watcher);
-  }
-
-  /// What the threads do: now and then it is a connection that has come up that they strike.
-  void Rage() {
-    while (!Over()) {
-      Act();
-      const auto conn = Choose().conn;
-      Poll(10ms, [&] { return conn->Status().state == ConnectionState::Connected; });
-    }
-  }
-
- private:
-  static constexpr int kActs = 400;
-  struct Choice {
-    std::shared_ptr<Connection> conn;
-    std::shared_ptr<GlobalServiceWatcher> watcher;
-    int act;
-  };
-
-  void Do(const Choice& choice) {
-    const auto& [conn, watcher, act] = choice;
-    switch (act) {
-      case 0:
-      case 1:
-        return conn->Start(nullptr);
-      case 2:
-        return conn->Stop();
-      case 3:
-        return conn->ForceExpire();
-      case 4:
-      case 5:
-        return watcher->AddConnection(conn);
-      case 6:
-        return watcher->RemoveConnection(conn);
-      case 7:
-        watcher->UnregisterShared(shared_from_this());
-        return watcher->RegisterShared(shared_from_this());
-      case 8:
-        watcher->RegisterWeak(weak_from_this());
-        return watcher->UnregisterWeak(weak_from_this());
-      default:
-        watcher->ListInstances();
-        watcher->Status();
-        watcher->DisconnectDC(conn->DataCenterName());
-    }
-  }
-
-  /// What to do next, and to whom; now and then a connection or the watcher is replaced, and destroyed by
-  /// whoever used it last.
-  Choice Choose() {
-    const std::lock_guard lock(m_mtx);
-    const auto roll = [this](int sides) { return std::uniform_int_distribution(0, sides - 1)(m_random); };
-    auto& conn = m_conns.at(static_cast<std::size_t>(roll(2)));
-    Choice choice{conn, m_watcher, roll(10)};
-    if (!conn || roll(15) == 0) {
-      const zr::String dcName = &conn == &m_conns[0] ? "eu-west" : "us-east";
-      conn = std::make_shared<Connection>(std::vector<zr::String>{m_hosts}, true, "", 1s, dcName);
-    }
-    if (!m_watcher || roll(20) == 0) {
-      m_watcher = std::make_shared<GlobalServiceWatcher>("orders", ApplicationManaged());
-      m_watcher->RegisterShared(shared_from_this());
-    }
-    if (!choice.conn) choice.conn = conn;
-    if (!choice.watcher) choice.watcher = m_watcher;
-    return choice;
-  }
-
-  const zr::String m_hosts;
-  std::atomic<int> m_acts{0};
-  std::mutex m_mtx;  // guards the three below
-  std::mt19937 m_random;
-  std::array<std::shared_ptr<Connection>, 2> m_conns;
-  std::shared_ptr<GlobalServiceWatcher> m_watcher;
-};
+  ASSERT_TRUE(AwaitLost());
+  proxy.Heal();
+  EXPECT_TRUE(AwaitTruth());
+}
 
 TEST_F(FaultTest, AnythingMayBeDoneAtAnyMomentFromAnyThread) {
   const auto ids = WriteSome(Client(kDc), 20);
-  for (unsigned seed = 1; seed <= 3; ++seed) {
-    const auto turmoil = std::make_shared<Turmoil>(seed, ConnectString(kDc));
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 3; ++i) {
-      threads.emplace_back(&Turmoil::Rage, turmoil);
-    }
-    for (std::size_t i = 0; !turmoil->Over(); ++i) Write(Client(kDc), ids[i % ids.size()]);
-    for (auto& thread : threads) thread.join();
-    turmoil->End();
-  }
   Watch(ConnectString(kDc));
+  GlobalServiceWatcher everywhere(kService, ApplicationManaged{});
+  const auto observer = std::make_shared<EventQueue>();
+  const std::vector<std::function<void()>> acts{
+      [&] { m_conn->Start(nullptr); },
+      [&] { m_conn->Stop(); },
+      [&] { m_conn->ForceExpire(); },
+      [&] { everywhere.AddConnection(m_conn); },
+      [&] { everywhere.RemoveConnection(m_conn); },
+      [&] { everywhere.DisconnectDC(kDc); },
+      [&] { everywhere.RegisterShared(observer), everywhere.UnregisterShared(observer); },
+      [&] { everywhere.ListInstances(), everywhere.Status(); }};
+  std::vector<std::thread> threads;
+  for (unsigned seed = 1; seed <= 3; ++seed) {
+    threads.emplace_back([&, random = std::mt19937(seed)]() mutable {
+      for (int i = 0; i < 300; ++i) {
+        acts[random() % acts.size()]();
+        Poll(5ms, [&] { return m_conn->Status().state == ConnectionState::Connected; });
+      }
+    });
+  }
+  for (std::size_t i = 0; i < 200; ++i) Write(Client(kDc), ids[i % ids.size()]);
+  for (auto& thread : threads) thread.join();
+  m_conn->Start(nullptr);
   EXPECT_TRUE(AwaitTruth());
 }
 

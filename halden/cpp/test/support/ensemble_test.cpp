@@ -58,9 +58,8 @@ ZooKeeperClient& EnsembleTest::Client(const zr::String& dcName) {
   return *client;
 }
 
-std::unique_ptr<ZooKeeperClient> EnsembleTest::MakeClient(const zr::String& dcName,
-                                                          const clientid_t* session) const {
-  return std::make_unique<ZooKeeperClient>(Server(dcName).ConnectString(), m_chroot, session);
+std::unique_ptr<ZooKeeperClient> EnsembleTest::MakeClient(const zr::String& dcName) const {
+  return std::make_unique<ZooKeeperClient>(Server(dcName).ConnectString(), m_chroot);
 }
 
 zr::String EnsembleTest::ConnectString(const zr::String& dcName) const {

@@ -37,9 +37,8 @@ class EnsembleTest : public ::testing::Test {
   static void StartServers(const std::vector<zr::String>& dcNames);
   /// The other party at the data centre's server, below this test's chroot.
   ZooKeeperClient& Client(const zr::String& dcName);
-  /// One more of its kind, with a session of its own or the given one.
-  std::unique_ptr<ZooKeeperClient> MakeClient(const zr::String& dcName,
-                                              const clientid_t* session = nullptr) const;
+  /// One more of its kind, with a session of its own.
+  std::unique_ptr<ZooKeeperClient> MakeClient(const zr::String& dcName) const;
 
   zr::String ConnectString(const zr::String& dcName) const;
   /// A configuration file with the given data centres; its path.

@@ -94,12 +94,6 @@ class RecordingObserver : public ServiceWatcherObserver {
     return m_events;
   }
 
-  std::size_t Count(EventKind kind) const {
-    const std::lock_guard lock(m_mtx);
-    return static_cast<std::size_t>(std::count_if(m_events.begin(), m_events.end(),
-                                                  [&](const Event& event) { return event.kind == kind; }));
-  }
-
   /// The events of one instance in one data centre, in order.
   std::vector<EventKind> History(const zr::String& dcName, const ServiceId& id) const {
     const std::lock_guard lock(m_mtx);
@@ -142,12 +136,6 @@ class RecordingObserver : public ServiceWatcherObserver {
       });
       return latest != events.rend() && latest->data.host() == host;
     });
-  }
-
-  /// A new watcher of the data centre tells everything anew.
-  void StartOver(const zr::String& dcName) {
-    const std::lock_guard lock(m_mtx);
-    m_announced.Forget(dcName);
   }
 
  private:

@@ -44,10 +44,6 @@ void TcpProxy::Refuse() {
   Apply([this] { m_asked.refuse = m_cutAsked = true; });
 }
 
-void TcpProxy::Accept() {
-  Apply([this] { m_asked.refuse = false; });
-}
-
 void TcpProxy::Delay(std::chrono::milliseconds each) {
   Apply([this, each] { m_asked.delay = each; });
 }

@@ -29,7 +29,6 @@ class TcpProxy {
 
   void Cut();                                  ///< resets every connection; new ones are taken
   void Refuse();                               ///< resets every connection, and new ones at once
-  void Accept();                               ///< ends Refuse
   void Delay(std::chrono::milliseconds each);  ///< each way
   void Throttle(std::size_t bytesPerSecond);   ///< each way of each connection
   /// Connections stay open and new ones are taken, but nothing arrives any more, not even their end. Those

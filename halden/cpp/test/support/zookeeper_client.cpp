@@ -54,9 +54,9 @@ std::optional<zr::messaging::halden::ServiceInstanceData> DecodeInstance(const s
   return data.service_name().empty() ? std::nullopt : std::optional(std::move(data));
 }
 
-ZooKeeperClient::ZooKeeperClient(const std::string& hosts, std::string chroot, const clientid_t* session)
+ZooKeeperClient::ZooKeeperClient(const std::string& hosts, std::string chroot)
     : m_hosts(hosts), m_chroot(std::move(chroot)) {
-  Open(session);
+  Open(nullptr);
 }
 
 ZooKeeperClient::~ZooKeeperClient() {
@@ -177,7 +177,7 @@ std::optional<NodeStat> ZooKeeperClient::Stat(const std::string& path) {
     return zoo_exists(handle, node, 0, &stat);
   });
   if (code != ZOK) return std::nullopt;
-  return NodeStat{stat.czxid, stat.mzxid, stat.ephemeralOwner};
+  return NodeStat{stat.czxid, stat.ephemeralOwner};
 }
 
 std::string ZooKeeperClient::InstancePath(const std::string& service, const ServiceId& id) {

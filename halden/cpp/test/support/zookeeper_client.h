@@ -19,7 +19,6 @@ namespace zr::halden::test {
 
 struct NodeStat {
   std::int64_t czxid = 0;
-  std::int64_t mzxid = 0;
   std::int64_t ephemeralOwner = 0;  ///< 0 for a node that belongs to no session
 };
 
@@ -38,9 +37,8 @@ std::optional<zr::messaging::halden::ServiceInstanceData> DecodeInstance(const s
 /// mean. Paths stand below the chroot, which is created with the first node. One thread at a time.
 class ZooKeeperClient {
  public:
-  /// `hosts`: "address:port", numeric. `session`: one to go on with, or null.
-  explicit ZooKeeperClient(const std::string& hosts, std::string chroot = {},
-                           const clientid_t* session = nullptr);
+  /// `hosts`: "address:port", numeric.
+  explicit ZooKeeperClient(const std::string& hosts, std::string chroot = {});
   ~ZooKeeperClient();
 
   ZooKeeperClient(const ZooKeeperClient&) = delete;

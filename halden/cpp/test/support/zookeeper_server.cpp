@@ -101,11 +101,8 @@ void ZooKeeperServer::WriteConfig() const {
   std::ofstream config(m_folder.Path() / "zoo.cfg");
   config << "tickTime=" << m_options.tickTime.count() << "\ndataDir=" << data.string()
          << "\nclientPort=" << Port() << "\nclientPortAddress=127.0.0.1\nmaxClientCnxns=0\n";
-  const auto writeTimeout = [&](const char* name, std::chrono::milliseconds value) {
-    if (value.count() > 0) config << name << "=" << value.count() << "\n";
-  };
-  writeTimeout("minSessionTimeout", m_options.minSessionTimeout);
-  writeTimeout("maxSessionTimeout", m_options.maxSessionTimeout);
+  const auto longest = m_options.maxSessionTimeout.count();
+  if (longest > 0) config << "maxSessionTimeout=" << longest << "\n";
   if (m_options.id != 0) {
     config << "initLimit=100\nsyncLimit=50\n";
     for (const auto& line : m_options.quorum) config << line << "\n";
@@ -179,11 +176,6 @@ void ZooKeeperServer::Kill() {
   waitpid(m_pid, nullptr, 0);
   m_pid = 0;
   m_paused = false;
-}
-
-void ZooKeeperServer::Restart() {
-  Stop();
-  Start();
 }
 
 void ZooKeeperServer::Wipe() {

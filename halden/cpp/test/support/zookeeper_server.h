@@ -30,8 +30,7 @@ class TemporaryFolder {
 struct ZooKeeperServerOptions {
   /// The server's unit of time. Sessions expire in whole ticks.
   std::chrono::milliseconds tickTime{100};
-  /// What requested session timeouts are clamped to. Zero: two and twenty ticks.
-  std::chrono::milliseconds minSessionTimeout{0};
+  /// What requested session timeouts are clamped to. Zero: twenty ticks.
   std::chrono::milliseconds maxSessionTimeout{0};
   std::string heap = "64m";
   /// Where it is one of several: its number, and "server.N=..." for each of them. None: a standalone server.
@@ -61,7 +60,7 @@ class HeldPort {
 
 /// A real server in a process of its own, on loopback: standalone, or one of a ZooKeeperEnsemble.
 ///
-/// Its port stays its own, also while the server is down. Data survives Stop, Kill and Restart, and goes with
+/// Its port stays its own, also while the server is down. Data survives Stop and Kill, and goes with
 /// the object.
 ///
 /// Threads: one thread, which must live as long as the server is to: the process is killed when the thread
@@ -80,10 +79,9 @@ class ZooKeeperServer {
   /// The first half of Start, which does not wait: several servers launched first are ready sooner.
   void Launch();
 
-  void Stop();     ///< in order: the server gets to write its data
-  void Kill();     ///< at once, as a crash
-  void Restart();  ///< Stop, then Start
-  void Wipe();     ///< Kill, and everything it held is gone
+  void Stop();  ///< in order: the server gets to write its data
+  void Kill();  ///< at once, as a crash
+  void Wipe();  ///< Kill, and everything it held is gone
 
   void Pause();  ///< the process freezes: connections stay open and nothing answers
   void Resume();
