@@ -3,15 +3,41 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cctype>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <vector>
 
 #include "halden/global_service_watcher.h"
 #include "support/capturing_log.h"
 #include "support/ensemble_test.h"
 #include "support/recording_observer.h"
+
+namespace {
+
+constexpr std::size_t kLarge = 100'000;
+/// Large allocations until one fails; none does at 0.
+std::atomic<int> g_untilFailure{0};
+
+}  // namespace
+
+// NOLINTBEGIN(cppcoreguidelines-no-malloc)
+void* operator new(std::size_t size) {
+  if (size >= kLarge && g_untilFailure > 0 && --g_untilFailure == 0) throw std::bad_alloc();
+  if (void* const memory = std::malloc(std::max<std::size_t>(size, 1))) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+// NOLINTEND(cppcoreguidelines-no-malloc)
 
 namespace zr::halden::test {
 namespace {
@@ -72,6 +98,39 @@ TEST_F(ServiceWatcherTest, ABadPayloadCostsNoGoodValueAndNoOtherInstance) {
   ASSERT_TRUE(m_observer->AwaitHost(kDc, wasGood, "repaired"));
   EXPECT_THAT(m_observer->History(kDc, wasGood), ElementsAre(EventKind::Added, EventKind::Modified));
   EXPECT_EQ(m_watcher->Status().quarantined, 0U);
+}
+
+/// Keeps the last host that it was told, and nothing large.
+struct HostObserver : ServiceWatcherObserver {
+  void OnInstanceAdded(ServiceWatcher&, const ServiceId&, const ServiceInstanceData& data) override {
+    host = std::stoi(data.host());
+  }
+  void OnInstanceModified(ServiceWatcher& watcher, const ServiceId& id,
+                          const ServiceInstanceData& data) override {
+    OnInstanceAdded(watcher, id, data);
+  }
+  void OnInstanceRemoved(ServiceWatcher&, const ServiceId&) override {}
+  std::atomic<int> host{0};
+};
+
+TEST_F(ServiceWatcherTest, AnAllocationThatFailsDelaysAnInstanceAndSilencesNobody) {
+  const auto observer = std::make_shared<HostObserver>();
+  m_conn->Start(nullptr);
+  m_watcher = MakeWatcher(m_conn, observer);
+  const ServiceId id = Publish(kDc, "0");
+  ServiceInstanceData data = MakeInstance("");
+  data.add_attributes()->set_value(std::string(2 * kLarge, 'a'));
+  int failed = 0;
+  for (int i = 1; i <= 8; ++i) {  // each fails somewhere else between the answer and the observer
+    data.set_host(std::to_string(i));
+    const std::string bytes = EncodeInstance(data);
+    g_untilFailure = i;
+    Client(kDc).PublishRaw(kService, id, bytes);
+    EXPECT_TRUE(Eventually([&] { return observer->host == i; })) << i;
+    if (g_untilFailure.exchange(0) == 0) ++failed;
+    EXPECT_EQ(HostOf(id), data.host());
+  }
+  EXPECT_GE(failed, 3);
 }
 
 TEST_F(ServiceWatcherTest, StrangeNodesAreNoInstances) {
