@@ -130,8 +130,11 @@ struct _zhandle {
       return;
     }
     const bool absent = request.op == Message::Exists && answer.code == ZNONODE;
-    if (request.watch && (answer.code == ZOK || absent))
-      AddOnce(watches[absent ? 1 : request.op == Message::GetChildren ? 2 : 0][request.path], one.watch);
+    if (request.watch && (answer.code == ZOK || absent)) {
+      auto& those = watches[absent ? 1 : request.op == Message::GetChildren ? 2 : 0][request.path];
+      AddOnce(those, one.watch);
+      if (those.size() > 1) world->Violation("two watches for one path");  // who is gone would leave one behind
+    }
     world->Note("handle %llx is answered %d code %d %s", Number(), answer.xid, answer.code,
                 Tail(request.path));
     one.done(answer.code, answer);

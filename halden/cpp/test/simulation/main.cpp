@@ -160,12 +160,13 @@ struct Scenario {
       world->After(world->Between(100ms, 20s), [&ensemble, path] { ensemble.denied.erase(path); });
     } else {
       Server& leader = ensemble.leader == nullptr ? ensemble.servers.front() : *ensemble.leader;
-      StrikeServer(ensemble, kind, world->OneIn(2) ? leader : world->OneOf(ensemble.servers), leader);
+      StrikeServer(dc, kind, world->OneIn(2) ? leader : world->OneOf(ensemble.servers), leader);
     }
   }
 
   /// For a while, or until the round's end.
-  static void StrikeServer(Ensemble& ensemble, Fault::Kind kind, Server& server, Server& leader) {
+  static void StrikeServer(DataCenter& dc, Fault::Kind kind, Server& server, Server& leader) {
+    Ensemble& ensemble = dc.ensemble;
     const auto time = world->OneIn(2) ? world->Between(10ms, 3s) : world->Between(3s, 20s);
     if (kind == Fault::Kill) {
       ensemble.Kill(server);
@@ -182,11 +183,13 @@ struct Scenario {
       ensemble.CutFromPeers(leader);
       world->After(time, [&] { ensemble.RejoinAll(); });
     } else if (kind == Fault::DeposedLeader) {
-      // Its clients wait at it until it is back, with a new handle each.
+      // Clients of the others see more than it has, lose them, and wait at it until it is back, with a new handle each.
+      if (world->OneIn(2)) dc.DeleteService();
       ensemble.Freeze(leader);
-      ensemble.RefuseClients(leader, true);
-      world->After(world->Between(2s, 8s), [&] { ensemble.Thaw(leader); });
-      world->After(world->Between(4s, 10s), [&] { ensemble.RefuseClients(leader, false); });
+      world->After(world->Between(100ms, 2s), [&] { dc.Put(dc.AnyId()); });
+      world->After(world->Between(0s, 3s), [&] { ensemble.RefuseClients(leader, true); });
+      world->After(world->Between(4s, 9s), [&] { ensemble.Thaw(leader); });
+      world->After(world->Between(6s, 12s), [&] { ensemble.RefuseClients(leader, false); });
     }
   }
 
