@@ -64,9 +64,13 @@ TEST_F(ManagedConnections, ConnectRefusesUnknownAndConnectedNamesWithoutMakingAC
   Make(true, {{"east", "e1:2181,e2:2181"}});
   const auto called = [](const std::string& dc) { return Info("ConnectDC called, dc_name=" + dc); };
   const Lines creating{called("east"), Info("ConnectDC creating new zookeeper connection with dc_name=east")};
-  for (const char* step : {"east: Connection([e1:2181,e2:2181], true, '', 30000 ms)", "east: Start(null)"}) {
-    LinesOfFailure(step, ZooError(ZSYSTEMERROR), [&] { m_watcher->ConnectDC("east"); });
-  }
+  const std::string failed = "Error initializing ZooKeeper client during initial connection: ";
+  const ZooError error(ZSYSTEMERROR);
+  m_journal.m_actions["east: Start(null)"] = [&] { throw error; };
+  EXPECT_THROW(m_watcher->ConnectDC("east"), ZooError);
+  EXPECT_THAT(m_journal.Take(), ::testing::Contains("* " + Log("error", failed + error.what())));
+  EXPECT_FALSE(GlobalServiceWatcher::IsLocked(*m_watcher));
+  m_journal.m_actions.clear();
   EXPECT_TRUE(m_watcher->ConnectDC("east"));
   EXPECT_EQ(m_journal.Take(), creating + Added("east", "e1:2181,e2:2181"));
   EXPECT_FALSE(m_watcher->ConnectDC("east"));

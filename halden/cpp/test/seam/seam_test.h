@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <exception>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -127,23 +126,6 @@ class GlobalWatcherTest : public ::testing::Test {
     const auto conn = m_watcher->GetConnection(dcName);
     if (!conn) throw std::runtime_error("no connection to " + dcName);
     return *conn->m_watcher;
-  }
-
-  /// Makes `step` throw, expects `operation` to let out that very object with the lock released, and returns
-  /// what was done.
-  template <typename Error, typename Operation>
-  Lines LinesOfFailure(const std::string& step, const Error& error, Operation&& operation) {
-    const std::exception_ptr thrown = std::make_exception_ptr(error);
-    m_journal.m_actions[step] = [thrown] { std::rethrow_exception(thrown); };
-    try {
-      operation();
-      ADD_FAILURE() << "nothing thrown at " << step;
-    } catch (...) {
-      EXPECT_EQ(std::current_exception(), thrown) << step;
-    }
-    m_journal.m_actions.erase(step);
-    EXPECT_FALSE(GlobalServiceWatcher::IsLocked(*m_watcher)) << step;
-    return m_journal.Take();
   }
 
   Journal& m_journal = Journal::Get();

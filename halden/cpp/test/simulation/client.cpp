@@ -133,7 +133,8 @@ struct _zhandle {
     if (request.watch && (answer.code == ZOK || absent)) {
       auto& those = watches[absent ? 1 : request.op == Message::GetChildren ? 2 : 0][request.path];
       AddOnce(those, one.watch);
-      if (those.size() > 1) world->Violation("two watches for one path");  // who is gone would leave one behind
+      if (those.size() > 1)
+        world->Violation("two watches for one path");  // who is gone would leave one behind
     }
     world->Note("handle %llx is answered %d code %d %s", Number(), answer.xid, answer.code,
                 Tail(request.path));
