@@ -11,6 +11,7 @@
 
 #include "halden/event_queue.h"
 #include "halden/global_service_watcher.h"
+#include "support/capturing_log.h"
 #include "support/ensemble_test.h"
 #include "support/name_service.h"
 #include "support/tcp_proxy.h"
@@ -109,6 +110,7 @@ TEST_F(FaultTest, AServerThatComesBackEmptyIsBelieved) {
 }
 
 TEST_F(FaultTest, WhatMustNotBeReadIsReportedAndComesOnceItMay) {
+  const CapturingLog log;
   Client(kDc).Authenticate("digest", "owner:secret");
   const auto ids = WriteSome(Client(kDc), 5);
   Watch(ConnectString(kDc), "digest:owner:wrong");
@@ -124,6 +126,9 @@ TEST_F(FaultTest, WhatMustNotBeReadIsReportedAndComesOnceItMay) {
     Write(Client(kDc), ids[0]);
     if (locked == instance) {
       EXPECT_TRUE(Eventually([&] { return m_watcher->GetInstanceData(other, data); })) << "harmed by another";
+      m_conn->ForceExpire();
+      EXPECT_TRUE(m_errors.Await(ZNOAUTH));
+      EXPECT_EQ(log.Count("halden.service_watcher", "read failed"), 1) << "once for each node";
     }
     Client(kDc).SetAcl(locked, ZOO_OPEN_ACL_UNSAFE);
     EXPECT_TRUE(AwaitTruth()) << locked;

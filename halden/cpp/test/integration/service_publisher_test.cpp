@@ -150,21 +150,6 @@ TEST_F(ServicePublisherTest, OfTwoWithOneIdTheSecondIsToldAndTakesOverInTheEnd) 
   ASSERT_TRUE(Eventually([&] { return third.Status().state == PublishState::Published; }));
 }
 
-TEST_F(ServicePublisherTest, OnlyTheLatestWishIsDoneAfterAnOutageAndInTheSameNode) {
-  m_publisher->Publish(MakeInstance("before"));
-  ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
-  const auto created = Client(kDc).InstanceStat(kService, m_id)->czxid;
-  Server(kDc).Kill();
-  ASSERT_TRUE(AwaitState(*m_conn, ConnectionState::Suspended));
-  m_publisher->Remove();
-  m_publisher->Publish(MakeInstance("latest"));
-  EXPECT_FALSE(m_publisher->AwaitPublished(std::chrono::milliseconds(1)));
-  Server(kDc).Start();
-  ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
-  ASSERT_TRUE(m_observer->AwaitHost(kDc, m_id, "latest"));
-  EXPECT_EQ(Client(kDc).InstanceStat(kService, m_id)->czxid, created);
-}
-
 TEST_F(ServicePublisherTest, DataThatFitsInNoNodeIsRefusedAndLargeTextIsCompressed) {
   constexpr std::size_t size = 2'000'000;
   ServiceInstanceData data = MakeInstance("host");
