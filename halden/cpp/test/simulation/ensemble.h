@@ -134,6 +134,7 @@ struct Ensemble {
   void CutAnyLink() {
     Server& server = world->OneOf(servers);
     if (server.links.empty()) return;
+    lastTrouble = world->now;  // a session may begin whose client never learns of it
     const auto link = world->OneOf(server.links);
     link->Break(world->OneIn(2));
   }

@@ -77,6 +77,7 @@ void Link::Arrive(const Way& way, const MessagePtr& message) {
     if (!message) return ensemble.Gone(*this);
     if (!closing) ensemble.Arrive(*this, message);
   } else if (!left) {
+    ensemble.lastReached = world->now;  // as far as the client can tell
     message ? inbox.push_back(message) : static_cast<void>(ended = true);
     if (wake) wake();
   }
