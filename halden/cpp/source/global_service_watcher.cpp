@@ -32,10 +32,11 @@ bool AwaitAll(const std::vector<std::shared_ptr<ServiceWatcher>>& watchers, std:
 /// Waits until what was to be delivered before the call is, gathered or not.
 bool AwaitDelivered(const Connection& conn, std::chrono::milliseconds limit) {
   const auto delivered = std::make_shared<std::promise<void>>();
-  const auto thread = conn.Core()->FindShared<details::ObserverThread>();
+  const auto thread = details::CoreOf(conn)->FindShared<details::ObserverThread>();
   if (!thread) return true;
   // The way that deliveries go.
-  conn.Core()->Post([thread, delivered] { thread->PostGathered([delivered] { delivered->set_value(); }); });
+  details::CoreOf(conn)->Post(
+      [thread, delivered] { thread->PostGathered([delivered] { delivered->set_value(); }); });
   return delivered->get_future().wait_for(limit) == std::future_status::ready;
 }
 

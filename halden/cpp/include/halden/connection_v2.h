@@ -4,47 +4,24 @@
 #include <zookeeper/zookeeper.h>
 
 #include <chrono>
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
-#include <string_view>
 #include <vector>
 
+#include "halden/connection_status.h"
 #include "halden/error.h"
 #include "zrstl/export.h"
 #include "zrstl/string.h"
 
 namespace zr::halden {
 
+class Connection;
+
 namespace details {
 class ConnectionCore;
-}
-
-/// Where a connection stands.
-///
-///   Stopped    -> Connecting                                    Start
-///   Connecting -> Connected | Expired | AuthFailed | Stopped    session event, Stop
-///   Connected  -> Suspended | Connecting | Expired | AuthFailed | Stopped
-///   Suspended  -> Connected (same session) | Connecting (new session) | Expired | AuthFailed | Stopped
-///   Expired    -> Connecting | Stopped                          by itself where allowed, else by Start
-///   AuthFailed -> Connecting | Stopped                          as Expired
-enum class ConnectionState : std::uint8_t { Stopped, Connecting, Connected, Suspended, Expired, AuthFailed };
-
-/// The state's name in lower case, for output: "stopped", "connecting", ...
-ZR_EXPORT std::string_view ToString(ConnectionState state);
-
-/// A copy of what a connection knows of itself, for people and metrics.
-struct ConnectionStatus {
-  ConnectionState state = ConnectionState::Stopped;
-  std::int64_t sessionId = 0;    ///< 0 before the first session
-  int lastError = 0;             ///< ZooKeeper error code of the last trouble; 0 for none so far
-  zr::String lastErrorText;      ///< what it was, for people
-  std::uint64_t sessions = 0;    ///< sessions established
-  std::uint64_t reconnects = 0;  ///< times that a session went on after a lost connection
-  std::uint64_t expiries = 0;    ///< sessions lost to expiry, forced ones included
-};
+const std::shared_ptr<ConnectionCore>& CoreOf(const Connection& conn);
+}  // namespace details
 
 /// One ZooKeeper session to one ensemble, kept alive and, where allowed, replaced by a new one when it
 /// expires.
@@ -128,10 +105,9 @@ class ZR_EXPORT Connection {
   /// that end: ephemeral nodes go at once instead of after the session timeout.
   bool AwaitClosed(std::chrono::milliseconds limit) const;
 
-  /// The session machinery, for this library's own watchers and publishers.
-  const std::shared_ptr<details::ConnectionCore>& Core() const { return m_core; }
-
  private:
+  friend const std::shared_ptr<details::ConnectionCore>& details::CoreOf(const Connection& conn);
+
   const zr::String m_dcName;
   const std::shared_ptr<details::ConnectionCore> m_core;
 };

@@ -3,24 +3,23 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
-#include <string_view>
 #include <vector>
 
+#include "halden/audit_intervals.h"
 #include "halden/connection_v2.h"
+#include "halden/data_center_status.h"
+#include "halden/mass_removal_guard.h"
 #include "halden/service_id.h"
-#include "zr/messaging/halden/service.pb.h"
+#include "halden/service_name.h"
+#include "halden/service_watcher_observer.h"
 #include "zrstl/export.h"
 #include "zrstl/observable_impl.h"
 #include "zrstl/string.h"
 
 namespace zr::halden {
-
-using ServiceInstanceData = zr::messaging::halden::ServiceInstanceData;
 
 /// Takes a ZooKeeper error code. Runs on the thread that delivers the watcher's events; codes that wait to be
 /// told are told once each.
@@ -28,107 +27,11 @@ using ZkErrorHandler = std::function<void(int)>;
 
 class EventQueue;
 class GlobalServiceWatcher;
-class ServiceWatcher;
 
 namespace details {
 class ServiceReader;
 class WatcherDelivery;
 }  // namespace details
-
-/// What an application implements to follow instances. `watcher` is the data centre's own watcher
-/// (`DataCenterName` tells which); the arguments are valid for the call only.
-class ZR_EXPORT ServiceWatcherObserver {
- public:
-  virtual ~ServiceWatcherObserver() = default;
-  virtual void OnInstanceAdded(ServiceWatcher& watcher, const ServiceId& instance,
-                               const ServiceInstanceData& data) = 0;
-  virtual void OnInstanceRemoved(ServiceWatcher& watcher, const ServiceId& instance) = 0;
-  virtual void OnInstanceModified(ServiceWatcher& watcher, const ServiceId& instance,
-                                  const ServiceInstanceData& data) = 0;
-};
-
-/// How far what a watcher knows can be trusted. Live means: connected, every list of instances is known, and so
-/// is each instance in them, but for single ones that may not be read (the error handler hears of these) or do
-/// not decode (`quarantined`).
-///
-///   NeverSynchronized -> Live     the first complete read
-///   Live              -> Stale    connection lost, session lost, connection stopped; a list could not be read
-///                                 anew, may not be read any more for example, or an instance for a reason that
-///                                 will pass
-///   Stale             -> Live     everything read or confirmed again
-enum class Freshness : std::uint8_t { NeverSynchronized, Live, Stale };
-
-/// In lower case, for output: "never synchronised", "live", "stale".
-ZR_EXPORT std::string_view ToString(Freshness freshness);
-
-struct ServiceWatcherStatus {
-  Freshness freshness = Freshness::NeverSynchronized;
-  std::optional<std::chrono::system_clock::time_point> staleSince;  ///< set while Stale
-  std::size_t instances = 0;                                        ///< known now
-  std::size_t held = 0;  ///< of them, those whose removal the guard holds back, or has not decided on yet
-  std::size_t quarantined = 0;  ///< nodes whose payload does not decode
-  std::uint64_t resyncs = 0;    ///< complete reads of everything, the first one included
-  std::uint64_t drifts = 0;     ///< changes whose event was lost, found by the audit (see AuditIntervals)
-  int lastError = 0;            ///< last ZooKeeper error told to the error handler; 0 for none
-};
-
-/// What is worth a graph, as numbers. The first five only grow.
-struct DataCenterCounters {
-  std::uint64_t sessions = 0;    ///< sessions established
-  std::uint64_t reconnects = 0;  ///< times that a session went on after a lost connection
-  std::uint64_t expiries = 0;    ///< sessions lost to expiry, forced ones included
-  std::uint64_t resyncs = 0;     ///< complete reads of everything, the first one included
-  std::uint64_t drifts = 0;      ///< changes whose event was lost, found by the audit
-  std::size_t instances = 0;     ///< known now, those held included
-  std::size_t held = 0;
-  std::size_t quarantined = 0;
-};
-
-/// One data centre as its connection and watcher see it.
-struct ZR_EXPORT DataCenterStatus {
-  zr::String name;
-  ConnectionStatus connection;
-  ServiceWatcherStatus watcher;
-
-  DataCenterCounters Counters() const;
-};
-
-/// Is told when a data centre's state has changed: its connection's, its freshness, or whether removals are
-/// held; and once what they are when it is set. States that passed meanwhile are skipped: what it is given is
-/// the newest. Runs on the thread that delivers the watcher's events; what it throws is logged.
-using DataCenterStatusHandler = std::function<void(const DataCenterStatus&)>;
-
-/// Guards against the outage that looks like everybody leaving: publishers that lose their sessions together
-/// come back together. When more than `share` of a data centre's instances, and at least `least`, disappear
-/// within a second, their removals are held: who is back before `gracePeriod` is over is announced as
-/// modified, or not at all when its data is the same; the others are removed then. While the connection is
-/// down nobody can be seen to come back, so nothing held is removed before the data centre is live again.
-///
-/// Other removals wait until it is clear that they are no mass: a quarter of a second without another one,
-/// one second at the most. Two kinds do not wait: one that no other preceded within a second, where there are
-/// ten instances or more, since a tenth can be spared; and all where there are fewer instances than `least`.
-struct MassRemovalGuard {
-  double share = 0.5;                            ///< at least 0, less than 1
-  std::chrono::milliseconds gracePeriod{30000};  ///< more than 0; a century and more is for ever
-  /// At least 1. So few, and more than the share, are a mass: two can leave together by chance. 1 also guards
-  /// a service of one instance, whose every end is then told that much later.
-  std::size_t least = 3;
-
-  bool operator==(const MassRemovalGuard&) const = default;
-};
-
-/// An event can be lost: by a bug or a proxy, and a server does not tell one to a client that may not read the
-/// node just then. So while nothing else is read a watcher goes over what it knows, evenly spread: over every
-/// list of instances and over every instance once in its interval; zero: never. What it finds changed is
-/// announced as any change, counted (`drifts`) and logged. The cost, for the servers: an answer of some hundred
-/// bytes for each instance, and each partition's list of names.
-struct AuditIntervals {
-  std::chrono::milliseconds lists{std::chrono::minutes(5)};
-  std::chrono::milliseconds instances{std::chrono::hours(1)};
-};
-
-/// Throws std::invalid_argument for values that are out of range.
-ZR_EXPORT void Check(const std::optional<MassRemovalGuard>& guard);
 
 /// Follows the instances of one service through one connection.
 ///
@@ -198,9 +101,5 @@ class ZR_EXPORT ServiceWatcher : public std::enable_shared_from_this<ServiceWatc
   /// Not any more once this object is gone, or its connection was removed from its global watcher.
   const std::shared_ptr<std::atomic<bool>> m_current = std::make_shared<std::atomic<bool>>(true);
 };
-
-/// A service name is 1 to 255 bytes of valid UTF-8 without "/" and control characters, not "." or "..", and
-/// without the code points that ZooKeeper refuses in paths (U+D800 to U+F8FF, U+FFF0 and above).
-ZR_EXPORT bool IsValidServiceName(const zr::String& name);
 
 }  // namespace zr::halden

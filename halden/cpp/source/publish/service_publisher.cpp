@@ -68,7 +68,7 @@ ServicePublisher::ServicePublisher(std::shared_ptr<Connection> conn, const zr::S
                                    const ServiceId& id)
     : m_serviceName(CheckedName(conn, serviceName)),
       m_conn(std::move(conn)),
-      m_core(std::make_shared<details::PublisherCore>(m_conn->Core(), m_serviceName, id)) {
+      m_core(std::make_shared<details::PublisherCore>(details::CoreOf(*m_conn), m_serviceName, id)) {
   m_core->Start(*m_conn);
 }
 

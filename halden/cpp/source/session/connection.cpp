@@ -24,6 +24,10 @@ std::string_view ToString(ConnectionState state) {
   return "unknown";
 }
 
+const std::shared_ptr<details::ConnectionCore>& details::CoreOf(const Connection& conn) {
+  return conn.m_core;
+}
+
 Connection::Connection(const std::vector<zr::String>& hosts, bool renewExpired, zr::String auth,
                        std::chrono::milliseconds sessionTimeout, zr::String dcName)
     : m_dcName(std::move(dcName)),

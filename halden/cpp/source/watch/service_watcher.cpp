@@ -57,8 +57,9 @@ ServiceWatcher::ServiceWatcher(std::shared_ptr<Connection> conn, const zr::Strin
                                ZkErrorHandler errorHandler)
     : m_serviceName(CheckedName(serviceName)),
       m_conn(Checked(std::move(conn))),
-      m_delivery(std::make_shared<details::WatcherDelivery>(m_conn->Core(), std::move(errorHandler))),
-      m_reader(new details::ServiceReader(m_conn->Core(), m_serviceName, m_delivery)) {}
+      m_delivery(
+          std::make_shared<details::WatcherDelivery>(details::CoreOf(*m_conn), std::move(errorHandler))),
+      m_reader(new details::ServiceReader(details::CoreOf(*m_conn), m_serviceName, m_delivery)) {}
 
 ServiceWatcher::~ServiceWatcher() {
   *m_current = false;
@@ -69,8 +70,8 @@ void ServiceWatcher::Start() {
   const std::weak_ptr<ServiceWatcher> self = shared_from_this();
   if (m_started.exchange(true)) return;
   try {  // from here on both threads are there: nothing below can fail for want of one, or of a descriptor
-    m_conn->Core()->Shared<details::ObserverThread>()->Post([] {});
-    m_conn->Core()->Post([] {});
+    details::CoreOf(*m_conn)->Shared<details::ObserverThread>()->Post([] {});
+    details::CoreOf(*m_conn)->Post([] {});
   } catch (...) {
     m_started = false;
     throw;
