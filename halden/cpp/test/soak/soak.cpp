@@ -2,271 +2,320 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <atomic>
+#include <boost/uuid/random_generator.hpp>
 #include <deque>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <iostream>
-#include <map>
-#include <sstream>
+#include <random>
 #include <stdexcept>
 
+#include "halden/event_queue.h"
 #include "halden/global_service_watcher.h"
+#include "halden/service_publisher.h"
 #include "logger/sink.h"
-#include "soak/data_center.h"
-#include "support/await.h"
+#include "support/ensemble_test.h"
+#include "support/recording_observer.h"
+#include "support/tcp_proxy.h"
+#include "support/zookeeper_ensemble.h"
 
-namespace zr::halden::soak {
+namespace zr::halden::test {
 namespace {
 
 using namespace std::chrono_literals;
-using test::TruthChecker;
 using Clock = std::chrono::steady_clock;
 
-constexpr int kStepsInRound = 12;
+constexpr const char* kService = "orders";
+constexpr auto kSessionTimeout = 1500ms;
 constexpr int kWarmUpRounds = 3;
-constexpr std::size_t kLastSteps = 30;
+/// Of each data centre's instances those which are written once, and never deleted while it keeps its data.
+constexpr std::size_t kStanding = 10;
+constexpr const char* kStandingHost = "standing";
 
-/// Resident memory in MiB.
-double Memory() {
-  std::size_t pages = 0;
-  std::size_t resident = 0;
-  std::ifstream("/proc/self/statm") >> pages >> resident;
-  return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1024.0 * 1024.0);
-}
-
-/// Lines at level error: the library's word for what must not happen.
-struct ErrorLines {
-  std::mutex mtx;
-  std::vector<std::string> lines;  // guarded by mtx
+struct Random : std::mt19937 {
+  using std::mt19937::mt19937;
+  std::size_t Roll(std::size_t sides) { return (*this)() % sides; }
+  void Rest(auto limit) { Poll(limit * Roll(100) / 100, std::false_type()); }
+  auto& AnyOf(auto& those) { return those[Roll(those.size())]; }
+  ServiceInstanceData Data() { return MakeInstance("h" + std::to_string((*this)())); }
+  ServiceId Id() { return boost::uuids::basic_random_generator<std::mt19937>(*this)(); }
 };
 
-/// A watcher over all data centres, and its checker.
-struct GlobalView {
-  std::shared_ptr<TruthChecker> checker;
-  std::unique_ptr<GlobalServiceWatcher> watcher;
-
-  std::shared_ptr<ServiceWatcher> Of(const zr::String& dcName) const {
-    for (const auto& one : watcher->Watchers()) {
-      if (one->DataCenterName() == dcName) return one;
+/// An ensemble behind a bad network, a thread that writes to it directly, and, through the network, two publishers.
+/// The second's connection is the application's, too.
+struct DataCenter {
+  DataCenter(zr::String itsName, std::size_t servers, Random& random)
+      : name(std::move(itsName)), ensemble(servers) {
+    ensemble.Start();
+    for (std::size_t i = 0; i < servers; ++i) {
+      ways.emplace_back(ensemble.Server(i).Port());
+      hosts += (i == 0 ? "" : ",") + ways[i].ConnectString();
     }
-    throw std::runtime_error("no watcher of " + dcName);
+    for (auto& id : ids) id = random.Id();
+    for (std::size_t i = 0; i < conns.size(); ++i) {
+      conns[i] = std::make_shared<Connection>(std::vector{hosts}, true, zr::String(), kSessionTimeout, name);
+      publishers[i] = std::make_unique<ServicePublisher>(conns[i], kService, random.Id());
+    }
   }
+
+  ZooKeeperServer& AnyServer(Random& random) { return ensemble.Server(random.Roll(ways.size())); }
+  void HealNetwork() {
+    for (auto& way : ways) way.Heal();
+  }
+  void Write(Random random) {
+    ZooKeeperClient client(ensemble.ConnectString());
+    for (std::size_t i = 0; i < kStanding; ++i) {
+      if (!client.InstanceStat(kService, ids[i]))
+        client.Publish(kService, ids[i], MakeInstance(kStandingHost));
+    }
+    while (writing) {
+      const auto& id = ids[kStanding + random.Roll(ids.size() - kStanding)];
+      const auto what = random.Roll(20);
+      if (what < 5) client.Unpublish(kService, id);
+      if (what == 5) client.PublishRaw(kService, id, "\xff\xff garbage");
+      if (what > 5) client.Publish(kService, id, random.Data());
+      Poll(random.Roll(12) * 1ms, [this] { return !writing; });
+    }
+  }
+  const zr::String name;
+  ZooKeeperEnsemble ensemble;
+  std::deque<TcpProxy> ways;  ///< to each server
+  zr::String hosts;           ///< through the network
+  std::array<ServiceId, 50> ids{};
+  std::array<std::shared_ptr<Connection>, 2> conns;
+  std::array<std::unique_ptr<ServicePublisher>, 2> publishers;
+  std::atomic<bool> writing{false};  ///< as long as the writer is to
+  std::future<void> writer;
 };
 
-class Soak {
- public:
-  explicit Soak(unsigned seed);
+/// Resident, in MiB.
+double Memory() {
+  double pages = 0;
+  std::ifstream("/proc/self/statm") >> pages >> pages;
+  return pages * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1024.0 * 1024.0);
+}
 
-  void Run(std::chrono::minutes time);
-  std::string LastSteps() const;
-  std::string Summary() const;
+std::atomic<const DataCenter*> lostData{nullptr};  // and all views have not been right since
+std::atomic<int> violations{0};
+std::atomic<int> events{0};
 
- private:
-  struct Verb {
-    const char* name;
-    std::function<void(DataCenter&)> act;
-  };
+/// Fails the round. Any thread.
+void Complain(const std::string& text) {
+  ++violations;
+  std::cout << text + "\n" << std::flush;
+}
 
-  std::vector<Verb> Verbs();
-  void Round();
-  void Step();
-  DataCenter& AnyDataCenter();
-  void Note(const DataCenter& dc, const char* step);
-  void Check();
-  void Rest(int limitMs);
+/// Holds what it is told and what a queue hands out against the rules. Keeps no history, so it can run for days.
+struct Checker : EventObserver {
+  void OnEvent(ServiceWatcher& /*watcher*/, Event event) override { Take(told, event, "the observer"); }
+  void Drain() {
+    for (const auto& [change, dcName, id, data] : queue->Drain())
+      Take(handedOut, {static_cast<EventKind>(change), dcName, id, data}, "the queue's consumer");
+  }
+  void Take(View& view, const Event& event, const char* whom) {
+    const std::lock_guard lock(mtx);
+    ++events;
+    const auto known = view.find({event.dcName, event.id});
+    const auto* lost = lostData.load();
+    const bool mayGo =
+        known == view.end() || known->second != kStandingHost || (lost && lost->name == event.dcName);
+    std::ostringstream text;
+    text << whom << " got: " << event;
+    if (event.kind == EventKind::Removed && !mayGo) Complain(text.str() + ", and nobody deleted it");
+    if (!test::Take(view, event)) Complain(text.str() + ", which is illegal");
+  }
+  std::string Wrong(const View& truth) {
+    Drain();
+    const std::lock_guard lock(mtx);
+    return Difference("the observer", told, truth) + Difference("the queue's consumer", handedOut, truth);
+  }
+  /// A new watcher of the data centre tells everything anew.
+  void Forget(const zr::String& dcName) {
+    const std::lock_guard lock(mtx);
+    std::erase_if(told, [&](const auto& entry) { return entry.first.first == dcName; });
+  }
 
-  void Kill(DataCenter& dc);
-  void ToggleManaged(DataCenter& dc);
-  void ToggleAdded(DataCenter& dc);
-
-  Random m_random;
-  const test::TemporaryFolder m_folder;
-  const std::shared_ptr<ErrorLines> m_errors = std::make_shared<ErrorLines>();
-  const std::shared_ptr<test::Ledger> m_ledger = std::make_shared<test::Ledger>();
-  std::vector<std::unique_ptr<DataCenter>> m_dcs;
-  std::map<zr::String, std::shared_ptr<Connection>> m_added;  // the application's own, by data centre
-  GlobalView m_managed;
-  GlobalView m_application;
-  const std::vector<Verb> m_verbs = Verbs();
-  std::deque<std::string> m_steps;
-  int m_rounds = 0;
-  int m_faults = 0;
-  double m_warmMemory = 0;
+  const std::shared_ptr<EventQueue> queue = std::make_shared<EventQueue>();
+  std::mutex mtx;  // guards the two below
+  View told;
+  View handedOut;
 };
 
-Soak::Soak(unsigned seed) : m_random(seed) {
-  zr::logging::SetHandler("stderr", [errors = m_errors](const zr::logging::LogRecord& record) {
-    if (record.level < zr::logging::ZRLOG_ERROR) return;
-    const std::lock_guard lock(errors->mtx);
-    errors->lines.emplace_back(record.msg);
-  });
-  const std::string path = m_folder.Path() / "halden.toml";
-  std::ofstream config(path);
-  config << "[data_centers]\n";
-  for (const auto& [name, servers] : {std::pair("eu-west", 1U), {"us-east", 1U}, {"ap-south", 3U}}) {
-    m_dcs.push_back(std::make_unique<DataCenter>(name, servers, m_ledger, m_random));
-    config << name << " = \"" << m_dcs.back()->ConnectString() << "\"\n";
-    m_added[name] = m_dcs.back()->MakeConnection();
+/// A watcher over all data centres, and who hears of its events.
+struct Audience {
+  explicit Audience(auto mode) : watcher(kService, mode) {
+    watcher.RegisterShared(checker);
+    watcher.RegisterShared(checker->queue);
   }
-  config.close();
-  for (auto* view : {&m_managed, &m_application}) view->checker = std::make_shared<TruthChecker>(m_ledger);
-  m_managed.watcher = std::make_unique<GlobalServiceWatcher>(DataCenter::kService, LibraryManaged{path});
-  m_application.watcher = std::make_unique<GlobalServiceWatcher>(DataCenter::kService, ApplicationManaged());
-  for (auto* view : {&m_managed, &m_application}) view->watcher->RegisterShared(view->checker);
-  m_managed.watcher->StartManagedConnections();
-  for (const auto& [name, conn] : m_added) m_application.watcher->AddConnection(conn);
-}
-
-std::vector<Soak::Verb> Soak::Verbs() {
-  const auto any = [this](DataCenter& dc) -> Connection& {
-    return Roll(m_random, 2) == 0 ? *m_added[dc.Name()] : dc.AnyConnection(m_random);
-  };
-  const auto expireManaged = [this](DataCenter& dc) {
-    if (const auto conn = m_managed.watcher->GetConnection(dc.Name())) conn->ForceExpire();
-  };
-  const auto way = [this](DataCenter& dc) -> test::TcpProxy& { return dc.AnyWay(m_random); };
-  const auto pause = [this](DataCenter& dc) {
-    auto& server = dc.AnyServer(m_random);
-    server.Pause();
-    Rest(2500);
-    server.Resume();
-  };
-  const auto delay = [this, way](DataCenter& dc) {
-    way(dc).Delay(std::chrono::milliseconds(Roll(m_random, 80)));
-  };
-  const auto throttle = [this, way](DataCenter& dc) {
-    way(dc).Throttle(static_cast<std::size_t>(1000 + Roll(m_random, 50'000)));
-  };
-  return {{"kill servers", [this](DataCenter& dc) { Kill(dc); }},
-          {"pause a server", pause},
-          {"cut", [way](DataCenter& dc) { way(dc).Cut(); }},
-          {"refuse", [way](DataCenter& dc) { way(dc).Refuse(); }},
-          {"delay", delay},
-          {"throttle", throttle},
-          {"half open", [way](DataCenter& dc) { way(dc).HalfOpen(); }},
-          {"heal the network", &DataCenter::HealNetwork},
-          {"heal the network", &DataCenter::HealNetwork},
-          {"expire", [any](DataCenter& dc) { any(dc).ForceExpire(); }},
-          {"expire the managed one", expireManaged},
-          {"stop", [any](DataCenter& dc) { any(dc).Stop(); }},
-          {"start", [any](DataCenter& dc) { any(dc).Start(nullptr); }},
-          {"publish", [this](DataCenter& dc) { dc.Publish(m_random); }},
-          {"unpublish", [this](DataCenter& dc) { dc.Unpublish(m_random); }},
-          {"connect or disconnect", [this](DataCenter& dc) { ToggleManaged(dc); }},
-          {"add or remove", [this](DataCenter& dc) { ToggleAdded(dc); }}};
-}
-
-void Soak::Kill(DataCenter& dc) {
-  for (std::size_t i = 0, count = 1 + static_cast<std::size_t>(Roll(m_random, 3)); i < count; ++i) {
-    dc.AnyServer(m_random).Kill();
+  std::string Wrong(const View& truth) const {
+    View known;
+    std::shared_ptr<ServiceWatcher> of;
+    ServiceInstanceData data;
+    for (const auto& id : watcher.ListInstances()) {
+      if (watcher.GetInstanceData(id, of, data)) known[{of->DataCenterName(), id}] = data.host();
+    }
+    return Difference("the watcher", known, truth) + checker->Wrong(truth);
   }
-  Rest(800);
-  dc.Ensemble().Start();
-}
 
-void Soak::ToggleManaged(DataCenter& dc) {
-  if (m_managed.watcher->DisconnectDC(dc.Name())) return;
-  m_managed.checker->StartOver(dc.Name());
-  m_managed.watcher->ConnectDC(dc.Name());
-}
+  const std::shared_ptr<Checker> checker = std::make_shared<Checker>();
+  GlobalServiceWatcher watcher;
+};
 
-void Soak::ToggleAdded(DataCenter& dc) {
-  const auto& conn = m_added[dc.Name()];
-  if (!m_application.watcher->HasConnection(dc.Name())) return m_application.watcher->AddConnection(conn);
-  const std::weak_ptr<ServiceWatcher> watcher = m_application.Of(dc.Name());
-  m_application.watcher->RemoveConnection(conn);
-  // The one event that may be running keeps it alive.
-  if (!test::Poll(test::kLimit, [&] { return watcher.expired(); })) {
-    throw std::runtime_error(dc.Name() + ": a removed connection's watcher lives on");
+/// Belongs to the main thread.
+struct Soak {
+  explicit Soak(unsigned seed) : random(seed) {
+    // Level error is the library's word for what must not happen.
+    const auto complain = [](const auto& record) { Complain("logged as an error: " + record.msg); };
+    zr::logging::SetHandler("stderr", complain, {zr::logging::ZRLOG_ERROR});
+    managed.watcher.SetMassRemovalGuard(MassRemovalGuard{0.3, 1s});
+    Connect();
   }
-  m_application.checker->StartOver(dc.Name());
-}
 
-void Soak::Rest(int limitMs) {
-  const auto until = Clock::now() + std::chrono::milliseconds(Roll(m_random, limitMs));
-  test::Poll(10s, [&] { return Clock::now() >= until; });
-}
+  using Verb = std::pair<const char*, std::function<void(DataCenter&)>>;
 
-DataCenter& Soak::AnyDataCenter() {
-  return *m_dcs.at(static_cast<std::size_t>(Roll(m_random, static_cast<int>(m_dcs.size()))));
-}
-
-void Soak::Note(const DataCenter& dc, const char* step) {
-  m_steps.push_back("round " + std::to_string(m_rounds) + ", " + dc.Name() + ": " + step);
-  if (m_steps.size() > kLastSteps) m_steps.pop_front();
-  ++m_faults;
-}
-
-void Soak::Step() {
-  auto& dc = AnyDataCenter();
-  const auto& verb = m_verbs.at(static_cast<std::size_t>(Roll(m_random, static_cast<int>(m_verbs.size()))));
-  Note(dc, verb.name);
-  verb.act(dc);
-  Rest(400);
-}
-
-void Soak::Round() {
-  ++m_rounds;
-  if (auto& dc = AnyDataCenter(); Roll(m_random, 4) == 0) {
-    Note(dc, "lose all data");
-    dc.LoseData();
+  std::deque<DataCenter> MakeDataCenters() {
+    std::deque<DataCenter> made;
+    std::ofstream file(config);
+    file << "[data_centers]\n";
+    for (const auto& [name, servers] : {std::pair("eu-west", 1U), {"us-east", 1U}, {"ap-south", 3U}}) {
+      file << name << " = \"" << made.emplace_back(name, servers, random).hosts << "\"\n";
+    }
+    return made;
   }
-  for (const auto& dc : m_dcs) dc->BeginWrites(m_random);
-  for (int i = 0; i < kStepsInRound; ++i) Step();
-  Check();
-  m_ledger->Settle();
-  if (m_rounds == kWarmUpRounds) m_warmMemory = Memory();
-}
 
-/// Heals everything, and holds every view against the truth.
-void Soak::Check() {
-  for (const auto& dc : m_dcs) dc->HealNetwork();
-  for (const auto& dc : m_dcs) dc->EndWrites();
-  for (const auto& dc : m_dcs) {
-    if (!m_managed.watcher->HasConnection(dc->Name())) ToggleManaged(*dc);
-    if (!m_application.watcher->HasConnection(dc->Name())) ToggleAdded(*dc);
-    m_added[dc->Name()]->Start(nullptr);
-    dc->Heal();
+  void Do(const Verb& verb) {
+    auto& dc = random.AnyOf(dcs);
+    steps.push_back("round " + std::to_string(rounds) + ", " + dc.name + ": " + verb.first);
+    if (steps.size() > 30) steps.pop_front();
+    ++faults;
+    verb.second(dc);
   }
-  for (const auto& dc : m_dcs) {
-    dc->RequireTruth();
-    for (const auto* view : {&m_managed, &m_application}) dc->Require(*view->checker, *view->Of(dc->Name()));
+  void LoseData(DataCenter& dc) {  // while nobody writes
+    lostData = &dc;
+    for (std::size_t i = 0; i < dc.ways.size(); ++i) dc.ensemble.Server(i).Wipe();
+    dc.ensemble.Start();
   }
-  const std::lock_guard lock(m_errors->mtx);
-  if (!m_errors->lines.empty()) throw std::runtime_error("logged as an error: " + m_errors->lines.front());
-}
-
-void Soak::Run(std::chrono::minutes time) {
-  const auto begin = Clock::now();
-  auto reported = begin;
-  while (Clock::now() - begin < time) {
-    Round();
-    if (Clock::now() - reported < 10s) continue;
-    reported = Clock::now();
-    std::cout << std::chrono::duration_cast<std::chrono::seconds>(reported - begin).count()
-              << " s: " << Summary() << std::endl;
+  void ToggleManaged(const DataCenter& dc) {
+    if (managed.watcher.DisconnectDC(dc.name)) return;
+    managed.checker->Forget(dc.name);
+    managed.watcher.ConnectDC(dc.name);
   }
-}
+  void ToggleAdded(const DataCenter& dc) {
+    auto& watcher = application.watcher;
+    if (!watcher.HasConnection(dc.name)) return watcher.AddConnection(dc.conns[1]);
+    std::weak_ptr<ServiceWatcher> removed;
+    for (const auto& one : watcher.Watchers()) {
+      if (one->DataCenterName() == dc.name) removed = one;
+    }
+    watcher.RemoveConnection(dc.conns[1]);
+    // The one event that may be running keeps it alive.
+    if (!Poll(kLimit, [&] { return removed.expired(); })) Complain(dc.name + ": a removed watcher lives on");
+    application.checker->Forget(dc.name);
+  }
 
-std::string Soak::Summary() const {
-  std::uint64_t events = m_managed.checker->Events() + m_application.checker->Events();
-  for (const auto& dc : m_dcs) events += dc->Checker().Events();
-  std::ostringstream out;
-  out.precision(1);
-  out << std::fixed << m_rounds << " rounds, " << m_faults << " faults, " << events << " events, " << Memory()
-      << " MiB (" << m_warmMemory << " after " << kWarmUpRounds << " rounds)";
-  return out.str();
-}
+  /// All that a round may have left unconnected, and what the publishers publish.
+  void Connect() {
+    for (const auto& dc : dcs) {
+      if (!managed.watcher.HasConnection(dc.name)) ToggleManaged(dc);
+      if (!application.watcher.HasConnection(dc.name)) ToggleAdded(dc);
+      for (const auto& conn : dc.conns) conn->Start(nullptr);
+      for (const auto& publisher : dc.publishers) publisher->Publish(random.Data());
+    }
+  }
+  void Round() {
+    ++rounds;
+    if (random.Roll(4) == 0) Do({"lose all data", [this](auto& dc) { LoseData(dc); }});
+    for (auto& dc : dcs) {
+      dc.writing = true;
+      dc.writer = std::async(std::launch::async, [&dc, own = Random(random())] { dc.Write(own); });
+    }
+    for (int i = 0; i < 12; ++i) {
+      Do(random.AnyOf(verbs));
+      random.Rest(400ms);
+      managed.checker->Drain();  // the other queue merges what comes in a whole round
+    }
+    for (auto& dc : dcs) dc.writing = false;
+    for (auto& dc : dcs) dc.HealNetwork();
+    for (auto& dc : dcs) dc.writer.get();  // throws what the writer has thrown
+    Connect();
+    Check();
+    if (rounds == kWarmUpRounds) warmMemory = Memory();
+  }
+  /// Holds all views against what a client of its own reads, once the publishers are confirmed.
+  void Check() {
+    View truth;
+    for (const auto& dc : dcs) {
+      for (const auto& one : dc.publishers)
+        if (!one->AwaitPublished(kLimit)) Complain(dc.name + ": not published: " + ToString(one->Id()));
+      ZooKeeperClient client(dc.ensemble.ConnectString());
+      client.Publish("truths", ServiceId(), ServiceInstanceData());  // who has written reads nothing older
+      ReadInto(truth, client, dc.name, kService);
+    }
+    const auto wrong = [&] { return managed.Wrong(truth) + application.Wrong(truth); };
+    Poll(kLimit, [&] { return wrong().empty(); });
+    if (const auto text = wrong(); !text.empty()) Complain("after the round" + text);
+    if (violations > 0) throw std::runtime_error("for what is told above");
+    lostData = nullptr;
+  }
 
-std::string Soak::LastSteps() const {
-  std::string text;
-  for (const auto& step : m_steps) text += "  " + step + "\n";
-  return text;
-}
+  void Report(const std::string& when) const {
+    std::cout.precision(1);
+    std::cout << when << ": " << std::fixed << rounds << " rounds, " << faults << " faults, " << events
+              << " events, " << Memory() << " MiB (" << warmMemory << " after " << kWarmUpRounds << " rounds)"
+              << std::endl;
+  }
 
-int Main(int argc, char** argv) {
+  Random random;
+  const TemporaryFolder folder;
+  const zr::String config = folder.Path() / "halden.toml";
+  std::deque<DataCenter> dcs = MakeDataCenters();
+  Audience managed{LibraryManaged{config}};
+  Audience application{ApplicationManaged()};
+  const std::vector<Verb> verbs{
+      {"kill servers",
+       [this](auto& dc) {
+         for (auto i = random.Roll(3) + 1; i > 0; --i) dc.AnyServer(random).Kill();
+         random.Rest(800ms);
+         dc.ensemble.Start();
+       }},
+      {"pause a server",
+       [this](auto& dc) {
+         auto& server = dc.AnyServer(random);
+         server.Pause();
+         random.Rest(2500ms);
+         server.Resume();
+       }},
+      {"cut", [this](auto& dc) { random.AnyOf(dc.ways).Cut(); }},
+      {"refuse", [this](auto& dc) { random.AnyOf(dc.ways).Refuse(); }},
+      {"delay", [this](auto& dc) { random.AnyOf(dc.ways).Delay(random.Roll(80) * 1ms); }},
+      {"throttle", [this](auto& dc) { random.AnyOf(dc.ways).Throttle(1000 + random.Roll(50'000)); }},
+      {"half open", [this](auto& dc) { random.AnyOf(dc.ways).HalfOpen(); }},
+      {"heal the network", &DataCenter::HealNetwork},
+      {"heal the network", &DataCenter::HealNetwork},
+      {"expire", [this](auto& dc) { random.AnyOf(dc.conns)->ForceExpire(); }},
+      {"expire the managed one",
+       [this](auto& dc) {
+         if (const auto its = managed.watcher.GetConnection(dc.name)) its->ForceExpire();
+       }},
+      {"stop", [this](auto& dc) { random.AnyOf(dc.conns)->Stop(); }},
+      {"start", [this](auto& dc) { random.AnyOf(dc.conns)->Start(nullptr); }},
+      {"publish", [this](auto& dc) { random.AnyOf(dc.publishers)->Publish(random.Data()); }},
+      {"unpublish", [this](auto& dc) { random.AnyOf(dc.publishers)->Remove(); }},
+      {"connect or disconnect", [this](auto& dc) { ToggleManaged(dc); }},
+      {"add or remove", [this](auto& dc) { ToggleAdded(dc); }}};
+  std::deque<zr::String> steps;  // the last ones
+  int rounds = 0;
+  int faults = 0;
+  double warmMemory = 0;
+};
+
+}  // namespace
+}  // namespace zr::halden::test
+
+int main(int argc, char** argv) {
+  using namespace zr::halden::test;
   unsigned seed = std::random_device()();
   int minutes = 1;
   CLI::App app("Random faults against real servers, with everything checked after each round.");
@@ -276,19 +325,19 @@ int Main(int argc, char** argv) {
   std::cout << "seed " << seed << std::endl;
   Soak soak(seed);
   try {
-    soak.Run(std::chrono::minutes(minutes));
+    const auto begin = Clock::now();
+    for (auto report = begin + 10s; Clock::now() - begin < std::chrono::minutes(minutes);) {
+      soak.Round();
+      if (Clock::now() < report) continue;
+      soak.Report(std::to_string((Clock::now() - begin) / 1s) + " s");
+      report = Clock::now() + 10s;
+    }
   } catch (const std::exception& e) {
-    std::cout << "soak failed, seed " << seed << ": " << e.what() << "\nafter these steps:\n"
-              << soak.LastSteps() << std::flush;
+    std::cout << "soak failed, seed " << seed << ": " << e.what() << "\nafter these steps:\n";
+    for (const auto& step : soak.steps) std::cout << "  " << step << "\n";
+    std::cout << std::flush;
     _exit(1);  // threads may be stuck
   }
-  std::cout << "soak passed: " << soak.Summary() << std::endl;
+  soak.Report("soak passed");
   return 0;
-}
-
-}  // namespace
-}  // namespace zr::halden::soak
-
-int main(int argc, char** argv) {
-  return zr::halden::soak::Main(argc, argv);
 }

@@ -7,7 +7,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -18,6 +17,7 @@
 
 #include "halden/service_watcher.h"
 #include "support/await.h"
+#include "support/view.h"
 
 namespace zr::halden::test {
 
@@ -36,40 +36,35 @@ inline std::ostream& operator<<(std::ostream& out, const Event& event) {
              << event.data.host() << " " << event.data.version();
 }
 
-using InstanceKey = std::pair<zr::String, ServiceId>;  ///< data centre and instance
+/// Adds the event to what an observer has been told. False for an illegal one: per data centre and instance first
+/// added, then modified any number of times, then removed.
+inline bool Take(View& told, const Event& event) {
+  const InstanceKey key(event.dcName, event.id);
+  const bool legal = told.contains(key) == (event.kind != EventKind::Added);
+  told[key] = event.data.host();
+  if (event.kind == EventKind::Removed) told.erase(key);
+  return legal;
+}
 
-/// What an observer has been told is there.
-class AnnouncedInstances {
- public:
-  /// False for an illegal event: per data centre and instance first added, then modified any number of times,
-  /// then removed.
-  bool Take(const Event& event) {
-    const InstanceKey key(event.dcName, event.id);
-    const bool legal = m_instances.contains(key) == (event.kind != EventKind::Added);
-    if (event.kind == EventKind::Removed) {
-      m_instances.erase(key);
-    } else {
-      m_instances[key] = event.data;
-    }
-    return legal;
-  }
-
-  const ServiceInstanceData* Find(const InstanceKey& key) const {
-    const auto found = m_instances.find(key);
-    return found == m_instances.end() ? nullptr : &found->second;
-  }
-  const std::map<InstanceKey, ServiceInstanceData>& All() const { return m_instances; }
-
-  void Forget(const zr::String& dcName) {
-    std::erase_if(m_instances, [&](const auto& entry) { return entry.first.first == dcName; });
-  }
-
+/// An observer to which all events are one.
+class EventObserver : public ServiceWatcherObserver {
  private:
-  std::map<InstanceKey, ServiceInstanceData> m_instances;
+  void OnInstanceAdded(ServiceWatcher& watcher, const ServiceId& id,
+                       const ServiceInstanceData& data) override {
+    OnEvent(watcher, {EventKind::Added, watcher.DataCenterName(), id, data});
+  }
+  void OnInstanceRemoved(ServiceWatcher& watcher, const ServiceId& id) override {
+    OnEvent(watcher, {EventKind::Removed, watcher.DataCenterName(), id, {}});
+  }
+  void OnInstanceModified(ServiceWatcher& watcher, const ServiceId& id,
+                          const ServiceInstanceData& data) override {
+    OnEvent(watcher, {EventKind::Modified, watcher.DataCenterName(), id, data});
+  }
+  virtual void OnEvent(ServiceWatcher& watcher, Event event) = 0;
 };
 
 /// Keeps every event, and fails the test as soon as one is illegal.
-class RecordingObserver : public ServiceWatcherObserver {
+class RecordingObserver : public EventObserver {
  public:
   using EventList = std::vector<Event>;
   using Hook = std::function<void(ServiceWatcher&, const Event&)>;
@@ -77,21 +72,15 @@ class RecordingObserver : public ServiceWatcherObserver {
   /// `hook` runs in every callback before the event is kept: who has awaited the event finds it finished.
   explicit RecordingObserver(Hook hook = {}) : m_hook(std::move(hook)) {}
 
-  void OnInstanceAdded(ServiceWatcher& watcher, const ServiceId& id,
-                       const ServiceInstanceData& data) override {
-    Record(watcher, {EventKind::Added, watcher.DataCenterName(), id, data});
-  }
-  void OnInstanceRemoved(ServiceWatcher& watcher, const ServiceId& id) override {
-    Record(watcher, {EventKind::Removed, watcher.DataCenterName(), id, {}});
-  }
-  void OnInstanceModified(ServiceWatcher& watcher, const ServiceId& id,
-                          const ServiceInstanceData& data) override {
-    Record(watcher, {EventKind::Modified, watcher.DataCenterName(), id, data});
-  }
-
   EventList Events() const {
     const std::lock_guard lock(m_mtx);
     return m_events;
+  }
+
+  /// What is there by them.
+  View Told() const {
+    const std::lock_guard lock(m_mtx);
+    return m_told;
   }
 
   /// The events of one instance in one data centre, in order.
@@ -139,10 +128,10 @@ class RecordingObserver : public ServiceWatcherObserver {
   }
 
  private:
-  void Record(ServiceWatcher& watcher, Event event) {
+  void OnEvent(ServiceWatcher& watcher, Event event) override {
     if (m_hook) m_hook(watcher, event);
     const std::lock_guard lock(m_mtx);
-    EXPECT_TRUE(m_announced.Take(event)) << "illegal event: " << event;
+    EXPECT_TRUE(Take(m_told, event)) << "illegal event: " << event;
     m_events.push_back(std::move(event));
     m_recorded.notify_all();
   }
@@ -150,8 +139,8 @@ class RecordingObserver : public ServiceWatcherObserver {
   const Hook m_hook;
   mutable std::mutex m_mtx;
   std::condition_variable m_recorded;
-  EventList m_events;              // guarded by m_mtx
-  AnnouncedInstances m_announced;  // guarded by m_mtx
+  EventList m_events;  // guarded by m_mtx
+  View m_told;         // guarded by m_mtx
 };
 
 /// The codes that an error handler was given.
