@@ -8,6 +8,7 @@
 #include "halden/zookeeper_config.h"
 #include "json.h"
 #include "terminal.h"
+#include "zrstl/utf8.h"
 
 namespace zr::halden::tool {
 

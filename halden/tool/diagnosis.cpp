@@ -11,6 +11,7 @@
 #include "layout.h"
 #include "output.h"
 #include "text.h"
+#include "zrstl/utf8.h"
 
 namespace zr::halden::tool {
 

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "output.h"
+#include "zrstl/utf8.h"
 
 namespace zr::halden::tool {
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "node_codec.h"
+#include "zrstl/utf8.h"
 
 namespace zr::halden::tool {
 

@@ -11,6 +11,7 @@
 #include "halden/service_watcher.h"
 #include "logger/sink.h"
 #include "words.h"
+#include "zrstl/utf8.h"
 
 namespace zr::halden::tool {
 

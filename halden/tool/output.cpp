@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "json.h"
+#include "zrstl/utf8.h"
 
 namespace zr::halden::tool {
 

@@ -10,6 +10,7 @@
 #include "failure.h"
 #include "options.h"
 #include "words.h"
+#include "zrstl/utf8.h"
 
 namespace zr::halden::tool {
 

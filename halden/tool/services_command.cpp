@@ -11,6 +11,7 @@
 #include "json.h"
 #include "layout.h"
 #include "terminal.h"
+#include "zrstl/utf8.h"
 
 namespace zr::halden::tool {
 

@@ -11,6 +11,7 @@
 #include <cstdlib>
 
 #include "failure.h"
+#include "zrstl/utf8.h"
 
 namespace zr::halden::tool {
 

@@ -9,7 +9,7 @@
 #include <ctime>
 #include <utility>
 
-#include "connect_string.h"
+#include "zrstl/utf8.h"
 
 namespace zr::halden::tool {
 
@@ -34,34 +34,6 @@ std::string Blanks(std::size_t width, std::string_view before) {
 }
 
 }  // namespace
-
-std::string EscapeControls(std::string_view text) {
-  constexpr unsigned char space = 0x20;
-  constexpr unsigned char del = 0x7f;
-  constexpr unsigned char c1Lead = 0xc2;  // followed by less than 0xa0: a control character beyond ASCII
-  constexpr unsigned char c1End = 0xa0;
-  std::string safe;
-  unsigned char before = 0;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    const bool c1 = before == c1Lead && byte >= 0x80 && byte < c1End;
-    if (c1) safe.pop_back();
-    if (byte < space || byte == del || c1) {
-      safe += fmt::format("\\x{:02x}", byte);
-    } else {
-      safe += c;
-    }
-    before = byte;
-  }
-  return safe;
-}
-
-bool IsUtf8(std::string_view text) {
-  while (!text.empty()) {
-    if (!details::TakeCodePoint(text)) return false;
-  }
-  return true;
-}
 
 std::string Word(std::string_view text) {
   std::string safe = EscapeControls(text);

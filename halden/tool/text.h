@@ -12,11 +12,6 @@ namespace zr::halden::tool {
 
 using TimePoint = std::chrono::system_clock::time_point;
 
-/// Control characters as \xNN: what others publish must not start a new line or steer a terminal.
-std::string EscapeControls(std::string_view text);
-
-bool IsUtf8(std::string_view text);
-
 /// As one word: put in quotes where it would not read as one.
 std::string Word(std::string_view text);
 

@@ -12,6 +12,7 @@
 #include "output.h"
 #include "terminal.h"
 #include "view.h"
+#include "zrstl/utf8.h"
 
 namespace zr::halden::tool {
 

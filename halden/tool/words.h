@@ -11,6 +11,7 @@
 #include "failure.h"
 #include "halden/service_id.h"
 #include "text.h"
+#include "zrstl/utf8.h"
 
 /// Words of the command line, read strictly. All throw Failure(kWrongUsage) with what was expected.
 namespace zr::halden::tool {

@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "zrstl/utf8.h"
+
 namespace zr::halden::details {
 
 namespace {
@@ -57,25 +59,11 @@ std::size_t EditDistance(std::string_view from, std::string_view to) {
 
 }  // namespace
 
-zr::String Printable(std::string_view text) {
-  constexpr std::string_view digits = "0123456789abcdef";
-  zr::String printable;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte != 0x7F) {
-      printable += c;
-    } else {
-      printable += {'\\', 'x', digits[byte >> 4U], digits[byte & 0xFU]};
-    }
-  }
-  return printable;
-}
-
 zr::String Quoted(std::string_view text) {
   auto cut = std::min(text.size(), kMaxQuotedBytes);
   while (cut < text.size() && cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0U) == 0x80) --cut;
   zr::String quoted = "\"";
-  quoted += Printable(text.substr(0, cut));
+  quoted += EscapeControls(text.substr(0, cut));
   quoted += cut == text.size() ? "\"" : "\"...";
   return quoted;
 }

@@ -11,9 +11,6 @@
 /// thread.
 namespace zr::halden::details {
 
-/// On one line whatever `text` holds.
-zr::String Printable(std::string_view text);
-
 /// In quotes, on one line, and cut after 100 bytes.
 zr::String Quoted(std::string_view text);
 

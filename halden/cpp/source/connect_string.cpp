@@ -4,10 +4,11 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <limits>
 #include <utility>
+
+#include "zrstl/utf8.h"
 
 namespace zr::halden::details {
 
@@ -178,27 +179,6 @@ ParsedConnectString ParseConnectString(const zr::String& text) {
   return Parser(text).Parse();
 }
 
-std::optional<char32_t> TakeCodePoint(std::string_view& text) {
-  constexpr std::array<char32_t, 5> leastOfLength{0, 0, 0x80, 0x800, 0x10000};
-  const auto lead = static_cast<unsigned char>(text.front());
-  if (lead < 0x80) {
-    text.remove_prefix(1);
-    return lead;
-  }
-  const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
-  if (lead < 0xC0 || lead > 0xF4 || text.size() < length) return std::nullopt;
-  char32_t point = lead & (0xFFU >> (length + 1));
-  for (std::size_t i = 1; i < length; ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    if ((byte & 0xC0U) != 0x80) return std::nullopt;
-    point = (point << 6U) | (byte & 0x3FU);
-  }
-  const bool isSurrogate = point >= 0xD800 && point <= 0xDFFF;
-  if (point < leastOfLength[length] || point > 0x10FFFF || isSurrogate) return std::nullopt;
-  text.remove_prefix(length);
-  return point;
-}
-
 std::size_t FindBadPathCharacter(std::string_view text) {
   for (std::string_view rest = text; !rest.empty();) {
     const auto offset = text.size() - rest.size();
@@ -206,8 +186,7 @@ std::size_t FindBadPathCharacter(std::string_view text) {
     if (!point) return offset;
     // Servers look at UTF-16: what takes a pair of surrogates there falls under their ban of U+D800 to
     // U+F8FF.
-    if (*point < 0x20 || (*point >= 0x7F && *point <= 0x9F)) return offset;
-    if ((*point >= 0xD800 && *point <= 0xF8FF) || *point >= 0xFFF0) return offset;
+    if (IsControl(*point) || (*point >= 0xD800 && *point <= 0xF8FF) || *point >= 0xFFF0) return offset;
   }
   return std::string_view::npos;
 }

@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -36,10 +35,6 @@ struct ParsedConnectString {
 
 /// Ports are required; blanks are refused everywhere. Names are checked for their form, not resolved.
 ParsedConnectString ParseConnectString(const zr::String& text);
-
-/// Takes one code point off the front of `text`, which must not be empty. Nothing, and `text` untouched,
-/// where that is not valid UTF-8: overlong forms, surrogates and what lies past U+10FFFF are not.
-std::optional<char32_t> TakeCodePoint(std::string_view& text);
 
 /// Where `text` holds something that ZooKeeper's servers refuse in a path (what is not UTF-8, control
 /// characters, private-use characters, everything past U+FFEF); npos where it does not. Knows nothing of "/".

@@ -14,12 +14,12 @@
 #include "connect_string.h"
 #include "logger/logger.h"
 #include "zrstl/sstream.h"
+#include "zrstl/utf8.h"
 
 namespace zr::halden {
 
 namespace {
 
-using details::Printable;
 using details::Quoted;
 
 // What a person can act on, of a file that is something else altogether.
@@ -43,8 +43,8 @@ zr::String Spelled(const toml::source_position& place) {
 
 bool HasControlCharacter(std::string_view name) {
   while (!name.empty()) {
-    const auto point = details::TakeCodePoint(name);
-    if (!point || *point < 0x20 || (*point >= 0x7F && *point <= 0x9F)) return true;
+    const auto point = TakeCodePoint(name);
+    if (!point || IsControl(*point)) return true;
   }
   return false;
 }
@@ -172,7 +172,7 @@ class Reader {
     if (good) ReadRoot(*good);
     if (!good || !AddRepeated(error, *good, fromLine)) {
       AddLastFault(place,
-                   "not valid TOML, and not read from this line on: " + Printable(error.description()));
+                   "not valid TOML, and not read from this line on: " + EscapeControls(error.description()));
     }
   }
 

@@ -6,6 +6,7 @@
 #include <cstddef>
 
 #include "logger/sink.h"
+#include "zrstl/utf8.h"
 
 namespace zr::logging::details {
 
@@ -22,38 +23,12 @@ std::string_view FileName(const char* path) {
   return whole.substr(whole.rfind('/') + 1);
 }
 
-/// The second half of U+0080 to U+009F, which a terminal takes for control characters too.
-bool EndsControlPair(std::string_view text, std::size_t pos) {
-  return Byte(text[pos]) >= 0x80 && Byte(text[pos]) < 0xA0 && pos > 0 && Byte(text[pos - 1]) == 0xC2;
-}
-
 void AppendPrintable(std::string_view text, std::string& line) {
-  for (std::size_t pos = 0; pos < text.size(); ++pos) {
-    const char c = text[pos];
-    if (c == '\n') {
-      line += "\\n";
-    } else if (Byte(c) < 0x20 || Byte(c) == 0x7F || EndsControlPair(text, pos)) {
-      line += {'\\', 'x', kHexDigits[Byte(c) >> 4U], kHexDigits[Byte(c) & 0xFU]};
-    } else {
-      line += c;
-    }
+  for (auto end = text.find('\n'); end != std::string_view::npos; end = text.find('\n')) {
+    line += EscapeControls(text.substr(0, end)) + "\\n";
+    text.remove_prefix(end + 1);
   }
-}
-
-/// The length of the character that `text` begins with; 0 where that is not valid UTF-8.
-std::size_t CharacterLength(std::string_view text) {
-  const unsigned char lead = Byte(text[0]);
-  if (lead < 0x80) return 1;
-  const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
-  if (lead < 0xC2 || lead > 0xF4 || text.size() < length) return 0;
-  for (std::size_t i = 1; i < length; ++i) {
-    if ((Byte(text[i]) & 0xC0U) != 0x80) return 0;
-  }
-  const unsigned char second = Byte(text[1]);
-  const bool isOverlong = (lead == 0xE0 && second < 0xA0) || (lead == 0xF0 && second < 0x90);
-  const bool isSurrogate = lead == 0xED && second >= 0xA0;
-  const bool isTooLarge = lead == 0xF4 && second >= 0x90;
-  return isOverlong || isSurrogate || isTooLarge ? 0 : length;
+  line += EscapeControls(text);
 }
 
 void AppendJsonCharacter(char c, std::string& line) {
@@ -73,7 +48,8 @@ void AppendJsonCharacter(char c, std::string& line) {
 void AppendJsonText(std::string_view text, std::string& line) {
   line += '"';
   while (!text.empty()) {
-    const std::size_t length = CharacterLength(text);
+    std::string_view rest = text;
+    const std::size_t length = TakeCodePoint(rest) ? text.size() - rest.size() : 0;
     if (length == 0) line += "\\ufffd";
     if (length == 1) AppendJsonCharacter(text[0], line);
     if (length > 1) line += text.substr(0, length);

@@ -86,7 +86,7 @@ class Handlers : public ::testing::Test {
 TEST_F(Handlers, TextIsOneLineWhateverTheMessageHolds) {
   Write(MakeFileHandler({Path("f")}), "odd {} %v\n\r\033[1m\xC2\x9B text, key=\xC3\xA9");
   EXPECT_THAT(Read("f"), MatchesRegex("20..-..-..T..:..:..\\.[0-9]{6}[+-]..:.. warning 42 \\[root\\.leaf\\] "
-                                      "odd \\{\\} %v\\\\n\\\\x0d\\\\x1b\\[1m\xC2\\\\x9b text, key=\xC3\xA9 "
+                                      "odd \\{\\} %v\\\\n\\\\x0d\\\\x1b\\[1m\\\\x9b text, key=\xC3\xA9 "
                                       "\\(file\\.cpp:7\\)\n"));
   Write(MakeSyslogHandler(), "100%s\n", nullptr, ZRLOG_ERROR);
   EXPECT_EQ(g_syslogLine, std::to_string(LOG_ERR) + " [-] 100%s\\n (file.cpp:7)");
