@@ -5,12 +5,12 @@
 
 namespace zr::halden::details {
 
-std::vector<ChangeKind> Diff(const NodeVersion* announced, const NodeVersion* known) {
+std::vector<InstanceChange> Diff(const NodeVersion* announced, const NodeVersion* known) {
   if (announced == nullptr && known == nullptr) return {};
-  if (announced == nullptr) return {ChangeKind::Added};
-  if (known == nullptr) return {ChangeKind::Removed};
-  if (announced->czxid != known->czxid) return {ChangeKind::Removed, ChangeKind::Added};
-  if (announced->mzxid != known->mzxid) return {ChangeKind::Modified};
+  if (announced == nullptr) return {InstanceChange::Added};
+  if (known == nullptr) return {InstanceChange::Removed};
+  if (announced->czxid != known->czxid) return {InstanceChange::Removed, InstanceChange::Added};
+  if (announced->mzxid != known->mzxid) return {InstanceChange::Modified};
   return {};
 }
 

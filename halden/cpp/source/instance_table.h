@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "halden/instance_change.h"
 #include "halden/service_id.h"
 
 namespace zr::halden::details {
@@ -22,12 +23,9 @@ struct NodeVersion {
   bool operator==(const NodeVersion&) const = default;
 };
 
-/// What observers are told of one instance, in this order.
-enum class ChangeKind : std::uint8_t { Removed, Added, Modified };
-
 /// From what was announced to what is known; `announced` null, `known` null: there was, there is no instance.
 /// At most two: a node that was deleted and created again is removed, then added.
-std::vector<ChangeKind> Diff(const NodeVersion* announced, const NodeVersion* known);
+std::vector<InstanceChange> Diff(const NodeVersion* announced, const NodeVersion* known);
 
 /// One service's instances in one data centre, in two views: what is known, and what has been announced to
 /// observers. Changes wait, once for each instance, until they are taken; what overtakes itself is merged, so
@@ -39,7 +37,7 @@ class InstanceTable {
 
   struct Change {
     ServiceId id{};
-    std::vector<ChangeKind> kinds;
+    std::vector<InstanceChange> kinds;
     std::string payload;   ///< empty when the last kind is Removed
     NodeVersion before{};  ///< what was announced until then; zero for nothing
   };

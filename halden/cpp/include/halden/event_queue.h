@@ -5,27 +5,21 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <cstdint>
 #include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <string_view>
 #include <tuple>
 #include <vector>
 
+#include "halden/instance_change.h"
 #include "halden/service_id.h"
 #include "halden/service_watcher.h"
 #include "zrstl/export.h"
 #include "zrstl/string.h"
 
 namespace zr::halden {
-
-enum class InstanceChange : std::uint8_t { Added, Modified, Removed };
-
-/// "added", "modified", "removed"
-ZR_EXPORT std::string_view ToString(InstanceChange change);
 
 /// One change of one instance, as EventQueue hands it out.
 struct InstanceEvent {

@@ -13,18 +13,6 @@
 
 namespace zr::halden {
 
-std::string_view ToString(InstanceChange change) {
-  switch (change) {
-    case InstanceChange::Added:
-      return "added";
-    case InstanceChange::Modified:
-      return "modified";
-    case InstanceChange::Removed:
-      return "removed";
-  }
-  return "unknown";
-}
-
 EventQueue::EventQueue() : m_descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (m_descriptor < 0) throw std::system_error(errno, std::generic_category(), "EventQueue: eventfd");
 }

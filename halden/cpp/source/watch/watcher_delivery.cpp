@@ -320,14 +320,14 @@ void WatcherDelivery::DeliverStatus(std::unique_lock<std::mutex>& lock, const Se
 
 void WatcherDelivery::Tell(ServiceWatcher& watcher, const InstanceTable::Change& change,
                            const ServiceInstanceData& data) {
-  for (const ChangeKind kind : change.kinds) {
+  for (const InstanceChange kind : change.kinds) {
     const auto tell = [&](ServiceWatcherObserver& observer) {
       switch (kind) {
-        case ChangeKind::Removed:
+        case InstanceChange::Removed:
           return observer.OnInstanceRemoved(watcher, change.id);
-        case ChangeKind::Added:
+        case InstanceChange::Added:
           return observer.OnInstanceAdded(watcher, change.id, data);
-        case ChangeKind::Modified:
+        case InstanceChange::Modified:
           return observer.OnInstanceModified(watcher, change.id, data);
       }
     };

@@ -15,13 +15,14 @@
 #include <utility>
 #include <vector>
 
+#include "halden/instance_change.h"
 #include "halden/service_watcher.h"
 #include "support/await.h"
 #include "support/view.h"
 
 namespace zr::halden::test {
 
-enum class EventKind : std::uint8_t { Added, Modified, Removed };
+using EventKind = InstanceChange;
 
 struct Event {
   EventKind kind;
@@ -31,9 +32,8 @@ struct Event {
 };
 
 inline std::ostream& operator<<(std::ostream& out, const Event& event) {
-  constexpr const char* names[] = {"added", "modified", "removed"};
-  return out << names[static_cast<int>(event.kind)] << " " << event.dcName << "/" << event.id << " "
-             << event.data.host() << " " << event.data.version();
+  return out << ToString(event.kind) << " " << event.dcName << "/" << event.id << " " << event.data.host()
+             << " " << event.data.version();
 }
 
 /// Adds the event to what an observer has been told. False for an illegal one: per data centre and instance first

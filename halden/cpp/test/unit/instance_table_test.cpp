@@ -13,6 +13,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
+using ChangeKind = InstanceChange;
 using Kinds = std::vector<ChangeKind>;
 using Outcome = InstanceTable::Outcome;
 
