@@ -49,7 +49,7 @@ NodeFacts FactsOf(std::string dataCenter, const ServiceId& id, std::string path,
   if (decoded.payload) facts.data = details::ParsePayload(*decoded.payload);
   facts.error = decoded.error;
   messaging::halden::ZNodeData envelope;
-  if (decoded.payload && envelope.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()))) {
+  if (decoded.payload && details::ParseEnvelope(bytes, envelope)) {
     facts.compressed = envelope.compression() != messaging::halden::ZNodeData::COMP_NONE;
     if (envelope.has_user()) facts.writer = envelope.user();
   }

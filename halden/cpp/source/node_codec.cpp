@@ -104,11 +104,15 @@ std::string EncodeNode(const ServiceInstanceData& data, const User& user) {
   return envelope.SerializeAsString();
 }
 
+bool ParseEnvelope(std::string_view bytes, ZNodeData& envelope) {
+  return bytes.size() <= kMaxPayloadBytes && Parse(bytes, envelope);
+}
+
 DecodedNode DecodeNode(std::string_view bytes) {
   if (bytes.empty()) return Bad("the node is empty");
   if (bytes.size() > kMaxPayloadBytes) return Bad("the node is longer than the longest payload");
   auto& envelope = Scratch<ZNodeData>();
-  if (!Parse(bytes, envelope)) return Bad("envelope: does not parse");
+  if (!ParseEnvelope(bytes, envelope)) return Bad("envelope: does not parse");
   if (envelope.payload().empty()) return Bad("envelope: no payload");
   switch (envelope.compression()) {
     case ZNodeData::COMP_NONE:
@@ -126,7 +130,7 @@ DecodedNode DecodeNode(std::string_view bytes) {
 
 zr::String WriterOf(std::string_view bytes) {
   ZNodeData envelope;
-  if (!Parse(bytes, envelope) || !envelope.has_user()) return "unknown";
+  if (!ParseEnvelope(bytes, envelope) || !envelope.has_user()) return "unknown";
   const User& user = envelope.user();
   return user.name() + "@" + user.host() + ", pid " + std::to_string(user.pid());
 }

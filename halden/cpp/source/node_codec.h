@@ -33,6 +33,10 @@ std::string EncodeNode(const zr::messaging::halden::ServiceInstanceData& data,
 /// `ParsePayload` succeeds on it; it takes a third of the memory of what it is parsed into.
 DecodedNode DecodeNode(std::string_view bytes);
 
+/// What stands around a payload: its compression, and who wrote it. False, and anything in it, where `bytes` are no
+/// envelope.
+bool ParseEnvelope(std::string_view bytes, zr::messaging::halden::ZNodeData& envelope);
+
 /// Who wrote the node, for people: "search@host-1, pid 4711"; "unknown" where it does not say.
 zr::String WriterOf(std::string_view bytes);
 
