@@ -7,14 +7,6 @@
 
 namespace zr::halden::details {
 
-namespace {
-
-std::size_t BytesOf(const std::string& path) {
-  return path.size() + sizeof(std::int32_t);
-}
-
-}  // namespace
-
 void WatchBudget::Count(const Request& request, const std::string& path, int code) {
   const bool absentWatched = request.kind == Request::Kind::Exists && code == ZNONODE;
   if (code != ZOK && !absentWatched) return;

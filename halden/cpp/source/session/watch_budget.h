@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "session/request.h"
@@ -16,6 +17,12 @@ namespace zr::halden::details {
 /// pass for one.
 class WatchBudget {
  public:
+  /// Past it a connection gives up its watches when it is lost, and reads everything anew.
+  static constexpr std::size_t kLimit = 900'000;
+
+  /// What one watch takes of it.
+  static std::size_t BytesOf(std::string_view path) { return path.size() + sizeof(std::int32_t); }
+
   bool Exceeded() const { return m_bytes > kLimit; }
   std::size_t Count() const { return m_count; }
 
@@ -25,7 +32,6 @@ class WatchBudget {
   void Uncount(int eventType, const std::string& path);
 
  private:
-  static constexpr std::size_t kLimit = 900'000;
   enum class Kind : char { Data = 'd', Children = 'c', Exists = 'e' };
 
   static std::uint32_t Mark(Kind kind, const std::string& path);
