@@ -10,6 +10,16 @@ cd "$(dirname "$0")/.."
 
 scripts/setup.sh --clang
 
+echo "check: rooms of the command"
+declare -A may_include=([io]="io" [render]="io|render" [ensemble]="io|render|ensemble" [cli]="io|render|cli"
+  [commands]="io|render|ensemble|cli|commands")
+for room in "${!may_include[@]}"; do
+  if grep -rnE '#include "(io|render|ensemble|cli|commands)/' "halden/tool/$room" | grep -vE "\"(${may_include[$room]})/"; then
+    echo "check: halden/tool/$room includes what is not below it" >&2
+    exit 1
+  fi
+done
+
 echo "check: clang-format"
 git ls-files -z -- '*.h' '*.cpp' | xargs -0 clang-format --dry-run --Werror
 

@@ -5,14 +5,14 @@
 #include <csignal>
 #include <ctime>
 #include <exception>
-#include <type_traits>
 #include <variant>
 
-#include "commands.h"
-#include "failure.h"
+#include "cli/command_line.h"
+#include "commands/commands.h"
+#include "io/failure.h"
+#include "io/line_writer.h"
+#include "io/signals.h"
 #include "logger/sink.h"
-#include "options.h"
-#include "signals.h"
 
 namespace zr::halden::tool {
 
@@ -35,21 +35,31 @@ SignalSet StopSignals() {
   return {SIGINT, SIGTERM, SIGHUP};
 }
 
+/// Which function is each command's.
+struct Dispatch {
+  LineWriter& output;
+
+  void operator()(const Information& asked) const { output.Write(asked.text); }
+  void operator()(const WatchOptions& options) const { WatchService(options, output); }
+  void operator()(const ListOptions& options) const { ListInstances(options, output); }
+  void operator()(const StatusOptions& options) const { ShowStatus(options, output); }
+  void operator()(const GetOptions& options) const { ShowInstance(options, output); }
+  void operator()(const ServicesOptions& options) const { ListServices(options, output); }
+  void operator()(const DoctorOptions& options) const { DiagnoseEnsembles(options, output); }
+  void operator()(const ConfigCheckOptions& options) const { CheckConfiguration(options, output); }
+  void operator()(const PublishOptions& options) const { PublishInstances(options, output); }
+};
+
 void Run(int argc, char** argv) {
   const Invocation invocation = ParseCommandLine(argc, argv);
   const SignalSet stopSignals = StopSignals();  // while this is the only thread
   LineWriter output(STDOUT_FILENO, stopSignals.Descriptor());
   std::visit(
-      [&output](const auto& options) {
-        using Options = std::decay_t<decltype(options)>;
-        if constexpr (std::is_same_v<Options, Information>) {
-          output.Write(options.text);
-        } else {
-          logging::SetMinimumLoggingLevel(options.logLevel);
-          Do(options, output);
-        }
+      [](const auto& options) {
+        if constexpr (requires { options.logLevel; }) logging::SetMinimumLoggingLevel(options.logLevel);
       },
       invocation);
+  std::visit(Dispatch{output}, invocation);
   output.ThrowIfFailed();
 }
 

@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "commands.h"
+#include "commands/commands.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -13,8 +13,8 @@
 #include <fstream>
 #include <string>
 
-#include "failure.h"
-#include "terminal.h"
+#include "io/failure.h"
+#include "io/live_screen.h"
 
 namespace zr::halden::tool {
 namespace {
@@ -88,13 +88,13 @@ class Unreachable : public testing::Test {
   ~Unreachable() override { std::filesystem::remove(m_path); }
 
   template <typename Options>
-  std::string FailureOf(Options options, bool ending = false) {
+  std::string FailureOf(void (*command)(const Options&, LineWriter&), Options options, bool ending = false) {
     options.configPath = m_path;
     options.timeout = std::chrono::seconds(ending ? 60 : 0);
     options.json = true;
     LineWriter output = m_captured.Writer(ending);
     try {
-      Do(options, output);
+      command(options, output);
     } catch (const Failure& e) {
       EXPECT_EQ(e.Code(), kFailed);
       return std::string("failed: ") + e.what();
@@ -109,18 +109,18 @@ class Unreachable : public testing::Test {
 };
 
 TEST_F(Unreachable, DataCentresAreNamedAndNotTakenForEmptyOnes) {
-  EXPECT_TRUE(FailureOf(ServicesOptions()).starts_with("failed: down: not read within 0 s: "));
+  EXPECT_TRUE(FailureOf(ListServices, ServicesOptions()).starts_with("failed: down: not read within 0 s: "));
   GetOptions get;
   get.service = "orders";
-  EXPECT_TRUE(FailureOf(get).starts_with("failed: down: not read within 0 s: "));
+  EXPECT_TRUE(FailureOf(ShowInstance, get).starts_with("failed: down: not read within 0 s: "));
   ListOptions list;
   list.service = "orders";
-  EXPECT_TRUE(FailureOf(list).starts_with("failed: down: not read completely within 0 s: "));
+  EXPECT_TRUE(FailureOf(ListInstances, list).starts_with("failed: down: not read completely within 0 s: "));
   EXPECT_NE(m_captured.Text().find(R"("freshness":"never synchronised")"), std::string::npos);
 }
 
 TEST_F(Unreachable, ServersAreTheDoctorsFinding) {
-  EXPECT_EQ(FailureOf(DoctorOptions()), "failed: ");
+  EXPECT_EQ(FailureOf(DiagnoseEnsembles, DoctorOptions()), "failed: ");
   const std::string text = m_captured.Text();
   EXPECT_NE(text.find(R"("check":"servers","verdict":"failure","finding":"0 of 1 take connections; )"
                       R"(127.0.0.1:1: Connection refused")"),
@@ -129,7 +129,7 @@ TEST_F(Unreachable, ServersAreTheDoctorsFinding) {
 }
 
 TEST_F(Unreachable, IsNotWaitedForOnceAStopIsAskedFor) {
-  EXPECT_EQ(FailureOf(ServicesOptions(), true), "");
+  EXPECT_EQ(FailureOf(ListServices, ServicesOptions(), true), "");
   EXPECT_EQ(m_captured.Text(), "");
 }
 

@@ -1,11 +1,13 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "diagnosis.h"
+#include "ensemble/diagnosis.h"
 
 #include <gtest/gtest.h>
 #include <zookeeper/zookeeper.h>
 
 #include <string>
 #include <vector>
+
+#include "render/findings.h"
 
 namespace zr::halden::tool {
 namespace {

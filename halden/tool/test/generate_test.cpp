@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "generate.h"
+#include "cli/generate.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "json.h"
+#include "render/json.h"
 
 #include <gtest/gtest.h>
 
@@ -48,8 +48,8 @@ TEST(Json, IsAsDocumentedKeyForKey) {
   NodeFacts node;
   node.data = data;
   node.writer = messaging::halden::User();
-  const std::vector<std::string> printed{EventLine({}, "dc", Change::Added, id, &data),
-                                         EventLine({}, "dc", Change::Removed, id, nullptr),
+  const std::vector<std::string> printed{EventLine({}, "dc", InstanceChange::Added, id, &data),
+                                         EventLine({}, "dc", InstanceChange::Removed, id, nullptr),
                                          StateLine({}),
                                          InstanceLine({"dc", id, data, false}),
                                          NodeLine(node),

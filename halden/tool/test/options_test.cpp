@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "options.h"
+#include "cli/command_line.h"
 
 #include <gtest/gtest.h>
 
@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
-#include "failure.h"
+#include "ensemble/configuration.h"
 #include "halden/zookeeper_config.h"
+#include "io/failure.h"
 
 namespace zr::halden::tool {
 namespace {

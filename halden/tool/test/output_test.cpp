@@ -1,15 +1,19 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "output.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <string>
 
-#include "json.h"
+#include "ensemble/node_facts.h"
+#include "io/live_screen.h"
 #include "node_codec.h"
-#include "node_facts.h"
-#include "terminal.h"
+#include "render/event_format.h"
+#include "render/instance_text.h"
+#include "render/json.h"
+#include "render/listing.h"
+#include "render/node_text.h"
+#include "render/state_text.h"
 
 namespace zr::halden::tool {
 namespace {
@@ -48,7 +52,8 @@ DataCenterStatus State(ConnectionState connection, Freshness freshness, std::siz
 TEST(EventLine, StaysOneLineAndLeavesTheTerminalAloneWhateverIsPublished) {
   ServiceInstanceData data = Data("a\nb\x1b[2J\xc2\x9b");
   data.mutable_attributes(0)->set_value("\" \r");
-  const std::string line = EventFormat(false, 10, {}).Event(kNow, "eu\twest", Change::Modified, Id(), &data);
+  const std::string line =
+      EventFormat(false, 10, {}).Event(kNow, "eu\twest", InstanceChange::Modified, Id(), &data);
   EXPECT_EQ(line.substr(line.find('.')), ".042  eu\\x09west  modified  " + kIdText +
                                              "  a\\x0ab\\x1b[2J\\x9b:80,admin=81  ok  zone=\"\\\" \\x0d\"\n");
 }
@@ -58,7 +63,7 @@ TEST(EventLine, AsJsonKeepsItsKeysTheirOrderAndItsSyntax) {
   data.set_status_ext(messaging::halden::STATUS_EXT_DEGRADED);
   data.set_version("1\xff");  // nobody should let it pass, but a line that is no JSON would stop its reader
   const EventFormat format(true, 0, {});
-  EXPECT_EQ(format.Event(kNow, "eu-west", Change::Added, Id(), &data),
+  EXPECT_EQ(format.Event(kNow, "eu-west", InstanceChange::Added, Id(), &data),
             R"({"type":"added","time":"2023-11-14T22:13:20.042Z","data_center":"eu-west","id":")" + kIdText +
                 R"(","host":"db1","ports":[{"name":"","port":80},{"name":"admin","port":81}],)"
                 R"("status":"degraded","version":"1)"
@@ -150,12 +155,12 @@ TEST(NodeFacts, TellTheWriterAndSurviveAnyBytes) {
   writer.set_pid(7);
   Stat stat{};
   stat.mtime = kNowMs;
-  const auto good = FactsOf("eu-west", Id(), "/p", details::EncodeNode(data, writer), stat);
+  const auto good = ReadNodeFacts("eu-west", Id(), "/p", details::EncodeNode(data, writer), stat);
   const std::string text = NodeText(good, {}, kNow);
   EXPECT_NE(text.find("writer      root\\x1b@, pid 7\n"), std::string::npos) << text;
   EXPECT_NE(text.find("session     none"), std::string::npos) << text;
   EXPECT_NE(NodeLine(good).find(R"("error":"","instance":{"host":"db1")"), std::string::npos);
-  const auto bad = FactsOf("eu-west", Id(), "/p", "\xff\x01", stat);
+  const auto bad = ReadNodeFacts("eu-west", Id(), "/p", "\xff\x01", stat);
   EXPECT_NE(NodeText(bad, {}, kNow).find("unreadable  envelope"), std::string::npos);
   EXPECT_NE(NodeLine(bad).find(R"("instance":null,"writer":null)"), std::string::npos) << NodeLine(bad);
 }

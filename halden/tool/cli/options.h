@@ -1,0 +1,79 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "halden/service_id.h"
+#include "logger/logger.h"
+#include "zr/messaging/halden/service.pb.h"
+
+namespace zr::halden::tool {
+
+/// What tells the instances of one `halden publish` apart.
+inline constexpr std::string_view kIndexAttribute = "index";
+
+/// What every command that reads data centres is told.
+struct CommonOptions {
+  std::string configPath;
+  logging::LogLevel logLevel = logging::ZRLOG_ERROR;
+  bool json = false;
+  bool quiet = false;                           ///< only results and errors
+  std::optional<std::chrono::seconds> timeout;  ///< null: the command's own default
+
+  std::chrono::seconds Patience() const { return timeout.value_or(std::chrono::seconds(10)); }
+};
+
+struct WatchOptions : CommonOptions {
+  std::string service;
+  std::optional<std::chrono::seconds> guard;  ///< how long mass removals are held back; null: not at all
+};
+
+/// Of the commands that show what is there now.
+struct ViewOptions : CommonOptions {
+  std::string service;
+  bool live = false;
+  std::optional<std::chrono::seconds> guard;
+};
+
+struct ListOptions : ViewOptions {};
+struct StatusOptions : ViewOptions {};
+
+struct GetOptions : CommonOptions {
+  std::string service;
+  ServiceId id{};
+};
+
+struct ServicesOptions : CommonOptions {};
+
+struct DoctorOptions : CommonOptions {
+  std::string service;  ///< empty: only what concerns all services
+};
+
+struct ConfigCheckOptions {
+  std::string path;
+  logging::LogLevel logLevel = logging::ZRLOG_ERROR;
+  bool json = false;
+  bool quiet = false;
+};
+
+struct PublishOptions : CommonOptions {
+  std::string service;
+  std::string dataCenter;
+  zr::messaging::halden::ServiceInstanceData instance;  ///< all but service name and start time
+  std::optional<unsigned> count;  ///< when given, every instance has the attribute "index"
+  std::optional<ServiceId> id;    ///< null: a new one
+};
+
+/// A text that is asked for: help, version, example.
+struct Information {
+  std::string text;
+};
+
+using Invocation = std::variant<Information, WatchOptions, ListOptions, StatusOptions, GetOptions,
+                                ServicesOptions, DoctorOptions, ConfigCheckOptions, PublishOptions>;
+
+}  // namespace zr::halden::tool

@@ -1,0 +1,85 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "commands/view.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "commands/progress.h"
+#include "ensemble/configuration.h"
+#include "ensemble/ensemble_reader.h"
+#include "io/failure.h"
+#include "io/live_screen.h"
+#include "render/state_text.h"
+
+namespace zr::halden::tool {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+std::optional<MassRemovalGuard> GuardFor(const std::optional<std::chrono::seconds>& gracePeriod) {
+  if (!gracePeriod) return std::nullopt;
+  MassRemovalGuard guard;
+  guard.gracePeriod = *gracePeriod;
+  return guard;
+}
+
+bool AwaitInstances(const GlobalServiceWatcher& watcher, const CommonOptions& options, LineWriter& output) {
+  constexpr milliseconds most{100};  // how late a stop is noticed
+  const auto deadline = steady_clock::now() + options.Patience();
+  const bool logged = options.logLevel < logging::ZRLOG_ERROR;  // whose lines would mix with it
+  Progress progress(options.quiet || logged);
+  while (!output.AwaitEnd(milliseconds(0))) {
+    const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
+    if (watcher.AwaitSynchronized(std::clamp(left, milliseconds(0), most)) || left <= most) return true;
+    progress.Show(watcher.Status());
+  }
+  return false;
+}
+
+std::string Unread(const std::vector<DataCenterStatus>& states, std::chrono::seconds patience) {
+  std::string lines;
+  for (const auto& state : states) {
+    if (state.watcher.freshness != Freshness::NeverSynchronized) continue;
+    lines += fmt::format("{}{}: not read completely within {} s: {}", lines.empty() ? "" : "\n", state.name,
+                         patience.count(), StateText(state));
+  }
+  return lines;
+}
+
+namespace {
+
+void ShowLive(GlobalServiceWatcher& watcher, const Picture& picture, LineWriter& output) {
+  LiveScreen screen(output);  // before there are threads
+  watcher.StartManagedConnections();
+  screen.Run([&](const Look& look, std::size_t rows) { return picture(watcher, look, rows); });
+}
+
+/// What has not been read in time.
+std::string ShowOnce(GlobalServiceWatcher& watcher, const ViewOptions& options, const Picture& picture,
+                     LineWriter& output) {
+  watcher.StartManagedConnections();
+  if (!AwaitInstances(watcher, options, output)) return {};
+  std::string unread = Unread(watcher.Status(), options.Patience());
+  output.Write(picture(watcher, LookOf(output.Descriptor()), 0));
+  return unread;
+}
+
+}  // namespace
+
+void View(const ViewOptions& options, const Picture& picture, LineWriter& output) {
+  static_cast<void>(LoadEnsembles(options.configPath, options.quiet));
+  GlobalServiceWatcher watcher(options.service, LibraryManaged{options.configPath});
+  watcher.SetMassRemovalGuard(GuardFor(options.guard));
+  if (options.live) {
+    ShowLive(watcher, picture, output);
+    watcher.Close(kReadersClosingLimit);
+    return;
+  }
+  const std::string unread = ShowOnce(watcher, options, picture, output);
+  watcher.Close(kReadersClosingLimit);
+  output.ThrowIfFailed();
+  if (!unread.empty()) throw Failure(kFailed, unread);
+}
+
+}  // namespace zr::halden::tool

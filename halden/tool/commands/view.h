@@ -1,0 +1,35 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/options.h"
+#include "halden/global_service_watcher.h"
+#include "io/line_writer.h"
+#include "io/terminal.h"
+
+/// What the commands share that follow a service.
+namespace zr::halden::tool {
+
+std::optional<MassRemovalGuard> GuardFor(const std::optional<std::chrono::seconds>& gracePeriod);
+
+/// Waits until every data centre has been read, showing progress. False when there is a reason to end before
+/// that and before the time is up.
+bool AwaitInstances(const GlobalServiceWatcher& watcher, const CommonOptions& options, LineWriter& output);
+
+/// A line for each data centre that has not been read; empty when all were.
+std::string Unread(const std::vector<DataCenterStatus>& states, std::chrono::seconds patience);
+
+/// The text to show, for at most so many lines (0: no limit).
+using Picture = std::function<std::string(const GlobalServiceWatcher&, const Look&, std::size_t)>;
+
+/// Shows the service once, when it has been read, or live. Throws Failure when a data centre could not be
+/// read.
+void View(const ViewOptions& options, const Picture& picture, LineWriter& output);
+
+}  // namespace zr::halden::tool

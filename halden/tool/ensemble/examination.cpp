@@ -1,0 +1,141 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "ensemble/examination.h"
+
+#include <fmt/format.h>
+
+#include <future>
+#include <utility>
+#include <vector>
+
+#include "connect_string.h"
+#include "ensemble/reachability.h"
+#include "layout.h"
+#include "node_codec.h"
+#include "session/name_resolution.h"
+#include "session/watch_budget.h"
+
+namespace zr::halden::tool {
+
+namespace {
+
+using details::Request;
+
+ServerFacts ExamineServer(const details::HostPort& server) {
+  const bool ipv6 = server.host.find(':') != zr::String::npos;
+  ServerFacts facts;
+  facts.server = (ipv6 ? '[' + server.host + ']' : server.host) + ':' + std::to_string(server.port);
+  facts.isName = details::HasNames({server});
+  const auto resolved = details::Resolve({server});
+  facts.resolveError = resolved.error;
+  facts.connectError = WhyUnreachable(resolved.addresses);
+  return facts;
+}
+
+/// At once: one that does not answer takes its time.
+std::vector<ServerFacts> ExamineServers(const std::vector<details::HostPort>& servers) {
+  std::vector<std::future<ServerFacts>> running;
+  running.reserve(servers.size());
+  for (const auto& server : servers) {
+    running.push_back(std::async(std::launch::async, [&server] { return ExamineServer(server); }));
+  }
+  std::vector<ServerFacts> facts;
+  facts.reserve(servers.size());
+  for (auto& future : running) facts.push_back(future.get());
+  return facts;
+}
+
+/// Reads a service's nodes, and what a client's watches on them come to.
+class ServiceExamination {
+ public:
+  ServiceExamination(EnsembleReader& reader, const std::string& service, const zr::String& chroot)
+      : m_reader(reader), m_path(details::ServicePath(service)), m_chroot(chroot) {}
+
+  ServiceFacts Run() {
+    const auto service = m_reader.Ask({Request::Kind::GetChildren, m_path});
+    m_facts.code = service.code;
+    if (service.code != ZOK) return m_facts;
+    CountWatch(m_path);
+    std::vector<Question> partitions;
+    for (const auto& name : service.children) {
+      const zr::String path = m_path + '/' + name;
+      if (details::ParsePartition(name)) partitions.push_back({Request::Kind::GetChildren, path});
+      if (!details::ParsePartition(name)) CountOdd(path);
+    }
+    const auto lists = m_reader.Ask(partitions);
+    for (std::size_t i = 0; i < lists.size(); ++i) ExaminePartition(partitions[i].path, lists[i]);
+    return m_facts;
+  }
+
+ private:
+  void ExaminePartition(const zr::String& path, const details::Reply& list) {
+    if (!Readable(list.code)) return;
+    CountWatch(path);
+    std::vector<Question> questions;
+    for (const auto& name : list.children) {
+      const zr::String node = fmt::format("{}/{}", path, name);
+      const auto id = ParseServiceId(name);
+      const bool inPlace = id && details::InstancePath(m_path, *id) == node;
+      if (inPlace) questions.push_back({Request::Kind::Get, node});
+      if (!inPlace) CountOdd(node);
+    }
+    const auto nodes = m_reader.Ask(questions);
+    for (std::size_t i = 0; i < nodes.size(); ++i) ExamineNode(questions[i].path, nodes[i]);
+  }
+
+  void ExamineNode(const zr::String& path, const details::Reply& node) {
+    if (!Readable(node.code)) return;
+    CountWatch(path);
+    ++m_facts.instances;
+    m_facts.total += node.value.size();
+    if (node.value.size() > m_facts.largest) {
+      m_facts.largest = node.value.size();
+      m_facts.largestPath = path;
+    }
+    if (node.stat.ephemeralOwner == 0 && m_facts.sessionless++ == 0) m_facts.sessionlessExample = path;
+    const auto decoded = details::DecodeNode(node.value);
+    if (!decoded.payload && m_facts.unreadable++ == 0) {
+      m_facts.unreadableExample =
+          path + ": " + decoded.error + ", written by " + details::WriterOf(node.value);
+    }
+  }
+
+  /// What has gone since it was listed is not there; other errors are kept.
+  bool Readable(int code) {
+    if (code != ZOK && code != ZNONODE) m_facts.code = code;
+    return code == ZOK;
+  }
+  void CountOdd(const zr::String& path) {
+    if (m_facts.oddNodes++ == 0) m_facts.oddExample = path;
+  }
+  void CountWatch(const zr::String& path) {
+    m_facts.watchBytes += details::WatchBudget::BytesOf(m_chroot + path);
+  }
+
+  EnsembleReader& m_reader;
+  const zr::String m_path;
+  const zr::String m_chroot;
+  ServiceFacts m_facts;
+};
+
+}  // namespace
+
+EnsembleFacts Examine(EnsembleReader& reader, const zr::String& ensemble, const std::string& service) {
+  const auto parsed = details::ParseConnectString(ensemble).value;
+  EnsembleFacts facts;
+  facts.dataCenter = reader.DataCenter();
+  facts.chroot = parsed.chroot;
+  facts.servers = ExamineServers(parsed.hosts);
+  facts.session = reader.AwaitSession();
+  facts.status = reader.Status();
+  if (!facts.session) return facts;
+  if (!facts.chroot.empty()) {
+    facts.chrootCode = reader.Ask({Request::Kind::Exists, facts.chroot, true}).code;
+  }
+  const auto services = reader.Ask({Request::Kind::GetChildren, zr::String(details::kServicesPath)});
+  facts.servicesCode = services.code;
+  facts.services = services.children.size();
+  if (!service.empty()) facts.service = ServiceExamination(reader, service, facts.chroot).Run();
+  return facts;
+}
+
+}  // namespace zr::halden::tool

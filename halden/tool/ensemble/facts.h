@@ -1,0 +1,49 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "halden/connection_v2.h"
+
+/// What the doctor finds out about a data centre.
+namespace zr::halden::tool {
+
+struct ServerFacts {
+  std::string server;  ///< "host:port"
+  bool isName = false;
+  std::string resolveError;
+  std::string connectError;  ///< empty where one of its addresses takes connections
+};
+
+/// A service's nodes in one data centre.
+struct ServiceFacts {
+  int code = 0;  ///< of the first read that failed: ZNONODE where there is no service node
+  std::size_t instances = 0;
+  std::size_t oddNodes = 0;  ///< by their names no instances
+  std::string oddExample;    ///< the path of one of them
+  std::size_t unreadable = 0;
+  std::string unreadableExample;  ///< the path of one of them, why, and who wrote it
+  std::size_t sessionless = 0;    ///< that stay when their writers go
+  std::string sessionlessExample;
+  std::size_t largest = 0;  ///< bytes
+  std::string largestPath;
+  std::size_t total = 0;       ///< bytes
+  std::size_t watchBytes = 0;  ///< of all watches on it, in the packet that sets them again
+};
+
+struct EnsembleFacts {
+  std::string dataCenter;
+  std::vector<ServerFacts> servers;
+  ConnectionStatus status;
+  bool session = false;
+  std::string chroot;
+  int chrootCode = 0;        ///< of a look at it
+  int servicesCode = 0;      ///< of a read of the node above all services
+  std::size_t services = 0;  ///< that it has
+  std::optional<ServiceFacts> service;
+};
+
+}  // namespace zr::halden::tool

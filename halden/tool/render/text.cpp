@@ -1,0 +1,122 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "render/text.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <utility>
+
+#include "zrstl/utf8.h"
+
+namespace zr::halden::tool {
+
+namespace {
+
+bool ContinuesCharacter(char c) {
+  return (c & '\xc0') == '\x80';
+}
+
+std::time_t Seconds(TimePoint time) {
+  return std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(time));
+}
+
+std::int64_t Milliseconds(TimePoint time) {
+  const auto part = time - std::chrono::floor<std::chrono::seconds>(time);
+  return std::chrono::duration_cast<std::chrono::milliseconds>(part).count();
+}
+
+std::string Blanks(std::size_t width, std::string_view before) {
+  const std::size_t taken = Width(before);
+  return std::string(width > taken ? width - taken : 0, ' ');
+}
+
+}  // namespace
+
+std::string Word(std::string_view text) {
+  std::string safe = EscapeControls(text);
+  if (!safe.empty() && safe.find_first_of(" \"=") == std::string::npos) return safe;
+  std::string quoted = "\"";
+  for (const char c : safe) {
+    if (c == '"') quoted += '\\';
+    quoted += c;
+  }
+  return quoted + '"';
+}
+
+std::size_t Width(std::string_view text) {
+  return static_cast<std::size_t>(
+      std::count_if(text.begin(), text.end(), [](char c) { return !ContinuesCharacter(c); }));
+}
+
+std::string Padded(std::string_view text, std::size_t width) {
+  std::string padded(text);
+  padded += Blanks(width, text);
+  return padded;
+}
+
+std::string RightAligned(std::string_view text, std::size_t width) {
+  std::string aligned = Blanks(width, text);
+  aligned += text;
+  return aligned;
+}
+
+std::string Cut(std::string_view text, std::size_t width) {
+  if (Width(text) <= width) return std::string(text);
+  if (width == 0) return {};
+  std::size_t end = 0;
+  for (std::size_t columns = 0; columns < width; ++columns) {
+    if (columns + 1 == width) break;
+    do ++end;
+    while (end < text.size() && ContinuesCharacter(text[end]));
+  }
+  std::string cut(text.substr(0, end));
+  cut += "…";
+  return cut;
+}
+
+std::string Counted(std::size_t count, std::string_view what) {
+  return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+}
+
+std::string LocalTime(TimePoint time) {
+  return fmt::format("{:%Y-%m-%d %H:%M:%S}.{:03}", fmt::localtime(Seconds(time)), Milliseconds(time));
+}
+
+std::string ShortTime(TimePoint time, TimePoint now) {
+  const std::tm then = fmt::localtime(Seconds(time));
+  const std::tm today = fmt::localtime(Seconds(now));
+  if (then.tm_year == today.tm_year && then.tm_yday == today.tm_yday) return fmt::format("{:%H:%M:%S}", then);
+  return fmt::format("{:%Y-%m-%d %H:%M:%S}", then);
+}
+
+std::string UtcTime(TimePoint time) {
+  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(Seconds(time)), Milliseconds(time));
+}
+
+TimePoint FromMilliseconds(std::int64_t sinceEpoch) {
+  // A time that a writer made up must not overflow the clock's finer unit.
+  constexpr std::int64_t most = std::int64_t{253'402'300'799} * 1000;  // the end of the year 9999
+  return TimePoint(std::chrono::milliseconds(std::clamp<std::int64_t>(sinceEpoch, 0, most)));
+}
+
+std::string Age(TimePoint since, TimePoint now) {
+  const auto age = std::chrono::duration_cast<std::chrono::seconds>(now - since).count();
+  const auto seconds = std::max<std::int64_t>(age, 0);  // clocks differ between hosts
+  constexpr std::array<std::pair<std::int64_t, char>, 4> units{
+      {{86400, 'd'}, {3600, 'h'}, {60, 'm'}, {1, 's'}}};
+  for (std::size_t i = 0; i + 1 < units.size(); ++i) {
+    if (seconds < units[i].first) continue;
+    return fmt::format("{}{} {}{}", seconds / units[i].first, units[i].second,
+                       seconds % units[i].first / units[i + 1].first, units[i + 1].second);
+  }
+  return fmt::format("{}s", seconds);
+}
+
+std::string Age(std::int64_t startTimeMs, TimePoint now) {
+  return startTimeMs <= 0 ? "-" : Age(FromMilliseconds(startTimeMs), now);
+}
+
+}  // namespace zr::halden::tool
