@@ -1,0 +1,183 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <fstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/zookeeper_server.h"
+
+namespace zr::halden::tool {
+namespace {
+
+using testing::ContainsRegex;
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using Lines = std::vector<std::string>;
+
+const std::string kId = "00112233-4455-6677-8899-aabbccddeeff";
+
+/// The built command: what it prints and complains of, in one. Killed when it outlives the test.
+class Program {
+ public:
+  /// `words` are split as by a shell.
+  explicit Program(const std::string& words) {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    const std::string line = "exec " HALDEN_COMMAND " " + words + " 2>&1";
+    m_pid = fork();
+    if (m_pid == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      dup2(ends[1], STDOUT_FILENO);
+      execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
+      _exit(127);
+    }
+    close(ends[1]);
+    m_output = ends[0];
+  }
+  ~Program() {
+    if (m_pid > 0) {
+      Signal(SIGKILL);
+      End();
+    }
+    close(m_output);
+  }
+
+  /// So many lines; fewer when the output ends, or nothing comes for twenty seconds.
+  Lines Read(std::size_t count) {
+    Lines lines;
+    for (auto end = m_text.find('\n'); lines.size() < count; end = m_text.find('\n')) {
+      if (end == std::string::npos && !ReadMore()) break;
+      if (end == std::string::npos) continue;
+      lines.push_back(m_text.substr(0, end));
+      m_text.erase(0, end + 1);
+    }
+    return lines;
+  }
+
+  void Signal(int signal) const { kill(m_pid, signal); }
+
+  /// What it returned. Waits for it.
+  int End() {
+    int status = 0;
+    waitpid(std::exchange(m_pid, 0), &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+ private:
+  bool ReadMore() {
+    constexpr int limitMs = 20'000;
+    pollfd readable{m_output, POLLIN, 0};
+    std::array<char, 4096> part{};
+    if (poll(&readable, 1, limitMs) <= 0) return false;
+    const ssize_t length = read(m_output, part.data(), part.size());
+    if (length > 0) m_text.append(part.data(), static_cast<std::size_t>(length));
+    return length > 0;
+  }
+
+  pid_t m_pid = 0;
+  int m_output = -1;
+  std::string m_text;
+};
+
+/// A configuration in a folder of its own.
+class Command : public testing::Test {
+ protected:
+  void Configure(const std::string& text) { std::ofstream(m_config) << "[data_centers]\n" + text + "\n"; }
+
+  Program Start(const std::string& words) {
+    return Program(words + (words.starts_with("config") ? " " : " --config ") + m_config);
+  }
+
+  /// All that it prints, and its result behind it.
+  std::string Outcome(const std::string& words) {
+    Program program = Start(words);
+    std::string text;
+    for (const auto& line : program.Read(100)) text += line + '\n';
+    return text + "= " + std::to_string(program.End());
+  }
+
+ private:
+  const test::TemporaryFolder m_folder;
+  const std::string m_config = m_folder.Path() / "halden.toml";
+};
+
+TEST_F(Command, SaysWhereTheConfigurationIsWrongAndFails) {
+  Configure("eu = \"zk1\"\n[odd]");
+  EXPECT_THAT(Outcome("config check"), ContainsRegex("2:10: error: .*port missing.*3:2: warning: .*\n= 1"));
+  EXPECT_THAT(Outcome("config check --json --quiet"), ContainsRegex("\"error\",.*\"line\":2,[^\n]*\n= 1"));
+  EXPECT_THAT(Outcome("services --quiet"), ContainsRegex("^halden: .*toml:2:10: [^\n]*\n= 1"));
+}
+
+TEST_F(Command, NamesAnEnsembleThatIsDownAndDoesNotTakeItForAnEmptyOne) {
+  Configure("down = \"127.0.0.1:1\"");
+  EXPECT_THAT(Outcome("services --timeout 0"), ContainsRegex("halden: down: not read within 0 s: .*= 1"));
+  EXPECT_THAT(Outcome("get orders --timeout 0 " + kId), ContainsRegex("down: not read within 0 s: .*= 1"));
+  EXPECT_THAT(Outcome("list orders --timeout 0"),
+              ContainsRegex("down: not read completely within 0 s: .*= 1"));
+  EXPECT_THAT(
+      Outcome("doctor --timeout 0 --json"),
+      ContainsRegex("\"servers\",\"verdict\":\"failure\",\"finding\":\"0 of 1 .*: Connection refused.*= 1"));
+  EXPECT_THAT(Outcome("publish orders --dc us --host h --port 1"),
+              ContainsRegex("bad --dc 'us': .* has down\n= 2"));
+  EXPECT_THAT(Outcome("publish orders --dc down --host h --port 1 --timeout 0"),
+              ContainsRegex("^halden: down: not published within 0 s: .*\n= 1"));
+  EXPECT_THAT(Outcome("list orders --live"), ContainsRegex("needs a terminal.*= 2"));
+  Program stopped = Start("services --timeout 60 --verbose");
+  EXPECT_EQ(stopped.Read(1).size(), 1U);
+  stopped.Signal(SIGTERM);
+  EXPECT_EQ(stopped.End(), 0);
+}
+
+TEST_F(Command, PublishesWhatTheOthersTell) {
+  test::ZooKeeperServer server;
+  server.Start();
+  Configure("eu = \"" + server.ConnectString("/platform") + '"');
+  EXPECT_THAT(Outcome("config check"), HasSubstr("in order, 1 data centre\n= 0"));
+  EXPECT_THAT(Outcome("doctor orders"), HasSubstr("the chroot /platform does not exist"));
+  const std::string publish = "publish orders --dc eu --host h --port 80 --log-level off ";
+  Program publisher = Start(publish + "--count 2");
+  Lines ids = publisher.Read(2);
+  EXPECT_THAT(Outcome("status orders --json"), ContainsRegex("\"live\",.*\"instances\":2,.*= 0"));
+  EXPECT_THAT(Outcome("status orders"), ContainsRegex("\neu  connected +live +2 +0 +0 +0 +0 +1\n= 0"));
+  EXPECT_THAT(Outcome("get orders " + ids.at(1)), HasSubstr("attributes  index=1\n"));
+  std::sort(ids.begin(), ids.end());
+  EXPECT_THAT(Outcome("list orders"), ContainsRegex("\neu  " + ids[0] + "  h  +80  +ok .*\neu  " + ids[1] +
+                                                    ".*\n\neu  live, 2 instances\n= 0"));
+  EXPECT_THAT(Outcome("get orders " + kId), HasSubstr("no data centre has instance"));
+  EXPECT_THAT(Outcome("services"), ContainsRegex("orders +eu +2\n= 0"));
+  EXPECT_THAT(Outcome("doctor orders"),
+              ContainsRegex("2 instances, all readable.* 0 warnings, 0 failures\n= 0"));
+
+  Program watcher = Start("watch orders --quiet");
+  EXPECT_THAT(watcher.Read(2), Each(ContainsRegex("eu  added     .*  h:80  ok  index=[01]$")));
+  publisher.Signal(SIGUSR1);
+  EXPECT_THAT(watcher.Read(2), Each(ContainsRegex("eu  modified  .*  h:80  degraded  ")));
+  publisher.Signal(SIGUSR2);
+  EXPECT_THAT(watcher.Read(2), Each(ContainsRegex("eu  modified  .*  h:80  ok  ")));
+  publisher.Signal(SIGTERM);
+  EXPECT_THAT(watcher.Read(2), Each(ContainsRegex("eu  removed   [-0-9a-f]+$")));
+  EXPECT_EQ(publisher.End(), 0);
+  watcher.Signal(SIGINT);
+  EXPECT_EQ(watcher.End(), 0);
+
+  Program first = Start(publish + "--json --id " + kId);
+  EXPECT_THAT(first.Read(1), ElementsAre(R"({"type":"published","data_center":"eu","id":")" + kId + "\"}"));
+  Program rival = Start(publish + "--id " + kId);
+  Lines told = rival.Read(1);
+  if (told == Lines{kId}) told = rival.Read(1);  // it had the instance for a moment
+  EXPECT_THAT(told, ElementsAre(HasSubstr(kId + ": published by another process")));
+}
+
+}  // namespace
+}  // namespace zr::halden::tool
