@@ -17,7 +17,7 @@
 
 #include "layout.h"
 #include "raw_client.h"
-#include "support/zookeeper_client.h"
+#include "halden/testing/instance_writer.h"
 
 namespace zr::halden::bench {
 
@@ -120,11 +120,11 @@ std::string NodeBytes(std::size_t bytes) {
     filler.push_back(static_cast<char>('!' + (random >> 16U) % 90));
   }
   attribute->set_value(filler);
-  return test::EncodeInstance(data);
+  return testing::EncodeInstance(data);
 }
 
 Servers StartServers(std::size_t count, const char* heap) {
-  test::ZooKeeperServerOptions options;
+  testing::ZooKeeperServerOptions options;
   options.tickTime = std::chrono::milliseconds(2000);
   options.heap = heap;
   // With workers of its own the server, not the client, is what a load of this kind measures on two cores.

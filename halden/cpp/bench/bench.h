@@ -13,7 +13,7 @@
 
 #include "halden/connection_v2.h"
 #include "halden/service_watcher.h"
-#include "support/zookeeper_server.h"
+#include "halden/testing/zookeeper_server.h"
 
 /// What the measurements share. Each measures halden beside its yardsticks, the two builds of the client library
 /// alone (RawReader), in rounds that take turns, so that whatever else the machine does falls on all.
@@ -83,7 +83,7 @@ void PrintFigure(const std::string& what, const char* unit, double halden,
 /// The bytes of an instance's node, with about `bytes` of data that does not compress.
 std::string NodeBytes(std::size_t bytes);
 
-using Server = test::ZooKeeperServer;
+using Server = testing::ZooKeeperServer;
 using Servers = std::vector<std::unique_ptr<Server>>;
 
 Servers StartServers(std::size_t count, const char* heap = "64m");

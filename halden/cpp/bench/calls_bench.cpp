@@ -7,7 +7,7 @@
 
 #include "bench.h"
 #include "halden/global_service_watcher.h"
-#include "support/await.h"
+#include "halden/testing/poll.h"
 
 namespace zr::halden::bench {
 
@@ -69,7 +69,7 @@ void BenchQueries(const Servers& servers) {
 }
 
 void AwaitState(const Connection& conn, ConnectionState state) {
-  Require(test::Poll(kLimit, [&] { return conn.Status().state == state; }), "state not reached");
+  Require(testing::Poll(kLimit, [&] { return conn.Status().state == state; }), "state not reached");
 }
 
 /// `arrive` brings a started connection into the state that it is to be stopped in.
@@ -95,7 +95,7 @@ void BenchSilentServer(Server& server, int times) {
     connections.back()->Start(nullptr);
   }
   for (const auto& conn : connections) AwaitState(*conn, ConnectionState::Connected);
-  server.Pause();
+  server.Freeze();
   std::vector<double> stops;
   std::vector<double> starts;
   stops.reserve(connections.size());
@@ -105,7 +105,7 @@ void BenchSilentServer(Server& server, int times) {
   Report("Stop, connected to a silent server", stops);
   Report("Start, while the session is still being closed", starts);
   for (const auto& conn : connections) conn->Stop();
-  server.Resume();
+  server.Thaw();
   for (const auto& conn : connections) Require(conn->AwaitClosed(kLimit), "session not closed");
 }
 

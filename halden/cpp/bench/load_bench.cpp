@@ -1,10 +1,9 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 //
 // First load of three data centres, against the client library alone making the same requests.
-#include <fstream>
-
 #include "bench.h"
 #include "halden/global_service_watcher.h"
+#include "halden/testing/temporary_folder.h"
 #include "layout.h"
 #include "raw_client.h"
 
@@ -54,20 +53,17 @@ void LoadHalden(const zr::String& config, std::size_t instances, Times& times) {
 
 void BenchLoad() {
   const Servers servers = StartServers(kDataCenters.size());
-  const test::TemporaryFolder folder;
-  const zr::String config = folder.Path() / "halden.toml";
-  std::ofstream out(config);
-  out << "[data_centers]\n";
+  DataCenterEnsembleMapT ensembles;
   for (std::size_t i = 0; i < servers.size(); ++i) {
     Populate(*servers[i], kService, kPerDataCenter);
-    out << kDataCenters[i] << " = \"" << servers[i]->ConnectString() << "\"\n";
+    ensembles[kDataCenters[i]] = servers[i]->ConnectString();
   }
-  Require(!out.flush().fail(), "configuration not written");
+  const testing::ConfigFile config(ensembles);
   const std::size_t instances = servers.size() * kPerDataCenter;
   Times times;
   const auto round = [&] {
     for (const Side side : kBareSides) LoadBare(side, servers, instances, times);
-    LoadHalden(config, instances, times);
+    LoadHalden(config.Path(), instances, times);
   };
   round();  // the servers' and our own first-time costs
   times = {};

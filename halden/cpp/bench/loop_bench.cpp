@@ -17,8 +17,8 @@
 #include "layout.h"
 #include "logger/sink.h"
 #include "session/connection_core.h"
-#include "support/await.h"
-#include "support/zookeeper_server.h"
+#include "halden/testing/poll.h"
+#include "halden/testing/zookeeper_server.h"
 
 namespace zr::halden::bench {
 
@@ -55,7 +55,7 @@ class Probe {
       const std::lock_guard lock(m_delays->mtx);
       return m_delays->millis.size() == m_posted;
     };
-    Require(test::Poll(kLimit, all), "a task did not run");
+    Require(testing::Poll(kLimit, all), "a task did not run");
     return m_delays->millis;
   }
 
@@ -76,11 +76,11 @@ class Probe {
   std::thread m_thread;
 };
 
-std::shared_ptr<ConnectionCore> Connect(const test::ZooKeeperServer& server) {
+std::shared_ptr<ConnectionCore> Connect(const testing::ZooKeeperServer& server) {
   auto core = std::make_shared<ConnectionCore>(
       details::ConnectionOptions{{server.ConnectString()}, true, {}, std::chrono::seconds(10), "bench"});
   core->Start(nullptr);
-  Require(test::Poll(kLimit, [&] { return core->Status().state == ConnectionState::Connected; }),
+  Require(testing::Poll(kLimit, [&] { return core->Status().state == ConnectionState::Connected; }),
           "not connected");
   return core;
 }
@@ -105,10 +105,10 @@ void Pass(std::chrono::milliseconds time) {
 void Settle(const std::shared_ptr<ConnectionCore>& core) {
   const auto done = std::make_shared<std::atomic<bool>>(false);
   core->Post([done] { *done = true; });
-  Require(test::Poll(kLimit, [&] { return done->load(); }), "a task did not run");
+  Require(testing::Poll(kLimit, [&] { return done->load(); }), "a task did not run");
 }
 
-using Server = test::ZooKeeperServer;
+using Server = testing::ZooKeeperServer;
 using Core = std::shared_ptr<ConnectionCore>;
 
 struct Scene {
@@ -122,7 +122,7 @@ std::vector<Scene> Scenes() {
   const auto nothing = [](Server&, const Core&) {};
   const auto write = [](Server&, const Core& core) { Write(core, 2000, 200); };
   const auto fillSocket = [](Server& server, const Core& core) {
-    server.Pause();
+    server.Freeze();
     Write(core, 30, 700'000);
   };
   return {
@@ -134,7 +134,7 @@ std::vector<Scene> Scenes() {
          core->Stop();
          core->Start(nullptr);
          Pass(5s);
-         server.Resume();
+         server.Thaw();
          Pass(1s);
        }},
       {"Stop with 2,000 writes under way", write,
@@ -156,9 +156,9 @@ std::vector<Scene> Scenes() {
        }},
       {"server frozen past its session", nothing,
        [](Server& server, const Core&) {
-         server.Pause();
+         server.Freeze();
          Pass(12s);
-         server.Resume();
+         server.Thaw();
          Pass(2s);
        }},
   };
@@ -175,7 +175,7 @@ void PrintTrip(const Core& core, const char* name, details::Request::Kind kind) 
                       *took = Millis(Clock::now() - sent).count();
                     }});
     });
-    Require(test::Poll(kLimit, [&] { return took->load() >= 0; }), "no answer");
+    Require(testing::Poll(kLimit, [&] { return took->load() >= 0; }), "no answer");
     millis.push_back(*took);
   }
   std::sort(millis.begin(), millis.end());

@@ -8,7 +8,7 @@
 #include "bench.h"
 #include "layout.h"
 #include "raw_client.h"
-#include "support/await.h"
+#include "halden/testing/poll.h"
 
 namespace zr::halden::bench {
 
@@ -92,7 +92,7 @@ double Recovery(const ServiceWatcher& watcher, const Harm& harm) {
   const auto before = watcher.Status().resyncs;
   return Time<Millis>([&] {
     harm();
-    const bool live = test::Poll(kLimit, [&] {
+    const bool live = testing::Poll(kLimit, [&] {
       const auto status = watcher.Status();
       return status.resyncs > before && status.freshness == Freshness::Live;
     });

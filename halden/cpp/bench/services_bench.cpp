@@ -7,7 +7,7 @@
 #include "halden/global_service_watcher.h"
 #include "layout.h"
 #include "raw_client.h"
-#include "support/await.h"
+#include "halden/testing/poll.h"
 
 namespace zr::halden::bench {
 
@@ -74,7 +74,7 @@ void RoundHalden(const Servers& servers, const std::vector<zr::String>& names, C
   for (const auto& connection : connections) Require(connection->AwaitClosed(kLimit), "not closed");
   connections.clear();
   const auto ended = [&] { return Entries("/proc/self/task") <= threads; };
-  Require(test::Poll(kLimit, ended), "threads are left");
+  Require(testing::Poll(kLimit, ended), "threads are left");
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "bench.h"
-#include "support/await.h"
+#include "halden/testing/poll.h"
 
 namespace zr::halden::bench {
 
@@ -42,7 +42,7 @@ double Reconnect(const Server& server, HaldenFollower& follower) {
       return follower.Conn().Status().reconnects > before &&
              follower.Watcher().Status().freshness == Freshness::Live;
     };
-    Require(test::Poll(kLimit, live), "not live again");
+    Require(testing::Poll(kLimit, live), "not live again");
   });
 }
 

@@ -72,11 +72,11 @@ TEST_F(ConnectionTest, ASecondStartKeepsTheSessionAndAStartAfterStopMakesOne) {
 TEST_F(ConnectionTest, AServerThatTakesTheConnectionAndNeverAnswersIsNotWaitedForLong) {
   const CapturingLog log;
   const auto conn = MakeConnection(kDc, true, {}, std::chrono::minutes(1));
-  Server(kDc).Pause();
+  Server(kDc).Freeze();
   conn->Start(nullptr);
   // Left alone, the client library would wait for two thirds of the session timeout, longer than this does.
   ASSERT_TRUE(log.Await("halden.connection", "does not answer"));
-  Server(kDc).Resume();
+  Server(kDc).Thaw();
   ASSERT_TRUE(AwaitState(*conn, ConnectionState::Connected));
 }
 

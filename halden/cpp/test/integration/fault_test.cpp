@@ -12,12 +12,12 @@
 
 #include "halden/event_queue.h"
 #include "halden/global_service_watcher.h"
+#include "halden/testing/tcp_proxy.h"
+#include "halden/testing/zookeeper_ensemble.h"
 #include "support/capturing_log.h"
 #include "support/ensemble_test.h"
 #include "support/name_service.h"
 #include "support/recording_observer.h"
-#include "support/tcp_proxy.h"
-#include "support/zookeeper_ensemble.h"
 
 namespace zr::halden::test {
 namespace {

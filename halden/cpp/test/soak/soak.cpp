@@ -15,11 +15,11 @@
 #include "halden/event_queue.h"
 #include "halden/global_service_watcher.h"
 #include "halden/service_publisher.h"
+#include "halden/testing/tcp_proxy.h"
+#include "halden/testing/zookeeper_ensemble.h"
 #include "logger/sink.h"
 #include "support/ensemble_test.h"
 #include "support/recording_observer.h"
-#include "support/tcp_proxy.h"
-#include "support/zookeeper_ensemble.h"
 
 namespace zr::halden::test {
 namespace {
@@ -283,9 +283,9 @@ struct Soak {
       {"pause a server",
        [this](auto& dc) {
          auto& server = dc.AnyServer(random);
-         server.Pause();
+         server.Freeze();
          random.Rest(2500ms);
-         server.Resume();
+         server.Thaw();
        }},
       {"cut", [this](auto& dc) { random.AnyOf(dc.ways).Cut(); }},
       {"refuse", [this](auto& dc) { random.AnyOf(dc.ways).Refuse(); }},

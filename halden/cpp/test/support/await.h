@@ -9,26 +9,12 @@
 #include <string>
 #include <utility>
 
+#include "halden/testing/poll.h"
+
 namespace zr::halden::test {
 
-/// How long a test waits for what must happen. Generous: only a failing test ever waits that long.
-inline constexpr std::chrono::seconds kLimit{20};
-
-/// Asks `condition` again and again until it holds or `limit` has passed; its last answer. For what tells
-/// nobody when it changes, such as a process that starts or a counter.
-template <typename Condition>
-bool Poll(std::chrono::milliseconds limit, Condition&& condition) {
-  constexpr std::chrono::milliseconds pause{2};
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  std::mutex mtx;
-  std::condition_variable never;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() >= deadline) return condition();
-    std::unique_lock lock(mtx);
-    never.wait_for(lock, pause);
-  }
-  return true;
-}
+using halden::testing::kLimit;
+using halden::testing::Poll;
 
 /// As Poll with the usual limit, for ASSERT_TRUE and EXPECT_TRUE; `describe` returns what is there instead.
 template <typename Condition, typename Describe>

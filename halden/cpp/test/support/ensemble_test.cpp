@@ -1,7 +1,6 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "support/ensemble_test.h"
 
-#include <fstream>
 #include <string>
 
 #include "support/await.h"
@@ -66,12 +65,10 @@ zr::String EnsembleTest::ConnectString(const zr::String& dcName) const {
   return Server(dcName).ConnectString(m_chroot);
 }
 
-zr::String EnsembleTest::WriteConfig(const std::vector<zr::String>& dcNames) const {
-  const std::string path = m_folder.Path() / "halden.toml";
-  std::ofstream config(path);
-  config << "[data_centers]\n";
-  for (const auto& name : dcNames) config << name << " = \"" << ConnectString(name) << "\"\n";
-  return path;
+zr::String EnsembleTest::WriteConfig(const std::vector<zr::String>& dcNames) {
+  DataCenterEnsembleMapT ensembles;
+  for (const auto& name : dcNames) ensembles[name] = ConnectString(name);
+  return m_configs.emplace_back(ensembles).Path();
 }
 
 std::shared_ptr<Connection> EnsembleTest::MakeConnection(const zr::String& dcName, bool renewExpired,
@@ -82,9 +79,7 @@ std::shared_ptr<Connection> EnsembleTest::MakeConnection(const zr::String& dcNam
 }
 
 ServiceId EnsembleTest::Publish(const zr::String& dcName, const zr::String& host) {
-  const ServiceId id = MakeServiceId();
-  Client(dcName).Publish(kService, id, MakeInstance(host));
-  return id;
+  return InstanceWriter(ConnectString(dcName)).Publish(kService, MakeInstance(host));
 }
 
 ::testing::AssertionResult EnsembleTest::AwaitState(const Connection& conn, ConnectionState state) {

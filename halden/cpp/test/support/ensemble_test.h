@@ -4,14 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <deque>
 #include <map>
 #include <memory>
 #include <vector>
 
 #include "halden/connection_v2.h"
 #include "halden/service_watcher.h"
+#include "halden/testing/zookeeper_server.h"
 #include "support/zookeeper_client.h"
-#include "support/zookeeper_server.h"
 #include "zrstl/string.h"
 
 namespace zr::halden::test {
@@ -42,7 +43,7 @@ class EnsembleTest : public ::testing::Test {
 
   zr::String ConnectString(const zr::String& dcName) const;
   /// A configuration file with the given data centres; its path.
-  zr::String WriteConfig(const std::vector<zr::String>& dcNames) const;
+  zr::String WriteConfig(const std::vector<zr::String>& dcNames);
   /// A connection that is not started yet.
   std::shared_ptr<Connection> MakeConnection(const zr::String& dcName, bool renewExpired = true,
                                              const zr::String& auth = {},
@@ -62,7 +63,7 @@ class EnsembleTest : public ::testing::Test {
 
   static ServerMap& Servers();
 
-  const TemporaryFolder m_folder;
+  std::deque<ConfigFile> m_configs;
   std::map<zr::String, std::unique_ptr<ZooKeeperClient>> m_clients;
 };
 

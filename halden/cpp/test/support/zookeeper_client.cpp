@@ -39,14 +39,6 @@ std::string ParentOf(const std::string& path) {
 
 }  // namespace
 
-std::string EncodeInstance(const zr::messaging::halden::ServiceInstanceData& data) {
-  zr::messaging::halden::ZNodeData node;
-  node.set_compression(zr::messaging::halden::ZNodeData::COMP_NONE);
-  node.set_payload(data.SerializeAsString());
-  node.mutable_user()->set_name("test");
-  return node.SerializeAsString();
-}
-
 std::optional<zr::messaging::halden::ServiceInstanceData> DecodeInstance(const std::string& bytes) {
   zr::messaging::halden::ZNodeData node;
   zr::messaging::halden::ServiceInstanceData data;

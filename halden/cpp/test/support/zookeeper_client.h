@@ -13,9 +13,12 @@
 #include <vector>
 
 #include "halden/service_id.h"
+#include "halden/testing/instance_writer.h"
 #include "zr/messaging/halden/service.pb.h"
 
 namespace zr::halden::test {
+
+using namespace halden::testing;
 
 struct NodeStat {
   std::int64_t czxid = 0;
@@ -24,9 +27,8 @@ struct NodeStat {
 
 enum class NodeKind : std::uint8_t { Persistent, Ephemeral };
 
-/// The bytes of an instance's node, written without the library's own code.
-std::string EncodeInstance(const zr::messaging::halden::ServiceInstanceData& data);
-/// And back; nothing when they do not decode. Nodes too small to be worth compressing only.
+/// What the bytes of an instance's node say, read without the library's own code; nothing when they do not decode.
+/// Nodes too small to be worth compressing only.
 std::optional<zr::messaging::halden::ServiceInstanceData> DecodeInstance(const std::string& bytes);
 
 /// What others do to the ensemble while the library watches: a plain, waiting client on the C library, which

@@ -14,15 +14,15 @@
 #include <utility>
 #include <vector>
 
-#include "support/zookeeper_server.h"
+#include "halden/testing/zookeeper_server.h"
 
 namespace zr::halden::tool {
 namespace {
 
-using testing::ContainsRegex;
-using testing::Each;
-using testing::ElementsAre;
-using testing::HasSubstr;
+using ::testing::ContainsRegex;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using Lines = std::vector<std::string>;
 
 const std::string kId = "00112233-4455-6677-8899-aabbccddeeff";
@@ -91,7 +91,7 @@ class Program {
 };
 
 /// A configuration in a folder of its own.
-class Command : public testing::Test {
+class Command : public ::testing::Test {
  protected:
   void Configure(const std::string& text) { std::ofstream(m_config) << "[data_centers]\n" + text + "\n"; }
 
@@ -108,7 +108,7 @@ class Command : public testing::Test {
   }
 
  private:
-  const test::TemporaryFolder m_folder;
+  const testing::TemporaryFolder m_folder;
   const std::string m_config = m_folder.Path() / "halden.toml";
 };
 
@@ -140,7 +140,7 @@ TEST_F(Command, NamesAnEnsembleThatIsDownAndDoesNotTakeItForAnEmptyOne) {
 }
 
 TEST_F(Command, PublishesWhatTheOthersTell) {
-  test::ZooKeeperServer server;
+  testing::ZooKeeperServer server;
   server.Start();
   Configure("eu = \"" + server.ConnectString("/platform") + '"');
   EXPECT_THAT(Outcome("config check"), HasSubstr("in order, 1 data centre\n= 0"));

@@ -5,11 +5,11 @@
 #include <iostream>
 
 #include "simulation/likeness/transcript.h"
-#include "support/zookeeper_server.h"
+#include "halden/testing/zookeeper_server.h"
 
 int main(int argc, char** argv) {
   using zr::halden::details::Clock;
-  zr::halden::test::ZooKeeperServer server;
+  zr::halden::testing::ZooKeeperServer server;
   server.Start();
   const auto wait = [](std::vector<pollfd>& sockets, Clock::time_point end) {
     const auto left = std::max<long>(0, (end - Clock::now()) / std::chrono::milliseconds(1));

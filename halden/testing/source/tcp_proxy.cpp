@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "support/tcp_proxy.h"
+#include "halden/testing/tcp_proxy.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -9,14 +9,14 @@
 #include <utility>
 #include <vector>
 
-#include "support/loopback.h"
+#include "loopback.h"
 
-namespace zr::halden::test {
+namespace zr::halden::testing {
 
 namespace {
 
-constexpr std::size_t kMaxQueued = 1U << 20U;  // then the sender has to wait, as for a full window
-constexpr int kPauseMs = 2;                    // between looks at what is queued
+constexpr std::size_t kMaxQueued = 1U << 20U;   // that the receiver could have: then the sender has to wait
+constexpr std::chrono::milliseconds kPause{2};  // between looks at what is due and cannot be sent yet
 
 }  // namespace
 
@@ -25,7 +25,7 @@ TcpProxy::TcpProxy(std::uint16_t target)
       m_listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)),
       m_wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   m_port = BindToFreePort(m_listener);
-  if (m_wakeUp < 0 || listen(m_listener, SOMAXCONN) != 0) Fail("listen");
+  if (m_wakeUp < 0 || listen(m_listener, SOMAXCONN) != 0) Fail("a proxy cannot listen");
   m_thread = std::thread([this] { Run(); });
 }
 
@@ -44,12 +44,16 @@ void TcpProxy::Refuse() {
   Apply([this] { m_asked.refuse = m_cutAsked = true; });
 }
 
-void TcpProxy::Delay(std::chrono::milliseconds each) {
-  Apply([this, each] { m_asked.delay = each; });
+void TcpProxy::Delay(std::chrono::milliseconds toServer, std::chrono::milliseconds toClient) {
+  Apply([&] { m_asked.delay = {toClient, toServer}; });
 }
 
 void TcpProxy::Throttle(std::size_t bytesPerSecond) {
   Apply([this, bytesPerSecond] { m_asked.bytesPerSecond = bytesPerSecond; });
+}
+
+void TcpProxy::Stall() {
+  Apply([this] { m_asked.stall = true; });
 }
 
 void TcpProxy::HalfOpen() {
@@ -70,6 +74,7 @@ void TcpProxy::Apply(const Change& change) {
 }
 
 void TcpProxy::Run() {
+  BlockSignals();
   do {
     Await();
   } while (TakeOver());
@@ -98,18 +103,27 @@ bool TcpProxy::TakeOver() {
   return !ending;
 }
 
+/// What is not due yet is on its way, however much it is.
+bool TcpProxy::End::Full(Clock::time_point now) const {
+  return incomingBytes >= kMaxQueued && incoming.front().due <= now;
+}
+
 /// Until there is something to do.
-void TcpProxy::Await() {
+void TcpProxy::Await() const {
   std::vector<pollfd> sockets{{m_wakeUp, POLLIN, 0}, {m_listener, POLLIN, 0}};
-  bool queued = false;
+  const auto now = Clock::now();
+  auto next = Clock::time_point::max();
   for (const Link& link : m_links) {
     for (std::size_t i = 0; i < 2; ++i) {
-      const bool full = link.ends[1 - i].incomingBytes >= kMaxQueued && !m_weather.swallow;
-      sockets.push_back({full ? -1 : link.ends[i].socket, POLLIN, 0});
-      queued = queued || link.ends[i].incomingBytes != 0;
+      const End& other = link.ends[1 - i];
+      const bool held = m_weather.stall || (other.Full(now) && !m_weather.swallow);
+      sockets.push_back({held ? -1 : link.ends[i].socket, POLLIN, 0});
+      if (!other.incoming.empty()) next = std::min(next, std::max(other.incoming.front().due, now + kPause));
     }
   }
-  poll(sockets.data(), sockets.size(), queued && !m_weather.swallow ? kPauseMs : -1);
+  const bool idle = next == Clock::time_point::max() || m_weather.swallow || m_weather.stall;
+  const auto wait = std::chrono::ceil<std::chrono::milliseconds>(next - now);
+  poll(sockets.data(), sockets.size(), idle ? -1 : static_cast<int>(wait.count()));
 }
 
 void TcpProxy::TakeConnection() {
@@ -128,7 +142,8 @@ void TcpProxy::TakeConnection() {
 }
 
 /// False when the link has come to its end.
-bool TcpProxy::Forward(Link& link) {
+bool TcpProxy::Forward(Link& link) const {
+  if (m_weather.stall) return true;
   auto& [client, server] = link.ends;
   bool good = Receive(link, 0) && Receive(link, 1);
   if (good && m_weather.swallow) return true;
@@ -140,20 +155,24 @@ bool TcpProxy::Forward(Link& link) {
   return false;
 }
 
-/// Takes what has come from one end on its way to the other; false after an error.
-bool TcpProxy::Receive(Link& link, std::size_t from) {
+/// Takes what has come from one end on its way to the other, not all at once where that is much; false after an
+/// error.
+bool TcpProxy::Receive(Link& link, std::size_t from) const {
   End& end = link.ends[from];
   End& other = link.ends[1 - from];
   std::array<char, 16384> buffer{};
-  while (end.socket >= 0 && (m_weather.swallow || other.incomingBytes < kMaxQueued)) {
+  const auto now = Clock::now();
+  for (std::size_t taken = 0; end.socket >= 0 && taken < kMaxQueued;) {
+    if (other.Full(now) && !m_weather.swallow) return true;
     const ssize_t got = recv(end.socket, buffer.data(), buffer.size(), 0);
     if (got < 0) return errno == EAGAIN || errno == EINTR;
+    const auto size = static_cast<std::size_t>(got);
+    taken += size;
     if (got == 0) close(std::exchange(end.socket, -1));
     if (m_weather.swallow) {
       link.lost = true;
     } else if (got > 0) {
-      const auto size = static_cast<std::size_t>(got);
-      other.incoming.push_back({Clock::now() + m_weather.delay, std::string(buffer.data(), size)});
+      other.incoming.push_back({now + m_weather.delay[1 - from], std::string(buffer.data(), size)});
       other.incomingBytes += size;
     }
   }
@@ -161,7 +180,7 @@ bool TcpProxy::Receive(Link& link, std::size_t from) {
 }
 
 /// Sends what is due and what the throttle lets pass; false after an error.
-bool TcpProxy::Send(End& end) {
+bool TcpProxy::Send(End& end) const {
   const auto now = Clock::now();
   const auto rate = static_cast<double>(m_weather.bytesPerSecond);
   const double passed = std::chrono::duration<double>(now - std::exchange(end.allowedAt, now)).count();
@@ -193,4 +212,4 @@ void TcpProxy::Close(Link& link) {
   }
 }
 
-}  // namespace zr::halden::test
+}  // namespace zr::halden::testing

@@ -1,31 +1,26 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "support/zookeeper_server.h"
+#include "halden/testing/zookeeper_server.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <stdexcept>
-#include <string_view>
-#include <system_error>
+#include <sstream>
 #include <utility>
 
-#include "support/await.h"
-#include "support/loopback.h"
+#include "child_process.h"
+#include "halden/testing/poll.h"
+#include "loopback.h"
 
-namespace zr::halden::test {
+namespace zr::halden::testing {
 
 namespace {
-
-constexpr std::string_view kClassPath = "/usr/share/java/zookeeper.jar:/usr/share/java/slf4j-simple.jar";
 
 /// Asks the server at `port` how it does. One that still loads may leave the question unanswered for ever, so
 /// the answer gets a limit.
@@ -49,45 +44,34 @@ std::string Ask(std::uint16_t port) {
   return answer;
 }
 
-/// Becomes the server, between fork and exec: only calls that are safe in a signal handler.
-[[noreturn]] void BecomeServer(char* const* arguments, const char* logPath, pid_t parent) {
-  constexpr int failure = 127;
-  const int log = open(logPath, O_WRONLY | O_CREAT | O_APPEND, 0600);
-  dup2(log, STDOUT_FILENO);
-  dup2(log, STDERR_FILENO);
-  // The client library's sockets are not close-on-exec: inherited, they would keep connections open.
-  close_range(STDERR_FILENO + 1, ~0U, 0);
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() == parent) execvp(arguments[0], arguments);
-  _exit(failure);
+/// Waits for the child, also where a signal's handler runs meanwhile; its status.
+int AwaitChange(pid_t child, int options) {
+  int status = 0;
+  while (waitpid(child, &status, options) < 0 && errno == EINTR) {
+  }
+  return status;
+}
+
+/// Java itself would only say that it finds no main class.
+void RequireFiles(const std::string& classPath) {
+  std::istringstream entries(classPath);
+  for (std::string entry; std::getline(entries, entry, ':');) {
+    if (entry.ends_with('*') || std::filesystem::exists(entry)) continue;
+    throw MissingSoftware(
+        "there is no " + entry +
+        ", which ZooKeeper's server needs: install libzookeeper-java and libslf4j-java, or say "
+        "in ZooKeeperServerOptions::classPath where its jars are");
+  }
 }
 
 }  // namespace
 
-TemporaryFolder::TemporaryFolder() {
-  std::string name = std::filesystem::temp_directory_path() / "halden-test-XXXXXX";
-  if (mkdtemp(name.data()) == nullptr) Fail("mkdtemp");
-  m_path = name;
-}
+ZooKeeperServer::ZooKeeperServer(ZooKeeperServerOptions options)
+    : ZooKeeperServer(std::move(options), 0, {}) {}
 
-TemporaryFolder::~TemporaryFolder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(m_path, ignored);
-}
-
-/// Binds with SO_REUSEADDR, which the server sets too: both may then have the port, as only one listens.
-HeldPort::HeldPort() : m_holder(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  if (m_holder < 0) Fail("socket");
-  const int on = 1;
-  setsockopt(m_holder, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  m_number = BindToFreePort(m_holder);
-}
-
-HeldPort::~HeldPort() {
-  close(m_holder);
-}
-
-ZooKeeperServer::ZooKeeperServer(ZooKeeperServerOptions options) : m_options(std::move(options)) {
+ZooKeeperServer::ZooKeeperServer(ZooKeeperServerOptions options, std::size_t id,
+                                 std::vector<std::string> quorum)
+    : m_options(std::move(options)), m_id(id), m_quorum(std::move(quorum)) {
   WriteConfig();
 }
 
@@ -103,17 +87,16 @@ void ZooKeeperServer::WriteConfig() const {
          << "\nclientPort=" << Port() << "\nclientPortAddress=127.0.0.1\nmaxClientCnxns=0\n";
   const auto longest = m_options.maxSessionTimeout.count();
   if (longest > 0) config << "maxSessionTimeout=" << longest << "\n";
-  if (m_options.id != 0) {
+  if (m_id != 0) {
     config << "initLimit=100\nsyncLimit=50\n";
-    for (const auto& line : m_options.quorum) config << line << "\n";
-    std::ofstream(data / "myid") << m_options.id << "\n";
+    for (const auto& line : m_quorum) config << line << "\n";
+    std::ofstream(data / "myid") << m_id << "\n";
   }
-  if (!config.flush()) throw std::runtime_error("cannot write the server's configuration");
+  if (!config.flush()) throw TestingError("cannot write the server's configuration");
 }
 
-void ZooKeeperServer::Launch() {
-  if (Running()) return;
-  std::vector<std::string> words = {"java",
+std::vector<std::string> ZooKeeperServer::CommandLine() const {
+  std::vector<std::string> words = {m_options.java,
                                     "-Xmx" + m_options.heap,
                                     "-XX:+UseSerialGC",
                                     "-XX:TieredStopAtLevel=1",
@@ -121,26 +104,29 @@ void ZooKeeperServer::Launch() {
                                     "-Dzookeeper.admin.enableServer=false",
                                     "-Dorg.slf4j.simpleLogger.defaultLogLevel=warn"};
   for (const auto& property : m_options.properties) words.push_back("-D" + property);
-  const std::string main = m_options.id == 0 ? "ZooKeeperServerMain" : "quorum.QuorumPeerMain";
-  words.insert(words.end(), {"-cp", std::string(kClassPath), "org.apache.zookeeper.server." + main,
+  const std::string main = m_id == 0 ? "ZooKeeperServerMain" : "quorum.QuorumPeerMain";
+  words.insert(words.end(), {"-cp", m_options.classPath, "org.apache.zookeeper.server." + main,
                              m_folder.Path() / "zoo.cfg"});
-  std::vector<char*> arguments;
-  for (auto& word : words) arguments.push_back(word.data());
-  arguments.push_back(nullptr);
-  const std::string log = m_folder.Path() / "log";
-  const pid_t parent = getpid();
-  m_pid = fork();
-  if (m_pid == 0) BecomeServer(arguments.data(), log.c_str(), parent);
-  if (m_pid < 0) {
-    m_pid = 0;
-    Fail("fork");
-  }
+  return words;
+}
+
+void ZooKeeperServer::Launch() {
+  if (Running() && !ProcessEnded()) return;
+  RequireFiles(m_options.classPath);
+  m_pid = StartChild(CommandLine(), m_folder.Path() / "log",
+                     "ZooKeeper's server needs Java: install default-jre-headless, or say in "
+                     "ZooKeeperServerOptions::java where it is");
 }
 
 void ZooKeeperServer::Start() {
   Launch();
-  Resume();
+  Thaw();
   AwaitReady();
+}
+
+void ZooKeeperServer::Restart() {
+  Stop();
+  Start();
 }
 
 void ZooKeeperServer::AwaitReady() {
@@ -148,34 +134,33 @@ void ZooKeeperServer::AwaitReady() {
   const bool done = Poll(kLimit, [&] { return (ended = ProcessEnded()) || !Mode().empty(); });
   if (ended || !done) {
     Kill();
-    throw std::runtime_error(std::string("the ZooKeeper server on port ") + std::to_string(Port()) +
-                             (ended ? " ended at once" : " did not become ready") + "; its log:\n" +
-                             LogEnd());
+    throw TestingError(std::string("the ZooKeeper server on port ") + std::to_string(Port()) +
+                       (ended ? " ended at once" : " did not become ready") + "; its log:\n" + LogEnd());
   }
 }
 
 bool ZooKeeperServer::ProcessEnded() {
-  if (m_pid > 0 && waitpid(m_pid, nullptr, WNOHANG) != m_pid) return false;
+  if (m_pid > 0 && waitpid(m_pid, nullptr, WNOHANG) == 0) return false;
   m_pid = 0;
-  m_paused = false;
+  m_frozen = false;
   return true;
 }
 
 void ZooKeeperServer::Stop() {
   if (!Running()) return;
-  Resume();
+  Thaw();
   kill(m_pid, SIGTERM);
   if (Poll(kLimit, [this] { return ProcessEnded(); })) return;
   Kill();
-  throw std::runtime_error("the ZooKeeper server did not stop; its log:\n" + LogEnd());
+  throw TestingError("the ZooKeeper server did not stop; its log:\n" + LogEnd());
 }
 
 void ZooKeeperServer::Kill() {
   if (!Running()) return;
   kill(m_pid, SIGKILL);
-  waitpid(m_pid, nullptr, 0);
+  AwaitChange(m_pid, 0);
   m_pid = 0;
-  m_paused = false;
+  m_frozen = false;
 }
 
 void ZooKeeperServer::Wipe() {
@@ -201,19 +186,17 @@ std::string ZooKeeperServer::Says(std::string_view label) const {
   return answer.substr(begin, answer.find('\n', begin) - begin);
 }
 
-void ZooKeeperServer::Pause() {
-  if (!Running() || m_paused) return;
+void ZooKeeperServer::Freeze() {
+  if (!Running() || m_frozen) return;
   kill(m_pid, SIGSTOP);
-  int status = 0;
-  waitpid(m_pid, &status, WUNTRACED);  // until it is frozen indeed
-  m_paused = WIFSTOPPED(status);
-  if (!m_paused) m_pid = 0;  // it had ended
+  m_frozen = WIFSTOPPED(AwaitChange(m_pid, WUNTRACED));  // until it is frozen indeed
+  if (!m_frozen) m_pid = 0;                              // it had ended
 }
 
-void ZooKeeperServer::Resume() {
-  if (!m_paused) return;
+void ZooKeeperServer::Thaw() {
+  if (!m_frozen) return;
   kill(m_pid, SIGCONT);
-  m_paused = false;
+  m_frozen = false;
 }
 
 std::string ZooKeeperServer::ConnectString(const std::string& chroot) const {
@@ -227,4 +210,4 @@ std::string ZooKeeperServer::LogEnd() const {
   return text.substr(text.size() - std::min(text.size(), limit));
 }
 
-}  // namespace zr::halden::test
+}  // namespace zr::halden::testing

@@ -6,13 +6,18 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
+#include <string>
 #include <system_error>
 
-namespace zr::halden::test {
+#include "halden/testing/error.h"
 
-[[noreturn]] inline void Fail(const char* what) {
-  throw std::system_error(errno, std::generic_category(), what);
+namespace zr::halden::testing {
+
+/// With what errno says.
+[[noreturn]] inline void Fail(const std::string& what) {
+  throw TestingError(what + ": " + std::generic_category().message(errno));
 }
 
 inline sockaddr_in Loopback(std::uint16_t port) {
@@ -28,8 +33,15 @@ inline std::uint16_t BindToFreePort(int socket) {
   sockaddr_in address = Loopback(0);
   socklen_t length = sizeof address;
   auto* const any = reinterpret_cast<sockaddr*>(&address);
-  if (bind(socket, any, length) != 0 || getsockname(socket, any, &length) != 0) Fail("bind to a free port");
+  if (bind(socket, any, length) != 0 || getsockname(socket, any, &length) != 0) Fail("no free loopback port");
   return ntohs(address.sin_port);
 }
 
-}  // namespace zr::halden::test
+/// For threads of the kit: the program's signals are its own.
+inline void BlockSignals() {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
+
+}  // namespace zr::halden::testing
