@@ -17,7 +17,7 @@
 
 #include "layout.h"
 #include "raw_client.h"
-#include "halden/testing/instance_writer.h"
+#include "halden/testing/zookeeper_client.h"
 
 namespace zr::halden::bench {
 

@@ -4,52 +4,27 @@
 #include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <zookeeper/zookeeper.h>
 
 #include <algorithm>
-#include <concepts>
+#include <cstring>
 #include <memory>
 #include <sstream>
 #include <utility>
 
-#include "halden/testing/error.h"
 #include "halden/testing/poll.h"
+#include "loopback.h"
+#include "wire.h"
 
 namespace zr::halden::testing {
 
 namespace {
 
-constexpr std::int32_t kCreate = 1, kDelete = 2, kSet = 5, kClose = -11;
-constexpr std::int32_t kAnyVersion = -1;
-constexpr std::int32_t kAllPermissions = 0x1F;
-constexpr std::int32_t kSessionTimeoutMs = 30000;
-constexpr timeval kPatience{2,
-                            0};  // for a connection, and for an answer: a frozen server has company, perhaps
-constexpr std::size_t kPasswordBytes = 16;
-constexpr std::size_t kMaxAnswerBytes = 4U << 20U;
-
-template <std::integral Number>
-std::string Encode(Number number) {
-  std::string bytes;
-  for (std::size_t shift = 8 * sizeof number; shift > 0; shift -= 8) {
-    bytes += static_cast<char>(number >> (shift - 8) & 0xFF);
-  }
-  return bytes;
-}
-
-std::string Encode(const std::string& text) {
-  return Encode(static_cast<std::int32_t>(text.size())) + text;
-}
-
-/// The number at `offset`; 0 where the bytes end before it does.
-template <std::integral Number>
-Number Decode(const std::string& bytes, std::size_t offset) {
-  Number number = 0;
-  for (std::size_t i = 0; i < sizeof number && offset + sizeof number <= bytes.size(); ++i) {
-    number = static_cast<Number>(number << 8 | static_cast<unsigned char>(bytes[offset + i]));
-  }
-  return number;
-}
+constexpr std::int32_t kSync = 9, kPing = 11, kAuthenticate = 100, kClose = -11;
+constexpr std::int32_t kPingXid = -2, kAuthenticationXid = -4;
+constexpr std::chrono::milliseconds kSessionTimeout{30000};
+constexpr timeval kPatience{2, 0};  // for a connection, and for an answer: then the next server
+constexpr std::size_t kPasswordBytes = sizeof(clientid_t::passwd);
+constexpr std::size_t kMaxAnswerBytes = 8U << 20U;
 
 }  // namespace
 
@@ -61,75 +36,110 @@ WireSession::WireSession(const std::string& hosts) : m_hosts(hosts), m_password(
     m_servers.push_back({host.substr(0, colon), host.substr(colon + 1)});
   }
   if (m_servers.empty()) throw TestingError("a connect string without servers");
+  m_thread = std::thread([this] { KeepAlive(); });
 }
 
 WireSession::~WireSession() {
-  const std::string farewell = Encode(std::int32_t{8}) + Encode(++m_xid) + Encode(kClose);
-  if (m_socket >= 0) send(m_socket, farewell.data(), farewell.size(), MSG_NOSIGNAL);  // else it just expires
+  {
+    const std::lock_guard lock(m_mtx);
+    m_ending = true;
+  }
+  m_changed.notify_all();
+  m_thread.join();
+  std::string ignored;
+  if (m_socket >= 0) Exchange(Encode(++m_xid) + Encode(kClose), ignored);
   Disconnect();
 }
 
-int WireSession::Create(const std::string& path, const std::string& data) {
-  const auto everybody = Encode(std::int32_t{1}) + Encode(kAllPermissions) + Encode("world") + Encode("anyone");
-  return Call(kCreate, Encode(path) + Encode(data) + everybody + Encode(std::int32_t{0}));
+void WireSession::KeepAlive() {
+  BlockSignals();
+  constexpr std::chrono::milliseconds unused{100};  // between looks, while there is no session
+  std::string ignored;
+  std::unique_lock lock(m_mtx);
+  while (!m_ending) {
+    m_changed.wait_for(lock, m_session != 0 ? m_timeout / 3 : unused, [this] { return m_ending; });
+    if (!m_ending && m_session != 0) Try(kPingXid, kPing, {}, ignored);
+  }
 }
 
-int WireSession::Set(const std::string& path, const std::string& data) {
-  return Call(kSet, Encode(path) + Encode(data) + Encode(kAnyVersion));
-}
-
-int WireSession::Delete(const std::string& path) {
-  return Call(kDelete, Encode(path) + Encode(kAnyVersion));
-}
-
-int WireSession::Call(std::int32_t operation, const std::string& request) {
+int WireSession::Call(std::int32_t operation, const std::string& request, std::string& answer) {
+  const std::lock_guard lock(m_mtx);
   std::optional<int> code;
-  Poll(kLimit, [&] { return (code = Try(operation, request)).has_value(); });
-  if (!code) throw TestingError("no ZooKeeper server confirms a write at " + m_hosts);
+  Poll(kLimit, [&] { return (code = Try(++m_xid, operation, request, answer)).has_value(); });
+  if (!code) throw TestingError("no ZooKeeper server answers at " + m_hosts);
   return *code;
 }
 
+void WireSession::Authenticate(const std::string& scheme, const std::string& credential) {
+  constexpr std::int32_t type = 0;
+  const std::lock_guard lock(m_mtx);
+  m_authentication = Encode(type) + Encode(scheme) + Encode(credential);
+  Disconnect();  // the next connection begins with it
+}
+
+clientid_t WireSession::Id() const {
+  const std::lock_guard lock(m_mtx);
+  clientid_t id{m_session, {}};
+  std::memcpy(id.passwd, m_password.data(), kPasswordBytes);
+  return id;
+}
+
 /// Nothing when another try, on another connection, may do better.
-std::optional<int> WireSession::Try(std::int32_t operation, const std::string& request) {
+std::optional<int> WireSession::Try(std::int32_t xid, std::int32_t operation, const std::string& request,
+                                    std::string& answer) {
+  constexpr std::size_t codeAt = sizeof xid + sizeof(std::int64_t);
+  constexpr std::size_t restAt = codeAt + sizeof(std::int32_t);
   if (m_socket < 0 && !Connect()) return std::nullopt;
-  std::string answer;
-  if (Exchange(Encode(++m_xid) + Encode(operation) + request, answer) &&
-      Decode<std::int32_t>(answer, 0) == m_xid) {
-    constexpr std::size_t codeAt = sizeof m_xid + sizeof(std::int64_t);
+  if (Exchange(Encode(xid) + Encode(operation) + request, answer) && answer.size() >= restAt &&
+      Decode<std::int32_t>(answer, 0) == xid) {
     const int code = Decode<std::int32_t>(answer, codeAt);
+    answer.erase(0, restAt);
     if (code != ZSESSIONEXPIRED && code != ZSESSIONMOVED && code != ZCONNECTIONLOSS) return code;
   }
   Disconnect();
   return std::nullopt;
 }
 
-/// To the next server; and takes up the session, or begins one.
+/// To the next server; takes up the session, or begins one.
 bool WireSession::Connect() {
+  constexpr std::int32_t version = 0;
+  constexpr std::int64_t seen = 0;  // nothing: so servers that were wiped are as good as any
+  constexpr std::size_t sessionAt = sizeof version + sizeof(std::int32_t);
   const Server& server = m_servers[m_next++ % m_servers.size()];
+  const auto timeout = static_cast<std::int32_t>(kSessionTimeout.count());
+  std::string answer;
+  if (!Open(server.host, server.port) ||
+      !Exchange(Encode(version) + Encode(seen) + Encode(timeout) + Encode(m_session) + Encode(m_password),
+                answer)) {
+    Disconnect();
+    return false;
+  }
+  m_timeout = std::chrono::milliseconds(Decode<std::int32_t>(answer, sizeof version));
+  m_session = Decode<std::int64_t>(answer, sessionAt);  // 0: the one to take up has expired
+  std::size_t passwordAt = sessionAt + sizeof m_session;
+  m_password = DecodeText(answer, passwordAt);
+  m_password.resize(kPasswordBytes);
+  const auto accepted = [&](std::int32_t xid, std::int32_t operation, const std::string& request) {
+    return m_socket >= 0 && Try(xid, operation, request, answer) == ZOK;
+  };
+  const bool ready =
+      m_session != 0 &&
+      (m_authentication.empty() || accepted(kAuthenticationXid, kAuthenticate, m_authentication)) &&
+      accepted(++m_xid, kSync, Encode("/"));
+  if (!ready) Disconnect();
+  return ready;
+}
+
+bool WireSession::Open(const std::string& host, const std::string& port) {
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
-  if (getaddrinfo(server.host.c_str(), server.port.c_str(), &hints, &found) != 0) return false;
+  if (getaddrinfo(host.c_str(), port.c_str(), &hints, &found) != 0) return false;
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> address(found, &freeaddrinfo);
   m_socket = socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   setsockopt(m_socket, SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof kPatience);
   setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
-  constexpr std::int32_t version = 0;
-  constexpr std::int64_t seen = 0;  // nothing: so servers that were wiped are as good as any
-  constexpr std::size_t sessionAt = sizeof version + sizeof kSessionTimeoutMs;
-  constexpr std::size_t passwordAt = sessionAt + sizeof m_session + sizeof(std::int32_t);
-  std::string answer;
-  if (connect(m_socket, address->ai_addr, address->ai_addrlen) == 0 &&
-      Exchange(
-          Encode(version) + Encode(seen) + Encode(kSessionTimeoutMs) + Encode(m_session) + Encode(m_password),
-          answer)) {
-    m_session = Decode<std::int64_t>(answer, sessionAt);  // 0: the one to take up has expired
-    m_password = answer.substr(std::min(passwordAt, answer.size()), kPasswordBytes);
-    m_password.resize(kPasswordBytes);
-    if (m_session != 0) return true;
-  }
-  Disconnect();
-  return false;
+  return connect(m_socket, address->ai_addr, address->ai_addrlen) == 0;
 }
 
 /// Sends the message and waits for what comes back, without their lengths.

@@ -10,9 +10,9 @@
 #include <thread>
 
 #include "halden/service_watcher.h"
-#include "halden/testing/instance_writer.h"
 #include "halden/testing/poll.h"
 #include "halden/testing/tcp_proxy.h"
+#include "halden/testing/zookeeper_client.h"
 #include "halden/testing/zookeeper_ensemble.h"
 #include "loopback.h"
 
@@ -92,16 +92,17 @@ TEST(Proxy, ADelayDoesNotLimitTheRate) {
   close(server);
 }
 
-TEST(Writer, WhatAFrozenServerHoldsIsNotWrittenLater) {
+TEST(Client, WhatAFrozenServerHoldsIsNotWrittenLater) {
   ZooKeeperServerOptions options;
   options.maxSessionTimeout = 30s;  // an expiry would make the server forget what it holds
   ZooKeeperEnsemble ensemble(3, options);
   ensemble.Start();
   auto& follower = ensemble.Server((ensemble.Leader() + 1) % 3);
   auto& other = ensemble.Server((ensemble.Leader() + 2) % 3);
-  InstanceWriter writer(follower.ConnectString() + "," + other.ConnectString());
+  ZooKeeperClient writer(follower.ConnectString() + "," + other.ConnectString());
   zr::messaging::halden::ServiceInstanceData data;
-  const ServiceId id = writer.Publish("orders", data);
+  const ServiceId id = MakeServiceId();
+  writer.Publish("orders", id, data);
   follower.Freeze();
   for (const char* host : {"held", "right"}) {
     data.set_host(host);
@@ -109,8 +110,9 @@ TEST(Writer, WhatAFrozenServerHoldsIsNotWrittenLater) {
   }
   follower.Thaw();
   follower.Start();  // waits until it serves, hence until it has passed on what it held
-  InstanceWriter late(follower.ConnectString());
-  const ServiceId last = late.Publish("orders", data);
+  ZooKeeperClient late(follower.ConnectString());
+  const ServiceId last = MakeServiceId();
+  late.Publish("orders", last, data);
 
   const auto conn =
       std::make_shared<Connection>(std::vector<zr::String>{other.ConnectString()}, true, "", 30s, "eu-west");
@@ -120,7 +122,7 @@ TEST(Writer, WhatAFrozenServerHoldsIsNotWrittenLater) {
   EXPECT_TRUE(Poll(kLimit, [&] { return watcher->GetInstanceData(last, data); }));
   ASSERT_TRUE(Poll(kLimit, [&] { return watcher->GetInstanceData(id, data); }));
   EXPECT_EQ(data.host(), "right");
-  late.Remove("orders", id);
+  late.Unpublish("orders", id);
   EXPECT_TRUE(Poll(kLimit, [&] { return !watcher->GetInstanceData(id, data); }));
   conn->Stop();
   EXPECT_TRUE(conn->AwaitClosed(kLimit));

@@ -116,7 +116,7 @@ TEST_F(ConnectionTest, AForcedExpiryEndsTheSessionOnTheServerWithMuchOutstanding
   conn->Stop();  // does not cut it short
   ASSERT_TRUE(conn->AwaitClosed(kLimit));
   for (const auto& publisher : publishers) {
-    const auto stat = Client(kDc).InstanceStat(kService, publisher->Id());
+    const auto stat = Client(kDc).Stat(ZooKeeperClient::InstancePath(kService, publisher->Id()));
     EXPECT_FALSE(stat && stat->ephemeralOwner == session);
   }
 }
@@ -126,7 +126,7 @@ TEST_F(ConnectionTest, AuthenticationHoldsInEverySessionAndIsNeverLogged) {
   const ServiceId id = MakeServiceId();
   const auto path = ZooKeeperClient::InstancePath(kService, id);
   Client(kDc).Authenticate("digest", "reader:secret-word");
-  Client(kDc).Create(path, EncodeInstance(MakeInstance("first")), NodeKind::Persistent, ZOO_CREATOR_ALL_ACL);
+  Client(kDc).Create(path, EncodeInstance(MakeInstance("first")), NodeKind::Persistent, Access::Creator);
   const auto stranger = MakeConnection(kDc);
   const auto conn = MakeConnection(kDc, true, "digest:reader:secret-word");
   const auto strangersWatcher = Watch(stranger);

@@ -139,7 +139,7 @@ TEST_F(FaultTest, WhatMustNotBeReadIsReportedAndComesOnceItMay) {
   const auto partition = instance.parent_path();
   ServiceInstanceData data;
   for (const auto& locked : {instance, partition, partition.parent_path()}) {
-    Client(kDc).SetAcl(locked, ZOO_CREATOR_ALL_ACL);
+    Client(kDc).SetAccess(locked, Access::Creator);
     m_conn->ForceExpire();
     EXPECT_TRUE(m_errors.Await(ZNOAUTH)) << locked;
     const ServiceId other = WriteSome(Client(kDc), 1).at(0);
@@ -150,7 +150,7 @@ TEST_F(FaultTest, WhatMustNotBeReadIsReportedAndComesOnceItMay) {
       EXPECT_TRUE(m_errors.Await(ZNOAUTH));
       EXPECT_EQ(log.Count("halden.service_watcher", "read failed"), 1) << "once for each node";
     }
-    Client(kDc).SetAcl(locked, ZOO_OPEN_ACL_UNSAFE);
+    Client(kDc).SetAccess(locked, Access::Everybody);
     EXPECT_TRUE(AwaitTruth()) << locked;
   }
 }

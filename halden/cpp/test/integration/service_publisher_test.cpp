@@ -36,7 +36,7 @@ class ServicePublisherTest : public EnsembleTest {
 
   /// The session that owns the instance's node; 0 for none, -1 when there is no node.
   std::int64_t Owner(const ServiceId& id) {
-    const auto stat = Client(kDc).InstanceStat(kService, id);
+    const auto stat = Client(kDc).Stat(ZooKeeperClient::InstancePath(kService, id));
     return stat ? stat->ephemeralOwner : -1;
   }
 
@@ -111,14 +111,14 @@ TEST_F(ServicePublisherTest, AParentThatMayNotBeCreatedIsTroubleOnlyWhereItIsAbs
   const CapturingLog log;
   Client(kDc).Create("/halden/services/orders");
   Client(kDc).Authenticate("digest", "owner:secret");
-  Client(kDc).SetAcl("/halden/services", ZOO_CREATOR_ALL_ACL);
+  Client(kDc).SetAccess("/halden/services", Access::Creator);
   m_publisher->Publish(MakeInstance("host"));
   ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
   EXPECT_EQ(log.Count("halden.publisher", "write failed"), 0);
   ServicePublisher refused(m_conn, "payments", MakeServiceId());
   refused.Publish(MakeInstance("host"));
   EXPECT_TRUE(log.Await("halden.publisher", "write failed, error=not authenticated"));
-  Client(kDc).SetAcl("/halden/services", ZOO_OPEN_ACL_UNSAFE);
+  Client(kDc).SetAccess("/halden/services", Access::Everybody);
   EXPECT_TRUE(refused.AwaitPublished(kLimit));
 }
 

@@ -67,7 +67,7 @@ struct DataCenter {
   void Write(Random random) {
     ZooKeeperClient client(ensemble.ConnectString());
     for (std::size_t i = 0; i < kStanding; ++i) {
-      if (!client.InstanceStat(kService, ids[i]))
+      if (!client.Stat(ZooKeeperClient::InstancePath(kService, ids[i])))
         client.Publish(kService, ids[i], MakeInstance(kStandingHost));
     }
     while (writing) {

@@ -13,8 +13,7 @@
 
 namespace zr::halden::test {
 
-using halden::testing::kLimit;
-using halden::testing::Poll;
+using namespace halden::testing;
 
 /// As Poll with the usual limit, for ASSERT_TRUE and EXPECT_TRUE; `describe` returns what is there instead.
 template <typename Condition, typename Describe>

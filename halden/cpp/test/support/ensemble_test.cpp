@@ -79,7 +79,9 @@ std::shared_ptr<Connection> EnsembleTest::MakeConnection(const zr::String& dcNam
 }
 
 ServiceId EnsembleTest::Publish(const zr::String& dcName, const zr::String& host) {
-  return InstanceWriter(ConnectString(dcName)).Publish(kService, MakeInstance(host));
+  const ServiceId id = MakeServiceId();
+  Client(dcName).Publish(kService, id, MakeInstance(host));
+  return id;
 }
 
 ::testing::AssertionResult EnsembleTest::AwaitState(const Connection& conn, ConnectionState state) {

@@ -11,8 +11,9 @@
 
 #include "halden/connection_v2.h"
 #include "halden/service_watcher.h"
+#include "halden/testing/zookeeper_client.h"
 #include "halden/testing/zookeeper_server.h"
-#include "support/zookeeper_client.h"
+#include "support/await.h"
 #include "zrstl/string.h"
 
 namespace zr::halden::test {

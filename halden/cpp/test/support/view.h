@@ -5,7 +5,8 @@
 #include <string>
 #include <utility>
 
-#include "support/zookeeper_client.h"
+#include "halden/testing/zookeeper_client.h"
+#include "support/await.h"
 #include "zrstl/string.h"
 
 namespace zr::halden::test {
