@@ -1,6 +1,7 @@
 # Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #
-# What is installed, and the Debian packages: the library, shared and static, the development files, the command.
+# What is installed, and the Debian packages: the library, shared and static, the kit for tests, the development files,
+# the command.
 include(CMakePackageConfigHelpers)
 
 set(package_cmake_dir "${CMAKE_INSTALL_LIBDIR}/cmake/halden")
@@ -9,11 +10,13 @@ install(TARGETS halden_shared EXPORT haldenSharedTargets
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT library NAMELINK_COMPONENT development)
 install(TARGETS halden_static EXPORT haldenStaticTargets
   ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development)
-foreach(kind IN ITEMS Shared Static)
+install(TARGETS halden_testing EXPORT haldenTestingTargets
+  ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development)
+foreach(kind IN ITEMS Shared Static Testing)
   install(EXPORT halden${kind}Targets NAMESPACE halden:: DESTINATION "${package_cmake_dir}" COMPONENT development)
 endforeach()
 
-foreach(layer IN ITEMS halden/cpp zrstl misc/logger)
+foreach(layer IN ITEMS halden/cpp halden/testing zrstl misc/logger)
   install(DIRECTORY "${PROJECT_SOURCE_DIR}/${layer}/include/" DESTINATION "${library_headers_dir}"
     COMPONENT development FILES_MATCHING PATTERN "*.h")
 endforeach()
@@ -30,8 +33,10 @@ install(FILES "${PROJECT_BINARY_DIR}/package/haldenConfig.cmake"
   "${PROJECT_BINARY_DIR}/package/haldenConfigVersion.cmake"
   DESTINATION "${package_cmake_dir}" COMPONENT development)
 file(RELATIVE_PATH prefix_from_pkgconfig "/x/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/x")  # it may be moved
-configure_file("${CMAKE_CURRENT_LIST_DIR}/halden.pc.in" "${PROJECT_BINARY_DIR}/package/halden.pc" @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/package/halden.pc"
+foreach(name IN ITEMS halden halden-testing)
+  configure_file("${CMAKE_CURRENT_LIST_DIR}/${name}.pc.in" "${PROJECT_BINARY_DIR}/package/${name}.pc" @ONLY)
+endforeach()
+install(FILES "${PROJECT_BINARY_DIR}/package/halden.pc" "${PROJECT_BINARY_DIR}/package/halden-testing.pc"
   DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
 
 set(library_package "libhalden${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}")
@@ -68,6 +73,10 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 string(CONCAT CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION}), "
   "libprotobuf-dev, libzookeeper-st-dev | libzookeeper-mt-dev, libboost1.81-dev | libboost-dev (>= 1.78)")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS "libspdlog-dev, libtomlplusplus-dev, zlib1g-dev")
+# What halden::testing runs. Suggested only: apt-get installs what is recommended, and who just builds a program should
+# not get hundreds of megabytes of Java for it. Where it is missing the kit says what to install.
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS
+  "default-jre-headless | java8-runtime-headless, libzookeeper-java, libslf4j-java")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
   "Service discovery over ZooKeeper, across data centres: headers, static library, CMake and pkg-config files")
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME halden)

@@ -23,7 +23,7 @@ for document in README.md docs/*.md; do
 done
 count=0
 for block in "$folder"/*.cpp; do
-  "${CXX:-c++}" -std=c++20 -Wall -Wextra -Werror -fsyntax-only -Ihalden/cpp/include -Izrstl/include -Imisc/logger/include \
+  "${CXX:-c++}" -std=c++20 -Wall -Wextra -Werror -fsyntax-only -Ihalden/cpp/include -Ihalden/testing/include -Izrstl/include -Imisc/logger/include \
     -isystem "$build/generated" "$block"
   count=$((count + 1))
 done

@@ -69,6 +69,14 @@ for build in shared make; do # else one order would be tried twice
   [[ $(first "$folder/$build/own_client_first") == libzookeeper_mt.so ]] || fail "the client is not first ($build)"
 done
 
+echo "examples: a test that runs servers of its own"
+for build in shared static make; do
+  timeout 120 "$folder/$build/data_center_loss" >"$folder/loss.log" 2>&1 || fail "data_center_loss failed ($build)"
+  expect "a leader hangs: the others elect one" "$folder/loss.log"
+done
+PATH='' "$folder/shared/data_center_loss" >"$folder/skipped.log" 2>&1 && fail "data_center_loss does without Java"
+expect "install default-jre-headless" "$folder/skipped.log"
+
 echo "examples: running on a ZooKeeper server"
 listens() { (exec 5<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 port=0

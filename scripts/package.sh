@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 
 scripts/setup.sh
 cmake --preset release >/dev/null
-cmake --build --preset release --target halden_shared halden_static halden_tool halden_generated
+cmake --build --preset release --target halden_shared halden_static halden_testing halden_tool halden_generated
 rm -rf build/release/packages
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT

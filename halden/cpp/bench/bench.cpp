@@ -15,9 +15,9 @@
 #include <stdexcept>
 #include <utility>
 
+#include "halden/testing/zookeeper_client.h"
 #include "layout.h"
 #include "raw_client.h"
-#include "halden/testing/zookeeper_client.h"
 
 namespace zr::halden::bench {
 

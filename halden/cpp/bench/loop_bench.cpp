@@ -14,11 +14,11 @@
 #include <thread>
 #include <vector>
 
+#include "halden/testing/poll.h"
+#include "halden/testing/zookeeper_server.h"
 #include "layout.h"
 #include "logger/sink.h"
 #include "session/connection_core.h"
-#include "halden/testing/poll.h"
-#include "halden/testing/zookeeper_server.h"
 
 namespace zr::halden::bench {
 

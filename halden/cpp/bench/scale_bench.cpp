@@ -6,9 +6,9 @@
 #include <malloc.h>
 
 #include "bench.h"
+#include "halden/testing/poll.h"
 #include "layout.h"
 #include "raw_client.h"
-#include "halden/testing/poll.h"
 
 namespace zr::halden::bench {
 

@@ -5,9 +5,9 @@
 
 #include "bench.h"
 #include "halden/global_service_watcher.h"
+#include "halden/testing/poll.h"
 #include "layout.h"
 #include "raw_client.h"
-#include "halden/testing/poll.h"
 
 namespace zr::halden::bench {
 

@@ -73,7 +73,7 @@ class Launcher {
   close_range(kept + 1, ~0U, 0);
   sigset_t none;
   sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
+  pthread_sigmask(SIG_SETMASK, &none, nullptr);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() == parent) execvp(arguments[0], arguments);
   const int error = errno;
@@ -85,6 +85,7 @@ class Launcher {
 
 pid_t StartChild(std::vector<std::string> words, const std::string& log, const std::string& advice) {
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (auto& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
   std::array<int, 2> report{};

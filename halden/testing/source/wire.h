@@ -37,7 +37,7 @@ Number Decode(const std::string& bytes, std::size_t offset) {
 inline std::string DecodeText(const std::string& bytes, std::size_t& offset) {
   const auto length = std::max(Decode<std::int32_t>(bytes, offset), 0);  // -1 is a text that is null
   const std::size_t begin = std::min(offset + sizeof length, bytes.size());
-  const std::string text = bytes.substr(begin, static_cast<std::size_t>(length));
+  std::string text = bytes.substr(begin, static_cast<std::size_t>(length));
   offset = begin + text.size();
   return text;
 }

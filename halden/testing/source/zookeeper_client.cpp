@@ -26,6 +26,12 @@ std::string EncodeAccess(Access access) {
          Encode(all ? "anyone" : "");
 }
 
+std::string Below(std::string path, const std::string& name) {
+  path += '/';
+  path += name;
+  return path;
+}
+
 std::string ParentOf(const std::string& path) {
   return path.substr(0, path.rfind('/'));
 }
@@ -91,7 +97,7 @@ void ZooKeeperClient::SetAccess(const std::string& path, Access access) {
 
 void ZooKeeperClient::Delete(const std::string& path) {
   const bool deleted = Poll(kLimit, [&] {
-    for (const auto& child : Children(path)) Delete(path + "/" + child);
+    for (const auto& child : Children(path)) Delete(Below(path, child));
     return Run("delete", kDelete, m_chroot + path, Encode(kAnyVersion), {ZNONODE, ZNOTEMPTY}) != ZNOTEMPTY;
   });
   if (!deleted) throw TestingError("delete " + m_chroot + path + ": children keep coming");
@@ -144,11 +150,11 @@ std::map<ServiceId, std::string> ZooKeeperClient::ReadInstances(const zr::String
   std::map<ServiceId, std::string> instances;
   const zr::String servicePath = details::ServicePath(service);
   for (const auto& partition : Children(servicePath)) {
-    const zr::String partitionPath = servicePath + "/" + partition;
+    const zr::String partitionPath = Below(servicePath, partition);
     for (const auto& name : Children(partitionPath)) {
       const auto id = ParseServiceId(name);
       if (!id || details::PartitionName(details::PartitionOf(*id)) != partition) continue;
-      if (auto bytes = Get(partitionPath + "/" + name)) instances[*id] = std::move(*bytes);
+      if (auto bytes = Get(Below(partitionPath, name))) instances[*id] = std::move(*bytes);
     }
   }
   return instances;

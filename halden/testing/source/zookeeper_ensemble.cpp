@@ -13,9 +13,8 @@ ZooKeeperEnsemble::ZooKeeperEnsemble(std::size_t size, const ZooKeeperServerOpti
   if (size == 0) throw std::invalid_argument("an ensemble of no servers");
   std::vector<std::string> quorum;
   for (std::size_t i = 1; i <= size && size > 1; ++i) {
-    const auto toFollow = std::to_string(m_quorumPorts.emplace_back().Number());
-    const auto toElect = std::to_string(m_quorumPorts.emplace_back().Number());
-    quorum.push_back("server." + std::to_string(i) + "=127.0.0.1:" + toFollow + ":" + toElect);
+    std::string& line = quorum.emplace_back("server." + std::to_string(i) + "=127.0.0.1");
+    for (int port = 0; port < 2; ++port) line += ":" + std::to_string(m_quorumPorts.emplace_back().Number());
   }
   for (std::size_t i = 1; i <= size; ++i) {
     m_servers.emplace_back(new ZooKeeperServer(options, size > 1 ? i : 0, quorum));

@@ -32,10 +32,10 @@ void* operator new(std::size_t size) {
   if (void* const memory = std::malloc(std::max<std::size_t>(size, 1))) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept {
+__attribute__((noinline)) void operator delete(void* memory) noexcept {
   std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+__attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept {
   std::free(memory);
 }
 // NOLINTEND(cppcoreguidelines-no-malloc)

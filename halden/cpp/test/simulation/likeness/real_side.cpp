@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <iostream>
 
-#include "simulation/likeness/transcript.h"
 #include "halden/testing/zookeeper_server.h"
+#include "simulation/likeness/transcript.h"
 
 int main(int argc, char** argv) {
   using zr::halden::details::Clock;
