@@ -359,6 +359,7 @@ std::unique_ptr<Farewell> CloseAndEndSession(zhandle_t* handle, int /*socket*/) 
   zookeeper_close(handle);
   if (world->Strikes(Fault::Cut, 4)) {
     world->Note("the connection breaks at its close");
+    link->ensemble.lastTrouble = world->now;
     link->Break(true);
     if (world->OneIn(2)) return link->Leave(), nullptr;
   }
