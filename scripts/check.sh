@@ -4,7 +4,7 @@
 # Everything a change must pass: style, then the tests plain and under the sanitizers.
 #
 #   scripts/check.sh           all of it
-#   scripts/check.sh --style   clang-format and clang-tidy only
+#   scripts/check.sh --style   clang-format, clang-tidy and the includes of the command's rooms only
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
