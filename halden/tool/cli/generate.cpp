@@ -43,7 +43,7 @@ OptionSpec Describe(const CLI::Option& option) {
   return spec;
 }
 
-void Walk(const CLI::App& app, std::vector<std::string> words, std::vector<CommandSpec>& commands) {
+void DescribeTree(const CLI::App& app, std::vector<std::string> words, std::vector<CommandSpec>& commands) {
   CommandSpec spec{words, app.get_description(), app.get_footer(), {}, {}, {}};
   for (const CLI::Option* option : app.get_options()) {
     (option->get_positional() ? spec.positionals : spec.options).push_back(Describe(*option));
@@ -54,7 +54,7 @@ void Walk(const CLI::App& app, std::vector<std::string> words, std::vector<Comma
   commands.push_back(std::move(spec));
   for (const CLI::App* command : visible) {
     words.push_back(command->get_name());
-    Walk(*command, words, commands);
+    DescribeTree(*command, words, commands);
     words.pop_back();
   }
 }
@@ -189,7 +189,7 @@ std::string RoffOption(const OptionSpec& option) {
 
 std::vector<CommandSpec> Describe(const CLI::App& app) {
   std::vector<CommandSpec> commands;
-  Walk(app, {}, commands);
+  DescribeTree(app, {}, commands);
   return commands;
 }
 

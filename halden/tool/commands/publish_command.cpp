@@ -143,7 +143,7 @@ void ServeUntilEnd(Instances& instances, const PublishOptions& options, const Co
 }
 
 /// Takes the instances back, in order where that is possible.
-void End(Instances& instances, Connection& conn) {
+void RemoveAndClose(Instances& instances, Connection& conn) {
   const ConnectionStatus status = conn.Status();
   const bool connected = status.state == ConnectionState::Connected;
   const bool removed = connected && instances.Remove(steady_clock::now() + kClosingLimit);
@@ -164,10 +164,10 @@ void PublishInstances(const PublishOptions& options, LineWriter& output) {
   try {
     ServeUntilEnd(instances, options, *conn, statusSignals, output);
   } catch (const Failure&) {
-    End(instances, *conn);
+    RemoveAndClose(instances, *conn);
     throw;
   }
-  End(instances, *conn);
+  RemoveAndClose(instances, *conn);
 }
 
 }  // namespace zr::halden::tool

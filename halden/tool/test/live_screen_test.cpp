@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <string>
 
@@ -30,10 +29,9 @@ TEST(LiveScreen, FitsAndGivesTheTerminalBackAsItWasWhenAStopIsAskedFor) {
     EXPECT_EQ(rows, 2U);
     return std::string("a\nb\nc\n");
   });
-  std::array<char, 8192> shown{};
-  const ssize_t length = read(user, shown.data(), shown.size());
-  EXPECT_EQ(std::string(shown.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))),
-            "\x1b[?1049h\x1b[?25l\x1b[?7l\x1b[Ha\x1b[K\r\nb\x1b[K\x1b[J\x1b[?7h\x1b[?25h\x1b[?1049l");
+  std::string shown(8192, '\0');
+  shown.resize(static_cast<std::size_t>(std::max<ssize_t>(read(user, shown.data(), shown.size()), 0)));
+  EXPECT_EQ(shown, "\x1b[?1049h\x1b[?25l\x1b[?7l\x1b[Ha\x1b[K\r\nb\x1b[K\x1b[J\x1b[?7h\x1b[?25h\x1b[?1049l");
   for (const int descriptor : {user, terminal, stop}) close(descriptor);
 }
 

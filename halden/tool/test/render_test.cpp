@@ -23,8 +23,7 @@ namespace {
 
 using testing::HasSubstr;
 
-constexpr std::int64_t kNowMs = 1'700'000'000'042;
-const TimePoint kNow{std::chrono::milliseconds(kNowMs)};
+const TimePoint kNow = FromMilliseconds(1'700'000'000'042);
 const std::string kIdText = "00112233-4455-6677-8899-aabbccddeeff";
 const ServiceId kId = ParseServiceId(kIdText).value();
 
@@ -50,8 +49,7 @@ DataCenterStatus State(ConnectionState connection, Freshness freshness, std::siz
 TEST(EventLine, StaysOneLineAndLeavesTheTerminalAloneWhateverIsPublished) {
   ServiceInstanceData data = Data("a\nb\x1b[2J\xc2\x9b");
   data.mutable_attributes(0)->set_value("\" \r");
-  const std::string line =
-      EventFormat(false, 10, {}).Event(kNow, "eu\twest", InstanceChange::Modified, kId, &data);
+  const auto line = EventFormat(false, 10, {}).Event(kNow, "eu\twest", InstanceChange::Modified, kId, &data);
   EXPECT_EQ(line.substr(line.find('.')), ".042  eu\\x09west  modified  " + kIdText +
                                              "  a\\x0ab\\x1b[2J\\x9b:80,admin=81  ok  zone=\"\\\" \\x0d\"\n");
 }
@@ -76,9 +74,7 @@ TEST(Json, IsAsDocumentedKeyForKey) {
     if (line.starts_with("{\"type\"")) documented[Json::parse(line)["type"]] = Keys(Json::parse(line));
   }
   const ServiceInstanceData data;
-  NodeFacts node;
-  node.data = data;
-  node.writer = messaging::halden::User();
+  const NodeFacts node{"dc", {}, "/p", data, "", messaging::halden::User()};
   for (const auto& line : {EventLine({}, "dc", InstanceChange::Added, {}, &data),
                            EventLine({}, "dc", InstanceChange::Removed, {}, nullptr), StateLine({}),
                            InstanceLine({"dc", {}, data, false}), NodeLine(node), ServiceLine({}),
@@ -134,7 +130,6 @@ TEST(NodeFacts, TellTheWriterAndSurviveAnyBytes) {
   writer.set_name("root\x1b");
   writer.set_pid(7);
   Stat stat{};
-  stat.mtime = kNowMs;
   const auto good = ReadNodeFacts("eu-west", kId, "/p", details::EncodeNode(Data(), writer), stat);
   EXPECT_THAT(NodeText(good, {}, kNow),
               AllOf(HasSubstr("  weight      -\n  started     2023-11-1"),

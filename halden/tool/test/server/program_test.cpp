@@ -19,10 +19,7 @@
 namespace zr::halden::tool {
 namespace {
 
-using ::testing::ContainsRegex;
-using ::testing::Each;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
+using namespace ::testing;
 using Lines = std::vector<std::string>;
 
 const std::string kId = "00112233-4455-6677-8899-aabbccddeeff";
@@ -91,7 +88,7 @@ class Program {
 };
 
 /// A configuration in a folder of its own.
-class Command : public ::testing::Test {
+class Command : public Test {
  protected:
   void Configure(const std::string& text) { std::ofstream(m_config) << "[data_centers]\n" + text + "\n"; }
 
@@ -107,8 +104,7 @@ class Command : public ::testing::Test {
     return text + "= " + std::to_string(program.End());
   }
 
- private:
-  const testing::TemporaryFolder m_folder;
+  const halden::testing::TemporaryFolder m_folder;
   const std::string m_config = m_folder.Path() / "halden.toml";
 };
 
@@ -117,21 +113,19 @@ TEST_F(Command, SaysWhereTheConfigurationIsWrongAndFails) {
   EXPECT_THAT(Outcome("config check"), ContainsRegex("2:10: error: .*port missing.*3:2: warning: .*\n= 1"));
   EXPECT_THAT(Outcome("config check --json --quiet"), ContainsRegex("\"error\",.*\"line\":2,[^\n]*\n= 1"));
   EXPECT_THAT(Outcome("services --quiet"), ContainsRegex("^halden: .*toml:2:10: [^\n]*\n= 1"));
+  EXPECT_EQ(Program("config example >" + m_config).End(), 0);
+  EXPECT_THAT(Outcome("config check"), HasSubstr("in order, 3 data centres\n= 0"));
 }
 
 TEST_F(Command, NamesAnEnsembleThatIsDownAndDoesNotTakeItForAnEmptyOne) {
   Configure("down = \"127.0.0.1:1\"");
   EXPECT_THAT(Outcome("services --timeout 0"), ContainsRegex("halden: down: not read within 0 s: .*= 1"));
-  EXPECT_THAT(Outcome("get orders --timeout 0 " + kId), ContainsRegex("down: not read within 0 s: .*= 1"));
-  EXPECT_THAT(Outcome("list orders --timeout 0"),
-              ContainsRegex("down: not read completely within 0 s: .*= 1"));
-  EXPECT_THAT(
-      Outcome("doctor --timeout 0 --json"),
-      ContainsRegex("\"servers\",\"verdict\":\"failure\",\"finding\":\"0 of 1 .*: Connection refused.*= 1"));
-  EXPECT_THAT(Outcome("publish orders --dc us --host h --port 1"),
+  EXPECT_THAT(Outcome("list a --timeout 0"), ContainsRegex("down: not read completely within 0 s: .*= 1"));
+  EXPECT_THAT(Outcome("doctor --timeout 0"), ContainsRegex("failure  servers .* Connection refused.*= 1"));
+  EXPECT_THAT(Outcome("publish a --dc us --host h --port 1"),
               ContainsRegex("bad --dc 'us': .* has down\n= 2"));
-  EXPECT_THAT(Outcome("publish orders --dc down --host h --port 1 --timeout 0"),
-              ContainsRegex("^halden: down: not published within 0 s: .*\n= 1"));
+  EXPECT_THAT(Outcome("publish a --dc down --host h --port 1 --timeout 0"),
+              ContainsRegex("down: not published.*= 1"));
   EXPECT_THAT(Outcome("list orders --live"), ContainsRegex("needs a terminal.*= 2"));
   Program stopped = Start("services --timeout 60 --verbose");
   EXPECT_EQ(stopped.Read(1).size(), 1U);
@@ -140,7 +134,7 @@ TEST_F(Command, NamesAnEnsembleThatIsDownAndDoesNotTakeItForAnEmptyOne) {
 }
 
 TEST_F(Command, PublishesWhatTheOthersTell) {
-  testing::ZooKeeperServer server;
+  halden::testing::ZooKeeperServer server;
   server.Start();
   Configure("eu = \"" + server.ConnectString("/platform") + '"');
   EXPECT_THAT(Outcome("config check"), HasSubstr("in order, 1 data centre\n= 0"));
