@@ -192,10 +192,10 @@ std::shared_ptr<Connection> MakeConnection(const zr::String& hosts, const zr::St
                                       std::chrono::seconds(30), dcName);
 }
 
-HaldenFollower::HaldenFollower(const Server& server, Tally& tally)
+HaldenFollower::HaldenFollower(const std::string& hosts, Tally& tally, const zr::String& service)
     : m_observer(std::make_shared<TallyObserver>(tally)),
-      m_conn(MakeConnection(server.ConnectString())),
-      m_watcher(std::make_shared<ServiceWatcher>(m_conn, kService, nullptr)) {
+      m_conn(MakeConnection(hosts)),
+      m_watcher(std::make_shared<ServiceWatcher>(m_conn, service, nullptr)) {
   m_watcher->RegisterShared(m_observer);
   m_watcher->Start();
   m_conn->Start(nullptr);
@@ -207,9 +207,9 @@ HaldenFollower::~HaldenFollower() {
   m_watcher->UnregisterShared(m_observer);  // returns when no callback runs
 }
 
-std::shared_ptr<void> Follow(Side side, const Server& server, Tally& tally) {
-  if (side == kHalden) return std::make_shared<HaldenFollower>(server, tally);
-  auto reader = std::make_shared<RawReader>(side, server.ConnectString(), &tally);
+std::shared_ptr<void> Follow(Side side, const std::string& hosts, Tally& tally) {
+  if (side == kHalden) return std::make_shared<HaldenFollower>(hosts, tally);
+  auto reader = std::make_shared<RawReader>(side, hosts, &tally);
   reader->Begin({details::ServicePath(kService)});
   return reader;
 }

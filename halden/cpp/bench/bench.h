@@ -45,6 +45,7 @@ void BenchScale();
 void BenchServices();
 void BenchCalls();
 void BenchUpkeep();
+void BenchWan();
 
 void Require(bool condition, const char* what);
 double Median(std::vector<double> values);
@@ -130,10 +131,10 @@ class TallyObserver : public ServiceWatcherObserver {
 
 std::shared_ptr<Connection> MakeConnection(const zr::String& hosts, const zr::String& dcName = "bench");
 
-/// One service at one server, followed by the library; the session is closed with it.
+/// One service at one ensemble, followed by the library; the session is closed with it.
 class HaldenFollower {
  public:
-  HaldenFollower(const Server& server, Tally& tally);
+  HaldenFollower(const std::string& hosts, Tally& tally, const zr::String& service = kService);
   ~HaldenFollower();
 
   HaldenFollower(const HaldenFollower&) = delete;
@@ -150,6 +151,6 @@ class HaldenFollower {
 };
 
 /// Begins to follow kService at the server and tells the tally, until what it returns goes.
-std::shared_ptr<void> Follow(Side side, const Server& server, Tally& tally);
+std::shared_ptr<void> Follow(Side side, const std::string& hosts, Tally& tally);
 
 }  // namespace zr::halden::bench

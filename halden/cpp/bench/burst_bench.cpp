@@ -21,7 +21,7 @@ double Round(Side side, const Server& server, RawWriter& writer, std::vector<std
     joins.push_back(details::InstancePath(details::ServicePath(kService), MakeServiceId()));
   }
   Tally tally;
-  const auto follower = Follow(side, server, tally);
+  const auto follower = Follow(side, server.ConnectString(), tally);
   tally.Await({paths.size(), 0, 0});
   const auto start = Clock::now();
   for (std::size_t i = 0; i < kOfEachKind; ++i) {

@@ -66,7 +66,7 @@ using Figures = std::array<Percentiles, kPaces.size()>;
 
 void Round(Side side, const Server& server, RawWriter& writer, Figures& figures) {
   Tally tally;
-  const auto follower = Follow(side, server, tally);
+  const auto follower = Follow(side, server.ConnectString(), tally);
   tally.Await({kPerDataCenter, 0, 0});
   for (std::size_t pace = 0; pace < kPaces.size(); ++pace) {
     const Latencies latencies = Measure(kPaces[pace], writer, tally);

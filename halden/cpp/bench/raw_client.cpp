@@ -82,10 +82,11 @@ void RawWriter::Finish() {
   Require(done && m_error == 0, "nodes not written");
 }
 
-RawReader::RawReader(Side build, std::string hosts, Tally* tally)
+RawReader::RawReader(Side build, std::string hosts, Tally* tally, std::size_t window)
     : m_library(build == kSingle ? SingleThreadedLibrary() : ThreadedLibrary()),
       m_hosts(std::move(hosts)),
-      m_tally(tally) {}
+      m_tally(tally),
+      m_window(window) {}
 
 RawReader::~RawReader() {
   m_thread.reset();
@@ -162,7 +163,7 @@ void RawReader::Read(Instance* instance) {
 }
 
 void RawReader::SendReads() {
-  while (!m_toRead.empty() && m_outstanding < kWindow) {
+  while (!m_toRead.empty() && m_outstanding < m_window) {
     Instance* const next = m_toRead.front();
     m_toRead.pop_front();
     Read(next);

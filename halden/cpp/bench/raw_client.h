@@ -57,8 +57,11 @@ class RawWriter {
 /// After `Begin` everything runs on one thread: the client library's own, or the one given to the build without.
 class RawReader {
  public:
+  static constexpr std::size_t kWindow = 500;
+
   /// `build`: kThreaded or kSingle. `tally`: null when only the first load counts; nothing is remembered then.
-  RawReader(Side build, std::string hosts, Tally* tally);
+  /// `window`: how many requests are under way at most.
+  RawReader(Side build, std::string hosts, Tally* tally, std::size_t window = kWindow);
   ~RawReader();
 
   RawReader(const RawReader&) = delete;
@@ -96,6 +99,7 @@ class RawReader {
   const ClientLibrary& m_library;
   const std::string m_hosts;
   Tally* const m_tally;
+  const std::size_t m_window;
   zhandle_t* m_handle = nullptr;
   std::optional<HandleThread> m_thread;  // for the build that has none
 

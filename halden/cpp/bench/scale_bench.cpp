@@ -26,7 +26,7 @@ void Round(Side side, const Server& server, RawWriter& writer, std::size_t insta
   const std::string bytes = NodeBytes(200);
   Tally tally;
   const auto start = Clock::now();
-  const auto follower = Follow(side, server, tally);
+  const auto follower = Follow(side, server.ConnectString(), tally);
   size.load[side].push_back(Millis(tally.Await({instances, 0, 0}) - start).count());
   for (std::size_t i = 1; i <= kJoins; ++i) {
     const std::string path = details::InstancePath(details::ServicePath(kService), MakeServiceId());
@@ -67,7 +67,7 @@ Growth Memory(Side side, const Server& server) {
   const double resident = ResidentBytes();
   const double heap = static_cast<double>(mallinfo2().uordblks);
   Tally tally;
-  const auto follower = Follow(side, server, tally);
+  const auto follower = Follow(side, server.ConnectString(), tally);
   tally.Await({kLargest, 0, 0});
   const auto count = static_cast<double>(kLargest);
   return {(ResidentBytes() - resident) / count, (static_cast<double>(mallinfo2().uordblks) - heap) / count};
@@ -103,7 +103,7 @@ double Recovery(const ServiceWatcher& watcher, const Harm& harm) {
 /// `loads`: what reading everything takes the client library alone.
 void Recoveries(const Server& server, Sides<double> loads) {
   Tally tally;
-  HaldenFollower follower(server, tally);
+  HaldenFollower follower(server.ConnectString(), tally);
   tally.Await({kLargest, 0, 0});
   std::vector<double> dropped;
   std::vector<double> expired;

@@ -18,9 +18,10 @@ struct Part {
   void (*run)();
 };
 
-constexpr Part kParts[] = {{"load", &BenchLoad},    {"latency", &BenchLatency},   {"burst", &BenchBurst},
-                           {"scale", &BenchScale},  {"services", &BenchServices}, {"calls", &BenchCalls},
-                           {"upkeep", &BenchUpkeep}};
+constexpr Part kParts[] = {{"load", &BenchLoad},         {"latency", &BenchLatency},
+                           {"burst", &BenchBurst},       {"scale", &BenchScale},
+                           {"services", &BenchServices}, {"calls", &BenchCalls},
+                           {"upkeep", &BenchUpkeep},     {"wan", &BenchWan}};
 
 int Run(std::string_view wanted) try {
   zr::logging::SetMinimumLoggingLevel(zr::logging::ZRLOG_ERROR);  // servers are down and silent on purpose
@@ -32,7 +33,8 @@ int Run(std::string_view wanted) try {
     part.run();
   }
   if (!found)
-    fmt::print(stderr, "bench: no part {}: load, latency, burst, scale, services, calls, upkeep\n", wanted);
+    fmt::print(stderr, "bench: no part {}: load, latency, burst, scale, services, calls, upkeep, wan\n",
+               wanted);
   return found ? 0 : 2;
 } catch (const std::exception& e) {
   fmt::print(stderr, "bench: {}\n", e.what());

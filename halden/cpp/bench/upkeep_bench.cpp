@@ -20,7 +20,7 @@ void BenchAudit() {
   const Server& server = *servers.front();
   Populate(server, kService, kPerDataCenter);
   Tally tally;
-  HaldenFollower follower(server, tally);
+  HaldenFollower follower(server.ConnectString(), tally);
   tally.Await({kPerDataCenter, 0, 0});
   const AuditIntervals usual;
   follower.Watcher().SetAudit({usual.lists / faster, usual.instances / faster});
@@ -54,7 +54,7 @@ void BenchWatchersGone() {
   Populate(server, kService, 100);
   for (std::size_t i = 0; i < services; ++i) Populate(server, "service-" + std::to_string(i), 5);
   Tally tally;
-  HaldenFollower follower(server, tally);
+  HaldenFollower follower(server.ConnectString(), tally);
   tally.Await({100, 0, 0});
   const auto make = [&](const zr::String& name) {
     const auto watcher = std::make_shared<ServiceWatcher>(follower.SharedConn(), name, nullptr);
