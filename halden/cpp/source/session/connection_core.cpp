@@ -102,7 +102,7 @@ void ConnectionCore::Prepare() {
   m_sessionEnd = std::make_shared<SessionEnd>(
       Poster(),
       [this](const clientid_t& session, Epoch::SessionFunction onSession) {
-        return OpenHandle(&session, std::move(onSession));
+        return OpenHandle(&session, std::move(onSession), std::make_shared<SendWindow>());
       },
       [this] {
         ZRLOG(ZRLOG_WARNING, ConnectionLog())
@@ -142,6 +142,7 @@ PostFunction ConnectionCore::Poster() {
 // The connection's thread.
 
 Clock::time_point ConnectionCore::Await(std::vector<pollfd>& sockets) {
+  GiveTurns();
   auto end = m_sessionEnd->Await(sockets);
   const auto epoch = m_epoch;
   if (epoch) end = std::min(end, epoch->Await(sockets));
@@ -153,6 +154,15 @@ void ConnectionCore::Ready(const pollfd& socket) {
   const auto epoch = m_epoch;
   if (epoch) epoch->Ready(socket);
   m_sessionEnd->Ready(socket);
+}
+
+/// Before what was asked for is sent, all at once: so the urgent is in front.
+void ConnectionCore::GiveTurns() {
+  if (!Connected()) return;
+  for (auto room = m_bulk.window->Room(); room > 0 && !m_bulk.turns.Empty(); --room) {
+    TaskThread::RunGuarded([this] { m_bulk.turns.Serve(); });
+  }
+  if (!m_bulk.turns.Empty()) m_bulk.window->OnUsedUp();
 }
 
 void ConnectionCore::AddListener(const std::shared_ptr<ConnectionListener>& listener) {
@@ -181,7 +191,7 @@ void ConnectionCore::RemoveWatcher(const zr::String& root, const WatchRoutes::Co
 void ConnectionCore::DoStart(const std::optional<clientid_t>& session) {
   if (m_wanted) return;
   m_wanted = true;
-  m_resume = session;
+  m_opening.resume = session;
   m_backoff.Reset();
   UpdateClosed();
   Open();
@@ -189,9 +199,9 @@ void ConnectionCore::DoStart(const std::optional<clientid_t>& session) {
 
 void ConnectionCore::DoStop() {
   m_wanted = false;
-  m_awaitingAddresses = false;
+  m_opening.awaitingAddresses = false;
   const clientid_t session = KnownSession();
-  m_resume.reset();
+  m_opening.resume.reset();
   const auto epoch = EndEpoch();
   if (m_state != ConnectionState::Stopped) SetState(ConnectionState::Stopped);
   EndSession(session, epoch);
@@ -213,49 +223,52 @@ void ConnectionCore::Open() {
   if (!m_wanted || m_epoch) return;
   if (m_state != ConnectionState::Connecting) SetState(ConnectionState::Connecting);
   if (m_sessionEnd->UnderWay()) return;
-  m_awaitingAddresses = true;
+  m_opening.awaitingAddresses = true;
   if (!m_addresses->Text().empty() && m_addresses->AreNames()) {
-    Poster()(kResolveLimit, [this, attempt = m_attempt] {
-      if (m_attempt == attempt && m_awaitingAddresses) OpenResolved();
+    Poster()(kResolveLimit, [this, attempt = m_opening.attempt] {
+      if (m_opening.attempt == attempt && m_opening.awaitingAddresses) OpenResolved();
     });
   }
   m_addresses->Resolve([this](const zr::String& error) { OnResolved(error); });
 }
 
 void ConnectionCore::OnResolved(const zr::String& error) {
-  if (!m_awaitingAddresses) return;  // the watchdog gives them to a handle that looks for a server
+  if (!m_opening.awaitingAddresses) return;  // the watchdog gives them to a handle that looks for a server
   if (!error.empty()) SetError(ZSYSTEMERROR, "no host resolves: " + error);
   if (!m_addresses->Text().empty()) return OpenResolved();  // those of an earlier time are better than none
-  m_awaitingAddresses = false;
+  m_opening.awaitingAddresses = false;
   OpenLater();
 }
 
 void ConnectionCore::OpenResolved() {
-  m_awaitingAddresses = false;
+  m_opening.awaitingAddresses = false;
   if (!m_wanted || m_epoch || m_sessionEnd->UnderWay()) return;
-  m_epoch = OpenHandle(m_resume ? &*m_resume : nullptr, [this](Epoch& epoch, int state) {
+  const auto onSession = [this](Epoch& epoch, int state) {
     if (m_epoch.get() == &epoch) OnSession(state);
-  });
+  };
+  m_bulk.window = std::make_shared<SendWindow>(Trip());
+  m_epoch = OpenHandle(m_opening.resume ? &*m_opening.resume : nullptr, onSession, m_bulk.window);
   if (!m_epoch) return OpenLater();
   UpdateClosed();
   Watch(m_epoch, std::make_shared<Watchdog>());
 }
 
 void ConnectionCore::OpenLater() {
-  Poster()(m_backoff.Next(), [this, attempt = ++m_attempt] {
-    if (m_attempt == attempt) Open();
+  Poster()(m_backoff.Next(), [this, attempt = ++m_opening.attempt] {
+    if (m_opening.attempt == attempt) Open();
   });
 }
 
-std::shared_ptr<Epoch> ConnectionCore::OpenHandle(const clientid_t* resume,
-                                                  Epoch::SessionFunction onSession) {
-  auto epoch =
-      std::make_shared<Epoch>(Poster(), m_target->ensemble.chroot, std::move(onSession),
-                              [this](int type, int state, const zr::String& path) {
-                                for (const auto& context : m_routes.Find(path)) {
-                                  TaskThread::RunGuarded([&] { context->Invoke(type, state, path); });
-                                }
-                              });
+std::shared_ptr<Epoch> ConnectionCore::OpenHandle(const clientid_t* resume, Epoch::SessionFunction onSession,
+                                                  const std::shared_ptr<SendWindow>& window) {
+  auto epoch = std::make_shared<Epoch>(
+      Poster(), m_target->ensemble.chroot, std::move(onSession),
+      [this](int type, int state, const zr::String& path) {
+        for (const auto& context : m_routes.Find(path)) {
+          TaskThread::RunGuarded([&] { context->Invoke(type, state, path); });
+        }
+      },
+      window);
   const int error = epoch->Open(m_addresses->Text(), m_options.sessionTimeout, resume);
   if (error != 0) {
     SetError(ZSYSTEMERROR, "no client handle: " + std::generic_category().message(error));
@@ -272,14 +285,14 @@ std::shared_ptr<Epoch> ConnectionCore::EndEpoch() {
   m_session = {};
   m_routes.unused = 0;
   m_proven = false;
-  ++m_attempt;
+  ++m_opening.attempt;
   m_listeners.Tell([](ConnectionListener& listener) { listener.OnDisconnected(true); });
   return epoch;
 }
 
 /// A new epoch that goes on with the session, if there is one.
 void ConnectionCore::ReplaceHandle() {
-  if (m_session.client_id != 0) m_resume = m_session;
+  if (m_session.client_id != 0) m_opening.resume = m_session;
   EndEpoch()->Abandon();
   Open();
 }
@@ -350,8 +363,8 @@ void ConnectionCore::OnEstablished() {
     if (epoch != m_epoch) return;
   }
   m_session = m_epoch->Session();
-  const bool resumed = m_resume && m_resume->client_id == m_session.client_id;
-  m_resume.reset();
+  const bool resumed = m_opening.resume && m_opening.resume->client_id == m_session.client_id;
+  m_opening.resume.reset();
   m_board.CountSession(m_session.client_id, !newEpoch || resumed);
   SetState(ConnectionState::Connected);
   ZRLOG(ZRLOG_INFO, ConnectionLog()) << "connected, session_id=" << Hex{m_session.client_id}
@@ -387,7 +400,7 @@ void ConnectionCore::OnLost() {
 std::shared_ptr<Epoch> ConnectionCore::OnSessionOver(int code, ConnectionState state) {
   SetError(code,
            "session " + std::string(code == ZAUTHFAILED ? "refused: authentication failed" : "expired"));
-  m_resume.reset();
+  m_opening.resume.reset();
   if (code == ZSESSIONEXPIRED) m_board.CountExpiry();
   auto epoch = EndEpoch();
   SetState(state);

@@ -15,6 +15,7 @@
 #include "connect_string.h"
 #include "halden/connection_v2.h"
 #include "session/addresses.h"
+#include "session/bulk_turns.h"
 #include "session/epoch.h"
 #include "session/listeners.h"
 #include "session/session_end.h"
@@ -85,6 +86,10 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   const zr::String& Chroot() const { return m_target->ensemble.chroot; }
   /// Dropped without an answer while there is no epoch.
   void Submit(Request request);
+  /// Lets it make requests, in turn with others, when there is room for them and while there is a connection.
+  void AskTurn(const std::weak_ptr<BulkReader>& reader) { m_bulk.turns.Ask(reader); }
+  /// The shortest round trip lately; zero before anything is known of it.
+  Clock::duration Trip() const { return m_bulk.window->Trip(); }
   /// From here on the context is told of events of all watches at `root` and below, whoever set them.
   void AddWatcher(const zr::String& root, const WatchRoutes::ContextPtr& context) {
     m_routes.Add(root, context);
@@ -100,6 +105,19 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
     zr::String authCredential;
   };
 
+  /// Of the next epoch.
+  struct Opening {
+    bool awaitingAddresses = false;
+    std::uint64_t attempt = 0;         // a timer of an earlier one finds another number
+    std::optional<clientid_t> resume;  // the session to go on with
+  };
+  /// Requests that are many.
+  struct Bulk {
+    std::shared_ptr<SendWindow> window =
+        std::make_shared<SendWindow>();  // of the current epoch, or the last one
+    BulkTurns turns;
+  };
+
   static Target Validate(const ConnectionOptions& options);
   void Prepare();
   bool StartedOnce();
@@ -113,14 +131,16 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   void DoStop();
   void DoForceExpire();
   clientid_t KnownSession() const {
-    return m_session.client_id != 0 ? m_session : m_resume.value_or(clientid_t{});
+    return m_session.client_id != 0 ? m_session : m_opening.resume.value_or(clientid_t{});
   }
 
   void Open();
   void OnResolved(const zr::String& error);
   void OpenResolved();
   void OpenLater();
-  std::shared_ptr<Epoch> OpenHandle(const clientid_t* resume, Epoch::SessionFunction onSession);
+  std::shared_ptr<Epoch> OpenHandle(const clientid_t* resume, Epoch::SessionFunction onSession,
+                                    const std::shared_ptr<SendWindow>& window);
+  void GiveTurns();
   std::shared_ptr<Epoch> EndEpoch();
   void ReplaceHandle();
   void RaiseBarrier();
@@ -149,13 +169,12 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   std::optional<Addresses> m_addresses;
   std::shared_ptr<SessionEnd> m_sessionEnd;
   ConnectionState m_state = ConnectionState::Stopped;
-  bool m_wanted = false;             // started, and not stopped since
-  bool m_awaitingAddresses = false;  // to open the next epoch
-  std::uint64_t m_attempt = 0;       // a timer of an earlier attempt to open finds another number
+  bool m_wanted = false;  // started, and not stopped since
+  Opening m_opening;
   std::shared_ptr<Epoch> m_epoch;
-  clientid_t m_session{};              // of the current epoch; zero before it is established
-  bool m_proven = false;               // its servers cannot be outdated: a quorum has written since it began
-  std::optional<clientid_t> m_resume;  // what the next epoch resumes
+  clientid_t m_session{};  // of the current epoch; zero before it is established
+  bool m_proven = false;   // its servers cannot be outdated: a quorum has written since it began
+  Bulk m_bulk;
   Backoff m_backoff{std::chrono::milliseconds(100), std::chrono::seconds(10)};
   Listeners m_listeners;
   WatchRoutes m_routes;

@@ -17,8 +17,6 @@ namespace zr::halden::details {
 
 namespace {
 
-// Enough to keep a server busy.
-constexpr std::size_t kWindow = 500;
 // Then the connection's tasks have their turn.
 constexpr int kPacketsAtOnce = 256;
 // A library that fails at once and does not pause by itself must not take a whole processor.
@@ -35,13 +33,26 @@ void Cork(int socket, int on) {
   setsockopt(socket, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
 }
 
+/// About, of an answer on the wire.
+std::size_t SizeOf(const Reply& reply) {
+  std::size_t bytes = 90 + reply.value.size();
+  for (const auto& child : reply.children) bytes += 4 + child.size();
+  return bytes;
+}
+
+bool Reads(Request::Kind kind) {
+  return kind == Request::Kind::Get || kind == Request::Kind::GetChildren || kind == Request::Kind::Exists;
+}
+
 }  // namespace
 
-Epoch::Epoch(PostFunction post, zr::String root, SessionFunction onSession, EventFunction onEvent)
+Epoch::Epoch(PostFunction post, zr::String root, SessionFunction onSession, EventFunction onEvent,
+             std::shared_ptr<SendWindow> window)
     : m_post(std::move(post)),
       m_root(std::move(root)),
       m_onSession(std::move(onSession)),
-      m_onEvent(std::move(onEvent)) {}
+      m_onEvent(std::move(onEvent)),
+      m_window(std::move(window)) {}
 
 Epoch::~Epoch() {
   Abandon();
@@ -166,6 +177,7 @@ void Epoch::Ready(const pollfd& socket) {
     if (ConnectedNow()) {
       Flush();
     } else {
+      m_way.knocked = Clock::now();
       Process(ZOOKEEPER_WRITE);  // the connection stands, or has failed
     }
   }
@@ -178,22 +190,18 @@ clientid_t Epoch::Session() const {
 
 void Epoch::Submit(Request request) {
   if (m_life != Life::Open) return;
-  if (m_sent.size() >= kWindow) {
-    m_waiting.push_back(std::move(request));
-  } else {
-    Send(std::move(request));
-  }
-}
-
-void Epoch::Send(Request request) {
-  if (m_free.empty()) m_free.push_back(&m_slots.emplace_back(Slot{this, {}, {}, false}));
+  if (m_free.empty()) m_free.push_back(&m_slots.emplace_back(Slot{this, {}, {}, false, {}}));
   Slot* const slot = m_free.back();
   m_free.pop_back();
   slot->request = std::move(request);
-  if (m_sent.empty()) m_lastHeard = Clock::now();
+  const auto now = Clock::now();
+  if (m_sent.empty()) m_lastHeard = now;
   const auto& path = slot->request.path;
   const int code = Call(slot, slot->request.outsideChroot ? path : m_root + path);
-  if (code == ZOK) return m_sent.push_back(slot);
+  if (code == ZOK) {
+    slot->sent = m_window->OnSent(Reads(slot->request.kind), now);
+    return m_sent.push_back(slot);
+  }
   m_post(Clock::duration::zero(), [weak = weak_from_this(), slot, code] {
     const auto self = weak.lock();
     if (!self || self->m_life != Life::Open) return;
@@ -241,6 +249,7 @@ void Epoch::MissLost(const Slot& answered) {
     m_sent.pop_front();
     if (first == &answered) return;
     first->lost = true;
+    m_window->OnLost();
     Reply reply;
     reply.code = ZOPERATIONTIMEOUT;
     TaskThread::RunGuarded([&] { Complete(*first, reply); });
@@ -248,19 +257,13 @@ void Epoch::MissLost(const Slot& answered) {
   }
 }
 
-/// Whatever is thrown on the way costs that step only: the slot is free, and the next request has its turn.
+/// Whatever is thrown on the way costs that step only, and the slot is free.
 void Epoch::Complete(Slot& slot, Reply& reply) {
   const Request request = std::exchange(slot.request, Request{});
   if (!slot.lost) m_free.push_back(&slot);
   m_lastHeard = Clock::now();
   TaskThread::RunGuarded([&] {
     if (request.watch) m_watches.Count(request, m_root + request.path, reply.code);
-  });
-  TaskThread::RunGuarded([&] {
-    if (m_waiting.empty()) return;
-    Request next = std::move(m_waiting.front());
-    m_waiting.pop_front();
-    Send(std::move(next));
   });
   if (request.reply) request.reply(reply);
 }
@@ -279,7 +282,10 @@ void Epoch::OnSession(zhandle_t* /*handle*/, int type, int state, const char* /*
   const auto now = Clock::now();
   self.m_way.lost = state == ZOO_CONNECTING_STATE && now - self.m_way.since > longEnough;
   // Nothing could be answered before.
-  if (state == ZOO_CONNECTED_STATE) self.m_way.since = self.m_lastHeard = now;
+  if (state == ZOO_CONNECTED_STATE) {
+    self.m_way.since = self.m_lastHeard = now;
+    self.m_window->OnConnected(now - self.m_way.knocked);
+  }
   TaskThread::RunGuarded([&] { self.m_onSession(self, state); });
 }
 
@@ -308,6 +314,11 @@ void Epoch::Answer(const void* context, int code, const Stat* stat, const Fill& 
   if (slot.lost) return;
   self.MissLost(slot);
   if (self.m_life != Life::Open) return;
+  if (code == ZCONNECTIONLOSS || code == ZOPERATIONTIMEOUT || code == ZSESSIONEXPIRED) {
+    self.m_window->OnLost();
+  } else {
+    self.m_window->OnAnswered(slot.sent, SizeOf(reply), Clock::now());
+  }
   TaskThread::RunGuarded([&] { self.Complete(slot, reply); });
 }
 

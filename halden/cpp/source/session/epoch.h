@@ -15,6 +15,7 @@
 #include "base/task_thread.h"
 #include "session/farewell.h"
 #include "session/request.h"
+#include "session/send_window.h"
 #include "session/watch_budget.h"
 
 namespace zr::halden::details {
@@ -33,8 +34,10 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   /// The event of a watch: as of Connection::WatchFunction.
   using EventFunction = std::function<void(int type, int state, const zr::String& path)>;
 
-  /// `root`: what stands before every path; may be empty.
-  Epoch(PostFunction post, zr::String root, SessionFunction onSession, EventFunction onEvent);
+  /// `root`: what stands before every path; may be empty. `window` is told of all that is sent and answered; it is up
+  /// to those who have many requests to ask it.
+  Epoch(PostFunction post, zr::String root, SessionFunction onSession, EventFunction onEvent,
+        std::shared_ptr<SendWindow> window = std::make_shared<SendWindow>());
   ~Epoch();
 
   Epoch(const Epoch&) = delete;
@@ -63,8 +66,7 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   bool Unanswered() const { return m_handle != nullptr && zoo_state(m_handle) == ZOO_ASSOCIATING_STATE; }
   const WatchBudget& Watches() const { return m_watches; }
 
-  /// At most some hundred requests are under way at a time; the rest waits here, in order. The answer is never
-  /// given from inside this call.
+  /// The answer is never given from inside this call.
   void Submit(Request request);
   /// How long the server has owed an answer without giving any; answers come in order.
   Clock::duration Unheard() const {
@@ -77,14 +79,16 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
     Request request;
     zoo_op_result_t result;  // of a Barrier's only operation; nobody looks at it
     bool lost;               // answered without the library, which may come back to it in the close
+    SendWindow::Sent sent;
   };
   struct Way {
-    int socket = -1;           // as the library told last
-    bool full = false;         // the socket takes no more for now
-    bool lost = false;         // just now, after some time, and no other try was made yet
-    Clock::time_point since;   // connected last
-    Clock::time_point resume;  // the library is not to be asked before
-    Clock::time_point asked;   // ... and was last
+    int socket = -1;            // as the library told last
+    bool full = false;          // the socket takes no more for now
+    bool lost = false;          // just now, after some time, and no other try was made yet
+    Clock::time_point knocked;  // asked the server for a session
+    Clock::time_point since;    // connected last
+    Clock::time_point resume;   // the library is not to be asked before
+    Clock::time_point asked;    // ... and was last
   };
   /// Open -> Closing (let go of inside a call of the library) -> Closed;   Open -> Closed
   enum class Life : std::uint8_t { Open, Closing, Closed };
@@ -107,7 +111,6 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   void ReadAll();
   void TakeSocket(int socket);
 
-  void Send(Request request);
   int Call(Slot* slot, const zr::String& path);
   void MissLost(const Slot& answered);
   void Complete(Slot& slot, Reply& reply);
@@ -126,10 +129,10 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
 
   std::deque<Slot> m_slots;  // a deque: the library holds the elements' addresses
   std::vector<Slot*> m_free;
-  std::deque<Request> m_waiting;
   std::deque<Slot*> m_sent;       // without an answer, in order
   Clock::time_point m_lastHeard;  // the last answer, or request when none was outstanding
   WatchBudget m_watches;
+  const std::shared_ptr<SendWindow> m_window;
 };
 
 }  // namespace zr::halden::details

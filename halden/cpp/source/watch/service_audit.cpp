@@ -55,7 +55,7 @@ void ServiceReader::AuditList() {
     return ReadService();
   }
   m_partitions[at].list.audited = true;
-  ReadPartition(static_cast<std::uint8_t>(at));
+  ReadPartition(static_cast<std::uint8_t>(at), Haste::Now);
 }
 
 void ServiceReader::AuditInstance() {
@@ -86,7 +86,7 @@ void ServiceReader::OnInstanceAudited(const ServiceId& id, const Reply& reply) {
   } else if (action == ErrorAction::Done &&
              m_delivery->Seen(id) != NodeVersion{reply.stat.czxid, reply.stat.mzxid}) {
     ReportDrift(InstancePath(m_path, id));
-    ReadInstance(id);
+    ReadInstance(id, Haste::Now);
   }
 }
 

@@ -13,9 +13,6 @@ namespace zr::halden::details {
 
 namespace {
 
-// Refilled when half of it is answered: enough to keep a server busy meanwhile. What other watchers of the
-// connection ask for waits behind it in line.
-constexpr std::size_t kInstanceWindow = 480;
 constexpr std::size_t kMaxOddNames = 1000;
 
 /// All clients of an ensemble come back together when it does. What they have is served meanwhile: so a service that is
@@ -92,8 +89,7 @@ void ServiceReader::ForgetReads() {
     partition.listed = false;
     for (auto& [id, instance] : partition.instances) forget(instance.read);
   }
-  m_toRead.clear();
-  m_instanceReads = 0;
+  m_toRead = {};
   m_fullRead = false;
   m_readAll = true;
 }
@@ -113,7 +109,7 @@ void ServiceReader::OnWatch(int type, const zr::String& path) {
   if (rest.empty()) return ReadService();
   const auto partition = ParsePartition(rest.substr(1, 2));
   if (!partition) return;
-  if (rest.size() == 3) return ReadPartition(*partition);
+  if (rest.size() == 3) return ReadPartition(*partition, Haste::Now);
   const auto id = ParseServiceId(rest.substr(4));
   if (!id) return;
   auto& instances = m_partitions[*partition].instances;
@@ -123,7 +119,7 @@ void ServiceReader::OnWatch(int type, const zr::String& path) {
     RemoveInstance(*id);
     FinishIfComplete();
   } else {
-    ReadInstance(*id);
+    ReadInstance(*id, Haste::Now);
   }
 }
 
@@ -156,7 +152,7 @@ void ServiceReader::OnSync(const Reply& reply) {
     ReadService();
   }
   ReadDirty();
-  SendInstanceReads();  // what waited through a lost connection
+  if (!m_toRead.Empty()) m_core->AskTurn(weak_from_this());  // what waited through a lost connection
   FinishIfComplete();
 }
 
@@ -165,9 +161,9 @@ void ServiceReader::ReadDirty() {
   if (m_service.read.dirty) ReadService();
   for (std::size_t i = 0; i < kPartitions && m_ledger.Dirty() != 0; ++i) {
     Partition& partition = m_partitions[i];
-    if (partition.list.read.dirty) ReadPartition(static_cast<std::uint8_t>(i));
+    if (partition.list.read.dirty) ReadPartition(static_cast<std::uint8_t>(i), UsualHaste());
     for (const auto& [id, instance] : partition.instances) {
-      if (instance.read.dirty) ReadInstance(id);
+      if (instance.read.dirty) ReadInstance(id, UsualHaste());
     }
   }
 }
@@ -215,7 +211,7 @@ void ServiceReader::OnServiceListed(const Reply& reply) {
       // One that is being read answers for itself: it may have been created since.
       if (!m_partitions[i].list.read.reading) OnPartitionAbsent(number);
     } else if (!m_partitions[i].listed) {
-      ReadPartition(number);
+      ReadPartition(number, UsualHaste());
     }
   }
 }
@@ -235,8 +231,14 @@ void ServiceReader::OnServiceAwaited(const Reply& reply) {
   FinishIfComplete();
 }
 
-void ServiceReader::ReadPartition(std::uint8_t number) {
+void ServiceReader::ReadPartition(std::uint8_t number, Haste haste) {
   if (!m_ledger.Begin(m_partitions[number].list.read)) return;
+  if (haste == Haste::Now) return SendPartitionRead(number);
+  if (m_toRead.Empty()) m_core->AskTurn(weak_from_this());
+  m_toRead.lists.push_back(number);
+}
+
+void ServiceReader::SendPartitionRead(std::uint8_t number) {
   Submit(Request::Kind::GetChildren, PartitionPath(m_path, number), true,
          [number](ServiceReader& self, Reply& reply) { self.OnPartition(number, reply); });
 }
@@ -245,7 +247,7 @@ void ServiceReader::OnPartition(std::uint8_t number, Reply& reply) {
   Partition& partition = m_partitions[number];
   if (!m_ledger.End(partition.list.read)) {
     partition.list.audited = false;
-    return ReadPartition(number);
+    return ReadPartition(number, Haste::Now);
   }
   switch (ActionFor(reply.code)) {
     case ErrorAction::Done:
@@ -276,7 +278,7 @@ void ServiceReader::OnPartitionListed(std::uint8_t number, const Reply& reply) {
     }
     const auto [entry, isNew] = partition.instances.try_emplace(*id);
     entry->second.listing = partition.listing;
-    if (isNew || firstInEpoch) ReadInstance(*id);
+    if (isNew || firstInEpoch) ReadInstance(*id, UsualHaste());
   }
   RemoveUnread(partition, [&partition](const Instance& one) { return one.listing != partition.listing; });
 }
@@ -297,28 +299,37 @@ void ServiceReader::RemoveUnread(Partition& partition, const std::function<bool(
   for (const auto& id : gone) RemoveInstance(id);
 }
 
-void ServiceReader::ReadInstance(const ServiceId& id) {
+void ServiceReader::ReadInstance(const ServiceId& id, Haste haste) {
   if (!m_ledger.Begin(m_partitions[PartitionOf(id)].instances[id].read)) return;
-  m_toRead.push_back(id);
-  SendInstanceReads();
+  if (haste == Haste::Now) return SendInstanceRead(id);
+  if (m_toRead.Empty()) m_core->AskTurn(weak_from_this());
+  m_toRead.instances.push_back(id);
 }
 
-/// By the half window, so that requests and answers come in batches.
-void ServiceReader::SendInstanceReads() {
-  if (m_instanceReads > kInstanceWindow / 2) return;
-  while (m_phase != Phase::Away && !m_toRead.empty() && m_instanceReads < kInstanceWindow) {
-    const ServiceId id = m_toRead.front();
-    m_toRead.pop_front();
-    ++m_instanceReads;
-    Submit(Request::Kind::Get, InstancePath(m_path, id), true,
-           [id](ServiceReader& self, Reply& reply) { self.OnInstance(id, reply); });
-  }
+void ServiceReader::SendInstanceRead(const ServiceId& id) {
+  Submit(Request::Kind::Get, InstancePath(m_path, id), true,
+         [id](ServiceReader& self, Reply& reply) { self.OnInstance(id, reply); });
+}
+
+bool ServiceReader::SendNext() {
+  if (m_phase == Phase::Away || m_phase == Phase::Waiting || m_toRead.Empty()) return false;
+  Guarded([this] {
+    if (!m_toRead.lists.empty()) {
+      const auto number = m_toRead.lists.front();
+      m_toRead.lists.pop_front();
+      SendPartitionRead(number);
+    } else {
+      const ServiceId id = m_toRead.instances.front();
+      m_toRead.instances.pop_front();
+      SendInstanceRead(id);
+    }
+  });
+  return !m_toRead.Empty();
 }
 
 void ServiceReader::OnInstance(const ServiceId& id, Reply& reply) {
-  --m_instanceReads;
   ReadState& state = m_partitions[PartitionOf(id)].instances[id].read;
-  if (!m_ledger.End(state)) return ReadInstance(id);
+  if (!m_ledger.End(state)) return ReadInstance(id, Haste::Now);
   switch (ActionFor(reply.code)) {
     case ErrorAction::Done:
       state.toldRefused = false;
@@ -330,7 +341,6 @@ void ServiceReader::OnInstance(const ServiceId& id, Reply& reply) {
     default:
       Fail(state, reply.code, InstancePath(m_path, id), true);
   }
-  SendInstanceReads();
   FinishIfComplete();
 }
 

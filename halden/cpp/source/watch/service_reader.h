@@ -40,7 +40,9 @@ namespace zr::halden::details {
 /// Threads: everything on the connection's thread, except construction, `Start` and `Stop`.
 /// Ownership: shared by the watcher and, for its time, a posted task; requests, timers and watches hold it
 /// weakly. Not to be made with std::make_shared: its memory would stay for as long as one of those.
-class ServiceReader final : public ConnectionListener, public std::enable_shared_from_this<ServiceReader> {
+class ServiceReader final : public ConnectionListener,
+                            public BulkReader,
+                            public std::enable_shared_from_this<ServiceReader> {
  public:
   ServiceReader(std::shared_ptr<ConnectionCore> core, const zr::String& service,
                 std::shared_ptr<WatcherDelivery> delivery);
@@ -56,6 +58,7 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   void OnDisconnected(bool epochOver) override;
   void OnSessionError(int code) override;
   void OnStateChanged() override;
+  bool SendNext() override;
 
  private:
   ///   Away -> Waiting | Syncing                 connected; a known service is read anew only after a while
@@ -65,6 +68,9 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   enum class Phase : std::uint8_t { Away, Waiting, Syncing, Following };
   /// Usual -> Doubtful (something read is older than known) -> Proven (a barrier has passed)
   enum class Trust : std::uint8_t { Usual, Doubtful, Proven };
+
+  /// Now: before all that waits. Bulk: in its turn, as the connection has room.
+  enum class Haste : std::uint8_t { Now, Bulk };
 
   struct Instance {
     ReadState read;
@@ -82,6 +88,12 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
     bool listed = false;  // in this epoch: its child watch is set
     std::uint8_t listing = 0;
     std::unordered_map<ServiceId, Instance, ServiceIdHash> instances;
+  };
+  /// What is to be read in its turn.
+  struct ReadQueue {
+    std::deque<std::uint8_t> lists;  // first: they tell of more to read
+    std::deque<ServiceId> instances;
+    bool Empty() const { return lists.empty() && instances.empty(); }
   };
   struct Retry {
     Backoff backoff;
@@ -108,14 +120,15 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   void AwaitService();
   void OnServiceAwaited(const Reply& reply);
 
-  void ReadPartition(std::uint8_t number);
+  void ReadPartition(std::uint8_t number, Haste haste);
+  void SendPartitionRead(std::uint8_t number);
   void OnPartition(std::uint8_t number, Reply& reply);
   void OnPartitionListed(std::uint8_t number, const Reply& reply);
   void OnPartitionAbsent(std::uint8_t number);
   void RemoveUnread(Partition& partition, const std::function<bool(const Instance&)>& isGone);
 
-  void ReadInstance(const ServiceId& id);
-  void SendInstanceReads();
+  void ReadInstance(const ServiceId& id, Haste haste);
+  void SendInstanceRead(const ServiceId& id);
   void OnInstance(const ServiceId& id, Reply& reply);
   void OnInstanceData(const ServiceId& id, const Reply& reply);
   void RemoveInstance(const ServiceId& id);
@@ -134,6 +147,8 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   void ScheduleRetry(Retry& retry);
   /// Connected, and nothing is being read.
   bool IsAtRest() const { return m_phase == Phase::Following && !m_readAll && m_ledger.Pending() == 0; }
+  /// Of what a list or a failure asks for: a few are read at once.
+  Haste UsualHaste() const { return m_fullRead || m_ledger.Pending() > kFew ? Haste::Bulk : Haste::Now; }
   void FinishIfComplete();
   void ForgetReads();
   void StartOver() noexcept;
@@ -160,6 +175,8 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
     }
   }
 
+  static constexpr std::size_t kFew = 256;
+
   // Constant after construction.
   const std::shared_ptr<ConnectionCore> m_core;
   const std::shared_ptr<WatcherDelivery> m_delivery;
@@ -177,8 +194,7 @@ class ServiceReader final : public ConnectionListener, public std::enable_shared
   ReadLedger m_ledger;
   List m_service;
   std::array<Partition, kPartitions> m_partitions;
-  std::deque<ServiceId> m_toRead;   // instances whose read waits for its turn
-  std::size_t m_instanceReads = 0;  // under way
+  ReadQueue m_toRead;
   Retry m_retry{{std::chrono::milliseconds(100), std::chrono::seconds(10)}};
   // Apart from the other: a node that is refused for good must not slow down the rest.
   Retry m_refusedRetry{{std::chrono::seconds(1), std::chrono::seconds(30)}};
