@@ -28,7 +28,7 @@ class EnsembleReader::Inbox final : public details::ConnectionListener {
     return function(*this);
   }
 
-  void OnConnected(bool /*newEpoch*/) override {
+  void OnConnected(details::Arrival /*arrival*/) override {
     Change([](Inbox& inbox) { inbox.connected = true; });
   }
   /// No answer will come any more, or an error: either way the questions are asked again.

@@ -1,6 +1,7 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "publish/publisher_core.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "base/log_sources.h"
@@ -67,7 +68,7 @@ void PublisherCore::TakeWish(std::optional<std::string> bytes, std::uint64_t num
   Wake();
 }
 
-void PublisherCore::OnConnected(bool /*newEpoch*/) {
+void PublisherCore::OnConnected(Arrival /*arrival*/) {
   m_rivalry.OnConnected();
   m_pause.Reset();
   Wake();
@@ -75,6 +76,7 @@ void PublisherCore::OnConnected(bool /*newEpoch*/) {
 
 void PublisherCore::OnDisconnected(bool epochOver) {
   m_node.Doubt();
+  if (epochOver) m_early.underWay = m_early.awaited = false;  // no answer will come
   if (epochOver && m_core->SessionGoesOn()) m_node.OnHandleReplaced();
   if (epochOver && !m_core->SessionGoesOn()) {
     m_node.OnSessionOver();
@@ -160,7 +162,7 @@ void PublisherCore::Pause(Clock::duration delay) {
   m_node.Doubt();
   if (!m_core->Connected()) return SetPhase(PublisherPhase::Disconnected);
   SetPhase(PublisherPhase::BackingOff);
-  m_core->PostAfter(delay, [weak = weak_from_this(), number = m_pause.Begin()] {
+  m_core->PostAfter(std::max(delay, m_core->Trip()), [weak = weak_from_this(), number = m_pause.Begin()] {
     const auto self = weak.lock();
     if (self && self->m_phase == PublisherPhase::BackingOff && self->m_pause.IsLast(number)) self->Step();
   });

@@ -46,7 +46,7 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   bool AwaitAbsent(std::chrono::milliseconds limit) const { return m_board.AwaitAbsent(limit); }
   const ServiceId& Id() const { return m_id; }
 
-  void OnConnected(bool newEpoch) override;
+  void OnConnected(Arrival arrival) override;
   void OnDisconnected(bool epochOver) override;
   void OnSessionError(int code) override { m_board.SetError(code); }
 
@@ -69,6 +69,8 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   // Exchanges, and their answers.
   void Send(PublisherPhase phase, Request request, ReplyFunction onReply);
   void Look();
+  void LookBehind();
+  void OnLookedBehind(Reply& reply, std::uint64_t number);
   void OnLooked(Reply& reply);
   void Create();
   void OnCreated(const Reply& reply);
@@ -89,6 +91,13 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   void OnForeign();
   void SetConflict(const zr::String& rival);
 
+  /// A look that was asked for with the write before it, whose answer decides whether it counts.
+  struct EarlyLook {
+    std::uint64_t number = 0;  // of the last one
+    bool underWay = false;
+    bool awaited = false;  // the write was done: it is the look of the phase Looking
+  };
+
   // Constant after construction.
   const std::shared_ptr<ConnectionCore> m_core;
   const std::shared_ptr<PathClaims> m_claims;
@@ -104,6 +113,7 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   std::uint64_t m_wishNumber = 0;
   PublisherPhase m_phase = PublisherPhase::Absent;
   KnownNode m_node;
+  EarlyLook m_early;
   Rivalry m_rivalry;
   RetryPause m_pause;
   std::shared_ptr<PublisherCore> m_self;  // from the publisher's end until the node is gone

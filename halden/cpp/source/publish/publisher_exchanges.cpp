@@ -62,9 +62,37 @@ void PublisherCore::Send(PublisherPhase phase, Request request, ReplyFunction on
 /// sync where it is not certain that this server has seen our own last write: what it does not know of would
 /// pass for absent.
 void PublisherCore::Look() {
+  if (m_node.What() == KnownNode::Kind::Held && m_early.underWay) {
+    m_early.awaited = true;
+    return SetPhase(PublisherPhase::Looking);
+  }
+  m_early.awaited = false;
   if (m_node.What() != KnownNode::Kind::Held) m_core->Submit({.kind = Request::Kind::Sync, .path = m_path});
   Request request{.kind = Request::Kind::Get, .path = m_path, .watch = m_wish.has_value()};
   Send(PublisherPhase::Looking, std::move(request), [this](Reply& reply) { OnLooked(reply); });
+}
+
+/// Right behind a write: its answer comes with that of the write, and not a round trip later.
+void PublisherCore::LookBehind() {
+  Request request{.kind = Request::Kind::Get, .path = m_path, .watch = true};
+  request.reply = [self = shared_from_this(), number = ++m_early.number](Reply& reply) {
+    self->OnLookedBehind(reply, number);
+  };
+  m_core->Submit(std::move(request));
+  m_early.underWay = true;
+  m_early.awaited = false;
+}
+
+void PublisherCore::OnLookedBehind(Reply& reply, std::uint64_t number) {
+  if (number != m_early.number) return;
+  m_early.underWay = false;
+  if (!std::exchange(m_early.awaited, false) || m_phase != PublisherPhase::Looking) return;
+  try {
+    OnLooked(reply);
+  } catch (...) {
+    GiveUpExchange();
+    throw;
+  }
 }
 
 void PublisherCore::OnLooked(Reply& reply) {
@@ -94,6 +122,7 @@ Request PublisherCore::Creation() {
 
 void PublisherCore::Create() {
   Send(PublisherPhase::Creating, Creation(), [this](const Reply& reply) { OnCreated(reply); });
+  LookBehind();
 }
 
 void PublisherCore::OnCreated(const Reply& reply) {
@@ -127,6 +156,7 @@ void PublisherCore::CreateWithParents() {
   }
   Send(PublisherPhase::CreatingWithParents, Creation(),
        [this, error](const Reply& reply) { OnCreatedWithParents(reply, *error); });
+  LookBehind();
 }
 
 void PublisherCore::OnCreatedWithParents(const Reply& reply, int parentsError) {
@@ -159,6 +189,7 @@ void PublisherCore::Write() {
   request.version = m_node.Version();
   m_node.OnWriteBegun();
   Send(PublisherPhase::Writing, std::move(request), [this](const Reply& reply) { OnWritten(reply); });
+  LookBehind();
 }
 
 void PublisherCore::OnWritten(const Reply& reply) {

@@ -167,7 +167,7 @@ void ConnectionCore::GiveTurns() {
 
 void ConnectionCore::AddListener(const std::shared_ptr<ConnectionListener>& listener) {
   m_listeners.Add(listener);
-  if (Connected()) listener->OnConnected(true);
+  if (Connected()) listener->OnConnected(Arrival::NewHandle);
   listener->OnStateChanged();  // it may have been asked before it heard
 }
 
@@ -250,7 +250,7 @@ void ConnectionCore::OpenResolved() {
   m_epoch = OpenHandle(m_opening.resume ? &*m_opening.resume : nullptr, onSession, m_bulk.window);
   if (!m_epoch) return OpenLater();
   UpdateClosed();
-  Watch(m_epoch, std::make_shared<Watchdog>());
+  Watch(m_epoch, std::make_shared<Watchdog>(m_opening.unanswered));
 }
 
 void ConnectionCore::OpenLater() {
@@ -303,7 +303,7 @@ void ConnectionCore::Watch(const std::weak_ptr<Epoch>& epoch, const std::shared_
     if (!current || current != m_epoch) return;
     if (Connected())
       m_backoff.Reset();  // not at once: a session can be refused right after it is established
-    Act(watchdog->Look({m_state, current->Unanswered(), current->Unheard(), current->Timeout()}));
+    Act(watchdog->Look({m_state, current->Unanswered(), current->Unheard(), current->Timeout(), Trip()}));
     if (current != m_epoch) return;
     // The library compares lists of servers loosely, and drops what is under way: a new handle takes the new ones.
     if (!Connected() && current->Addresses() != m_addresses->Text()) return ReplaceHandle();
@@ -328,6 +328,7 @@ void ConnectionCore::Act(Watchdog::Verdict verdict) {
         m_addresses->Resolve([this](const zr::String& error) { OnResolved(error); });
       return;
     case V::ReplaceUnanswered:
+      ++m_opening.unanswered;
       return replace("a server does not answer");
     case V::ReplaceRefused:
       return replace("no server has taken the session back within its timeout");
@@ -369,9 +370,11 @@ void ConnectionCore::OnEstablished() {
   SetState(ConnectionState::Connected);
   ZRLOG(ZRLOG_INFO, ConnectionLog()) << "connected, session_id=" << Hex{m_session.client_id}
                                      << ", dc_name=" << m_options.dcName;
-  m_proven = m_proven || (newEpoch && !resumed);
+  const auto arrival = !newEpoch ? Arrival::SameHandle : resumed ? Arrival::NewHandle : Arrival::NewSession;
+  m_proven = m_proven || arrival == Arrival::NewSession;
+  m_opening.unanswered = 0;
   if (!m_proven) RaiseBarrier();
-  m_listeners.Tell([newEpoch](ConnectionListener& listener) { listener.OnConnected(newEpoch); });
+  m_listeners.Tell([arrival](ConnectionListener& listener) { listener.OnConnected(arrival); });
 }
 
 /// A handle that went on shows servers what it has seen, and a new session was written by a quorum. But a new handle
@@ -416,7 +419,7 @@ void ConnectionCore::EndSession(const clientid_t& session, const std::shared_ptr
   auto farewell = epoch ? epoch->Close() : nullptr;
   if (session.client_id != 0) {
     m_self = shared_from_this();
-    m_sessionEnd->Begin(session, std::move(farewell));
+    m_sessionEnd->Begin(session, std::move(farewell), Trip());
   }
   UpdateClosed();
 }

@@ -2,19 +2,25 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <vector>
 
 namespace zr::halden::details {
+
+/// How a connection has come to be.
+///   NewSession   the session was created just now, and its server is up to date; no watch is set, nothing is under way
+///   NewHandle    nothing is set or under way either, but the session is older
+///   SameHandle   the handle went on, with its watches
+enum class Arrival : std::uint8_t { NewSession, NewHandle, SameHandle };
 
 /// What works through a connection. Called on the connection's thread, in the order things happened.
 class ConnectionListener {
  public:
   virtual ~ConnectionListener() = default;
 
-  /// Requests can be made. `newEpoch`: the handle is new, so that no watch is set and no request is under
-  /// way; else the handle went on, with its watches.
-  virtual void OnConnected(bool newEpoch) = 0;
+  /// Requests can be made.
+  virtual void OnConnected(Arrival arrival) = 0;
   /// Requests cannot be made for now. `epochOver`: the handle goes away, and with it every watch and every
   /// request; no answer will come. Else requests under way are answered with an error.
   virtual void OnDisconnected(bool epochOver) = 0;

@@ -73,7 +73,7 @@ void SendWindow::TakeRate(double rate, bool usedUp) {
     ++m_flat;
   }
   if (m_flat > static_cast<int>(m_rates.size())) m_grownTo = best;  // it may have shrunk, and grow again
-  const double share = m_flat < kRoundsToBeSure ? 2 : 1.25;
+  const double share = m_flat < kRoundsToBeSure ? 3 : 1.25;
   const double wanted = share * best * Seconds(m_trip) + Slack();
   m_size = std::clamp(std::min(wanted, kMostGrowth * m_size), kLeast, kMost);
 }

@@ -16,7 +16,7 @@ namespace zr::halden::details {
 ///
 /// It goes by rounds: one ends when all that was under way at its beginning is answered. The rate of answers of the best
 /// of the last rounds, times the shortest round trip, is what the way holds. A round in which the window was not used up
-/// says nothing against a better one before it. While the rate still grows the window is twice that. So it doubles in
+/// says nothing against a better one before it. While the rate still grows the window is thrice that. So it grows so in
 /// each round trip at least; and where answers come so close together that the way must hold far more, at once.
 ///
 /// Threads: the connection's.

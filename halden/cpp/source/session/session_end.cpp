@@ -7,8 +7,9 @@ namespace zr::halden::details {
 
 namespace {
 
-constexpr std::chrono::seconds kAnswerLimit{2};
-constexpr std::chrono::seconds kTakeUpLimit{2};
+// And the trips of a connection, a session and an answer behind others.
+constexpr std::chrono::seconds kPatience{2};
+constexpr int kTrips = 4;
 constexpr int kTries = 3;
 
 }  // namespace
@@ -20,8 +21,8 @@ SessionEnd::SessionEnd(PostFunction post, OpenFunction open, std::function<void(
       m_failed(std::move(failed)),
       m_done(std::move(done)) {}
 
-void SessionEnd::Begin(const clientid_t& session, std::unique_ptr<Farewell> farewell) {
-  m_waiting.push_back({session, std::move(farewell)});
+void SessionEnd::Begin(const clientid_t& session, std::unique_ptr<Farewell> farewell, Clock::duration trip) {
+  m_waiting.push_back({session, std::move(farewell), trip});
   if (m_state == State::Idle) Next();
 }
 
@@ -36,6 +37,7 @@ void SessionEnd::Next() {
     return m_done();
   }
   m_session = m_waiting.front().id;
+  m_patience = kPatience + kTrips * m_waiting.front().trip;
   auto farewell = std::move(m_waiting.front().farewell);
   m_waiting.pop_front();
   farewell ? AwaitAnswer(std::move(farewell)) : TakeUp();
@@ -45,7 +47,7 @@ void SessionEnd::AwaitAnswer(std::unique_ptr<Farewell> farewell) {
   m_state = State::AwaitingAnswer;
   m_epoch.reset();
   m_farewell = std::move(farewell);
-  After(kAnswerLimit, &SessionEnd::TakeUp);
+  After(m_patience, &SessionEnd::TakeUp);
 }
 
 void SessionEnd::TakeUp() {
@@ -57,7 +59,7 @@ void SessionEnd::TakeUp() {
     if (self && self->m_epoch.get() == &epoch) self->OnTakenUp(state);
   });
   if (!m_epoch) return Fail();
-  After(kTakeUpLimit, &SessionEnd::TakeUp);  // it may have begun with a server that is out of reach
+  After(m_patience, &SessionEnd::TakeUp);  // it may have begun with a server that is out of reach
 }
 
 /// The handle is not closed from inside what it tells.

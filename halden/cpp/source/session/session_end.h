@@ -35,8 +35,8 @@ class SessionEnd final : public std::enable_shared_from_this<SessionEnd> {
   /// `failed`: a session was left to its timeout. `done`: none is being ended any more.
   SessionEnd(PostFunction post, OpenFunction open, std::function<void()> failed, std::function<void()> done);
 
-  /// `farewell`: from the session's own handle, if it could ask.
-  void Begin(const clientid_t& session, std::unique_ptr<Farewell> farewell);
+  /// `farewell`: from the session's own handle, if it could ask. `trip`: how far servers are, as far as is known.
+  void Begin(const clientid_t& session, std::unique_ptr<Farewell> farewell, Clock::duration trip);
   bool UnderWay() const { return m_state != State::Idle; }
 
   // As TaskThread::Sockets.
@@ -48,6 +48,7 @@ class SessionEnd final : public std::enable_shared_from_this<SessionEnd> {
   struct Session {
     clientid_t id;
     std::unique_ptr<Farewell> farewell;
+    Clock::duration trip;
   };
   using Step = void (SessionEnd::*)();
 
@@ -67,6 +68,7 @@ class SessionEnd final : public std::enable_shared_from_this<SessionEnd> {
   State m_state = State::Idle;
   std::deque<Session> m_waiting;  // for their turn
   clientid_t m_session{};         // being ended
+  Clock::duration m_patience{};   // how long its servers are waited for
   int m_tries = 0;
   std::unique_ptr<Farewell> m_farewell;  // while AwaitingAnswer
   std::shared_ptr<Epoch> m_epoch;        // while TakingUp

@@ -8,7 +8,7 @@ Watchdog::Verdict Watchdog::Look(const Sight& sight) {
   constexpr unsigned firstReport = 6;
   constexpr unsigned reportRounds = 60;
   constexpr unsigned resolveRounds = 5;
-  constexpr unsigned unansweredRounds = 2;
+  const auto unansweredRounds = m_patience * (2 + static_cast<unsigned>(4 * sight.trip / kPeriod));
   if (sight.state == ConnectionState::Connected) {
     m_roundsAway = 0;
     m_roundsUnanswered = 0;

@@ -1,6 +1,7 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 
 #include "base/task_thread.h"
@@ -33,12 +34,17 @@ class Watchdog {
     bool unanswered;                    ///< a server has taken the connection and not answered yet
     Clock::duration unheard;            ///< since when an answer is owed
     std::chrono::milliseconds timeout;  ///< of the session
+    Clock::duration trip;               ///< shortest round trip; zero where it is not known
   };
+
+  /// `unanswered`: handles in a row that were given up for a silent server: the way may be longer than was thought.
+  explicit Watchdog(unsigned unanswered) : m_patience(1U << std::min(unanswered, 4U)) {}
 
   /// Once in each period.
   Verdict Look(const Sight& sight);
 
  private:
+  const unsigned m_patience;
   unsigned m_roundsAway = 0;        // without a connection
   unsigned m_roundsUnanswered = 0;  // of those, in a row, with a server that does not answer
 };

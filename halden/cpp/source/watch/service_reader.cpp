@@ -14,6 +14,9 @@ namespace zr::halden::details {
 namespace {
 
 constexpr std::size_t kMaxOddNames = 1000;
+constexpr std::chrono::milliseconds kAtOnce{1};
+// From here on to ask for a list that may be absent costs less than to wait for the list that names it.
+constexpr std::chrono::milliseconds kFar{15};
 
 /// All clients of an ensemble come back together when it does. What they have is served meanwhile: so a service that is
 /// known is read anew at some moment of a time that grows with its size.
@@ -54,18 +57,21 @@ void ServiceReader::Stop() {
   });
 }
 
-void ServiceReader::OnConnected(bool newEpoch) {
-  if (newEpoch) {
+void ServiceReader::OnConnected(Arrival arrival) {
+  if (arrival != Arrival::SameHandle) {
     m_readAll = true;
     m_trust = Trust::Usual;
   }
   m_phase = Phase::Waiting;
+  const auto delay = m_readAll ? Spread(m_delivery->KnownBefore()) : Clock::duration::zero();
+  m_upToDate = arrival == Arrival::NewSession && delay < kAtOnce;
   // Also after a reconnect: its answer comes behind the events of all that was missed meanwhile.
-  SyncAfter(m_readAll ? Spread(m_delivery->KnownBefore()) : Clock::duration::zero());
+  SyncAfter(delay);
 }
 
 void ServiceReader::OnDisconnected(bool epochOver) {
   m_phase = Phase::Away;
+  m_upToDate = false;
   m_delivery->MarkStale();
   if (epochOver) ForgetReads();
 }
@@ -124,36 +130,48 @@ void ServiceReader::OnWatch(int type, const zr::String& path) {
 }
 
 void ServiceReader::SyncAfter(Clock::duration delay) {
-  if (delay < std::chrono::milliseconds(1)) return Sync();
+  if (delay < kAtOnce) return Sync();
   m_core->PostAfter(delay, [weak = weak_from_this()] {
     const auto self = weak.lock();
     if (self && self->m_phase == Phase::Waiting) self->Sync();
   });
 }
 
+/// Answers come in order: so what is behind the sync is asked for with it, and believed once the sync was answered well.
 void ServiceReader::Sync() {
   if (m_phase == Phase::Away || m_phase == Phase::Syncing) return;
-  m_phase = Phase::Syncing;
-  Submit(m_trust == Trust::Doubtful ? Request::Kind::Barrier : Request::Kind::Sync, m_path, false,
-         [](ServiceReader& self, const Reply& reply) { self.OnSync(reply); });
-}
-
-void ServiceReader::OnSync(const Reply& reply) {
-  if (m_phase != Phase::Syncing) return;
-  const ErrorAction action = ActionFor(reply.code);
-  if (action == ErrorAction::AwaitSession || action == ErrorAction::Retry) {
-    m_phase = Phase::Waiting;
-    return ScheduleRetry(m_retry);
+  if (std::exchange(m_upToDate, false) && m_trust != Trust::Doubtful) {
+    m_phase = Phase::Following;
+  } else {
+    const bool barrier = m_trust == Trust::Doubtful;
+    m_phase = Phase::Syncing;
+    Submit(barrier ? Request::Kind::Barrier : Request::Kind::Sync, m_path, false,
+           [barrier](ServiceReader& self, const Reply& reply) { self.OnSync(reply, barrier); });
   }
-  m_phase = Phase::Following;
-  if (m_trust == Trust::Doubtful) m_trust = Trust::Proven;
-  if (std::exchange(m_readAll, false)) {
-    m_fullRead = true;
-    ReadService();
-  }
+  if (std::exchange(m_readAll, false)) ReadAll();
   ReadDirty();
   if (!m_toRead.Empty()) m_core->AskTurn(weak_from_this());  // what waited through a lost connection
   FinishIfComplete();
+}
+
+/// What comes behind an answer that says nothing is dropped.
+void ServiceReader::OnSync(const Reply& reply, bool barrier) {
+  if (m_phase != Phase::Syncing) return;
+  const ErrorAction action = ActionFor(reply.code);
+  if (action == ErrorAction::AwaitSession || action == ErrorAction::Retry) return StartOver();
+  m_phase = Phase::Following;
+  if (barrier) m_trust = Trust::Proven;
+  FinishIfComplete();
+}
+
+/// Of a service that is known, and of one that is far, the lists of partitions are asked for with the one that names them.
+void ServiceReader::ReadAll() {
+  m_fullRead = true;
+  ReadService();
+  const bool all = m_delivery->KnownBefore() == 0 && m_core->Trip() > kFar;
+  for (std::size_t i = 0; i < kPartitions; ++i) {
+    if (all || !m_partitions[i].instances.empty()) ReadPartition(static_cast<std::uint8_t>(i), Haste::Bulk);
+  }
 }
 
 void ServiceReader::ReadDirty() {
@@ -210,7 +228,7 @@ void ServiceReader::OnServiceListed(const Reply& reply) {
     if (!present[i]) {
       // One that is being read answers for itself: it may have been created since.
       if (!m_partitions[i].list.read.reading) OnPartitionAbsent(number);
-    } else if (!m_partitions[i].listed) {
+    } else if (!m_partitions[i].listed && !m_partitions[i].list.read.reading) {  // its answer will be newer
       ReadPartition(number, UsualHaste());
     }
   }
@@ -399,17 +417,18 @@ void ServiceReader::Fail(ReadState& state, int code, const zr::String& path, boo
 /// `retry` is a member.
 void ServiceReader::ScheduleRetry(Retry& retry) {
   if (retry.scheduled) return;
-  m_core->PostAfter(retry.backoff.Next(), [weak = weak_from_this(), &retry] {
-    const auto self = weak.lock();
-    if (!self) return;
-    retry.scheduled = false;
-    if (&retry == &self->m_refusedRetry && self->m_ledger.Dirty() != 0) {
-      ZRLOG(ZRLOG_WARNING, WatcherLog())
-          << "nodes that could not be read are asked for again, nodes=" << self->m_ledger.Dirty()
-          << ", dc_name=" << self->m_core->DataCenterName() << ", path=" << self->m_path;
-    }
-    self->Sync();  // reads the dirty nodes; without a connection, the next reconnect does
-  });
+  m_core->PostAfter(
+      std::max<Clock::duration>(retry.backoff.Next(), m_core->Trip()), [weak = weak_from_this(), &retry] {
+        const auto self = weak.lock();
+        if (!self) return;
+        retry.scheduled = false;
+        if (&retry == &self->m_refusedRetry && self->m_ledger.Dirty() != 0) {
+          ZRLOG(ZRLOG_WARNING, WatcherLog())
+              << "nodes that could not be read are asked for again, nodes=" << self->m_ledger.Dirty()
+              << ", dc_name=" << self->m_core->DataCenterName() << ", path=" << self->m_path;
+        }
+        self->Sync();  // reads the dirty nodes; without a connection, the next reconnect does
+      });
   retry.scheduled = true;
 }
 

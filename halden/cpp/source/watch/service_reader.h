@@ -54,15 +54,17 @@ class ServiceReader final : public ConnectionListener,
   /// Any thread.
   void SetAudit(const AuditIntervals& intervals);
 
-  void OnConnected(bool newEpoch) override;
+  void OnConnected(Arrival arrival) override;
   void OnDisconnected(bool epochOver) override;
   void OnSessionError(int code) override;
   void OnStateChanged() override;
   bool SendNext() override;
 
  private:
-  ///   Away -> Waiting | Syncing                 connected; a known service is read anew only after a while
-  ///   Waiting -> Syncing -> Following           the sync has failed: -> Waiting
+  ///   Away -> Waiting                           connected; a known service is read anew only after a while
+  ///   Waiting -> Syncing -> Following           what is to be read is asked for behind the sync, and answered behind
+  ///                                             it; the sync has failed: -> Waiting
+  ///   Waiting -> Following                      the session is new
   ///   Following -> Syncing                      something is to be read again
   ///   any -> Away                               connection lost
   enum class Phase : std::uint8_t { Away, Waiting, Syncing, Following };
@@ -111,7 +113,8 @@ class ServiceReader final : public ConnectionListener,
 
   void Sync();
   void SyncAfter(Clock::duration delay);
-  void OnSync(const Reply& reply);
+  void OnSync(const Reply& reply, bool barrier);
+  void ReadAll();
   void ReadDirty();
 
   void ReadService();
@@ -188,6 +191,7 @@ class ServiceReader final : public ConnectionListener,
   // Owned by the connection's thread.
   Phase m_phase = Phase::Away;
   Trust m_trust = Trust::Usual;
+  bool m_upToDate = false;         // the session was created just now: nothing is to be waited for
   bool m_readAll = true;           // the whole service is to be read, after the next sync
   bool m_fullRead = false;         // that read is under way
   std::uint64_t m_generation = 0;  // answers to requests of an earlier one are dropped
