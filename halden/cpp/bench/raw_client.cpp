@@ -4,6 +4,9 @@
 #include <stdexcept>
 #include <utility>
 
+#include "halden/service_id.h"
+#include "zr/messaging/halden/service.pb.h"
+
 namespace zr::halden::bench {
 
 namespace {
@@ -63,6 +66,24 @@ void RawWriter::Create(const std::string& path, const std::string& data) {
   Begin();
   Check(zoo_acreate(m_handle, path.c_str(), data.data(), static_cast<int>(data.size()), &ZOO_OPEN_ACL_UNSAFE,
                     ZOO_PERSISTENT, &RawWriter::OnString, this));
+}
+
+void RawWriter::Join(const std::string& path, const std::string& data) {
+  const auto slash = path.rfind('/');
+  const std::string partition = path.substr(0, slash);
+  const ServiceId id = ParseServiceId(path.substr(slash + 1)).value();
+  zr::messaging::halden::NewestInstance message;
+  message.set_format_version(1);
+  message.set_instance_id(id.begin(), id.size());
+  message.set_node(data);
+  const std::string newest = message.SerializeAsString();
+  std::array<zoo_op_t, 2> both{};
+  zoo_create_op_init(both.data(), path.c_str(), data.data(), static_cast<int>(data.size()),
+                     &ZOO_OPEN_ACL_UNSAFE, ZOO_PERSISTENT, nullptr, 0);
+  zoo_set_op_init(&both[1], partition.c_str(), newest.data(), static_cast<int>(newest.size()), -1, nullptr);
+  Begin();
+  Check(zoo_amulti(m_handle, static_cast<int>(both.size()), both.data(), m_results.data(), &RawWriter::OnVoid,
+                   this));
 }
 
 void RawWriter::Set(const std::string& path, const std::string& data) {

@@ -3,6 +3,7 @@
 
 #include <zookeeper/zookeeper.h>
 
+#include <array>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -29,6 +30,8 @@ class RawWriter {
   RawWriter& operator=(const RawWriter&) = delete;
 
   void Create(const std::string& path, const std::string& data);  ///< or leaves the one that is there
+  /// As a publisher does: the partition is told of it.
+  void Join(const std::string& path, const std::string& data);
   void Set(const std::string& path, const std::string& data);
   void Delete(const std::string& path);
   /// Waits until all is answered.
@@ -48,6 +51,7 @@ class RawWriter {
   bool m_connected = false;
   int m_error = 0;
   std::size_t m_outstanding = 0;
+  std::array<zoo_op_result_t, 2> m_results{};  // of a Join; nobody looks at them
 };
 
 /// The yardstick: one build of the client library alone, as a loop written by hand would use it. It reads services

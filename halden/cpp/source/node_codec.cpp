@@ -15,6 +15,8 @@ namespace zr::halden::details {
 
 namespace {
 
+constexpr std::uint32_t kNewestFormat = 1;
+
 using zr::messaging::halden::ServiceInstanceData;
 using zr::messaging::halden::User;
 using zr::messaging::halden::ZNodeData;
@@ -139,6 +141,26 @@ ServiceInstanceData ParsePayload(std::string_view payload) {
   ServiceInstanceData data;
   data.ParseFromArray(payload.data(), static_cast<int>(payload.size()));
   return data;
+}
+
+std::string EncodeNewest(const NewestInstance& newest) {
+  zr::messaging::halden::NewestInstance message;
+  message.set_format_version(kNewestFormat);
+  message.set_instance_id(newest.id.begin(), newest.id.size());
+  message.set_node(newest.bytes);
+  return message.SerializeAsString();
+}
+
+std::optional<NewestInstance> DecodeNewest(std::string_view bytes) {
+  zr::messaging::halden::NewestInstance message;
+  NewestInstance newest{};
+  if (!message.ParseFromArray(bytes.data(), static_cast<int>(bytes.size())) ||
+      message.format_version() != kNewestFormat || message.instance_id().size() != newest.id.size()) {
+    return std::nullopt;
+  }
+  std::copy(message.instance_id().begin(), message.instance_id().end(), newest.id.begin());
+  newest.bytes = std::move(*message.mutable_node());
+  return newest;
 }
 
 }  // namespace zr::halden::details

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "halden/service_id.h"
 #include "zr/messaging/halden/service.pb.h"
 #include "zrstl/string.h"
 
@@ -36,6 +37,18 @@ DecodedNode DecodeNode(std::string_view bytes);
 /// What stands around a payload: its compression, and who wrote it. False, and anything in it, where `bytes` are no
 /// envelope.
 bool ParseEnvelope(std::string_view bytes, zr::messaging::halden::ZNodeData& envelope);
+
+/// What a partition's node holds: which instance was created last in it, and the bytes of its node then.
+struct NewestInstance {
+  ServiceId id;
+  std::string bytes;
+};
+/// For what such a creation takes with it, beside the node itself; longer ones do without.
+inline constexpr std::size_t kMaxNewestBytes = 16UL * 1024;
+
+std::string EncodeNewest(const NewestInstance& newest);
+/// Null for anything that is not one.
+std::optional<NewestInstance> DecodeNewest(std::string_view bytes);
 
 /// Who wrote the node, for people: "search@host-1, pid 4711"; "unknown" where it does not say.
 zr::String WriterOf(std::string_view bytes);

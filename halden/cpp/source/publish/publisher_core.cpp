@@ -68,7 +68,8 @@ void PublisherCore::TakeWish(std::optional<std::string> bytes, std::uint64_t num
   Wake();
 }
 
-void PublisherCore::OnConnected(Arrival /*arrival*/) {
+void PublisherCore::OnConnected(Arrival arrival) {
+  if (arrival == Arrival::NewSession) m_mayTell = true;
   m_rivalry.OnConnected();
   m_pause.Reset();
   Wake();

@@ -78,6 +78,7 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   void OnCreatedWithParents(const Reply& reply, int parentsError);
   void Hold();
   Request Creation();
+  bool MayNotTell(int code);
   void Write();
   void OnWritten(const Reply& reply);
   void Mark();
@@ -114,6 +115,8 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   PublisherPhase m_phase = PublisherPhase::Absent;
   KnownNode m_node;
   EarlyLook m_early;
+  bool m_mayTell =
+      true;  // the partition of the newest instance; false once that was refused, until the next session
   Rivalry m_rivalry;
   RetryPause m_pause;
   std::shared_ptr<PublisherCore> m_self;  // from the publisher's end until the node is gone

@@ -7,6 +7,7 @@
 
 #include "error_policy.h"
 #include "layout.h"
+#include "node_codec.h"
 #include "publish/publisher_core.h"
 
 namespace zr::halden::details {
@@ -111,12 +112,17 @@ void PublisherCore::OnLooked(Reply& reply) {
   Step();
 }
 
+/// With the node the partition is told of it, so that watchers know it a round trip sooner.
 Request PublisherCore::Creation() {
   m_board.SetPublishing();
   m_node.OnCreationBegun(m_core->SessionId());
   Request request{.kind = Request::Kind::Create, .path = m_path};
   request.data = *m_wish;
   request.mode = ZOO_EPHEMERAL;
+  if (m_mayTell && m_wish->size() <= kMaxNewestBytes) {
+    request.kind = Request::Kind::CreateAndTell;
+    request.parentData = EncodeNewest({m_id, *m_wish});
+  }
   return request;
 }
 
@@ -136,8 +142,13 @@ void PublisherCore::OnCreated(const Reply& reply) {
       m_node.OnAbsent();
       return Step();
     default:
-      return Fail(reply.code);
+      return MayNotTell(reply.code) ? Step() : Fail(reply.code);
   }
+}
+
+/// Who may create nodes in a partition need not be allowed to write it: then it is not told.
+bool PublisherCore::MayNotTell(int code) {
+  return code == ZNOAUTH && std::exchange(m_mayTell, false);
 }
 
 /// That a parent may not be created says little: the server says so of one that is there, too. What went wrong
@@ -169,7 +180,7 @@ void PublisherCore::OnCreatedWithParents(const Reply& reply, int parentsError) {
       m_node.OnAbsent();
       return Fail(parentsError);
     default:
-      return Fail(reply.code);
+      return MayNotTell(reply.code) ? Step() : Fail(reply.code);
   }
 }
 

@@ -233,10 +233,20 @@ int Epoch::Call(Slot* slot, const zr::String& path) {
                       slot);
     case Request::Kind::Delete:
       return zoo_adelete(m_handle, path.c_str(), request.version, &Epoch::OnVoid, slot);
+    case Request::Kind::CreateAndTell: {
+      const zr::String parent = path.substr(0, path.rfind('/'));
+      const auto& told = request.parentData;
+      std::array<zoo_op_t, 2> both{};
+      zoo_create_op_init(both.data(), path.c_str(), request.data.data(), length, &ZOO_OPEN_ACL_UNSAFE,
+                         request.mode, nullptr, 0);
+      zoo_set_op_init(&both[1], parent.c_str(), told.data(), static_cast<int>(told.size()), -1, nullptr);
+      return zoo_amulti(m_handle, static_cast<int>(both.size()), both.data(), slot->results.data(),
+                        &Epoch::OnVoid, slot);
+    }
     case Request::Kind::Barrier: {
       zoo_op_t check;
       zoo_check_op_init(&check, path.c_str(), request.version);
-      return zoo_amulti(m_handle, 1, &check, &slot->result, &Epoch::OnVoid, slot);
+      return zoo_amulti(m_handle, 1, &check, slot->results.data(), &Epoch::OnVoid, slot);
     }
   }
   return ZBADARGUMENTS;

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <zookeeper/zookeeper.h>
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <deque>
@@ -77,8 +78,8 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   struct Slot {
     Epoch* epoch;
     Request request;
-    zoo_op_result_t result;  // of a Barrier's only operation; nobody looks at it
-    bool lost;               // answered without the library, which may come back to it in the close
+    std::array<zoo_op_result_t, 2> results;  // of the operations of a transaction; nobody looks at them
+    bool lost;  // answered without the library, which may come back to it in the close
     SendWindow::Sent sent;
   };
   struct Way {

@@ -32,16 +32,18 @@ struct Request {
     Create,
     Set,
     Delete,
-    Barrier  ///< a transaction that changes nothing: who answers it, whatever it is, is up to date
+    CreateAndTell,  ///< creates the node and sets its parent's data, both or neither
+    Barrier         ///< a transaction that changes nothing: who answers it, whatever it is, is up to date
   };
 
   Kind kind = Kind::Get;
-  zr::String path;             ///< absolute, below the chroot
-  bool outsideChroot = false;  ///< `path` is below the ensemble's own root instead
-  bool watch = false;          ///< reads: also set a watch
-  std::string data = {};       ///< Create, Set
-  int mode = 0;                ///< Create: ZOO_EPHEMERAL, ...
-  int version = -1;            ///< Set, Delete: -1 for any
+  zr::String path;              ///< absolute, below the chroot
+  bool outsideChroot = false;   ///< `path` is below the ensemble's own root instead
+  bool watch = false;           ///< reads: also set a watch
+  std::string data = {};        ///< Create, CreateAndTell, Set
+  std::string parentData = {};  ///< CreateAndTell
+  int mode = 0;                 ///< Create, CreateAndTell: ZOO_EPHEMERAL, ...
+  int version = -1;             ///< Set, Delete: -1 for any
   ReplyFunction reply = {};
 };
 

@@ -259,6 +259,7 @@ void ServiceReader::ReadPartition(std::uint8_t number, Haste haste) {
 void ServiceReader::SendPartitionRead(std::uint8_t number) {
   Submit(Request::Kind::GetChildren, PartitionPath(m_path, number), true,
          [number](ServiceReader& self, Reply& reply) { self.OnPartition(number, reply); });
+  AskForNewest(number);
 }
 
 void ServiceReader::OnPartition(std::uint8_t number, Reply& reply) {

@@ -136,6 +136,10 @@ class ServiceReader final : public ConnectionListener,
   void OnInstanceData(const ServiceId& id, const Reply& reply);
   void RemoveInstance(const ServiceId& id);
 
+  // newest_instance.cpp
+  void AskForNewest(std::uint8_t number);
+  void OnNewest(std::uint8_t number, const Reply& reply);
+
   // service_audit.cpp
   void AuditAfter(Clock::duration delay);
   bool RunAudit();

@@ -7,6 +7,7 @@
 #include <zookeeper/proto.h>
 
 #include <cerrno>
+#include <span>
 
 #include "session/client_adaptor.h"
 #include "session/name_resolution.h"
@@ -321,12 +322,34 @@ void zoo_check_op_init(zoo_op_t* op, const char* path, int version) {
   op->check_op = {path, version};
 }
 
+void zoo_create_op_init(zoo_op_t* op, const char* path, const char* value, int length, const ACL_vector*,
+                        int mode, char*, int) {
+  op->type = ZOO_CREATE_OP;
+  op->create_op = {path, value, length, nullptr, 0, nullptr, mode, 0};
+}
+
+void zoo_set_op_init(zoo_op_t* op, const char* path, const char* value, int length, int version, Stat*) {
+  op->type = ZOO_SETDATA_OP;
+  op->set_op = {path, value, length, version, nullptr};
+}
+
 int zoo_amulti(zhandle_t* zh, int count, const zoo_op_t* ops, zoo_op_result_t* results,
                void_completion_t done, const void* data) {
   Message message{.op = Message::Multi};
-  for (int i = 0; i < count; ++i)  // checks only: the library asks for no others
-    message.parts.push_back(
-        {.op = Message::Check, .path = ops[i].check_op.path, .version = ops[i].check_op.version});
+  for (const auto& op : std::span(ops, static_cast<std::size_t>(count))) {
+    if (op.type == ZOO_CREATE_OP) {
+      message.parts.push_back({.op = Message::Create,
+                               .path = op.create_op.path,
+                               .data = Bytes(op.create_op.data, op.create_op.datalen),
+                               .flags = op.create_op.flags});
+    } else if (op.type == ZOO_SETDATA_OP) {
+      message.parts.push_back(
+          {.op = Message::Set, .path = op.set_op.path, .data = Bytes(op.set_op.data, op.set_op.datalen)});
+    } else {
+      message.parts.push_back(
+          {.op = Message::Check, .path = op.check_op.path, .version = op.check_op.version});
+    }
+  }
   return zh->Ask(std::move(message), {}, [=](int code, const Message&) {
     for (int i = 0; i < count; ++i) results[i].err = code;
     done(code, data);

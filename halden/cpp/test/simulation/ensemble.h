@@ -354,6 +354,8 @@ struct Ensemble {
   static bool Reply(Link& link, const Message& request, MessagePtr answer);
 
   const int number;
+  const Duration distance =
+      world->OneIn(2) ? Duration() : world->Between(1ms, 150ms);  ///< from clients, one way
   std::vector<Server> servers;
   Server* leader;
   std::vector<Transaction> log{};

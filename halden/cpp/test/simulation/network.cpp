@@ -11,8 +11,8 @@ namespace {
 
 constexpr int kFirstDescriptor = 1'000'000;  // that no system has: calls with one just fail
 
-Duration Latency() {
-  return world->OneIn(100) ? world->Between(5ms, 300ms) : world->Between(100us, 2ms);
+Duration Latency(const Ensemble& ensemble) {
+  return ensemble.distance + (world->OneIn(100) ? world->Between(5ms, 300ms) : world->Between(100us, 2ms));
 }
 
 }  // namespace
@@ -23,7 +23,7 @@ std::shared_ptr<Link> Link::Open(const std::string& address) {
       if (server.address != address) continue;
       const int number = world->links.empty() ? kFirstDescriptor : world->links.rbegin()->first + 1;
       const auto link = world->links[number] = std::make_shared<Link>(*ensemble, server, number);
-      world->After(Latency(), [link] { link->Knock(); });
+      world->After(Latency(*ensemble), [link] { link->Knock(); });
       return link;
     }
   }
@@ -53,7 +53,7 @@ short Link::Ready(short events) const {
 }
 
 void Link::Put(Way& way, MessagePtr message) {
-  way.last = std::max(way.last + 1ns, world->now + Latency());
+  way.last = std::max(way.last + 1ns, world->now + Latency(ensemble));
   way.packets.emplace_back(way.last, std::move(message));
   if (!std::exchange(way.moving, true)) Carry(way, way.last - world->now);
 }

@@ -113,7 +113,8 @@ int Ensemble::Decide(const Message& request, std::int64_t session, Stat& stat) {
   int code = ZOK;
   const auto writes = request.op == Message::Multi ? request.parts : std::vector<Message>{request};
   for (const auto& write : writes) {
-    const bool mayNot = write.op == Message::Check && denied.contains(write.path) && tree.Find(write.path);
+    const bool asks = request.op == Message::Multi && write.op != Message::Create;
+    const bool mayNot = asks && denied.contains(write.path) && tree.Find(write.path);
     if (code == ZOK) code = mayNot ? ZNOAUTH : tree.Check(write);
   }
   // What fails is a transaction too.
