@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <thread>
 
 #include "bench.h"
 #include "halden/global_service_watcher.h"
@@ -69,7 +70,7 @@ Samples LoadRounds(const std::string& hosts, const Service& service, int rounds)
 
 /// The follower is far away, the writer is not.
 void BenchEvents(const Server& server, const std::string& hosts, milliseconds trip) {
-  constexpr int cycles = 8;
+  constexpr int cycles = 5;
   constexpr std::array<const char*, 4> names{"join", "update", "removal",
                                              "join that its partition is not told of"};
   std::array<Samples, names.size()> trips;
@@ -83,6 +84,7 @@ void BenchEvents(const Server& server, const std::string& hosts, milliseconds tr
     const auto time = [&](std::size_t what, Tally::Kind kind, const auto& write) {
       auto wanted = tally.Heard();
       ++wanted[kind];
+      std::this_thread::sleep_for(2 * trip);  // what the write before it has begun is over
       const auto start = Clock::now();
       write();
       writer.Finish();

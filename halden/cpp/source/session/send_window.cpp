@@ -18,6 +18,7 @@ constexpr double kMost = 20'000;
 // A handful of answers says nothing of a rate, and what is read in one go nothing of time.
 constexpr std::uint64_t kRoundOfSome = 16;
 constexpr double kShortestRound = 0.001;
+constexpr double kLongRound = 0.020;
 // Requests before another that cost it no time worth counting.
 constexpr std::uint64_t kFew = 4;
 constexpr int kRoundsToBeSure = 3;
@@ -57,14 +58,20 @@ void SendWindow::EndRound(Clock::time_point now) {
   const auto answers = m_answered - m_round.answered;
   if (answers >= kRoundOfSome) {
     const double lasted = std::max(Seconds(now - m_round.begin), kShortestRound);
-    TakeRate(static_cast<double>(answers) / lasted, m_round.usedUp);
+    if (TakeRate(static_cast<double>(answers) / lasted, lasted)) {
+      Resize(static_cast<double>(answers) / lasted, lasted < Seconds(m_trip) / 2);
+    }
   }
   m_round = {now, m_answered, std::max(m_sent, m_answered + 1), false};
 }
 
-void SendWindow::TakeRate(double rate, bool usedUp) {
-  if (!usedUp && rate < BestRate()) return;
-  m_rates[m_nextRate++ % m_rates.size()] = rate;
+/// False where it says nothing. Of a round that took long, since answers have become slow, it makes others forgotten.
+bool SendWindow::TakeRate(double rate, double lasted) {
+  if (!m_round.usedUp && rate < BestRate()) return false;
+  auto times = static_cast<std::size_t>(lasted / std::max(2 * Seconds(m_trip), kLongRound));
+  for (times = std::clamp<std::size_t>(times, 1, m_rates.size()); times > 0; --times) {
+    m_rates[m_nextRate++ % m_rates.size()] = rate;
+  }
   const double best = BestRate();
   if (best > 1.25 * m_grownTo) {
     m_grownTo = best;
@@ -73,8 +80,15 @@ void SendWindow::TakeRate(double rate, bool usedUp) {
     ++m_flat;
   }
   if (m_flat > static_cast<int>(m_rates.size())) m_grownTo = best;  // it may have shrunk, and grow again
-  const double share = m_flat < kRoundsToBeSure ? 3 : 1.25;
-  const double wanted = share * best * Seconds(m_trip) + Slack();
+  return true;
+}
+
+/// `burst`: the answers came in far less than a round trip, so that their rate is that of the way; else it may be that
+/// of the window alone, and more may be had.
+void SendWindow::Resize(double rate, bool burst) {
+  const bool growing = !burst && m_flat < kRoundsToBeSure;
+  const double sought = std::max(1.25 * BestRate(), growing ? 3 * rate : 0);
+  const double wanted = sought * Seconds(m_trip) + Slack();
   m_size = std::clamp(std::min(wanted, kMostGrowth * m_size), kLeast, kMost);
 }
 

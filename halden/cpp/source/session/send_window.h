@@ -16,8 +16,9 @@ namespace zr::halden::details {
 ///
 /// It goes by rounds: one ends when all that was under way at its beginning is answered. The rate of answers of the best
 /// of the last rounds, times the shortest round trip, is what the way holds. A round in which the window was not used up
-/// says nothing against a better one before it. While the rate still grows the window is thrice that. So it grows so in
-/// each round trip at least; and where answers come so close together that the way must hold far more, at once.
+/// says nothing against a better one before it. Where the answers of a round come far closer together than a round trip
+/// takes, their rate is what the way carries. Else, while the rate still grows, the window is three times what the last
+/// round asks for.
 ///
 /// Threads: the connection's.
 class SendWindow {
@@ -59,7 +60,8 @@ class SendWindow {
   std::uint64_t UnderWay() const { return m_answered < m_sent ? m_sent - m_answered : 0; }
   void MeasureTrip(const Sent& sent, Clock::time_point now);
   void EndRound(Clock::time_point now);
-  void TakeRate(double rate, bool usedUp);
+  bool TakeRate(double rate, double lasted);
+  void Resize(double rate, bool burst);
   double BestRate() const;
   double Slack() const;
 

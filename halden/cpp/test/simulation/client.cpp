@@ -107,6 +107,7 @@ struct _zhandle {
       return;
     }
     id.client_id = answer.session;
+    link->ensemble.taken.insert(answer.session);
     timeout = answer.timeout;
     state = ZOO_CONNECTED_STATE;
     const auto again = Make({.op = Message::SetWatches, .xid = -8, .zxid = lastZxid});

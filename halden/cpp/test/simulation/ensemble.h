@@ -272,6 +272,7 @@ struct Ensemble {
   void EndSession(std::int64_t session, Ending ending) {
     const auto found = leader->tree.sessions.find(session);
     if (found == leader->tree.sessions.end()) return;
+    if (!taken.contains(session)) ending = Ending::ByFault;  // its client has never heard of it
     world->Note("session %llx of %d ends, %d", static_cast<unsigned long long>(session), found->second,
                 static_cast<int>(ending));
     onSessionEnd(found->second, ending);
@@ -364,6 +365,7 @@ struct Ensemble {
   std::int64_t lastSession = 0;
   std::map<std::int64_t, Time> heard{};    ///< of a session
   std::map<std::int64_t, Link*> owners{};  ///< the link that a session came by last
+  std::set<std::int64_t> taken{};          ///< sessions whose clients know of them
   std::set<std::string> denied{};          ///< nodes that may not be read
   std::map<std::string, std::vector<Incarnation>> history{};
   Time lastReached{};

@@ -146,4 +146,18 @@ TEST(NodeCodecTest, TextThatIsNotUtf8IsRefusedWithoutANoteOnStderr) {
 
 }  // namespace
 
+TEST(NewestInstanceTest, OfAnotherVersionOrOfStrangersIsNone) {
+  const NewestInstance newest{MakeServiceId(), "node"};
+  const auto decoded = DecodeNewest(EncodeNewest(newest));
+  ASSERT_TRUE(decoded);
+  EXPECT_EQ(decoded->id, newest.id);
+  EXPECT_EQ(decoded->bytes, newest.bytes);
+  zr::messaging::halden::NewestInstance later;
+  later.ParseFromString(EncodeNewest(newest));
+  later.set_format_version(2);
+  EXPECT_FALSE(DecodeNewest(later.SerializeAsString()));
+  EXPECT_FALSE(DecodeNewest("{\"some\": \"config\"}"));
+  EXPECT_FALSE(DecodeNewest(""));
+}
+
 }  // namespace zr::halden::details

@@ -1,0 +1,68 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "session/send_window.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+
+namespace zr::halden::details {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// A way of a certain length that lets so many answers through a second, one after another.
+class SendWindowTest : public testing::Test {
+ protected:
+  /// Requests as many as the window lets, for so long; how many were answered.
+  std::size_t Load(Clock::duration length) {
+    const auto end = m_now + length;
+    std::size_t answered = 0;
+    while (m_now < end) {
+      for (auto room = m_window.Room(); room > 0; --room) {
+        m_free = std::max(m_free, m_now) + m_each;
+        m_underWay.push_back({m_window.OnSent(true, m_now), m_free + m_trip});
+      }
+      m_window.OnUsedUp();
+      m_most = std::max(m_most, m_underWay.size());
+      m_now = m_underWay.front().second;
+      m_window.OnAnswered(m_underWay.front().first, 400, m_now);
+      m_underWay.pop_front();
+      ++answered;
+    }
+    return answered;
+  }
+
+  SendWindow m_window;
+  Clock::duration m_trip = 80ms;
+  Clock::duration m_each = 20us;
+  Clock::time_point m_now{1h};
+  Clock::time_point m_free{};
+  std::deque<std::pair<SendWindow::Sent, Clock::time_point>> m_underWay;
+  std::size_t m_most = 0;
+};
+
+TEST_F(SendWindowTest, FillsALongWayWithinAFewTrips) {
+  Load(4 * m_trip);
+  EXPECT_GT(Load(10 * m_trip), 10 * 4000U * 9 / 10);  // 4,000 in each round trip is all that it carries
+}
+
+TEST_F(SendWindowTest, KeepsTheLineAtANarrowWayShort) {
+  m_each = 3ms;  // 1 Mbit/s
+  Load(5s);
+  EXPECT_LT(m_most * m_each, 3 * m_trip + 500ms);
+  m_most = 0;
+  Load(20s);
+  EXPECT_LT(m_most * m_each, m_trip + 300ms);
+}
+
+TEST_F(SendWindowTest, ShrinksWhenAnswersGetSlowerWithoutGettingMore) {
+  Load(2s);
+  m_each = 2ms;
+  Load(60s);
+  m_most = 0;
+  Load(5s);
+  EXPECT_LT(m_most * m_each, 2 * m_trip + 300ms);
+}
+
+}  // namespace
+}  // namespace zr::halden::details
