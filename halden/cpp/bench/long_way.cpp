@@ -11,7 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "support/loopback.h"
+#include "loopback.h"
 
 namespace zr::halden::bench {
 
@@ -20,7 +20,7 @@ LongWay::LongWay(std::uint16_t target, const Distance& distance)
       m_distance(distance),
       m_listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)),
       m_wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  m_port = test::BindToFreePort(m_listener);
+  m_port = testing::BindToFreePort(m_listener);
   Require(m_wakeUp >= 0 && listen(m_listener, SOMAXCONN) == 0, "no way to the server");
   m_thread = std::thread([this] { Run(); });
 }
@@ -105,7 +105,7 @@ void LongWay::TakeConnection() {
   const int client = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
   if (client < 0) return;
   const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const sockaddr_in address = test::Loopback(m_target);
+  const sockaddr_in address = testing::Loopback(m_target);
   const bool good = connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
   fcntl(server, F_SETFL, O_NONBLOCK);
   const int on = 1;

@@ -150,7 +150,7 @@ void BenchThree(const Servers& servers) {
   constexpr std::array trips{milliseconds(10), milliseconds(80), milliseconds(200)};
   std::vector<std::unique_ptr<LongWay>> ways;
   std::vector<std::string> hosts;
-  const test::TemporaryFolder folder;
+  const testing::TemporaryFolder folder;
   const zr::String config = folder.Path() / "halden.toml";
   std::ofstream out(config);
   out << "[data_centers]\n";
