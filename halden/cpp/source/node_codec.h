@@ -34,8 +34,8 @@ std::string EncodeNode(const zr::messaging::halden::ServiceInstanceData& data,
 /// `ParsePayload` succeeds on it; it takes a third of the memory of what it is parsed into.
 DecodedNode DecodeNode(std::string_view bytes);
 
-/// What stands around a payload: its compression, and who wrote it. False, and anything in it, where `bytes` are no
-/// envelope.
+/// What stands around a payload: its compression, and who wrote it. False, and anything in `envelope`, where
+/// `bytes` are none.
 bool ParseEnvelope(std::string_view bytes, zr::messaging::halden::ZNodeData& envelope);
 
 /// What a partition's node holds: which instance was created last in it, and the bytes of its node then.

@@ -18,8 +18,8 @@
 
 namespace zr::halden::tool {
 
-/// How long one that only reads waits for its session to close: it leaves nothing else behind, and past it the servers
-/// end the session by themselves.
+/// How long one that only reads waits for its session to close: it leaves nothing else behind, and past it the
+/// servers end the session by themselves.
 inline constexpr std::chrono::seconds kReadersClosingLimit{1};
 
 /// Until when to wait for answers; `cancelled` may become true on another thread.

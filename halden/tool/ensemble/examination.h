@@ -8,8 +8,8 @@
 
 namespace zr::halden::tool {
 
-/// What is found in the ensemble with the connect string `ensemble`, which `reader` reads; with `service`, unless it is empty,
-/// of that one's nodes too. Waits, up to the reader's limit.
+/// What is found in the ensemble with the connect string `ensemble`, which `reader` reads; unless `service` is
+/// empty, of that one's nodes too. Waits, up to the reader's limit.
 EnsembleFacts Examine(EnsembleReader& reader, const zr::String& ensemble, const std::string& service);
 
 }  // namespace zr::halden::tool
