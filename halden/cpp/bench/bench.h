@@ -46,6 +46,7 @@ void BenchServices();
 void BenchCalls();
 void BenchUpkeep();
 void BenchWan();
+void BenchNarrow();
 
 void Require(bool condition, const char* what);
 double Median(std::vector<double> values);

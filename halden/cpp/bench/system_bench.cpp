@@ -18,10 +18,9 @@ struct Part {
   void (*run)();
 };
 
-constexpr Part kParts[] = {{"load", &BenchLoad},         {"latency", &BenchLatency},
-                           {"burst", &BenchBurst},       {"scale", &BenchScale},
-                           {"services", &BenchServices}, {"calls", &BenchCalls},
-                           {"upkeep", &BenchUpkeep},     {"wan", &BenchWan}};
+constexpr Part kParts[] = {{"load", &BenchLoad},     {"latency", &BenchLatency},   {"burst", &BenchBurst},
+                           {"scale", &BenchScale},   {"services", &BenchServices}, {"calls", &BenchCalls},
+                           {"upkeep", &BenchUpkeep}, {"wan", &BenchWan},           {"narrow", &BenchNarrow}};
 
 int Run(std::string_view wanted) try {
   zr::logging::SetMinimumLoggingLevel(zr::logging::ZRLOG_ERROR);  // servers are down and silent on purpose
@@ -33,7 +32,8 @@ int Run(std::string_view wanted) try {
     part.run();
   }
   if (!found)
-    fmt::print(stderr, "bench: no part {}: load, latency, burst, scale, services, calls, upkeep, wan\n",
+    fmt::print(stderr,
+               "bench: no part {}: load, latency, burst, scale, services, calls, upkeep, wan, narrow\n",
                wanted);
   return found ? 0 : 2;
 } catch (const std::exception& e) {

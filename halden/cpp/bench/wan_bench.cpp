@@ -1,7 +1,7 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 //
 // Far data centres, beside the client library alone with as many requests under way as there are to make: loads,
-// events in round trips, a publisher's write during a load, and ways that are narrow.
+// events in round trips, a publisher's write during a load; and ways that are narrow, that jitter or stall.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -180,7 +180,7 @@ struct NarrowWay {
   Service service;
 };
 
-void BenchNarrow(const Server& server, const NarrowWay& narrow) {
+void BenchNarrowWay(const Server& server, const NarrowWay& narrow) {
   const LongWay way(server.Port(), narrow.distance);
   PrintSides(fmt::format("{}: load of {}", narrow.name, narrow.service.instances), "ms",
              Medians(LoadRounds(way.ConnectString(), narrow.service, 2)), Limit{Limit::kRatio, 1.15});
@@ -215,6 +215,12 @@ void BenchWan() {
   LoadRounds(server.ConnectString(), kServices[2], 2);  // first-time costs
   for (const auto trip : kTrips) BenchDistance(server, trip);
   BenchThree(servers);
+}
+
+void BenchNarrow() {
+  const Servers servers = StartServers(1);
+  const Server& server = *servers.front();
+  for (const auto& service : kServices) Populate(server, service.name, service.instances);
   constexpr std::array narrowWays{
       NarrowWay{
           "10 Mbit/s, 80 ms", {.trip = milliseconds(80), .bytesPerSecond = 10 * kMegabit}, kServices[2]},
@@ -222,7 +228,7 @@ void BenchWan() {
       NarrowWay{"80 ms with 20 ms of jitter",
                 {.trip = milliseconds(80), .bytesPerSecond = 1000 * kMegabit, .jitter = milliseconds(20)},
                 kServices[2]}};
-  for (const auto& narrow : narrowWays) BenchNarrow(server, narrow);
+  for (const auto& narrow : narrowWays) BenchNarrowWay(server, narrow);
   BenchStall(server);
 }
 

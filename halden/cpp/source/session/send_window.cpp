@@ -17,6 +17,7 @@ constexpr double kLeast = 16;
 constexpr double kMost = 20'000;
 // A handful of answers says nothing of a rate, and what is read in one go nothing of time.
 constexpr std::uint64_t kRoundOfSome = 16;
+constexpr std::uint64_t kBurst = 48;
 constexpr double kShortestRound = 0.001;
 constexpr double kLongRound = 0.020;
 // Requests before another that cost it no time worth counting.
@@ -54,13 +55,16 @@ void SendWindow::MeasureTrip(const Sent& sent, Clock::time_point now) {
   }
 }
 
+/// Answers that come together later on have only been held up somewhere.
 void SendWindow::EndRound(Clock::time_point now) {
   const auto answers = m_answered - m_round.answered;
-  if (answers >= kRoundOfSome) {
-    const double lasted = std::max(Seconds(now - m_round.begin), kShortestRound);
-    if (TakeRate(static_cast<double>(answers) / lasted, lasted)) {
-      Resize(static_cast<double>(answers) / lasted, lasted < Seconds(m_trip) / 2);
-    }
+  const double lasted = std::max(Seconds(now - m_round.begin), kShortestRound);
+  const bool burst = lasted < Seconds(m_trip) / 2;
+  const bool counts = burst ? answers >= kBurst && !m_tried : answers >= kRoundOfSome;
+  if (counts) {
+    m_tried = m_tried || (!burst && m_round.usedUp);
+    const double rate = static_cast<double>(answers) / lasted;
+    if (TakeRate(rate, lasted)) Resize(rate, burst);
   }
   m_round = {now, m_answered, std::max(m_sent, m_answered + 1), false};
 }

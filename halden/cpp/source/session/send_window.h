@@ -16,7 +16,7 @@ namespace zr::halden::details {
 ///
 /// It goes by rounds: one ends when all that was under way at its beginning is answered. The rate of answers of the best
 /// of the last rounds, times the shortest round trip, is what the way holds. A round in which the window was not used up
-/// says nothing against a better one before it. Where the answers of a round come far closer together than a round trip
+/// says nothing against a better one before it. Where the first answers come far closer together than a round trip
 /// takes, their rate is what the way carries. Else, while the rate still grows, the window is three times what the last
 /// round asks for.
 ///
@@ -75,6 +75,7 @@ class SendWindow {
   std::size_t m_nextRate = 0;
   double m_grownTo = 0;  // the rate when it last grew by much
   int m_flat = 0;        // rounds since then
+  bool m_tried = false;  // a window was used up for a whole round trip
   double m_size = kFirst;
 };
 
