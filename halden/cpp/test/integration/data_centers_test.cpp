@@ -153,39 +153,5 @@ TEST_F(DataCentersTest, WhoComesBackFromAMassRemovalWasNeverGone) {
   EXPECT_FALSE(events->PopFor(std::chrono::milliseconds(1)));
 }
 
-TEST_F(DataCentersTest, AQueueLearnsOfRemovalsThatAnObserverCutShortOrNobodySaw) {
-  const CapturingLog log;
-  const ServiceId cutShort = Publish(kDc, "cut short");
-  const auto events = std::make_shared<EventQueue>();
-  GlobalServiceWatcher watcher(kService, LibraryManaged{WriteConfig({kDc})});
-  watcher.RegisterShared(std::make_shared<RecordingObserver>([](ServiceWatcher&, const Event& event) {
-    if (event.kind == EventKind::Removed) throw std::runtime_error("on purpose");
-  }));
-  watcher.RegisterShared(events);
-  watcher.StartManagedConnections();
-  ASSERT_TRUE(events->PopFor(kLimit));
-  const auto removed = [&] {
-    const auto event = events->PopFor(kLimit);
-    return event && event->change == InstanceChange::Removed ? event->id : ServiceId{};
-  };
-  Client(kDc).Unpublish(kService, cutShort);
-  EXPECT_EQ(removed(), cutShort);
-  EXPECT_EQ(log.Count("halden.service_watcher", "on purpose"), 1);
-  const ServiceId unseen = Publish(kDc, "unseen");
-  ASSERT_TRUE(events->PopFor(kLimit)) << "it cost more than one event";
-
-  m_chroot += "/other";
-  GlobalServiceWatcher other(kService, LibraryManaged{WriteConfig({kDc})});
-  other.RegisterShared(events);
-  other.StartManagedConnections();
-  ASSERT_TRUE(other.AwaitSynchronized(kLimit) && other.Close(kLimit));
-  EXPECT_EQ(events->Size(), 0U) << "one of the same name speaks only for itself";
-  const auto kept = watcher.Watchers();  // a program may hold on to them
-  EXPECT_TRUE(watcher.DisconnectDC(kDc));
-  Client(kDc).Unpublish(kService, unseen);
-  EXPECT_TRUE(watcher.ConnectDC(kDc));
-  EXPECT_EQ(removed(), unseen);
-}
-
 }  // namespace
 }  // namespace zr::halden::test

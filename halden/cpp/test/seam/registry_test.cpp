@@ -114,9 +114,6 @@ class InstancesOfAll : public GlobalWatcherTest {
     data.set_host("west");
     WatcherOf("west").m_instances = {{kThird, data}, {kFirst, data}};
   }
-
-  const std::shared_ptr<AddressObserver> m_first = std::make_shared<AddressObserver>();
-  const std::shared_ptr<AddressObserver> m_second = std::make_shared<AddressObserver>();
 };
 
 TEST_F(InstancesOfAll, AreListedPerDataCenterNeitherSortedNorMerged) {
@@ -140,23 +137,6 @@ TEST_F(InstancesOfAll, DataComesFromTheFirstThatKnowsTheInstanceAndNoOtherIsAske
   EXPECT_FALSE(m_watcher->GetInstanceData(ServiceId{}, watcher, data));
   EXPECT_EQ(watcher.get(), &WatcherOf("east")) << "one that nobody knows must leave it";
   EXPECT_EQ(data.host(), "east");
-}
-
-TEST_F(InstancesOfAll, EventsReachEveryObserverWithTheVeryArgumentsOfTheDataCenter) {
-  MakeEastAndWest();
-  m_watcher->RegisterShared(m_first);
-  m_watcher->RegisterWeak(m_second);
-  const ServiceInstanceData data;
-  ServiceWatcher& east = WatcherOf("east");
-  ServiceWatcher& west = WatcherOf("west");
-  east.Raise(&ServiceWatcherObserver::OnInstanceRemoved, kFirst);
-  east.Raise(&ServiceWatcherObserver::OnInstanceAdded, kFirst, data);
-  west.Raise(&ServiceWatcherObserver::OnInstanceAdded, kFirst, data);
-  west.Raise(&ServiceWatcherObserver::OnInstanceModified, kFirst, data);
-  EXPECT_THAT(m_first->m_events,
-              ElementsAre(Event("removed", &east, &kFirst, nullptr), Event("added", &east, &kFirst, &data),
-                          Event("added", &west, &kFirst, &data), Event("modified", &west, &kFirst, &data)));
-  EXPECT_EQ(m_second->m_events, m_first->m_events);
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -54,27 +53,6 @@ inline std::string Info(const std::string& text) {
 inline std::string Warning(const std::string& text) {
   return Log("warning", text);
 }
-
-/// What happened and where its arguments are.
-using Event = std::tuple<std::string, const ServiceWatcher*, const ServiceId*, const ServiceInstanceData*>;
-
-/// Keeps every event.
-class AddressObserver : public ServiceWatcherObserver {
- public:
-  void OnInstanceAdded(ServiceWatcher& watcher, const ServiceId& id,
-                       const ServiceInstanceData& data) override {
-    m_events.push_back({"added", &watcher, &id, &data});
-  }
-  void OnInstanceRemoved(ServiceWatcher& watcher, const ServiceId& id) override {
-    m_events.push_back({"removed", &watcher, &id, nullptr});
-  }
-  void OnInstanceModified(ServiceWatcher& watcher, const ServiceId& id,
-                          const ServiceInstanceData& data) override {
-    m_events.push_back({"modified", &watcher, &id, &data});
-  }
-
-  std::vector<Event> m_events;
-};
 
 class GlobalWatcherTest : public ::testing::Test {
  protected:

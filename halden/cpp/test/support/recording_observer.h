@@ -77,12 +77,6 @@ class RecordingObserver : public EventObserver {
     return m_events;
   }
 
-  /// What is there by them.
-  View Told() const {
-    const std::lock_guard lock(m_mtx);
-    return m_told;
-  }
-
   /// The events of one instance in one data centre, in order.
   std::vector<EventKind> History(const zr::String& dcName, const ServiceId& id) const {
     const std::lock_guard lock(m_mtx);

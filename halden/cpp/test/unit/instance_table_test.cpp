@@ -34,38 +34,6 @@ class InstanceTableTest : public ::testing::Test {
   std::string m_taken;
 };
 
-TEST_F(InstanceTableTest, ChangesAreAnnouncedByNodeAndValue) {
-  EXPECT_EQ(m_table.Put(m_id, {10, 10}, "a", false), Outcome::Changed);
-  EXPECT_THAT(TakeOne(), ElementsAre(ChangeKind::Added));
-  EXPECT_EQ(m_table.Put(m_id, {10, 10}, "a", false), Outcome::Unchanged);
-  EXPECT_FALSE(m_table.HasChanges());
-  EXPECT_EQ(m_table.Put(m_id, {10, 12}, "b", false), Outcome::Changed);
-  EXPECT_THAT(TakeOne(), ElementsAre(ChangeKind::Modified));
-  m_table.Put(m_id, {20, 20}, "c", false);
-  EXPECT_THAT(TakeOne(), ElementsAre(ChangeKind::Removed, ChangeKind::Added));
-  EXPECT_EQ(m_taken, "c");
-  m_table.Remove(m_id);
-  EXPECT_THAT(TakeOne(), ElementsAre(ChangeKind::Removed));
-  EXPECT_EQ(m_table.Size(), 0U);
-}
-
-TEST_F(InstanceTableTest, WhatOvertakesASlowObserverIsMerged) {
-  m_table.Put(m_id, {10, 10}, "a", false);
-  m_table.Put(m_id, {10, 11}, "b", false);
-  EXPECT_THAT(TakeOne(), ElementsAre(ChangeKind::Added));
-  EXPECT_EQ(m_taken, "b");
-
-  m_table.Remove(m_id);
-  m_table.Put(m_id, {20, 20}, "c", false);  // back before anybody was told
-  EXPECT_THAT(TakeOne(), ElementsAre(ChangeKind::Removed, ChangeKind::Added));
-
-  const ServiceId passing = MakeServiceId();
-  m_table.Put(passing, {30, 30}, "d", false);
-  m_table.Remove(passing);
-  EXPECT_THAT(m_table.Take().kinds, IsEmpty());  // came and went
-  EXPECT_THAT(m_table.List(), ElementsAre(m_id));
-}
-
 TEST_F(InstanceTableTest, TheListStaysRightWhateverGoes) {
   std::vector<ServiceId> ids(5);
   for (auto& id : ids) m_table.Put(id = MakeServiceId(), {10, 10}, "a", false);
