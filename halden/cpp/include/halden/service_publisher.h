@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <iosfwd>
 #include <memory>
 #include <string_view>
 
@@ -28,6 +29,7 @@ class PublisherCore;
 enum class PublishState : std::uint8_t { Absent, Publishing, Published, Conflict };
 
 ZR_EXPORT std::string_view ToString(PublishState state);
+ZR_EXPORT std::ostream& operator<<(std::ostream& out, PublishState state);
 
 struct PublisherStatus {
   PublishState state = PublishState::Absent;  ///< what ZooKeeper last confirmed
@@ -52,8 +54,9 @@ struct PublisherStatus {
 /// session lives; a program that ends calls `Remove` and `AwaitAbsent` first, or stops the connection and
 /// awaits its close.
 /// Errors: the constructor throws std::invalid_argument (null connection, bad service name); `Publish` throws
-/// ZooError(ZBADARGUMENTS) for data that does not fit into a node, or that no reader would accept. Failed
-/// writes are logged to "halden.publisher", kept in `Status`, and tried again with back-off.
+/// ZooError(ZBADARGUMENTS) and says why for data that is not fit to be published (see WhyUnfit: no host, another
+/// service's name, ports that are none or have the same name), that does not fit into a node, or that no reader
+/// would accept; what was published before stays. Failed writes are logged to "halden.publisher", kept in `Status`, and tried again with back-off.
 class ZR_EXPORT ServicePublisher {
  public:
   ServicePublisher(std::shared_ptr<Connection> conn, const zr::String& serviceName, const ServiceId& id);
@@ -61,8 +64,12 @@ class ZR_EXPORT ServicePublisher {
 
   ServicePublisher(const ServicePublisher&) = delete;
   ServicePublisher& operator=(const ServicePublisher&) = delete;
+  /// What was moved from can be destroyed and assigned to, and nothing else.
+  ServicePublisher(ServicePublisher&&) noexcept = default;
+  ServicePublisher& operator=(ServicePublisher&& other) noexcept;
 
-  /// Publishes `data`, or replaces what is published. `service_name` is filled in where it is empty.
+  /// Publishes `data`, or replaces what is published. `service_name` is filled in where it is empty, and
+  /// `start_time_ms`, with the time of this publisher's construction, where it is 0.
   void Publish(ServiceInstanceData data);
 
   /// Takes the instance back; `Publish` may follow.
@@ -77,9 +84,10 @@ class ZR_EXPORT ServicePublisher {
   bool AwaitAbsent(std::chrono::milliseconds limit) const;
 
  private:
-  const zr::String m_serviceName;
-  const std::shared_ptr<Connection> m_conn;
-  const std::shared_ptr<details::PublisherCore> m_core;
+  zr::String m_serviceName;
+  std::int64_t m_startTimeMs;
+  std::shared_ptr<Connection> m_conn;
+  std::shared_ptr<details::PublisherCore> m_core;  // null once moved from
 };
 
 }  // namespace zr::halden

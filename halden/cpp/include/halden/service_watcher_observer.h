@@ -1,13 +1,11 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "halden/instance_data.h"
 #include "halden/service_id.h"
-#include "zr/messaging/halden/service.pb.h"
 #include "zrstl/export.h"
 
 namespace zr::halden {
-
-using ServiceInstanceData = zr::messaging::halden::ServiceInstanceData;
 
 class ServiceWatcher;
 

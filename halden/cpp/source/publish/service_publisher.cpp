@@ -5,11 +5,14 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <memory>
+#include <ostream>
 #include <stdexcept>
 #include <utility>
 
+#include "base/clock.h"
 #include "node_codec.h"
 #include "publish/publisher_core.h"
 
@@ -48,6 +51,11 @@ zr::String CheckedName(const std::shared_ptr<Connection>& conn, const zr::String
   return name;
 }
 
+std::int64_t NowMs() {
+  const auto now = details::TimeOfDay().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
 }  // namespace
 
 std::string_view ToString(PublishState state) {
@@ -64,20 +72,38 @@ std::string_view ToString(PublishState state) {
   return "unknown";
 }
 
+std::ostream& operator<<(std::ostream& out, PublishState state) {
+  return out << ToString(state);
+}
+
 ServicePublisher::ServicePublisher(std::shared_ptr<Connection> conn, const zr::String& serviceName,
                                    const ServiceId& id)
     : m_serviceName(CheckedName(conn, serviceName)),
+      m_startTimeMs(NowMs()),
       m_conn(std::move(conn)),
       m_core(std::make_shared<details::PublisherCore>(details::CoreOf(*m_conn), m_serviceName, id)) {
   m_core->Start(*m_conn);
 }
 
 ServicePublisher::~ServicePublisher() {
-  m_core->Stop();
+  if (m_core) m_core->Stop();
+}
+
+ServicePublisher& ServicePublisher::operator=(ServicePublisher&& other) noexcept {
+  ServicePublisher moved(std::move(other));
+  std::swap(m_serviceName, moved.m_serviceName);
+  std::swap(m_startTimeMs, moved.m_startTimeMs);
+  std::swap(m_conn, moved.m_conn);
+  std::swap(m_core, moved.m_core);
+  return *this;  // `moved` ends what was published here
 }
 
 void ServicePublisher::Publish(ServiceInstanceData data) {
   if (data.service_name().empty()) data.set_service_name(m_serviceName);
+  if (data.start_time_ms() == 0) data.set_start_time_ms(m_startTimeMs);
+  if (const auto why = WhyUnfit(data, m_serviceName); !why.empty()) {
+    throw ZooError(ZBADARGUMENTS, "instance data cannot be published: " + why);
+  }
   std::string bytes = details::EncodeNode(data, ThisUser());
   if (bytes.size() > details::kMaxNodeBytes) {
     throw ZooError(ZBADARGUMENTS, "instance data of " + std::to_string(bytes.size()) +

@@ -116,7 +116,9 @@ TEST_F(ServicePublisherTest, AParentThatMayNotBeCreatedIsTroubleOnlyWhereItIsAbs
   ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
   EXPECT_EQ(log.Count("halden.publisher", "write failed"), 0);
   ServicePublisher refused(m_conn, "payments", MakeServiceId());
-  refused.Publish(MakeInstance("host"));
+  ServiceInstanceData payment = MakeInstance("host");
+  payment.set_service_name("payments");
+  refused.Publish(payment);
   EXPECT_TRUE(log.Await("halden.publisher", "write failed, error=not authenticated"));
   Client(kDc).SetAccess("/halden/services", Access::Everybody);
   EXPECT_TRUE(refused.AwaitPublished(kLimit));
@@ -163,6 +165,10 @@ TEST_F(ServicePublisherTest, DataThatFitsInNoNodeIsRefusedAndLargeTextIsCompress
   for (auto& letter : value) letter = static_cast<char>('0' + random() % 64);
   EXPECT_THAT([&] { m_publisher->Publish(data); },
               ::testing::Throws<ZooError>(::testing::Property(&ZooError::Code, ZBADARGUMENTS)));
+  ServiceInstanceData portless = MakeInstance("host");
+  portless.add_ports()->set_port(70'000);
+  EXPECT_THAT([&] { m_publisher->Publish(portless); },
+              ::testing::ThrowsMessage<ZooError>(::testing::HasSubstr("is 70000")));
   EXPECT_TRUE(m_publisher->AwaitPublished(kLimit)) << "what was published before stays";
 }
 
