@@ -18,7 +18,6 @@ const zr::logging::ConstSourcePtr g_log = zr::logging::MakeSource("halden.global
 constexpr std::chrono::seconds kSessionTimeout{30};
 
 using WeakObserverPtr = std::weak_ptr<ServiceWatcherObserver>;
-using UsageError = details::ExceptionWrapper<HaldenErrorTag, std::runtime_error>;
 
 std::shared_ptr<Connection> MakeManagedConnection(const DataCenterEnsembleMapT::value_type& ensemble) {
   const std::vector<zr::String> host{ensemble.second};
@@ -94,7 +93,7 @@ void GlobalServiceWatcherImpl::StartManagedConnections() {
   if (!m_managedService) {
     ZRLOG(ZRLOG_ERROR, g_log) << "StartManagedConnections can only be called when application"
                                  "            wants library to manage service watcher connections.";
-    throw UsageError("Invalid Library Usage");
+    throw HaldenError("Invalid Library Usage");
   }
   for (const auto& ensemble : m_ensembles) AddConnection(MakeManagedConnection(ensemble));
 }
@@ -104,7 +103,7 @@ bool GlobalServiceWatcherImpl::ConnectDC(zr::String dcName) {
   if (!m_managedService) {
     ZRLOG(ZRLOG_ERROR, g_log) << "ConnectDC can only be called when application"
                                  "            wants library to manage service watcher connections.";
-    throw UsageError("Invalid Library Usage");
+    throw HaldenError("Invalid Library Usage");
   }
   const auto ensemble = m_ensembles.find(dcName);
   if (ensemble == m_ensembles.end()) {
@@ -148,7 +147,7 @@ void GlobalServiceWatcherImpl::StopManagedConnections() {
   if (!m_managedService) {
     ZRLOG(ZRLOG_ERROR, g_log) << "StopManagedConnections can only be called when application"
                                  "            has setup library to manage service watcher connections.";
-    throw UsageError("Invalid Library Usage");
+    throw HaldenError("Invalid Library Usage");
   }
   const std::lock_guard<std::mutex> lock(m_mtx);
   for (auto elem : m_connections) {  // NOLINT(performance-for-range-copy): both stay alive for the step

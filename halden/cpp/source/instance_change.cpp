@@ -1,6 +1,8 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "halden/instance_change.h"
 
+#include <ostream>
+
 namespace zr::halden {
 
 std::string_view ToString(InstanceChange change) {
@@ -13,6 +15,10 @@ std::string_view ToString(InstanceChange change) {
       return "removed";
   }
   return "unknown";
+}
+
+std::ostream& operator<<(std::ostream& out, InstanceChange change) {
+  return out << ToString(change);
 }
 
 }  // namespace zr::halden

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iosfwd>
 #include <string_view>
 
 #include "zrstl/export.h"
@@ -21,6 +22,7 @@ enum class ConnectionState : std::uint8_t { Stopped, Connecting, Connected, Susp
 
 /// The state's name in lower case, for output: "stopped", "connecting", ...
 ZR_EXPORT std::string_view ToString(ConnectionState state);
+ZR_EXPORT std::ostream& operator<<(std::ostream& out, ConnectionState state);
 
 /// A copy of what a connection knows of itself, for people and metrics.
 struct ConnectionStatus {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <iosfwd>
 #include <optional>
 #include <string_view>
 
@@ -27,6 +28,7 @@ enum class Freshness : std::uint8_t { NeverSynchronized, Live, Stale };
 
 /// In lower case, for output: "never synchronised", "live", "stale".
 ZR_EXPORT std::string_view ToString(Freshness freshness);
+ZR_EXPORT std::ostream& operator<<(std::ostream& out, Freshness freshness);
 
 struct ServiceWatcherStatus {
   Freshness freshness = Freshness::NeverSynchronized;

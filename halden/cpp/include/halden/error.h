@@ -31,9 +31,13 @@ class ZR_EXPORT ExceptionWrapper : public B {
 
 }  // namespace details
 
+/// What to catch for every error that is this component's own: the misuse of an operation ("Invalid Library Usage"),
+/// and, derived from it, ZooError.
+using HaldenError = details::ExceptionWrapper<HaldenErrorTag, std::runtime_error>;
+
 /// A ZooKeeper call failed, or could never work (a malformed host list). `Code` is the client library's
 /// return code (ZBADARGUMENTS and so on); `what` its description.
-class ZR_EXPORT ZooError : public details::ExceptionWrapper<HaldenErrorTag, std::runtime_error> {
+class ZR_EXPORT ZooError : public HaldenError {
  public:
   explicit ZooError(int code);
   /// As above, with what was wrong after the code's description.
@@ -47,8 +51,7 @@ class ZR_EXPORT ZooError : public details::ExceptionWrapper<HaldenErrorTag, std:
 };
 
 /// The ZooKeeper configuration could not be processed; `what` is the description given.
-class ZR_EXPORT FailedToParseZooConfig
-    : public details::ExceptionWrapper<HaldenErrorTag, std::runtime_error> {
+class ZR_EXPORT FailedToParseZooConfig : public HaldenError {
  public:
   explicit FailedToParseZooConfig(zr::String description);
   ~FailedToParseZooConfig() override;

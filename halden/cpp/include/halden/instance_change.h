@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iosfwd>
 #include <string_view>
 
 #include "zrstl/export.h"
@@ -13,5 +14,6 @@ enum class InstanceChange : std::uint8_t { Added, Modified, Removed };
 
 /// "added", "modified", "removed"
 ZR_EXPORT std::string_view ToString(InstanceChange change);
+ZR_EXPORT std::ostream& operator<<(std::ostream& out, InstanceChange change);
 
 }  // namespace zr::halden

@@ -24,6 +24,10 @@ std::string_view ToString(ConnectionState state) {
   return "unknown";
 }
 
+std::ostream& operator<<(std::ostream& out, ConnectionState state) {
+  return out << ToString(state);
+}
+
 const std::shared_ptr<details::ConnectionCore>& details::CoreOf(const Connection& conn) {
   return conn.m_core;
 }
