@@ -3,12 +3,16 @@
 
 #include <algorithm>
 #include <future>
+#include <iterator>
+#include <mutex>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
 #include "base/clock.h"
 #include "base/wait_limit.h"
 #include "global_service_watcher_impl.h"
+#include "halden/service_publisher.h"
 #include "session/connection_core.h"
 #include "watch/observer_thread.h"
 
@@ -23,14 +27,16 @@ std::chrono::milliseconds Until(Clock::time_point deadline) {
   return std::max(left, std::chrono::milliseconds::zero());
 }
 
-bool AwaitAll(const std::vector<std::shared_ptr<ServiceWatcher>>& watchers, std::chrono::milliseconds limit) {
+/// False where there is nothing to wait for.
+bool AwaitAll(bool (ServiceWatcher::*await)(std::chrono::milliseconds) const,
+              const std::vector<std::shared_ptr<ServiceWatcher>>& watchers, std::chrono::milliseconds limit) {
   const auto deadline = Clock::now() + details::WaitLimit(limit);
-  return std::all_of(watchers.begin(), watchers.end(),
-                     [deadline](const auto& watcher) { return watcher->AwaitSynchronized(Until(deadline)); });
+  const auto awaitOne = [&](const auto& watcher) { return (*watcher.*await)(Until(deadline)); };
+  return !watchers.empty() && std::all_of(watchers.begin(), watchers.end(), awaitOne);
 }
 
 /// Waits until what was to be delivered before the call is, gathered or not.
-bool AwaitDelivered(const Connection& conn, std::chrono::milliseconds limit) {
+bool AwaitPosted(const Connection& conn, std::chrono::milliseconds limit) {
   const auto delivered = std::make_shared<std::promise<void>>();
   const auto thread = details::CoreOf(conn)->FindShared<details::ObserverThread>();
   if (!thread) return true;
@@ -48,18 +54,37 @@ const zr::String& CheckedName(const zr::String& name) {
 
 }  // namespace
 
+struct GlobalServiceWatcher::Settings {
+  std::mutex mtx;  // guards all below; no foreign code runs with it held
+  std::optional<MassRemovalGuard> guard;
+  std::optional<AuditIntervals> audit;
+  std::shared_ptr<const DataCenterStatusHandler> statusHandler;
+  std::set<std::weak_ptr<ServiceWatcher>, std::owner_less<>> equipped;  // that have these settings
+};
+
 GlobalServiceWatcher::GlobalServiceWatcher(const zr::String& serviceName, LibraryManaged mode,
                                            ZkErrorHandler errorHandler)
-    : m_impl(std::make_shared<GlobalServiceWatcherImpl>(
-          *this, CheckedName(serviceName), true, std::move(mode.configPath), std::move(errorHandler))) {}
+    : m_impl(std::make_shared<GlobalServiceWatcherImpl>(*this, CheckedName(serviceName), true,
+                                                        std::move(mode.configPath), std::move(errorHandler))),
+      m_settings(std::make_unique<Settings>()) {}
 
 GlobalServiceWatcher::GlobalServiceWatcher(const zr::String& serviceName, ApplicationManaged /*mode*/,
                                            ZkErrorHandler errorHandler)
     : m_impl(std::make_shared<GlobalServiceWatcherImpl>(*this, CheckedName(serviceName), false, zr::String(),
-                                                        std::move(errorHandler))) {}
+                                                        std::move(errorHandler))),
+      m_settings(std::make_unique<Settings>()) {}
 
 GlobalServiceWatcher::~GlobalServiceWatcher() {
-  Release(true);
+  if (m_settings) Release(true);
+}
+
+GlobalServiceWatcher::GlobalServiceWatcher(GlobalServiceWatcher&&) noexcept = default;
+
+GlobalServiceWatcher& GlobalServiceWatcher::operator=(GlobalServiceWatcher&& other) noexcept {
+  GlobalServiceWatcher moved(std::move(other));
+  std::swap(m_impl, moved.m_impl);
+  std::swap(m_settings, moved.m_settings);
+  return *this;  // `moved` ends what was here
 }
 
 void GlobalServiceWatcher::RegisterShared(std::shared_ptr<ServiceWatcherObserver> observer) {
@@ -118,12 +143,30 @@ void GlobalServiceWatcher::RemoveConnection(const std::shared_ptr<Connection>& c
   Release(false);
 }
 
-bool GlobalServiceWatcher::HasConnection(const zr::String& dcName) {
+bool GlobalServiceWatcher::HasConnection(const zr::String& dcName) const {
   return m_impl->HasConnection(dcName);
 }
 
-std::shared_ptr<Connection> GlobalServiceWatcher::GetConnection(const zr::String& dcName) {
+std::shared_ptr<Connection> GlobalServiceWatcher::GetConnection(const zr::String& dcName) const {
   return m_impl->GetConnection(dcName);
+}
+
+ServicePublisher GlobalServiceWatcher::MakePublisher(const zr::String& dcName, const ServiceId& id) const {
+  auto conn = m_impl->GetConnection(dcName);
+  if (!conn) throw std::invalid_argument("MakePublisher: no connection to data centre \"" + dcName + "\"");
+  return {std::move(conn), m_impl->m_name, id};
+}
+
+std::vector<ServiceInstance> GlobalServiceWatcher::Snapshot() const {
+  auto watchers = Watchers();
+  std::sort(watchers.begin(), watchers.end(),
+            [](const auto& a, const auto& b) { return a->DataCenterName() < b->DataCenterName(); });
+  std::vector<ServiceInstance> all;
+  for (const auto& watcher : watchers) {
+    auto instances = watcher->Snapshot();
+    std::move(instances.begin(), instances.end(), std::back_inserter(all));
+  }
+  return all;
 }
 
 std::vector<ServiceId> GlobalServiceWatcher::ListInstances() const {
@@ -156,7 +199,11 @@ std::vector<DataCenterStatus> GlobalServiceWatcher::Status() const {
 }
 
 bool GlobalServiceWatcher::AwaitSynchronized(std::chrono::milliseconds limit) const {
-  return AwaitAll(Watchers(), limit);
+  return AwaitAll(&ServiceWatcher::AwaitSynchronized, Watchers(), limit);
+}
+
+bool GlobalServiceWatcher::AwaitDelivered(std::chrono::milliseconds limit) const {
+  return AwaitAll(&ServiceWatcher::AwaitDelivered, Watchers(), limit);
 }
 
 bool GlobalServiceWatcher::AwaitSynchronized(const std::vector<zr::String>& dcNames,
@@ -169,24 +216,24 @@ bool GlobalServiceWatcher::AwaitSynchronized(const std::vector<zr::String>& dcNa
     if (found == watchers.end()) return false;
     named.push_back(*found);
   }
-  return AwaitAll(named, limit);
+  return AwaitAll(&ServiceWatcher::AwaitSynchronized, named, limit);
 }
 
 void GlobalServiceWatcher::SetMassRemovalGuard(const std::optional<MassRemovalGuard>& guard) {
   Check(guard);
   {
-    const std::lock_guard lock(m_settingsMtx);
-    m_guard = guard;
-    m_equipped.clear();
+    const std::lock_guard lock(m_settings->mtx);
+    m_settings->guard = guard;
+    m_settings->equipped.clear();
   }
   Equip();
 }
 
 void GlobalServiceWatcher::SetAudit(const AuditIntervals& intervals) {
   {
-    const std::lock_guard lock(m_settingsMtx);
-    m_audit = intervals;
-    m_equipped.clear();
+    const std::lock_guard lock(m_settings->mtx);
+    m_settings->audit = intervals;
+    m_settings->equipped.clear();
   }
   Equip();
 }
@@ -194,9 +241,9 @@ void GlobalServiceWatcher::SetAudit(const AuditIntervals& intervals) {
 void GlobalServiceWatcher::SetStatusHandler(DataCenterStatusHandler handler) {
   auto changed = handler ? std::make_shared<const DataCenterStatusHandler>(std::move(handler)) : nullptr;
   {
-    const std::lock_guard lock(m_settingsMtx);
-    m_statusHandler.swap(changed);
-    m_equipped.clear();
+    const std::lock_guard lock(m_settings->mtx);
+    m_settings->statusHandler.swap(changed);
+    m_settings->equipped.clear();
   }
   Equip();
 }
@@ -206,8 +253,8 @@ void GlobalServiceWatcher::SetStatusHandler(DataCenterStatusHandler handler) {
 void GlobalServiceWatcher::Release(bool all) {
   std::vector<std::shared_ptr<ServiceWatcher>> gone;
   {
-    const std::lock_guard lock(m_settingsMtx);
-    for (const auto& weak : m_equipped) {
+    const std::lock_guard lock(m_settings->mtx);
+    for (const auto& weak : m_settings->equipped) {
       if (auto watcher = weak.lock()) gone.push_back(std::move(watcher));
     }
   }
@@ -218,8 +265,8 @@ void GlobalServiceWatcher::Release(bool all) {
     for (const auto& watcher : gone) *watcher->m_current = false;
   }
   {
-    const std::lock_guard lock(m_settingsMtx);
-    for (const auto& watcher : gone) m_equipped.erase(watcher);
+    const std::lock_guard lock(m_settings->mtx);
+    for (const auto& watcher : gone) m_settings->equipped.erase(watcher);
   }
   for (const auto& watcher : gone) watcher->SetStatusHandler({});
 }
@@ -227,16 +274,17 @@ void GlobalServiceWatcher::Release(bool all) {
 /// Hands the settings to the watchers that do not have them yet.
 void GlobalServiceWatcher::Equip() {
   const auto watchers = Watchers();
-  const std::lock_guard lock(m_settingsMtx);
-  std::erase_if(m_equipped, [](const auto& weak) { return weak.expired(); });
+  const std::lock_guard lock(m_settings->mtx);
+  std::erase_if(m_settings->equipped, [](const auto& weak) { return weak.expired(); });
   for (const auto& watcher : watchers) {
-    if (!m_equipped.insert(watcher).second) continue;
-    watcher->SetMassRemovalGuard(m_guard);
-    if (m_audit) watcher->SetAudit(*m_audit);
-    if (!m_statusHandler) {
+    if (!m_settings->equipped.insert(watcher).second) continue;
+    watcher->SetMassRemovalGuard(m_settings->guard);
+    if (m_settings->audit) watcher->SetAudit(*m_settings->audit);
+    if (!m_settings->statusHandler) {
       watcher->SetStatusHandler({});
     } else {
-      watcher->SetStatusHandler([handler = m_statusHandler](const DataCenterStatus& s) { (*handler)(s); });
+      watcher->SetStatusHandler(
+          [handler = m_settings->statusHandler](const DataCenterStatus& s) { (*handler)(s); });
     }
   }
 }
@@ -249,7 +297,7 @@ bool GlobalServiceWatcher::Close(std::chrono::milliseconds limit) {
     return std::all_of(connections.begin(), connections.end(), awaitOne);
   };
   const auto awaitHandlers = [deadline](const auto& entry) {
-    return AwaitDelivered(*entry.first, Until(deadline));
+    return AwaitPosted(*entry.first, Until(deadline));
   };
   // Handlers hear of the end, and nothing after it.
   const bool closed =

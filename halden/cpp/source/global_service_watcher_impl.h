@@ -76,10 +76,10 @@ class GlobalServiceWatcherImpl : public std::enable_shared_from_this<GlobalServi
     return m_connections;
   }
 
-  GlobalServiceWatcher& m_watcher;
-  mutable std::mutex m_mtx;      // guards m_connections
-  zr::String m_name;             // constant after construction, as is all below but m_connections
-  ConnectionMapT m_connections;  // guarded by m_mtx
+  GlobalServiceWatcher& m_watcher;  // as it was made: never read, since it may have been moved since
+  mutable std::mutex m_mtx;         // guards m_connections
+  zr::String m_name;                // constant after construction, as is all below but m_connections
+  ConnectionMapT m_connections;     // guarded by m_mtx
   DataCenterEnsembleMapT m_ensembles;
   bool m_managedService;
   ZkErrorHandler m_zkErrorHandler;

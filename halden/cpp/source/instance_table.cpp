@@ -89,6 +89,16 @@ void InstanceTable::Rejoin(Entry& entry, const NodeVersion& version, const std::
   entry.announced = toldAlready ? version : NodeVersion{version.czxid, -1};
 }
 
+std::vector<InstanceTable::Instance> InstanceTable::Copy() const {
+  std::vector<Instance> instances;
+  instances.reserve(m_known.size());
+  for (const auto& id : m_known) {
+    const Entry& entry = m_entries.at(id);
+    instances.push_back({id, entry.payload, entry.held});
+  }
+  return instances;
+}
+
 std::vector<ServiceId> InstanceTable::List() const {
   return m_known;
 }

@@ -53,6 +53,12 @@ class InstanceTable {
   /// or has not been announced: there is nothing to keep then.
   bool Hold(const ServiceId& id);
 
+  struct Instance {
+    ServiceId id{};
+    std::string payload;
+    bool held = false;
+  };
+  std::vector<Instance> Copy() const;
   std::vector<ServiceId> List() const;
   std::vector<ServiceId> ListHeld() const;
   /// Null when the instance is not known.
@@ -65,6 +71,7 @@ class InstanceTable {
   std::size_t Quarantined() const { return m_quarantined; }
 
   bool HasChanges() const { return !m_queue.empty(); }
+  std::size_t Changes() const { return m_queue.size(); }  ///< each `Take` is one less
   /// Takes the oldest change and marks it announced; its kinds are empty when it undid itself meanwhile.
   Change Take();
   /// It could not be told after all: it waits again.

@@ -5,15 +5,19 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
+#include <iosfwd>
 #include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string_view>
 #include <tuple>
+#include <utility>
 #include <vector>
 
-#include "halden/instance_change.h"
+#include "halden/data_center_status.h"
 #include "halden/service_id.h"
 #include "halden/service_watcher.h"
 #include "zrstl/export.h"
@@ -21,16 +25,36 @@
 
 namespace zr::halden {
 
-/// One change of one instance, as EventQueue hands it out.
-struct InstanceEvent {
-  InstanceChange change = InstanceChange::Added;
+/// What EventQueue hands out.
+struct ZR_EXPORT ServiceEvent {
+  enum class Kind : std::uint8_t {
+    Added,
+    Modified,
+    Removed,
+    /// The data centre's state has changed: its connection's, its freshness, or whether removals are held.
+    State,
+    /// The data centre is live, for the first time or again: the instances that it has read came before this.
+    Synchronized,
+  };
+
+  bool IsInstance() const { return kind != Kind::State && kind != Kind::Synchronized; }
+
+  Kind kind = Kind::Added;
+  zr::String service;
   zr::String dcName;
-  ServiceId id{};
+  ServiceId id{};            ///< of an instance, as is `data`
   ServiceInstanceData data;  ///< empty for Removed
+  DataCenterStatus
+      status;  ///< for State and Synchronized: the newest; states that passed meanwhile are skipped
 };
 
+/// "added", "modified", "removed", "state", "synchronised"
+ZR_EXPORT std::string_view ToString(ServiceEvent::Kind kind);
+ZR_EXPORT std::ostream& operator<<(std::ostream& out, ServiceEvent::Kind kind);
+
 /// An observer that hands events to a thread of the application's own, where every operation of a watcher may
-/// be called, `DisconnectDC` and `StopManagedConnections` included.
+/// be called, `DisconnectDC` and `StopManagedConnections` included. It is one stream: instances, states of data
+/// centres, and for each data centre when all that it has read has been told.
 ///
 ///     const auto events = std::make_shared<zr::halden::EventQueue>();
 ///     watcher.RegisterShared(events);
@@ -40,9 +64,11 @@ struct InstanceEvent {
 /// What waits for one instance of one data centre is merged: added and modified is added with the newer data;
 /// added and removed is nothing; removed and added is both. So its memory is bounded by the number of
 /// instances, however slow the consumer is; the last state is never lost, and what comes out is legal: added,
-/// then modified any number of times, then removed. Instances come out in the order of their oldest change.
+/// then modified any number of times, then removed. Instances come out in the order of their oldest change. Of a
+/// data centre at most one State and one Synchronized wait, behind all instances that were told before them.
 ///
-/// While it is registered it loses nothing. A data centre that was disconnected and connected again tells its
+/// While it is registered it loses nothing; what was told before, it does not hear: register it before data centres
+/// are connected. `AwaitDelivered` of the watcher says when it has all that is known. A data centre that was disconnected and connected again tells its
 /// instances anew: those that the consumer has come out as modified, and once all is read, those that are not
 /// there any more as removed; until then the consumer keeps them. An event that was cut short, because an
 /// observer before the queue threw, is told to the queue all the same; where the queue had it already, it may
@@ -62,16 +88,16 @@ class ZR_EXPORT EventQueue final : public ServiceWatcherObserver {
   EventQueue& operator=(const EventQueue&) = delete;
 
   /// The oldest event. Waits for one; null after `Close`, when all that was there has been taken.
-  std::optional<InstanceEvent> Pop();
+  std::optional<ServiceEvent> Pop();
   /// As above; null also when none has come within `limit`.
-  std::optional<InstanceEvent> PopFor(std::chrono::milliseconds limit);
+  std::optional<ServiceEvent> PopFor(std::chrono::milliseconds limit);
   /// All that is there now.
-  std::vector<InstanceEvent> Drain();
+  std::vector<ServiceEvent> Drain();
 
   /// Ends all waiting; what comes later is dropped.
   void Close();
 
-  /// Instances with an event that waits.
+  /// Instances with an event that waits, and states that do.
   std::size_t Size() const;
 
   /// For event loops: readable (poll, epoll) while there are events, and after `Close`. To be polled only,
@@ -88,6 +114,19 @@ class ZR_EXPORT EventQueue final : public ServiceWatcherObserver {
   friend class details::WatcherDelivery;
 
   using Key = std::tuple<zr::String, zr::String, ServiceId>;  // service, data centre
+  using DataCenterKey = std::pair<zr::String, zr::String>;    // service, data centre
+
+  struct Waiting {
+    const Key* instance = nullptr;       // in m_instances; null for
+    std::unique_ptr<ServiceEvent> told;  // what is no instance's
+  };
+  using Order = std::list<Waiting>;
+
+  /// What waits of a data centre itself.
+  struct DataCenter {
+    std::optional<Order::iterator> state;
+    std::optional<Order::iterator> synchronized;
+  };
 
   /// What the consumer has, and what it is yet to be handed.
   struct Instance {
@@ -96,13 +135,17 @@ class ZR_EXPORT EventQueue final : public ServiceWatcherObserver {
     bool handedOut = false;                            // the consumer has it
     bool removed = false;                              // what the consumer has is gone, and perhaps back
     bool waits = false;
-    std::list<const Key*>::iterator place;  // in m_order, if it waits
+    Order::iterator place;  // in m_order, if it waits
   };
   using InstanceMap = std::map<Key, Instance>;
 
   void Change(const ServiceWatcher& watcher, const ServiceId& id, const ServiceInstanceData* data);
   void Reconcile(const ServiceWatcher& watcher);
-  std::optional<InstanceEvent> Take();
+  void Tell(const ServiceWatcher& watcher, ServiceEvent::Kind kind, const DataCenterStatus& status);
+  std::optional<ServiceEvent> Take();
+  ServiceEvent TakeInstance(InstanceMap::iterator entry);
+  ServiceEvent TakeTold();
+  void Drop(std::optional<Order::iterator>& place);
   void Remove(InstanceMap::iterator entry);
   void Enqueue(InstanceMap::iterator entry);
   void Dequeue(InstanceMap::iterator entry);
@@ -113,8 +156,9 @@ class ZR_EXPORT EventQueue final : public ServiceWatcherObserver {
   mutable std::mutex m_mtx;  // guards all below; no foreign code runs with it held
   std::condition_variable m_changed;
   InstanceMap m_instances;
-  std::list<const Key*> m_order;  // in m_instances: those with an event that waits, oldest first
-  bool m_readable = false;        // the descriptor is
+  std::map<DataCenterKey, DataCenter> m_dataCenters;
+  Order m_order;            // what waits, oldest first
+  bool m_readable = false;  // the descriptor is
   bool m_closed = false;
 };
 

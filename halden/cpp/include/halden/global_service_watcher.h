@@ -4,9 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <set>
 #include <vector>
 
 #include "halden/connection_v2.h"
@@ -20,6 +18,7 @@
 namespace zr::halden {
 
 class GlobalServiceWatcherImpl;
+class ServicePublisher;
 
 /// The library makes and manages one connection per data centre of the configuration file at `configPath`.
 struct LibraryManaged {
@@ -34,8 +33,8 @@ struct ApplicationManaged {};
 ///     zr::halden::GlobalServiceWatcher watcher("orders", zr::halden::LibraryManaged{"halden.toml"});
 ///     watcher.RegisterShared(std::make_shared<MyObserver>());
 ///     watcher.StartManagedConnections();
-///     watcher.AwaitSynchronized(std::chrono::seconds(10));
-///     for (const auto& id : watcher.ListInstances()) { ... }
+///     if (!watcher.AwaitSynchronized(std::chrono::seconds(10))) { ... }  // not all is known
+///     for (const auto& instance : watcher.Snapshot()) { ... }
 ///
 /// Threads: every operation may be called from any thread; none waits for the network but those named
 /// `Await...` and `Close`. Events of one data centre arrive in order on one thread; those of different data
@@ -54,9 +53,9 @@ struct ApplicationManaged {};
 /// that is running on another thread may end after the destructor; after `Close` none runs.
 /// Errors: the constructors throw std::invalid_argument for a name that no service can have (see
 /// IsValidServiceName). Library-managed operations on an application-managed watcher throw
-/// details::ExceptionWrapper<HaldenErrorTag, std::runtime_error> ("Invalid Library Usage"); a connect string
-/// that can never work throws ZooError when it is connected. A configuration that cannot be read is no error
-/// of construction: it is logged, and what could be read of it counts.
+/// HaldenError ("Invalid Library Usage"); a connect string that can never work throws ZooError when it is
+/// connected. A configuration that cannot be read is no error of construction: it is logged, and what could be
+/// read of it counts.
 class ZR_EXPORT GlobalServiceWatcher final : public zr::Observable<ServiceWatcherObserver> {
  public:
   GlobalServiceWatcher(const zr::String& serviceName, LibraryManaged mode, ZkErrorHandler errorHandler = {});
@@ -66,6 +65,10 @@ class ZR_EXPORT GlobalServiceWatcher final : public zr::Observable<ServiceWatche
 
   GlobalServiceWatcher(const GlobalServiceWatcher&) = delete;
   GlobalServiceWatcher& operator=(const GlobalServiceWatcher&) = delete;
+  /// While no other thread is in one of its operations. What was moved from can be destroyed and assigned to, and
+  /// nothing else.
+  GlobalServiceWatcher(GlobalServiceWatcher&&) noexcept;
+  GlobalServiceWatcher& operator=(GlobalServiceWatcher&& other) noexcept;
 
   // Observers
   void RegisterShared(std::shared_ptr<ServiceWatcherObserver> observer) override;
@@ -95,15 +98,25 @@ class ZR_EXPORT GlobalServiceWatcher final : public zr::Observable<ServiceWatche
   /// here unless the application shares it.
   void RemoveConnection(const std::shared_ptr<Connection>& conn);
 
-  bool HasConnection(const zr::String& dcName);
-  std::shared_ptr<Connection> GetConnection(const zr::String& dcName);
+  bool HasConnection(const zr::String& dcName) const;
+  std::shared_ptr<Connection> GetConnection(const zr::String& dcName) const;
+
+  /// In either mode: publishes an instance of this service in the data centre, over the connection that is there
+  /// already, which the publisher keeps; it ends with that connection (`DisconnectDC`, `Close`). Throws
+  /// std::invalid_argument when the data centre has none. See halden/service_publisher.h.
+  ServicePublisher MakePublisher(const zr::String& dcName, const ServiceId& id = MakeServiceId()) const;
 
   // Queries
+
+  /// All that is known, with its data centre and how far that can be trusted; by data centre, in the order of
+  /// their names. A copy: it costs as much as the instances' data.
+  std::vector<ServiceInstance> Snapshot() const;
 
   /// The instances of all data centres, one after the other: neither sorted nor without duplicates; those
   /// held by the mass-removal guard included.
   std::vector<ServiceId> ListInstances() const;
-  /// False when no data centre knows `id`; else fills `data` and says in `watcher` which one does.
+  /// False when no data centre knows `id`; else fills `data` and says in `watcher` which one does: any of them,
+  /// where several do.
   bool GetInstanceData(const ServiceId& id, std::shared_ptr<ServiceWatcher>& watcher,
                        ServiceInstanceData& data) const;
 
@@ -114,10 +127,14 @@ class ZR_EXPORT GlobalServiceWatcher final : public zr::Observable<ServiceWatche
   /// Every connected data centre, sorted by name.
   std::vector<DataCenterStatus> Status() const;
 
-  /// Waits until every connected data centre has been read completely once; false at the deadline.
+  /// Waits until every connected data centre has been read completely once: true then, false at the deadline. False
+  /// at once when there is none: an empty configuration must not look like an empty service.
   bool AwaitSynchronized(std::chrono::milliseconds limit) const;
-  /// As above for the named ones; false at once when one of them has no connection.
+  /// As above for the named ones; false at once when one of them has no connection, or none is named.
   bool AwaitSynchronized(const std::vector<zr::String>& dcNames, std::chrono::milliseconds limit) const;
+  /// As the first, and then until observers have been told what was known by then: what an EventQueue holds
+  /// stands for all of it.
+  bool AwaitDelivered(std::chrono::milliseconds limit) const;
 
   // Settings. They hold for every data centre, those connected later included.
 
@@ -139,13 +156,10 @@ class ZR_EXPORT GlobalServiceWatcher final : public zr::Observable<ServiceWatche
   void Equip();
   void Release(bool all);
 
-  const std::shared_ptr<GlobalServiceWatcherImpl> m_impl;
+  struct Settings;
 
-  std::mutex m_settingsMtx;  // guards all below; no foreign code runs with it held
-  std::optional<MassRemovalGuard> m_guard;
-  std::optional<AuditIntervals> m_audit;
-  std::shared_ptr<const DataCenterStatusHandler> m_statusHandler;
-  std::set<std::weak_ptr<ServiceWatcher>, std::owner_less<>> m_equipped;  // that have these settings
+  std::shared_ptr<GlobalServiceWatcherImpl> m_impl;  // null once moved from
+  std::unique_ptr<Settings> m_settings;
 };
 
 }  // namespace zr::halden

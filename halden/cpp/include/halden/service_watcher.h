@@ -13,6 +13,7 @@
 #include "halden/data_center_status.h"
 #include "halden/mass_removal_guard.h"
 #include "halden/service_id.h"
+#include "halden/service_instance.h"
 #include "halden/service_name.h"
 #include "halden/service_watcher_observer.h"
 #include "zrstl/export.h"
@@ -72,6 +73,9 @@ class ZR_EXPORT ServiceWatcher : public std::enable_shared_from_this<ServiceWatc
   /// True, with `data` filled, when the instance is known; else false, with `data` untouched.
   bool GetInstanceData(const ServiceId& id, ServiceInstanceData& data) const;
 
+  /// Everything that is known, as it is at one moment: in one call what the queries above tell piece by piece.
+  std::vector<ServiceInstance> Snapshot() const;
+
   const zr::String& ServiceName() const;
   const zr::String& DataCenterName() const;
   ServiceWatcherStatus Status() const;
@@ -87,6 +91,8 @@ class ZR_EXPORT ServiceWatcher : public std::enable_shared_from_this<ServiceWatc
   /// Waits until the first complete read is done: true then, false at the deadline. Queries are complete from
   /// then on; observers may still be being told. Do not call it from a callback.
   bool AwaitSynchronized(std::chrono::milliseconds limit) const;
+  /// As above, and then until observers have been told what is known by now: true then, false at the deadline.
+  bool AwaitDelivered(std::chrono::milliseconds limit) const;
 
  private:
   friend class EventQueue;

@@ -6,12 +6,33 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ostream>
 #include <system_error>
 #include <utility>
 
 #include "base/wait_limit.h"
 
 namespace zr::halden {
+
+std::string_view ToString(ServiceEvent::Kind kind) {
+  switch (kind) {
+    case ServiceEvent::Kind::Added:
+      return "added";
+    case ServiceEvent::Kind::Modified:
+      return "modified";
+    case ServiceEvent::Kind::Removed:
+      return "removed";
+    case ServiceEvent::Kind::State:
+      return "state";
+    case ServiceEvent::Kind::Synchronized:
+      return "synchronised";
+  }
+  return "unknown";
+}
+
+std::ostream& operator<<(std::ostream& out, ServiceEvent::Kind kind) {
+  return out << ToString(kind);
+}
 
 EventQueue::EventQueue() : m_descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (m_descriptor < 0) throw std::system_error(errno, std::generic_category(), "EventQueue: eventfd");
@@ -21,20 +42,20 @@ EventQueue::~EventQueue() {
   close(m_descriptor);
 }
 
-std::optional<InstanceEvent> EventQueue::Pop() {
+std::optional<ServiceEvent> EventQueue::Pop() {
   std::unique_lock lock(m_mtx);
   m_changed.wait(lock, [this] { return m_closed || !m_order.empty(); });
   return Take();
 }
 
-std::optional<InstanceEvent> EventQueue::PopFor(std::chrono::milliseconds limit) {
+std::optional<ServiceEvent> EventQueue::PopFor(std::chrono::milliseconds limit) {
   std::unique_lock lock(m_mtx);
   m_changed.wait_for(lock, details::WaitLimit(limit), [this] { return m_closed || !m_order.empty(); });
   return Take();
 }
 
-std::vector<InstanceEvent> EventQueue::Drain() {
-  std::vector<InstanceEvent> events;
+std::vector<ServiceEvent> EventQueue::Drain() {
+  std::vector<ServiceEvent> events;
   const std::lock_guard lock(m_mtx);
   events.reserve(m_order.size());
   while (auto event = Take()) events.push_back(std::move(*event));
@@ -100,26 +121,64 @@ void EventQueue::Reconcile(const ServiceWatcher& watcher) {
   }
 }
 
+/// A state takes the place of one that waits: at the end, since it must not overtake what it stands for. That all is
+/// read also says all that an older state could say.
+void EventQueue::Tell(const ServiceWatcher& watcher, ServiceEvent::Kind kind,
+                      const DataCenterStatus& status) {
+  const bool synchronized = kind == ServiceEvent::Kind::Synchronized;
+  auto told = std::make_unique<ServiceEvent>();
+  told->kind = kind;
+  told->service = watcher.ServiceName();
+  told->dcName = watcher.DataCenterName();
+  told->status = status;
+  const std::lock_guard lock(m_mtx);
+  if (m_closed || !*watcher.m_current) return;
+  DataCenter& dataCenter = m_dataCenters[{told->service, told->dcName}];
+  const auto place = m_order.insert(m_order.end(), Waiting{nullptr, std::move(told)});
+  Drop(dataCenter.state);
+  if (synchronized) Drop(dataCenter.synchronized);
+  (synchronized ? dataCenter.synchronized : dataCenter.state) = place;
+  Signal();
+  m_changed.notify_one();
+}
+
 /// m_mtx is held, here and below.
-std::optional<InstanceEvent> EventQueue::Take() {
+std::optional<ServiceEvent> EventQueue::Take() {
   if (m_order.empty()) return std::nullopt;
-  const auto entry = m_instances.find(*m_order.front());
+  const Key* const instance = m_order.front().instance;
+  auto event = instance == nullptr ? TakeTold() : TakeInstance(m_instances.find(*instance));
+  if (!m_order.empty()) m_changed.notify_one();
+  return event;
+}
+
+ServiceEvent EventQueue::TakeTold() {
+  ServiceEvent event = std::move(*m_order.front().told);
+  DataCenter& dataCenter = m_dataCenters[{event.service, event.dcName}];
+  Drop(event.kind == ServiceEvent::Kind::Synchronized ? dataCenter.synchronized : dataCenter.state);
+  Signal();
+  return event;
+}
+
+void EventQueue::Drop(std::optional<Order::iterator>& place) {
+  if (place) m_order.erase(*place);
+  place.reset();
+}
+
+ServiceEvent EventQueue::TakeInstance(InstanceMap::iterator entry) {
   Instance& instance = entry->second;
-  InstanceEvent event;
-  event.dcName = std::get<1>(entry->first);
-  event.id = std::get<2>(entry->first);
+  ServiceEvent event;
+  std::tie(event.service, event.dcName, event.id) = entry->first;
   if (instance.removed) {
-    event.change = InstanceChange::Removed;
+    event.kind = ServiceEvent::Kind::Removed;
     instance.removed = instance.handedOut = false;
     if (!instance.data) Remove(entry);  // else what came after it is next
   } else {
-    event.change = instance.handedOut ? InstanceChange::Modified : InstanceChange::Added;
+    event.kind = instance.handedOut ? ServiceEvent::Kind::Modified : ServiceEvent::Kind::Added;
     event.data = std::move(*instance.data);
     instance.data.reset();
     instance.handedOut = true;
     Dequeue(entry);
   }
-  if (!m_order.empty()) m_changed.notify_one();
   return event;
 }
 
@@ -134,7 +193,7 @@ void EventQueue::Remove(InstanceMap::iterator entry) {
 
 void EventQueue::Enqueue(InstanceMap::iterator entry) {
   Instance& instance = entry->second;
-  if (!instance.waits) instance.place = m_order.insert(m_order.end(), &entry->first);
+  if (!instance.waits) instance.place = m_order.insert(m_order.end(), Waiting{&entry->first, nullptr});
   instance.waits = true;
   Signal();
   m_changed.notify_one();

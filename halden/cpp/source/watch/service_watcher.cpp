@@ -1,6 +1,7 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "halden/service_watcher.h"
 
+#include <ostream>
 #include <stdexcept>
 #include <utility>
 
@@ -35,6 +36,10 @@ std::string_view ToString(Freshness freshness) {
       return "stale";
   }
   return "unknown";
+}
+
+std::ostream& operator<<(std::ostream& out, Freshness freshness) {
+  return out << ToString(freshness);
 }
 
 DataCenterCounters DataCenterStatus::Counters() const {
@@ -124,8 +129,22 @@ DataCenterStatus ServiceWatcher::DataCenter() const {
   return {m_conn->DataCenterName(), m_conn->Status(), m_delivery->Status()};
 }
 
+std::vector<ServiceInstance> ServiceWatcher::Snapshot() const {
+  const auto known = m_delivery->Snapshot();
+  std::vector<ServiceInstance> instances;
+  instances.reserve(known.instances.size());
+  for (const auto& [id, payload, held] : known.instances) {
+    instances.push_back({DataCenterName(), id, details::ParsePayload(payload), known.freshness, held});
+  }
+  return instances;
+}
+
 bool ServiceWatcher::AwaitSynchronized(std::chrono::milliseconds limit) const {
   return m_delivery->AwaitSynchronized(limit);
+}
+
+bool ServiceWatcher::AwaitDelivered(std::chrono::milliseconds limit) const {
+  return m_delivery->AwaitDelivered(limit);
 }
 
 }  // namespace zr::halden

@@ -43,13 +43,14 @@ void WatcherDelivery::Start(std::weak_ptr<ServiceWatcher> watcher) {
   std::unique_lock lock(m_mtx);
   m_watcher = std::move(watcher);
   m_scheduled = false;
+  m_queueStatusDue = true;
   Schedule(lock);
 }
 
 void WatcherDelivery::SetGuard(const std::optional<MassRemovalGuard>& guard) {
   std::unique_lock lock(m_mtx);
   if (guard ? m_guard && m_guard->Options() == *guard : !m_guard) return;
-  m_statusDue |= m_table.Held() != 0;
+  if (m_table.Held() != 0) StatusChanged();
   for (const auto& id : m_table.ListHeld()) m_table.Remove(id);
   m_guard.reset();
   if (guard) m_guard.emplace(*guard);
@@ -91,7 +92,7 @@ void WatcherDelivery::Remove(const ServiceId& id) {
   const auto present = m_table.Size() - m_table.Held();
   if (m_guard && m_table.Hold(id)) {
     if (m_guard->Hold(id, Clock::now(), present)) {
-      m_statusDue |= m_table.Held() == 1;
+      if (m_table.Held() == 1) StatusChanged();
       ScheduleGuard();
     } else {
       m_table.Remove(id);
@@ -107,7 +108,7 @@ void WatcherDelivery::MarkStale() {
   if (m_status.freshness != Freshness::Live) return;
   m_status.freshness = Freshness::Stale;
   m_status.staleSince = TimeOfDay();
-  m_statusDue = true;
+  StatusChanged();
   Schedule(lock);
 }
 
@@ -130,17 +131,19 @@ void WatcherDelivery::MarkLive(bool everythingRead) {
   std::unique_lock lock(m_mtx);
   if (everythingRead) ++m_status.resyncs;
   if (m_status.freshness == Freshness::Live) return;
-  m_queuesDue |= m_status.freshness == Freshness::NeverSynchronized;
+  m_reconcileDue |= m_status.freshness == Freshness::NeverSynchronized;
   m_status.freshness = Freshness::Live;
-  m_synchronized.notify_all();
-  m_statusDue = true;
+  m_progress.notify_all();
+  StatusChanged();
   RemoveDue();
+  m_liveDue = true;
+  m_ahead = m_table.Changes();
   Schedule(lock);
 }
 
 void WatcherDelivery::ReportStatus() {
   std::unique_lock lock(m_mtx);
-  m_statusDue = true;
+  StatusChanged();
   Schedule(lock);
 }
 
@@ -179,8 +182,23 @@ ServiceWatcherStatus WatcherDelivery::Status() const {
 
 bool WatcherDelivery::AwaitSynchronized(std::chrono::milliseconds limit) const {
   std::unique_lock lock(m_mtx);
-  return m_synchronized.wait_for(lock, WaitLimit(limit),
-                                 [this] { return m_status.freshness != Freshness::NeverSynchronized; });
+  return m_progress.wait_for(lock, WaitLimit(limit),
+                             [this] { return m_status.freshness != Freshness::NeverSynchronized; });
+}
+
+/// Changes leave the table in their order: so those that wait have all been told when as many have.
+bool WatcherDelivery::AwaitDelivered(std::chrono::milliseconds limit) const {
+  const auto deadline = std::chrono::steady_clock::now() + WaitLimit(limit);
+  std::unique_lock lock(m_mtx);
+  const auto synchronized = [this] { return m_status.freshness != Freshness::NeverSynchronized; };
+  if (!m_progress.wait_until(lock, deadline, synchronized)) return false;
+  const std::uint64_t all = m_taken + m_table.Changes() + (m_liveDue ? 1 : 0);
+  return m_progress.wait_until(lock, deadline, [&] { return m_told >= all && !m_liveDue; });
+}
+
+WatcherDelivery::Known WatcherDelivery::Snapshot() const {
+  const std::lock_guard lock(m_mtx);
+  return {m_status.freshness, m_table.Copy()};
 }
 
 /// Posts a delivery if there is something to tell and none is on its way. `lock` is on m_mtx and may be
@@ -188,7 +206,7 @@ bool WatcherDelivery::AwaitSynchronized(std::chrono::milliseconds limit) const {
 void WatcherDelivery::Schedule(std::unique_lock<std::mutex>& lock) {
   if (m_scheduled) return;
   const bool handlersDue = !m_errors.empty() || (m_statusDue && m_statusHandler);
-  if (!m_table.HasChanges() && !handlersDue && !m_queuesDue) return;
+  if (!m_table.HasChanges() && !handlersDue && !QueuesAreDue()) return;
   m_scheduled = true;
   const bool manyToCome = m_status.freshness != Freshness::Live;
   lock.unlock();
@@ -209,7 +227,17 @@ void WatcherDelivery::Schedule(std::unique_lock<std::mutex>& lock) {
 /// m_mtx is held.
 void WatcherDelivery::OnNotHeldAnyMore(const ServiceId& id) {
   if (m_guard) m_guard->Forget(id);
-  m_statusDue |= m_table.Held() == 0;
+  if (m_table.Held() == 0) StatusChanged();
+}
+
+/// m_mtx is held.
+void WatcherDelivery::StatusChanged() {
+  m_statusDue = m_queueStatusDue = true;
+}
+
+/// m_mtx is held.
+bool WatcherDelivery::QueuesAreDue() const {
+  return m_liveDue ? m_ahead == 0 : m_queueStatusDue;
 }
 
 /// m_mtx is held.
@@ -238,7 +266,7 @@ void WatcherDelivery::RemoveDue() {
   for (const auto& id : m_guard->Due(Clock::now())) {
     if (m_table.IsHeld(id)) m_table.Remove(id);
   }
-  m_statusDue |= held && m_table.Held() == 0;
+  if (held && m_table.Held() == 0) StatusChanged();
   ScheduleGuard();
 }
 
@@ -256,7 +284,7 @@ void WatcherDelivery::Deliver() {
   }
 }
 
-/// One instance's change, after all errors that wait; false when nothing is left, or nobody.
+/// One instance's change, after all errors and states that wait; false when nothing is left, or nobody.
 bool WatcherDelivery::DeliverOne() {
   // Both may end here, with foreign code in what they own: after the lock.
   std::shared_ptr<ServiceWatcher> watcher;
@@ -268,19 +296,17 @@ bool WatcherDelivery::DeliverOne() {
   DeliverErrors(lock);
   handler = m_statusHandler;
   DeliverStatus(lock, *watcher, handler);
+  if (QueuesAreDue()) DeliverToQueues(lock, *watcher);
+  if (std::exchange(m_told, m_taken) != m_taken) m_progress.notify_all();
   if (!m_table.HasChanges()) {
-    if (!m_errors.empty() || (m_statusDue && m_statusHandler)) return true;  // come while handlers ran
-    if (m_queuesDue) {
-      lock.unlock();
-      ForEachQueue(*watcher, [&](EventQueue& queue) { queue.Reconcile(*watcher); });
-      lock.lock();
-      m_queuesDue = false;
-      return true;
-    }
+    const bool handlersDue = !m_errors.empty() || (m_statusDue && m_statusHandler);
+    if (handlersDue || QueuesAreDue()) return true;  // come while others were told
     m_scheduled = false;
     return false;
   }
   const auto change = m_table.Take();
+  ++m_taken;
+  if (m_ahead != 0) --m_ahead;
   lock.unlock();
   ServiceInstanceData data;
   try {
@@ -288,6 +314,8 @@ bool WatcherDelivery::DeliverOne() {
   } catch (...) {
     lock.lock();
     m_table.TakeBack(change);
+    --m_taken;
+    m_ahead = m_table.Changes();
     throw;
   }
   Tell(*watcher, change, data);
@@ -309,12 +337,40 @@ void WatcherDelivery::DeliverStatus(std::unique_lock<std::mutex>& lock, const Se
   if (!handler || !std::exchange(m_statusDue, false)) return;
   lock.unlock();
   const DataCenterStatus status = watcher.DataCenter();
-  const StatusKey key(status.connection.state, status.watcher.freshness, status.watcher.held != 0);
+  const StatusKey key = KeyOf(status);
   lock.lock();
   if (m_toldStatus == key || handler != m_statusHandler) return;
   m_toldStatus = key;
   lock.unlock();
   CallGuarded("status handler", [&] { (*handler)(status); });
+  lock.lock();
+}
+
+WatcherDelivery::StatusKey WatcherDelivery::KeyOf(const DataCenterStatus& status) {
+  return {status.connection.state, status.watcher.freshness, status.watcher.held != 0};
+}
+
+/// The state, in order with the instances: that all is read comes behind what was read, and so no state that says so
+/// comes before.
+void WatcherDelivery::DeliverToQueues(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher) {
+  const bool live = m_liveDue;
+  m_queueStatusDue = false;
+  lock.unlock();
+  const DataCenterStatus status = watcher.DataCenter();
+  lock.lock();
+  if (live ? m_ahead != 0 : m_liveDue || m_queueStatus == KeyOf(status)) return;
+  const bool first = live && std::exchange(m_reconcileDue, false);
+  if (live) {
+    m_liveDue = false;
+    ++m_taken;
+  }
+  m_queueStatus = KeyOf(status);
+  lock.unlock();
+  const auto kind = live ? ServiceEvent::Kind::Synchronized : ServiceEvent::Kind::State;
+  ForEachQueue(watcher, [&](EventQueue& queue) {
+    if (first) queue.Reconcile(watcher);
+    queue.Tell(watcher, kind, status);
+  });
   lock.lock();
 }
 

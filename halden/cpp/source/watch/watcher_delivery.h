@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -63,6 +64,14 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   std::optional<std::string> Find(const ServiceId& id) const;
   ServiceWatcherStatus Status() const;
   bool AwaitSynchronized(std::chrono::milliseconds limit) const;
+  bool AwaitDelivered(std::chrono::milliseconds limit) const;
+
+  /// Instances as payloads: who asks parses them, with no lock held.
+  struct Known {
+    Freshness freshness = Freshness::NeverSynchronized;
+    std::vector<InstanceTable::Instance> instances;
+  };
+  Known Snapshot() const;
 
  private:
   /// What the status handler is told the changes of.
@@ -78,6 +87,10 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   void DeliverErrors(std::unique_lock<std::mutex>& lock);
   void DeliverStatus(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher,
                      const std::shared_ptr<const DataCenterStatusHandler>& handler);
+  void StatusChanged();
+  bool QueuesAreDue() const;
+  void DeliverToQueues(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher);
+  static StatusKey KeyOf(const DataCenterStatus& status);
   static void Tell(ServiceWatcher& watcher, const InstanceTable::Change& change,
                    const ServiceInstanceData& data);
   static void ForEachQueue(const ServiceWatcher& watcher, const std::function<void(EventQueue&)>& tell);
@@ -86,8 +99,8 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   const std::shared_ptr<ObserverThread> m_thread;
   const ZkErrorHandler m_errorHandler;
 
-  mutable std::mutex m_mtx;  // guards all below; no foreign code runs with it held
-  mutable std::condition_variable m_synchronized;
+  mutable std::mutex m_mtx;                    // guards all below; no foreign code runs with it held
+  mutable std::condition_variable m_progress;  // synchronised, or told of what was taken
   std::weak_ptr<ServiceWatcher> m_watcher;
   InstanceTable m_table;
   std::vector<int> m_errors;  // waiting to be told, each code once
@@ -96,7 +109,13 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   std::shared_ptr<const DataCenterStatusHandler> m_statusHandler;
   bool m_statusDue = false;  // the handler is to be asked
   std::optional<StatusKey> m_toldStatus;
-  bool m_queuesDue = false;       // everything was read for the first time, and queues are to be told
+  bool m_queueStatusDue = false;           // queues are to be told the state
+  std::optional<StatusKey> m_queueStatus;  // what they were told last
+  bool m_liveDue = false;         // all is read, and queues are to be told so, behind what waited then:
+  std::size_t m_ahead = 0;        // so many changes
+  bool m_reconcileDue = false;    // and that it was for the first time
+  std::uint64_t m_taken = 0;      // changes taken from the table, and times that all was read
+  std::uint64_t m_told = 0;       // of these, those that observers have heard of
   bool m_scheduled = true;        // a delivery is posted, or running and will look again; or not started
   ServiceWatcherStatus m_status;  // its numbers of instances are the table's
 };

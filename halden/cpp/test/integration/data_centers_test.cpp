@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "halden/event_queue.h"
@@ -19,6 +21,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
+using ::testing::UnorderedElementsAre;
 using ::testing::UnorderedElementsAreArray;
 
 constexpr const char* kDc = "eu-west";
@@ -52,6 +55,13 @@ class States {
 
 class DataCentersTest : public EnsembleTest {
  protected:
+  /// What the queue hands out next but for states.
+  static std::optional<ServiceEvent> Next(EventQueue& events, std::chrono::milliseconds limit = kLimit) {
+    auto event = events.PopFor(limit);
+    while (event && !event->IsInstance()) event = events.PopFor(limit);
+    return event;
+  }
+
   const std::shared_ptr<States> m_states = std::make_shared<States>();
 };
 
@@ -90,6 +100,7 @@ TEST_F(DataCentersTest, EachDataCentersStateIsToldAndCanBeAwaitedApart) {
   StartServers({kDc, "us-east"});
   Server("us-east").Stop();
   GlobalServiceWatcher watcher(kService, LibraryManaged{WriteConfig({kDc, "us-east"})});
+  EXPECT_FALSE(watcher.AwaitSynchronized(kLimit)) << "there is nothing to wait for yet";
   watcher.SetStatusHandler(States::Handler(m_states));
   watcher.StartManagedConnections();
   EXPECT_TRUE(watcher.AwaitSynchronized({kDc}, kLimit));
@@ -102,7 +113,25 @@ TEST_F(DataCentersTest, EachDataCentersStateIsToldAndCanBeAwaitedApart) {
   Server(kDc).Start();
   EXPECT_TRUE(m_states->Await(kDc, ConnectionState::Connected, Freshness::Live));
   Server("us-east").Start();
+  const auto events = std::make_shared<EventQueue>();
+  GlobalServiceWatcher moved(kService, LibraryManaged{WriteConfig({kDc, "us-east"})});
+  moved.RegisterShared(events);
+  moved.StartManagedConnections();
+  std::swap(watcher, moved);
+  EXPECT_TRUE(watcher.AwaitDelivered(kLimit));
+  std::vector<zr::String> synchronized;
+  for (const auto& event : events->Drain()) {
+    const bool added = event.kind == ServiceEvent::Kind::Added;
+    EXPECT_FALSE(added && std::ranges::count(synchronized, event.dcName) != 0);
+    if (event.kind == ServiceEvent::Kind::Synchronized) synchronized.push_back(event.dcName);
+  }
+  EXPECT_THAT(synchronized, UnorderedElementsAre(kDc, "us-east"));
+  watcher = std::move(moved);
   EXPECT_TRUE(watcher.AwaitSynchronized(kLimit));
+  const auto instances = watcher.Snapshot();
+  ASSERT_THAT(instances, SizeIs(1));
+  EXPECT_EQ(instances[0].dcName + " " + instances[0].data.host(), "eu-west host");
+  EXPECT_EQ(instances[0].freshness, Freshness::Live);
   const auto status = watcher.Status();
   ASSERT_THAT(status, SizeIs(2));
   const DataCenterCounters counters = status[0].Counters();
@@ -133,24 +162,24 @@ TEST_F(DataCentersTest, WhoComesBackFromAMassRemovalWasNeverGone) {
     id = MakeServiceId();
     session->PublishRaw(kService, id, bytes, NodeKind::Ephemeral);
   }
-  for (const auto& id : ids) ASSERT_TRUE(events->PopFor(kLimit)) << id;
+  for (const auto& id : ids) ASSERT_TRUE(Next(*events)) << id;
 
-  session.reset();                            // ends: all its nodes go in one transaction
-  const auto alone = events->PopFor(kLimit);  // the first one cannot be known to be one of many
-  ASSERT_TRUE(alone && alone->change == InstanceChange::Removed);
+  session.reset();                   // ends: all its nodes go in one transaction
+  const auto alone = Next(*events);  // the first one cannot be known to be one of many
+  ASSERT_TRUE(alone && alone->kind == ServiceEvent::Kind::Removed);
   std::erase(ids, alone->id);
   ASSERT_TRUE(Eventually([&] { return watcher.Status()[0].watcher.held == 19; }));
   EXPECT_THAT(watcher.ListInstances(), UnorderedElementsAreArray(ids));
   EXPECT_THAT(watcher.Watchers()[0]->ListHeldInstances(), UnorderedElementsAreArray(ids));
   for (std::size_t i = 0; i < 5; ++i) Client(kDc).PublishRaw(kService, ids[i], bytes);
   for (int i = 0; i < 14; ++i) {
-    const auto event = events->PopFor(kLimit);
-    ASSERT_TRUE(event && event->change == InstanceChange::Removed) << i;
+    const auto event = Next(*events);
+    ASSERT_TRUE(event && event->kind == ServiceEvent::Kind::Removed) << i;
   }
   ids.resize(5);
   EXPECT_THAT(watcher.ListInstances(), UnorderedElementsAreArray(ids));
   EXPECT_EQ(watcher.Status()[0].watcher.held, 0U);
-  EXPECT_FALSE(events->PopFor(std::chrono::milliseconds(1)));
+  EXPECT_FALSE(Next(*events, std::chrono::milliseconds(1)));
 }
 
 }  // namespace

@@ -36,6 +36,7 @@ struct Checker : ServiceWatcherObserver {
     while (i < history.size() && !history[i].hosts.contains(data.host())) ++i;
     if (i >= history.size()) Object("added, although it was never so since the last removal", key);
     hosts[key] = data.host();
+    if (watcher.Status().freshness == Freshness::NeverSynchronized) ofFirstRead.insert(key);
   }
 
   void OnInstanceModified(ServiceWatcher& watcher, const ServiceId& id,
@@ -61,12 +62,14 @@ struct Checker : ServiceWatcherObserver {
     const auto i = incarnations[key]++;
     if (i < history.size() && !history[i].deleted) Object("removed, and nobody deleted it", key);
     hosts.erase(key);
+    ofFirstRead.erase(key);
   }
 
   /// What comes next is told by a new watcher, of which nothing is known.
   void Forget(const zr::String& dcName) {
     std::erase_if(hosts, [&](const auto& entry) { return entry.first.first == dcName; });
     std::erase_if(incarnations, [&](const auto& entry) { return entry.first.first == dcName; });
+    std::erase_if(ofFirstRead, [&](const auto& key) { return key.first == dcName; });
   }
 
   Key Begin(const char* what, ServiceWatcher& watcher, const ServiceId& id, bool known,
@@ -85,29 +88,47 @@ struct Checker : ServiceWatcherObserver {
   const HistoryFunction historyOf;
   std::map<Key, std::string> hosts;         ///< as told
   std::map<Key, std::size_t> incarnations;  ///< the earliest that it can be, or that can come next
+  std::set<Key> ofFirstRead;                ///< told before all was read
 };
 
 /// What a consumer of an EventQueue knows.
 struct Consumer {
   const std::map<Key, std::string>& Drain() {
+    using Kind = ServiceEvent::Kind;
     for (const auto& event : queue->Drain()) {
       const Key key(event.dcName, event.id);
-      if (hosts.contains(key) == (event.change == InstanceChange::Added))
-        world->Violation("event queue: " + std::string(ToString(event.change)) + " " + ToString(event.id));
+      if (!event.IsInstance()) freshness[event.dcName] = event.status.watcher.freshness;
+      if (event.kind == Kind::Synchronized) synchronized.insert(event.dcName);
+      if (!event.IsInstance()) continue;
+      const bool late = synchronized.contains(event.dcName) && checker->ofFirstRead.contains(key);
+      if (hosts.contains(key) == (event.kind == Kind::Added) || (event.kind == Kind::Added && late))
+        world->Violation("event queue: " + std::string(ToString(event.kind)) + " " + ToString(event.id));
       hosts[key] = event.data.host();
-      if (event.change == InstanceChange::Removed) hosts.erase(key);
+      if (event.kind == Kind::Removed) hosts.erase(key);
     }
     return hosts;
   }
 
   std::shared_ptr<EventQueue> queue = std::make_shared<EventQueue>();
+  std::shared_ptr<Checker> checker;
   std::map<Key, std::string> hosts;
+  std::set<zr::String> synchronized;
+  std::map<zr::String, Freshness> freshness;
 };
 
 /// Those who observe a watcher, and tell all there is of it.
 struct Audience {
   Audience(const std::string& name, Checker::HistoryFunction history)
-      : checker(std::make_shared<Checker>(name, std::move(history))) {}
+      : checker(std::make_shared<Checker>(name, std::move(history))) {
+    consumer.checker = checker;
+  }
+
+  /// The data centre's next watcher knows nothing of the one before.
+  void Forget(const zr::String& dcName) {
+    consumer.Drain();
+    consumer.synchronized.erase(dcName);
+    checker->Forget(dcName);
+  }
 
   void Observe(auto& watcher, const std::shared_ptr<ServiceWatcherObserver>& first,
                const std::shared_ptr<ServiceWatcherObserver>& last, std::chrono::milliseconds guardFor) {

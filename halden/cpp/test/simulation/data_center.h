@@ -237,6 +237,7 @@ struct DataCenter {
 
   std::string WrongWith(Watching& one) {
     if (one.watcher->Status().freshness != Freshness::Live) return "a watcher is not live";
+    if (!one.watcher->AwaitDelivered(0ms)) return "a watcher has not told all that it knows";
     View known;
     ServiceInstanceData data;
     for (const auto& id : one.watcher->ListInstances()) {
@@ -266,7 +267,11 @@ struct DataCenter {
 
   std::string Differs(Audience& audience, const char* observer, const char* queue) const {
     const auto text = Differs(observer, ViewOf(audience.checker->hosts, name));
-    return text.empty() ? Differs(queue, ViewOf(audience.consumer.Drain(), name)) : text;
+    if (!text.empty()) return text;
+    const auto view = ViewOf(audience.consumer.Drain(), name);
+    if (audience.consumer.freshness[name] != Freshness::Live)
+      return std::string(queue) + " is not told it is live";
+    return Differs(queue, view);
   }
 
   const zr::String name;

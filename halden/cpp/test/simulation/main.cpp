@@ -202,7 +202,7 @@ struct Scenario {
     }
     added.erase(&dc);
     global->RemoveConnection(connection);
-    audience->checker->Forget(dc.name);
+    audience->Forget(dc.name);
   }
 
   void Watch(DataCenter& dc) { dc.Watch(thrower, meddler); }

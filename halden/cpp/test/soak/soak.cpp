@@ -111,8 +111,11 @@ void Complain(const std::string& text) {
 struct Checker : EventObserver {
   void OnEvent(ServiceWatcher& /*watcher*/, Event event) override { Take(told, event, "the observer"); }
   void Drain() {
-    for (const auto& [change, dcName, id, data] : queue->Drain())
-      Take(handedOut, {static_cast<EventKind>(change), dcName, id, data}, "the queue's consumer");
+    for (const auto& event : queue->Drain()) {
+      if (!event.IsInstance()) continue;
+      Take(handedOut, {static_cast<EventKind>(event.kind), event.dcName, event.id, event.data},
+           "the queue's consumer");
+    }
   }
   void Take(View& view, const Event& event, const char* whom) {
     const std::lock_guard lock(mtx);

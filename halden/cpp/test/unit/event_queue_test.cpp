@@ -35,7 +35,7 @@ class EventQueueTest : public ::testing::Test {
   std::vector<std::string> Taken() {
     std::vector<std::string> texts;
     for (const auto& event : m_queue.Drain()) {
-      texts.push_back(event.dcName + " " + std::string(ToString(event.change)) + " " + event.data.host());
+      texts.push_back(event.dcName + " " + std::string(ToString(event.kind)) + " " + event.data.host());
     }
     return texts;
   }
