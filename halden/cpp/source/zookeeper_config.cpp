@@ -25,6 +25,7 @@ using details::Quoted;
 // What a person can act on, of a file that is something else altogether.
 constexpr std::size_t kMaxListed = 100;
 constexpr std::string_view kDataCenters = "data_centers";
+constexpr std::string_view kLocal = "local";
 constexpr std::string_view kEntryForm = "name = \"host:port[,host:port...][/chroot]\"";
 
 using Place = toml::source_position;  // counts lines and code points from 1
@@ -201,11 +202,11 @@ class Reader {
   }
 
   void ReadRoot(const toml::table& root) {
-    const toml::node* dataCenters = nullptr;
+    const toml::node* dataCenters = root.get(kDataCenters);
     for (const auto& [key, node] : InOrder(root)) {
-      if (key->str() == kDataCenters) {
-        dataCenters = node;
-      } else {
+      if (key->str() == kLocal) {
+        ReadLocal(*node, dataCenters == nullptr ? nullptr : dataCenters->as_table());
+      } else if (key->str() != kDataCenters) {
         WarnOfUnknown(*key);
       }
     }
@@ -218,6 +219,21 @@ class Reader {
       AddFault(dataCenters->source().begin,
                "data_centers is " + TypeOf(*dataCenters) + ": expected a table [data_centers]");
     }
+  }
+
+  void ReadLocal(const toml::node& node, const toml::table* dataCenters) {
+    const auto* value = node.as_string();
+    if (value == nullptr) {
+      return AddFault(node.source().begin,
+                      "local is " + TypeOf(node) + ": expected the name of a data centre");
+    }
+    const bool isNamed = dataCenters != nullptr && dataCenters->contains(value->get());
+    if (!isNamed && m_isCutOff) return;  // it may come later
+    if (!isNamed) {
+      return AddFault(node.source().begin,
+                      "local is " + Quoted(value->get()) + ": expected the name of one of [data_centers]");
+    }
+    m_config.local = value->get();
   }
 
   void WarnOfUnknown(const toml::key& key) {

@@ -24,12 +24,14 @@ struct ZR_EXPORT ConfigFault {
 
 struct ZR_EXPORT ZooKeeperConfig {
   DataCenterEnsembleMapT ensembles;   ///< the entries that are in order
+  zr::String local;                   ///< the data centre that the file says is this one; empty when it does not
   std::vector<ConfigFault> faults;    ///< empty when the whole file is in order
   std::vector<ConfigFault> warnings;  ///< unknown keys and tables, which are ignored; an ensemble given twice
 };
 
 /// Reads the TOML file at `path`:
 ///
+///     local = "eu-west"  # may be left out: the data centre that programs prefer (see RoutingTable)
 ///     [data_centers]
 ///     eu-west = "zk1.eu:2181,zk2.eu:2181/platform"
 ///

@@ -64,6 +64,9 @@ TEST_F(ZooKeeperConfigTest, EveryWayToWriteAGoodFileIsRead) {
     EXPECT_THAT(Texts(config.warnings), IsEmpty()) << text;
     EXPECT_EQ(config.ensembles, expected) << text;
   }
+  EXPECT_EQ(Read("local = 'a'\n[data_centers]\na = 'h:1'").local, "a");
+  EXPECT_THAT(Texts(Read("local = 'b'\n[data_centers]\na = 'h:1'").faults),
+              ElementsAre(StartsWith("1:9: local is \"b\"")));
   const auto twice = Read("[data_centers]\nz = 'h:1'\na = 'h:1'\nb = 'h:1/c'");
   EXPECT_THAT(Texts(twice.faults), IsEmpty());
   EXPECT_THAT(
