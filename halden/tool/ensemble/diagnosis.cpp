@@ -150,6 +150,12 @@ bool CheckNodes(const ServiceFacts& facts, const std::string& service, Report& r
   } else {
     report.Ok("service", fmt::format("{}, all readable", Counted(facts.instances, "instance")));
   }
+  if (facts.unfit != 0) {
+    report.Add("service", Verdict::Warning,
+               fmt::format("{} of {} announced, but of no use to clients: {}", facts.unfit,
+                           Counted(facts.instances, "instance"), facts.unfitExample),
+               "correct what writes it; halden's own publishers refuse to");
+  }
   if (facts.sessionless != 0) {
     report.Add(
         "service", Verdict::Warning,

@@ -9,6 +9,7 @@
 
 #include "connect_string.h"
 #include "ensemble/reachability.h"
+#include "halden/instance_data.h"
 #include "layout.h"
 #include "node_codec.h"
 #include "session/name_resolution.h"
@@ -48,7 +49,7 @@ std::vector<ServerFacts> ExamineServers(const std::vector<details::HostPort>& se
 class ServiceExamination {
  public:
   ServiceExamination(EnsembleReader& reader, const std::string& service, const zr::String& chroot)
-      : m_reader(reader), m_path(details::ServicePath(service)), m_chroot(chroot) {}
+      : m_reader(reader), m_service(service), m_path(details::ServicePath(service)), m_chroot(chroot) {}
 
   ServiceFacts Run() {
     const auto service = m_reader.Ask({Request::Kind::GetChildren, m_path});
@@ -97,6 +98,10 @@ class ServiceExamination {
       m_facts.unreadableExample =
           path + ": " + decoded.error + ", written by " + details::WriterOf(node.value);
     }
+    const auto why = decoded.payload ? WhyUnfit(details::ParsePayload(*decoded.payload), m_service) : "";
+    if (!why.empty() && m_facts.unfit++ == 0) {
+      m_facts.unfitExample = path + ": " + why + ", written by " + details::WriterOf(node.value);
+    }
   }
 
   /// What has gone since it was listed is not there; other errors are kept.
@@ -112,6 +117,7 @@ class ServiceExamination {
   }
 
   EnsembleReader& m_reader;
+  const std::string m_service;
   const zr::String m_path;
   const zr::String m_chroot;
   ServiceFacts m_facts;

@@ -54,6 +54,8 @@ TEST(Diagnosis, TellsFailuresFromWarningsAndBothFromWhatIsWell) {
        "credentials\n"},
       {[](auto& f) { f.service->unreadable = 2, f.service->unreadableExample = "/x: empty"; },
        "!service: 2 of 10 instances cannot be read and are not announced: /x: empty\n"},
+      {[](auto& f) { f.service->unfit = 1, f.service->unfitExample = "/x: port 0"; },
+       "service: 1 of 10 instances announced, but of no use to clients: /x: port 0\n"},
       {[](auto& f) { f.service->sessionless = 1, f.service->sessionlessExample = "/x"; },
        "service: 1 node without a session: /x\n"},
       {[](auto& f) { f.service->oddNodes = 3, f.service->oddExample = "/x"; },
