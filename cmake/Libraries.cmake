@@ -4,7 +4,15 @@
 # whatever links it) and with a client library that nobody else sees.
 set(library_layers logger_objects halden_proto_objects halden_model halden_objects)
 list(TRANSFORM library_layers REPLACE "(.+)" "$<TARGET_OBJECTS:\\1>" OUTPUT_VARIABLE library_objects)
-set(library_headers_dir "${CMAKE_INSTALL_INCLUDEDIR}/halden")  # includes are <halden/...>, <logger/...> below it
+
+# Installed, all headers are found as <halden/...>. Built in a tree, those of the lower layers are found so, too.
+foreach(layer IN ITEMS zrstl misc/logger)
+  set(headers_dir "${PROJECT_SOURCE_DIR}/${layer}/include")
+  file(GLOB headers CONFIGURE_DEPENDS RELATIVE "${headers_dir}" "${headers_dir}/*/*.h")
+  foreach(header IN LISTS headers)
+    file(CONFIGURE OUTPUT "${PROJECT_BINARY_DIR}/generated/halden/${header}" CONTENT "#include \"${header}\"\n")
+  endforeach()
+endforeach()
 
 function(halden_library target)
   target_compile_features(${target} INTERFACE cxx_std_20)
@@ -13,7 +21,7 @@ function(halden_library target)
     target_include_directories(${target} INTERFACE "$<BUILD_INTERFACE:${directory}>")
   endforeach()
   target_include_directories(${target} SYSTEM INTERFACE "$<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/generated>")
-  target_include_directories(${target} INTERFACE "$<INSTALL_INTERFACE:${library_headers_dir}>")
+  target_include_directories(${target} INTERFACE "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
   target_link_libraries(${target}
     PUBLIC protobuf::libprotobuf ZooKeeper::headers Boost::headers Threads::Threads
     PRIVATE spdlog::spdlog tomlplusplus::tomlplusplus ZLIB::ZLIB)

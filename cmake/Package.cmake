@@ -16,12 +16,17 @@ foreach(kind IN ITEMS Shared Static Testing)
   install(EXPORT halden${kind}Targets NAMESPACE halden:: DESTINATION "${package_cmake_dir}" COMPONENT development)
 endforeach()
 
-foreach(layer IN ITEMS halden/cpp halden/testing zrstl misc/logger)
-  install(DIRECTORY "${PROJECT_SOURCE_DIR}/${layer}/include/" DESTINATION "${library_headers_dir}"
+# All of it below halden/, so that no header of ours takes a name, like logger/logger.h, that a program's own may have,
+# nor finds the program's in place of ours: what they include of each other is written anew for that.
+foreach(headers IN ITEMS "${PROJECT_SOURCE_DIR}/halden/cpp/include/halden/"
+    "${PROJECT_SOURCE_DIR}/halden/testing/include/halden/" "${PROJECT_SOURCE_DIR}/zrstl/include/zrstl"
+    "${PROJECT_SOURCE_DIR}/misc/logger/include/logger" "${PROJECT_BINARY_DIR}/generated/zr")
+  install(DIRECTORY "${headers}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/halden"
     COMPONENT development FILES_MATCHING PATTERN "*.h")
 endforeach()
-install(DIRECTORY "${PROJECT_BINARY_DIR}/generated/zr" DESTINATION "${library_headers_dir}"
-  COMPONENT development FILES_MATCHING PATTERN "*.h")
+install(CODE "set(headers_dir \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_INCLUDEDIR}/halden\")"
+  COMPONENT development)
+install(SCRIPT "${CMAKE_CURRENT_LIST_DIR}/InstalledIncludes.cmake" COMPONENT development)
 install(FILES "${PROJECT_SOURCE_DIR}/halden/proto/service.proto"
   DESTINATION "${CMAKE_INSTALL_DATADIR}/halden" COMPONENT development)
 
