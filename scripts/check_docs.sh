@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #
-# Compiles every C++ block of the documents against the built tree, and checks the configuration that the README shows.
+# Compiles every C++ block of the documents against the built tree, checks the configuration that the README shows, and
+# holds the test vector of the node format against the example that writes it without halden.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -30,4 +31,6 @@ done
 for block in "$folder"/*.toml; do
   "$build/halden/tool/halden" config check "$block"
 done
-echo "docs: $count blocks compile"
+diff <(awk '$0 == "```vector" { on = 1; next } /^```/ { on = 0 } on' docs/node_format.md) \
+  <(python3 examples/python/publish.py --test-vector) || { echo "docs: the test vector is another" >&2; exit 1; }
+echo "docs: $count blocks compile, and the test vector is right"

@@ -11,7 +11,7 @@ packages=(
   libzookeeper-st-dev libzookeeper-st2 libzookeeper-mt2 libboost1.81-dev libprotobuf-dev protobuf-compiler
   libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  zookeeper openjdk-17-jre-headless
+  zookeeper openjdk-17-jre-headless python3-kazoo
 )
 if [[ "${1:-}" == "--clang" ]]; then # what scripts/check.sh and scripts/fuzz.sh need on top
   packages+=(clang libclang-rt-dev clang-format clang-tidy)

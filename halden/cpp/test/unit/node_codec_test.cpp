@@ -5,6 +5,7 @@
 #include <google/protobuf/unknown_field_set.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <string>
 
 namespace zr::halden::details {
@@ -48,6 +49,28 @@ std::string NodeWith(ZNodeData::Compression compression, const std::string& payl
   envelope.set_compression(compression);
   envelope.set_payload(payload);
   return envelope.SerializeAsString();
+}
+
+/// Of docs/node_format.md.
+std::string TestVector() {
+  std::ifstream document(HALDEN_SOURCE_DIR "/docs/node_format.md");
+  std::string bytes;
+  for (std::string word; document >> word;) {
+    if (word != "bytes") continue;
+    document >> word;
+    if (word.find_first_not_of("0123456789abcdef") != std::string::npos) continue;
+    for (std::size_t i = 0; i + 1 < word.size(); i += 2)
+      bytes += static_cast<char>(std::stoi(word.substr(i, 2), nullptr, 16));
+  }
+  return bytes;
+}
+
+TEST(NodeCodecTest, TheDocumentsTestVectorIsWhatIsWritten) {
+  const auto decoded = DecodeNode(TestVector());
+  ASSERT_TRUE(decoded.payload) << decoded.error;
+  EXPECT_EQ(EncodeNode(ParsePayload(*decoded.payload), Envelope(TestVector()).user()), TestVector());
+  EXPECT_THAT(ParsePayload(*decoded.payload).ShortDebugString(),
+              HasSubstr(R"(port: 9090 } version: "1.2" weight: 2 start_time_ms: 1700000000000)"));
 }
 
 TEST(NodeCodecTest, WhatIsPublishedIsReadAndCompressionNeverMakesItLonger) {
