@@ -66,10 +66,11 @@ class OwnClient {
   zhandle_t* const m_handle;
 };
 
-bool AwaitEvent(zr::halden::EventQueue& events, zr::halden::InstanceChange change,
-                const zr::halden::ServiceId& id) {
+using Kind = zr::halden::ServiceEvent::Kind;
+
+bool AwaitEvent(zr::halden::EventQueue& events, Kind kind, const zr::halden::ServiceId& id) {
   while (const auto event = events.PopFor(10s)) {
-    if (event->change == change && event->id == id) return true;
+    if (event->kind == kind && event->id == id) return true;
   }
   return false;
 }
@@ -90,9 +91,9 @@ void Run(const char* hosts, const std::string& service) {
   data.set_host("beside");
   publisher.Publish(data);
   Require(publisher.AwaitPublished(10s), "a publication through halden");
-  Require(AwaitEvent(*events, zr::halden::InstanceChange::Added, publisher.Id()), "halden's event: added");
+  Require(AwaitEvent(*events, Kind::Added, publisher.Id()), "halden's event: added");
   Require(watcher.AwaitSynchronized(10s), "halden's view of the service");
-  std::cout << "halden: " << watcher.ListInstances().size() << " instances\n";
+  std::cout << "halden: " << watcher.Snapshot().size() << " instances\n";
 
   std::vector<std::string> instances;
   for (const auto& partition : own.Children("/halden/services/" + service)) {
@@ -109,8 +110,7 @@ void Run(const char* hosts, const std::string& service) {
 
   publisher.Remove();
   Require(own.AwaitDeletion(), "the own client's event: deleted");
-  Require(AwaitEvent(*events, zr::halden::InstanceChange::Removed, publisher.Id()),
-          "halden's event: removed");
+  Require(AwaitEvent(*events, Kind::Removed, publisher.Id()), "halden's event: removed");
   std::cout << "both have seen it go\n";
   conn->Stop();
   Require(conn->AwaitClosed(5s), "the end of halden's session");

@@ -31,12 +31,12 @@ int main(int argc, char** argv) {
     for (const auto& conn : connections) watcher->AddConnection(conn);
   }
   for (const auto& [service, watcher] : watchers) {
-    const bool complete = watcher->AwaitSynchronized(std::chrono::seconds(10));
-    std::cout << service << ": " << watcher->ListInstances().size() << " instances"
-              << (complete ? "" : ", some data centres out of reach") << "\n";
-    while (const auto event = queues[service]->PopFor(std::chrono::milliseconds(100))) {
-      std::cout << "  " << event->dcName << " " << ToString(event->change) << " " << event->data.host()
-                << "\n";
+    // True: the queue holds all that is known of all data centres. False, too, when there is no data centre.
+    const bool complete = watcher->AwaitDelivered(std::chrono::seconds(10));
+    std::cout << service << ": " << watcher->Snapshot().size() << " instances"
+              << (complete ? "" : ", and not all data centres are there") << "\n";
+    for (const auto& event : queues[service]->Drain()) {
+      std::cout << "  " << event.dcName << " " << event.kind << " " << event.data.host() << "\n";
     }
   }
   for (const auto& [service, watcher] : watchers) {

@@ -22,8 +22,13 @@ int main(int argc, char** argv) {
   zr::halden::GlobalServiceWatcher watcher(argv[2], zr::halden::LibraryManaged{argv[1]});
   watcher.RegisterShared(std::make_shared<Printer>());
   watcher.StartManagedConnections();
-  watcher.AwaitSynchronized(std::chrono::seconds(10));
-  std::cout << watcher.ListInstances().size() << " instances\n" << std::flush;
+  // False, too, when the configuration names no data centre: that is not a service without instances.
+  const bool complete = watcher.AwaitSynchronized(std::chrono::seconds(10));
+  const auto instances = watcher.Snapshot();
+  for (const auto& one : instances) {
+    std::cout << one.dcName + " " + zr::halden::Endpoint(one.data) + ", which is " << one.freshness << "\n";
+  }
+  std::cout << instances.size() << (complete ? "" : " or more") << " instances\n" << std::flush;
   std::cin.get();  // until Enter, or the end of the input
   watcher.Close(std::chrono::seconds(5));
 }

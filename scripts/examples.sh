@@ -10,9 +10,8 @@ cd "$(dirname "$0")/.."
 scripts/package.sh
 folder=$(mktemp -d)
 server=""
-publisher=""
 clean_up() {
-  [[ -z "$publisher" ]] || kill "$publisher" 2>/dev/null || true
+  jobs -p | xargs --no-run-if-empty kill 2>/dev/null || true
   [[ -z "$server" ]] || kill -KILL "$server" 2>/dev/null || true
   wait 2>/dev/null || true
   rm -rf "$folder"
@@ -52,6 +51,16 @@ done
 export PKG_CONFIG_PATH="$library/pkgconfig" LD_LIBRARY_PATH="$library"
 make --directory examples BUILD="$folder/make" >"$folder/make.log" 2>&1 || fail "does not build with pkg-config"
 
+# Installed, nothing of ours has a name that is not ours.
+[[ $(ls "$prefix/include") == halden ]] || fail "headers outside of include/halden: $(ls "$prefix/include")"
+! grep -rnE '#include "(logger|zrstl|zr)/' "$prefix/include" || fail "a header may find a program's in place of ours"
+# What an older standard gets is told in words, and first.
+echo '#include <halden/global_service_watcher.h>' >"$folder/old.cpp"
+! "${CXX:-c++}" -std=c++17 -fsyntax-only $(pkg-config --cflags halden) "$folder/old.cpp" 2>"$folder/old.out" ||
+  fail "compiles as C++17"
+grep --max-count=1 'error' "$folder/old.out" >"$folder/old.first"
+expect "halden needs C++20" "$folder/old.first"
+
 # A program may use a client library of its own: so halden neither shows nor asks for any name of one.
 names() { nm "$@" | awk 'NF > 1 { sub(/@.*/, "", $NF); print $NF }' | sort --unique; }
 names --dynamic --defined-only "$("${CXX:-c++}" -print-file-name=libzookeeper_mt.so.2)" >"$folder/client.names"
@@ -90,7 +99,7 @@ java -Xmx64m -Dzookeeper.admin.enableServer=false \
   -cp /usr/share/java/zookeeper.jar:/usr/share/java/slf4j-simple.jar \
   org.apache.zookeeper.server.ZooKeeperServerMain "$folder/zoo.cfg" >"$folder/server.log" 2>&1 &
 server=$!
-printf '[data_centers]\nhere = "127.0.0.1:%s"\n' "$port" >"$folder/halden.toml"
+printf 'local = "here"\n[data_centers]\nhere = "127.0.0.1:%s"\n' "$port" >"$folder/halden.toml"
 
 mkfifo "$folder/input" "$folder/stop"
 "$folder/make/publisher" "127.0.0.1:$port" orders host-1 8080 <"$folder/input" >"$folder/publisher.log" 2>&1 &
@@ -103,12 +112,22 @@ for build in shared static make; do
   exec 4>"$folder/stop"
   await grep --quiet "1 instances" "$folder/watcher.out"
   await grep --quiet "here added host-1" "$folder/watcher.out"
+  expect "here host-1:8080, which is live" "$folder/watcher.out"
   exec 4>&-
   wait "$watcher" || fail "the watcher failed ($build)"
   "$folder/$build/shared_connections" "$folder/halden.toml" orders stock >"$folder/shared.out" 2>&1
   expect "orders: 1 instances" "$folder/shared.out"
   expect "stock: 0 instances" "$folder/shared.out"
   expect "here added host-1" "$folder/shared.out"
+  echo request | "$folder/$build/load_balancer" "$folder/halden.toml" orders >"$folder/balancer.out" 2>&1
+  expect "request: here host-1:8080" "$folder/balancer.out"
+  : >"$folder/peer.out" # of the build before
+  "$folder/$build/peer" "$folder/halden.toml" orders peer 9090 >"$folder/peer.out" 2>&1 &
+  peer=$!
+  await grep --quiet "here synchronised live" "$folder/peer.out"
+  expect "here added host-1:8080" "$folder/peer.out"
+  kill "$peer"
+  wait "$peer" || fail "the peer failed ($build): $(cat "$folder/peer.out")"
   "$folder/$build/own_log" "$folder/halden.toml" orders >"$folder/log.out" 2>&1
   expect "[own log] info halden.connection: connected" "$folder/log.out"
   for program in beside_own_client own_client_first; do
@@ -119,9 +138,24 @@ for build in shared static make; do
     expect "both have seen it go" "$folder/beside.log"
   done
 done
+# A writer without halden: seen as any other, from its publication to its end. By Debian's Python, which has its kazoo.
+mkfifo "$folder/python.input"
+"$prefix/bin/halden" watch payments --config "$folder/halden.toml" >"$folder/watch.out" 2>&1 &
+watcher=$!
+/usr/bin/python3 examples/python/publish.py "127.0.0.1:$port" payments from-python 7070 <"$folder/python.input" \
+  >"$folder/python.log" 2>&1 &
+python=$!
+exec 4>"$folder/python.input"
+await grep --quiet 'added.*from-python' "$folder/watch.out"
+"$prefix/bin/halden" doctor payments --config "$folder/halden.toml" >"$folder/doctor.out"
+expect "1 instance, all readable" "$folder/doctor.out"
+exec 4>&-
+wait "$python" || fail "the writer in Python failed"
+await grep --quiet removed "$folder/watch.out"
+kill "$watcher"
+wait "$watcher" || true
 "$prefix/bin/halden" list orders --config "$folder/halden.toml" >"$folder/list.out"
 expect host-1 "$folder/list.out"
 exec 3>&- # the end of the publisher's input
 wait "$publisher" || fail "the publisher failed"
-publisher=""
 echo "examples: all build and run"

@@ -22,7 +22,7 @@ namespace zr::halden {
 ///     zr::halden::RoutingTable table({"eu-west", "us-east"});  // the local one first
 ///     while (const auto event = events->Pop()) table.Apply(*event);
 ///     ...
-///     if (const auto instance = table.Pick()) Connect(Endpoint(instance->data));
+///     if (const auto instance = table.Pick()) Connect(zr::halden::Endpoint(instance->data));
 ///
 /// Order: instances of live data centres, then of those that are not live (their instances may be gone); in each the
 /// data centres as they were named, then the others by name. Degraded instances come after all that are not, in the
