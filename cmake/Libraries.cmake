@@ -13,6 +13,8 @@ foreach(layer IN ITEMS zrstl misc/logger)
     file(CONFIGURE OUTPUT "${PROJECT_BINARY_DIR}/generated/halden/${header}" CONTENT "#include \"${header}\"\n")
   endforeach()
 endforeach()
+set(messages "zr/messaging/halden/service.pb.h")
+file(CONFIGURE OUTPUT "${PROJECT_BINARY_DIR}/generated/halden/${messages}" CONTENT "#include \"${messages}\"\n")
 
 function(halden_library target)
   target_compile_features(${target} INTERFACE cxx_std_20)

@@ -46,7 +46,8 @@ constexpr bool IsControl(char32_t point) {
   return point < 0x20 || (point >= 0x7F && point <= 0x9F);
 }
 
-/// `text` with its control characters as \xNN. Takes any bytes: those that are not UTF-8 stay as they are.
+/// `text` with its control characters as a backslash, an x and two digits. Takes any bytes: those that are not UTF-8
+/// stay as they are.
 inline zr::String EscapeControls(std::string_view text) {
   constexpr std::string_view digits = "0123456789abcdef";
   constexpr unsigned char leadOfHighControls = 0xC2;  // U+0080 to U+009F, whose other byte is their number

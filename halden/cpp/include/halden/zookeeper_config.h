@@ -23,8 +23,8 @@ struct ZR_EXPORT ConfigFault {
 };
 
 struct ZR_EXPORT ZooKeeperConfig {
-  DataCenterEnsembleMapT ensembles;   ///< the entries that are in order
-  zr::String local;                   ///< the data centre that the file says is this one; empty when it does not
+  DataCenterEnsembleMapT ensembles;  ///< the entries that are in order
+  zr::String local;  ///< the data centre that the file says is this one; empty when it does not
   std::vector<ConfigFault> faults;    ///< empty when the whole file is in order
   std::vector<ConfigFault> warnings;  ///< unknown keys and tables, which are ignored; an ensemble given twice
 };
