@@ -6,7 +6,8 @@ option(HALDEN_WARNINGS_AS_ERRORS "Treat warnings as errors" OFF)
 
 function(halden_set_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
-    -Woverloaded-virtual -Wold-style-cast -Wcast-qual -Wconversion -Wsign-conversion)
+    -Woverloaded-virtual -Wold-style-cast -Wcast-qual -Wconversion -Wsign-conversion
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
   if(HALDEN_WARNINGS_AS_ERRORS)
     target_compile_options(${target} PRIVATE -Werror)
   endif()

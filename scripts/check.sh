@@ -4,7 +4,7 @@
 # Everything a change must pass: style, then the tests plain and under the sanitizers.
 #
 #   scripts/check.sh           all of it
-#   scripts/check.sh --style   clang-format, clang-tidy and the includes of the command's rooms only
+#   scripts/check.sh --style   clang-format, clang-tidy, locks and the includes of the command's rooms only
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -23,12 +23,13 @@ done
 echo "check: clang-format"
 git ls-files -z -- '*.h' '*.cpp' | xargs -0 clang-format --dry-run --Werror
 
-echo "check: clang-tidy"
+echo "check: clang-tidy, which also proves that what a mutex guards is touched with it held"
 cmake --preset tidy >/dev/null
 cmake --build build/tidy --target halden_proto >/dev/null # the generated header
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
-if ! run-clang-tidy -p build/tidy -quiet -j "$(nproc)" '^(?!.*/(test|bench|fuzz)/).*/(halden|misc|zrstl)/.*\.cpp$' >"$log" 2>&1; then
+if ! run-clang-tidy -p build/tidy -quiet -j "$(nproc)" -extra-arg=-Wthread-safety \
+  '^(?!.*/(test|bench|fuzz)/).*/(halden|misc|zrstl)/.*\.cpp$' >"$log" 2>&1; then
   grep -E -A4 '(warning|error):' "$log" || tail -n 40 "$log"
   echo "check: clang-tidy failed" >&2
   exit 1

@@ -3,12 +3,12 @@
 #include <syslog.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "line_format.h"
 #include "line_output.h"
 #include "logger/sink.h"
+#include "zrstl/thread_safety.h"
 
 namespace zr::logging {
 
@@ -23,7 +23,7 @@ class LineWriter {
 
   void Write(const LogRecord& record) {
     constexpr std::size_t keepBytes = 64UL * 1024;
-    const std::lock_guard lock(m_mtx);
+    const zr::MutexLock lock(m_mtx);
     if (m_line.capacity() > keepBytes) m_line = std::string();
     m_line.clear();
     m_format.Append(record, m_line);
@@ -31,10 +31,10 @@ class LineWriter {
   }
 
  private:
-  std::mutex m_mtx;  // guards all below
-  Format m_format;
-  Output m_output;
-  std::string m_line;
+  zr::Mutex m_mtx;
+  Format m_format ZR_GUARDED_BY(m_mtx);
+  Output m_output ZR_GUARDED_BY(m_mtx);
+  std::string m_line ZR_GUARDED_BY(m_mtx);
 };
 
 template <typename Format, typename Output, typename... Arguments>

@@ -42,34 +42,35 @@ std::shared_ptr<LineQueue> LineQueue::Start(std::size_t capacity, Deliver delive
 bool LineQueue::Push(const LogRecord& record, int depth) {
   Line line{record.level, record.id,  record.decodeType, record.source,   record.file,
             record.line,  record.msg, record.logTime,    record.threadId, depth};
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   if (m_closed || m_lines.size() >= m_capacity) return false;
   m_lines.push_back(std::move(line));
   ++m_pushed;
-  m_changed.notify_one();
+  m_changed.NotifyOne();
   return true;
 }
 
 bool LineQueue::AwaitDelivered(std::chrono::steady_clock::time_point deadline) {
-  std::unique_lock lock(m_mtx);
-  return m_progress.wait_until(lock, deadline, [this, goal = m_pushed] { return m_delivered >= goal; });
+  const zr::MutexLock lock(m_mtx);
+  return m_progress.WaitUntil(m_mtx, deadline,
+                              [this, goal = m_pushed]() ZR_REQUIRES(m_mtx) { return m_delivered >= goal; });
 }
 
 void LineQueue::Close() {
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   m_closed = true;
-  m_changed.notify_one();
+  m_changed.NotifyOne();
 }
 
 void LineQueue::Run(const Deliver& deliver) {
-  std::unique_lock lock(m_mtx);
+  zr::MutexLock lock(m_mtx);
   while (true) {
-    m_changed.wait(lock, [this] { return m_closed || !m_lines.empty(); });
+    m_changed.Wait(m_mtx, [this]() ZR_REQUIRES(m_mtx) { return m_closed || !m_lines.empty(); });
     if (m_lines.empty()) return;
     {
       const Line line = std::move(m_lines.front());
       m_lines.pop_front();
-      lock.unlock();
+      lock.Unlock(m_mtx);
       deliver(LogRecord{line.level,
                         line.id,
                         line.decodeType,
@@ -82,9 +83,9 @@ void LineQueue::Run(const Deliver& deliver) {
                         {}},
               line.depth);
     }
-    lock.lock();
+    lock.Lock(m_mtx);
     ++m_delivered;
-    m_progress.notify_all();
+    m_progress.NotifyAll();
   }
 }
 

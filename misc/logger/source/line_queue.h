@@ -2,16 +2,15 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "logger/logger.h"
+#include "zrstl/thread_safety.h"
 
 namespace zr::logging::details {
 
@@ -54,13 +53,13 @@ class LineQueue {
   void Run(const Deliver& deliver);
 
   const std::size_t m_capacity;
-  std::mutex m_mtx;  // guards all below; nothing is called with it held
-  std::condition_variable m_changed;
-  std::condition_variable m_progress;
-  std::deque<Line> m_lines;
-  std::uint64_t m_pushed = 0;
-  std::uint64_t m_delivered = 0;
-  bool m_closed = false;
+  zr::Mutex m_mtx;  // nothing is called with it held
+  zr::ConditionVariable m_changed;
+  zr::ConditionVariable m_progress;
+  std::deque<Line> m_lines ZR_GUARDED_BY(m_mtx);
+  std::uint64_t m_pushed ZR_GUARDED_BY(m_mtx) = 0;
+  std::uint64_t m_delivered ZR_GUARDED_BY(m_mtx) = 0;
+  bool m_closed ZR_GUARDED_BY(m_mtx) = false;
 };
 
 }  // namespace zr::logging::details

@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <ios>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 #include "line_queue.h"
+#include "zrstl/thread_safety.h"
 
 namespace zr::logging {
 
@@ -28,8 +28,8 @@ using Entries = std::map<zr::String, std::shared_ptr<Entry>>;
 
 /// The handlers are an immutable map that a statement takes a reference to: they run with no lock held.
 struct Sink {
-  std::mutex mtx;
-  std::shared_ptr<const Entries> entries;  // guarded by mtx
+  zr::Mutex mtx;
+  std::shared_ptr<const Entries> entries ZR_GUARDED_BY(mtx);
   std::atomic<std::uint64_t> lost{0};
   std::atomic<std::uint64_t> forUnknown{0};
 
@@ -38,7 +38,7 @@ struct Sink {
             Entries{{"stderr", std::make_shared<Entry>(MakeStderrHandler(), ZRLOG_DEBUG)}})) {}
 
   std::shared_ptr<const Entries> All() {
-    const std::lock_guard lock(mtx);
+    const zr::MutexLock lock(mtx);
     return entries;
   }
 };
@@ -83,7 +83,7 @@ void Replace(const zr::String& name, std::shared_ptr<Entry> entry) {
   Sink& sink = TheSink();
   std::shared_ptr<const Entries> before;  // released after the lock: a handler's destructor is foreign code
   {
-    const std::lock_guard lock(sink.mtx);
+    const zr::MutexLock lock(sink.mtx);
     auto changed = std::make_shared<Entries>(*sink.entries);
     changed->erase(name);
     if (entry != nullptr) changed->emplace(name, std::move(entry));
