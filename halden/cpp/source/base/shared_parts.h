@@ -2,9 +2,10 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <typeindex>
 #include <unordered_map>
+
+#include "zrstl/thread_safety.h"
 
 namespace zr::halden::details {
 
@@ -14,7 +15,7 @@ class SharedParts {
  public:
   template <typename T>
   std::shared_ptr<T> Get() {
-    const std::lock_guard lock(m_mtx);
+    const zr::MutexLock lock(m_mtx);
     auto& known = m_parts[typeid(T)];
     auto part = std::static_pointer_cast<T>(known.lock());
     if (!part) known = part = std::make_shared<T>();
@@ -23,13 +24,13 @@ class SharedParts {
   /// Null when nobody has it.
   template <typename T>
   std::shared_ptr<T> Find() {
-    const std::lock_guard lock(m_mtx);
+    const zr::MutexLock lock(m_mtx);
     return std::static_pointer_cast<T>(m_parts[typeid(T)].lock());
   }
 
  private:
-  std::mutex m_mtx;
-  std::unordered_map<std::type_index, std::weak_ptr<void>> m_parts;  // guarded by m_mtx
+  zr::Mutex m_mtx;
+  std::unordered_map<std::type_index, std::weak_ptr<void>> m_parts ZR_GUARDED_BY(m_mtx);
 };
 
 }  // namespace zr::halden::details

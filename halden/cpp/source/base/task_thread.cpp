@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <exception>
 #include <map>
-#include <mutex>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -19,6 +18,7 @@
 
 #include "base/file_descriptor.h"
 #include "base/log_sources.h"
+#include "zrstl/thread_safety.h"
 
 namespace zr::halden::details {
 
@@ -58,19 +58,19 @@ struct TaskThread::State {
   const std::string name;
   FileDescriptor alarm;  // constant once started: readable when a waiting thread is to look at its tasks
 
-  std::mutex mtx;           // guards all below
-  std::vector<Task> tasks;  // in order of posting
-  std::multimap<Clock::time_point, Task> timers;
-  std::weak_ptr<Sockets> sockets;
-  bool started = false;
-  bool waiting = false;  // nobody has rung the alarm since the thread began to wait
-  bool ending = false;   // no more tasks are taken
+  zr::Mutex mtx;
+  std::vector<Task> tasks ZR_GUARDED_BY(mtx);  // in order of posting
+  std::multimap<Clock::time_point, Task> timers ZR_GUARDED_BY(mtx);
+  std::weak_ptr<Sockets> sockets ZR_GUARDED_BY(mtx);
+  bool started ZR_GUARDED_BY(mtx) = false;
+  bool waiting ZR_GUARDED_BY(mtx) = false;  // nobody has rung the alarm since the thread began to wait
+  bool ending ZR_GUARDED_BY(mtx) = false;   // no more tasks are taken
 
   explicit State(const char* threadName) : name(threadName) {}
 
   /// Takes all that is to run now into `batch`, which must come in empty; false when the thread is to end.
   bool Take(std::vector<Task>& batch) {
-    const std::lock_guard lock(mtx);
+    const zr::MutexLock lock(mtx);
     batch.swap(tasks);
     if (ending) return !batch.empty();
     for (const auto now = Clock::now(); !timers.empty() && timers.begin()->first <= now;) {
@@ -84,7 +84,7 @@ struct TaskThread::State {
   /// first entry is the alarm's.
   void Wait(std::vector<pollfd>& polled, Clock::time_point end) {
     {
-      const std::lock_guard lock(mtx);
+      const zr::MutexLock lock(mtx);
       waiting = tasks.empty() && !ending;
       if (!waiting && polled.size() == 1) return;
       if (!waiting) end = Clock::now();
@@ -95,7 +95,7 @@ struct TaskThread::State {
     if (ppoll(polled.data(), polled.size(), forEver ? nullptr : &left, nullptr) <= 0) {
       for (auto& entry : polled) entry.revents = 0;
     }
-    const std::lock_guard lock(mtx);
+    const zr::MutexLock lock(mtx);
     waiting = false;
     if (polled.front().revents == 0) return;
     std::uint64_t rung = 0;
@@ -103,16 +103,16 @@ struct TaskThread::State {
   }
 
   /// Releases `lock`, which is on mtx, and makes the thread look if it waits.
-  void Ring(std::unique_lock<std::mutex>& lock) {
+  void Ring(zr::MutexLock& lock) ZR_RELEASE(mtx) {
     const bool toWake = std::exchange(waiting, false);
-    lock.unlock();  // else the thread wakes up only to wait for it
+    lock.Unlock(mtx);  // else the thread wakes up only to wait for it
     if (!toWake) return;
     const std::uint64_t once = 1;
     [[maybe_unused]] const auto written = write(alarm.Get(), &once, sizeof once);  // there is always room
   }
 
   std::shared_ptr<Sockets> Served() {
-    const std::lock_guard lock(mtx);
+    const zr::MutexLock lock(mtx);
     return sockets.lock();
   }
 
@@ -148,7 +148,7 @@ TaskThread::TaskThread(const char* name) : m_state(std::make_shared<State>(name)
 
 TaskThread::~TaskThread() {
   const auto state = m_state;
-  std::unique_lock lock(state->mtx);
+  zr::MutexLock lock(state->mtx);
   state->ending = true;
   if (state->started) state->Ring(lock);
 }
@@ -159,7 +159,7 @@ void TaskThread::Post(Task task) {
 
 void TaskThread::PostAfter(Clock::duration delay, Task task) {
   const auto state = m_state;  // this object may go as soon as the lock does: with the task
-  std::unique_lock lock(state->mtx);
+  zr::MutexLock lock(state->mtx);
   if (!state->started) {
     if (!state->alarm) state->alarm = MakeAlarm();
     Launch([state] { state->Run(); });
@@ -174,7 +174,7 @@ void TaskThread::PostAfter(Clock::duration delay, Task task) {
 }
 
 void TaskThread::Serve(std::weak_ptr<Sockets> sockets) {
-  const std::lock_guard lock(m_state->mtx);
+  const zr::MutexLock lock(m_state->mtx);
   m_state->sockets = std::move(sockets);
 }
 

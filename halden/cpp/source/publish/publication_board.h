@@ -2,12 +2,11 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 
 #include "halden/service_publisher.h"
 #include "zrstl/string.h"
+#include "zrstl/thread_safety.h"
 
 namespace zr::halden::details {
 
@@ -35,14 +34,13 @@ class PublicationBoard {
   void SetError(int code);
 
  private:
-  void SetState(PublishState state);
+  void SetState(PublishState state) ZR_REQUIRES(m_mtx);
 
-  mutable std::mutex m_mtx;
-  mutable std::condition_variable m_changed;
-  // Guarded by m_mtx.
-  PublisherStatus m_status;
-  std::uint64_t m_wished = 0;   // number of the last wish
-  std::uint64_t m_settled = 0;  // number of the last wish that is confirmed
+  mutable zr::Mutex m_mtx;
+  mutable zr::ConditionVariable m_changed;
+  PublisherStatus m_status ZR_GUARDED_BY(m_mtx);
+  std::uint64_t m_wished ZR_GUARDED_BY(m_mtx) = 0;   // number of the last wish
+  std::uint64_t m_settled ZR_GUARDED_BY(m_mtx) = 0;  // number of the last wish that is confirmed
 };
 
 }  // namespace zr::halden::details

@@ -40,15 +40,15 @@ WatcherDelivery::WatcherDelivery(std::shared_ptr<ConnectionCore> core, ZkErrorHa
       m_errorHandler(std::move(errorHandler)) {}
 
 void WatcherDelivery::Start(std::weak_ptr<ServiceWatcher> watcher) {
-  std::unique_lock lock(m_mtx);
+  zr::MutexLock lock(m_mtx);
   m_watcher = std::move(watcher);
   m_scheduled = false;
-  m_queueStatusDue = true;
+  m_queues.statusDue = true;
   Schedule(lock);
 }
 
 void WatcherDelivery::SetGuard(const std::optional<MassRemovalGuard>& guard) {
-  std::unique_lock lock(m_mtx);
+  zr::MutexLock lock(m_mtx);
   if (guard ? m_guard && m_guard->Options() == *guard : !m_guard) return;
   if (m_table.Held() != 0) StatusChanged();
   for (const auto& id : m_table.ListHeld()) m_table.Remove(id);
@@ -59,7 +59,7 @@ void WatcherDelivery::SetGuard(const std::optional<MassRemovalGuard>& guard) {
 
 void WatcherDelivery::SetStatusHandler(DataCenterStatusHandler handler) {
   auto changed = handler ? std::make_shared<const DataCenterStatusHandler>(std::move(handler)) : nullptr;
-  std::unique_lock lock(m_mtx);
+  zr::MutexLock lock(m_mtx);
   m_statusHandler.swap(changed);  // the one before goes after the lock
   m_toldStatus.reset();
   m_statusDue = true;
@@ -68,7 +68,7 @@ void WatcherDelivery::SetStatusHandler(DataCenterStatusHandler handler) {
 
 InstanceTable::Outcome WatcherDelivery::Put(const ServiceId& id, const NodeVersion& version,
                                             std::string payload, bool force) {
-  std::unique_lock lock(m_mtx);
+  zr::MutexLock lock(m_mtx);
   const bool held = m_table.IsHeld(id);
   const auto outcome = m_table.Put(id, version, std::move(payload), force);
   if (held && !m_table.IsHeld(id)) OnNotHeldAnyMore(id);
@@ -78,7 +78,7 @@ InstanceTable::Outcome WatcherDelivery::Put(const ServiceId& id, const NodeVersi
 
 InstanceTable::Outcome WatcherDelivery::Quarantine(const ServiceId& id, const NodeVersion& version,
                                                    bool force) {
-  std::unique_lock lock(m_mtx);
+  zr::MutexLock lock(m_mtx);
   const bool held = m_table.IsHeld(id);
   const auto outcome = m_table.Quarantine(id, version, force);
   if (held && !m_table.IsHeld(id)) OnNotHeldAnyMore(id);
@@ -87,7 +87,7 @@ InstanceTable::Outcome WatcherDelivery::Quarantine(const ServiceId& id, const No
 }
 
 void WatcherDelivery::Remove(const ServiceId& id) {
-  std::unique_lock lock(m_mtx);
+  zr::MutexLock lock(m_mtx);
   if (m_table.IsHeld(id)) return;  // its end is on its way
   const auto present = m_table.Size() - m_table.Held();
   if (m_guard && m_table.Hold(id)) {
@@ -104,7 +104,7 @@ void WatcherDelivery::Remove(const ServiceId& id) {
 }
 
 void WatcherDelivery::MarkStale() {
-  std::unique_lock lock(m_mtx);
+  zr::MutexLock lock(m_mtx);
   if (m_status.freshness != Freshness::Live) return;
   m_status.freshness = Freshness::Stale;
   m_status.staleSince = TimeOfDay();
@@ -113,42 +113,42 @@ void WatcherDelivery::MarkStale() {
 }
 
 void WatcherDelivery::CountDrift() {
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   ++m_status.drifts;
 }
 
 std::size_t WatcherDelivery::KnownBefore() const {
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   return m_status.freshness == Freshness::NeverSynchronized ? 0 : m_table.Size();
 }
 
 NodeVersion WatcherDelivery::Seen(const ServiceId& id) const {
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   return m_table.Seen(id);
 }
 
 void WatcherDelivery::MarkLive(bool everythingRead) {
-  std::unique_lock lock(m_mtx);
+  zr::MutexLock lock(m_mtx);
   if (everythingRead) ++m_status.resyncs;
   if (m_status.freshness == Freshness::Live) return;
-  m_reconcileDue |= m_status.freshness == Freshness::NeverSynchronized;
+  m_queues.reconcileDue |= m_status.freshness == Freshness::NeverSynchronized;
   m_status.freshness = Freshness::Live;
-  m_progress.notify_all();
+  m_progress.NotifyAll();
   StatusChanged();
   RemoveDue();
-  m_liveDue = true;
-  m_ahead = m_table.Changes();
+  m_queues.liveDue = true;
+  m_queues.ahead = m_table.Changes();
   Schedule(lock);
 }
 
 void WatcherDelivery::ReportStatus() {
-  std::unique_lock lock(m_mtx);
+  zr::MutexLock lock(m_mtx);
   StatusChanged();
   Schedule(lock);
 }
 
 void WatcherDelivery::ReportError(int code) {
-  std::unique_lock lock(m_mtx);
+  zr::MutexLock lock(m_mtx);
   m_status.lastError = code;
   if (!m_errorHandler || std::find(m_errors.begin(), m_errors.end(), code) != m_errors.end()) return;
   m_errors.push_back(code);
@@ -156,22 +156,22 @@ void WatcherDelivery::ReportError(int code) {
 }
 
 std::vector<ServiceId> WatcherDelivery::ListInstances() const {
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   return m_table.List();
 }
 
 std::vector<ServiceId> WatcherDelivery::ListHeld() const {
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   return m_table.ListHeld();
 }
 
 std::optional<std::string> WatcherDelivery::Find(const ServiceId& id) const {
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   return m_table.Find(id);
 }
 
 ServiceWatcherStatus WatcherDelivery::Status() const {
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   ServiceWatcherStatus status = m_status;
   if (status.freshness != Freshness::Stale) status.staleSince.reset();
   status.instances = m_table.Size();
@@ -181,35 +181,38 @@ ServiceWatcherStatus WatcherDelivery::Status() const {
 }
 
 bool WatcherDelivery::AwaitSynchronized(std::chrono::milliseconds limit) const {
-  std::unique_lock lock(m_mtx);
-  return m_progress.wait_for(lock, WaitLimit(limit),
-                             [this] { return m_status.freshness != Freshness::NeverSynchronized; });
+  const zr::MutexLock lock(m_mtx);
+  return m_progress.WaitFor(m_mtx, WaitLimit(limit), [this]() ZR_REQUIRES(m_mtx) {
+    return m_status.freshness != Freshness::NeverSynchronized;
+  });
 }
 
 /// Changes leave the table in their order: so those that wait have all been told when as many have.
 bool WatcherDelivery::AwaitDelivered(std::chrono::milliseconds limit) const {
   const auto deadline = std::chrono::steady_clock::now() + WaitLimit(limit);
-  std::unique_lock lock(m_mtx);
-  const auto synchronized = [this] { return m_status.freshness != Freshness::NeverSynchronized; };
-  if (!m_progress.wait_until(lock, deadline, synchronized)) return false;
-  const std::uint64_t all = m_taken + m_table.Changes() + (m_liveDue ? 1 : 0);
-  return m_progress.wait_until(lock, deadline, [&] { return m_told >= all && !m_liveDue; });
+  zr::MutexLock lock(m_mtx);
+  const auto synchronized = [this]() ZR_REQUIRES(m_mtx) {
+    return m_status.freshness != Freshness::NeverSynchronized;
+  };
+  if (!m_progress.WaitUntil(m_mtx, deadline, synchronized)) return false;
+  const std::uint64_t all = m_taken + m_table.Changes() + (m_queues.liveDue ? 1 : 0);
+  const auto told = [&]() ZR_REQUIRES(m_mtx) { return m_told >= all && !m_queues.liveDue; };
+  return m_progress.WaitUntil(m_mtx, deadline, told);
 }
 
 WatcherDelivery::Known WatcherDelivery::Snapshot() const {
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   return {m_status.freshness, m_table.Copy()};
 }
 
-/// Posts a delivery if there is something to tell and none is on its way. `lock` is on m_mtx and may be
-/// released.
-void WatcherDelivery::Schedule(std::unique_lock<std::mutex>& lock) {
-  if (m_scheduled) return;
+/// Releases `lock`, which is on m_mtx, and posts a delivery if there is something to tell and none is on its way.
+void WatcherDelivery::Schedule(zr::MutexLock& lock) {
   const bool handlersDue = !m_errors.empty() || (m_statusDue && m_statusHandler);
-  if (!m_table.HasChanges() && !handlersDue && !QueuesAreDue()) return;
-  m_scheduled = true;
+  const bool due = !m_scheduled && (m_table.HasChanges() || handlersDue || QueuesAreDue());
+  m_scheduled |= due;
   const bool manyToCome = m_status.freshness != Freshness::Live;
-  lock.unlock();
+  lock.Unlock(m_mtx);
+  if (!due) return;
   const auto deliver = [self = shared_from_this()] { self->Deliver(); };
   try {
     if (manyToCome) {
@@ -217,30 +220,26 @@ void WatcherDelivery::Schedule(std::unique_lock<std::mutex>& lock) {
     } else {  // when all that has arrived is read: the thread is then woken once for all of it
       m_core->Post([thread = m_thread, deliver] { thread->Post(deliver); });
     }
-  } catch (...) {  // else nothing would ever be delivered again
-    lock.lock();
-    m_scheduled = false;
+  } catch (...) {
+    const zr::MutexLock again(m_mtx);
+    m_scheduled = false;  // else nothing would ever be delivered again
     throw;
   }
 }
 
-/// m_mtx is held.
 void WatcherDelivery::OnNotHeldAnyMore(const ServiceId& id) {
   if (m_guard) m_guard->Forget(id);
   if (m_table.Held() == 0) StatusChanged();
 }
 
-/// m_mtx is held.
 void WatcherDelivery::StatusChanged() {
-  m_statusDue = m_queueStatusDue = true;
+  m_statusDue = m_queues.statusDue = true;
 }
 
-/// m_mtx is held.
 bool WatcherDelivery::QueuesAreDue() const {
-  return m_liveDue ? m_ahead == 0 : m_queueStatusDue;
+  return m_queues.liveDue ? m_queues.ahead == 0 : m_queues.statusDue;
 }
 
-/// m_mtx is held.
 void WatcherDelivery::ScheduleGuard() {
   const auto due = m_guard->NextDue();
   if (!due || (m_guardTimer && *m_guardTimer <= *due)) return;
@@ -251,7 +250,7 @@ void WatcherDelivery::ScheduleGuard() {
 }
 
 void WatcherDelivery::OnGuardDue(RemovalGuard::TimePoint due) {
-  std::unique_lock lock(m_mtx);
+  zr::MutexLock lock(m_mtx);
   if (m_guardTimer == due) m_guardTimer.reset();
   if (m_status.freshness != Freshness::Live)
     return;  // who has come back meanwhile is not known: when it is again
@@ -259,7 +258,6 @@ void WatcherDelivery::OnGuardDue(RemovalGuard::TimePoint due) {
   Schedule(lock);
 }
 
-/// m_mtx is held.
 void WatcherDelivery::RemoveDue() {
   if (!m_guard) return;
   const bool held = m_table.Held() != 0;
@@ -289,7 +287,7 @@ bool WatcherDelivery::DeliverOne() {
   // Both may end here, with foreign code in what they own: after the lock.
   std::shared_ptr<ServiceWatcher> watcher;
   std::shared_ptr<const DataCenterStatusHandler> handler;
-  std::unique_lock lock(m_mtx);
+  zr::MutexLock lock(m_mtx);
   // Owned for one event only: who drops the last owner hears at most the event that is running.
   watcher = m_watcher.lock();
   if (!watcher) return false;
@@ -297,7 +295,7 @@ bool WatcherDelivery::DeliverOne() {
   handler = m_statusHandler;
   DeliverStatus(lock, *watcher, handler);
   if (QueuesAreDue()) DeliverToQueues(lock, *watcher);
-  if (std::exchange(m_told, m_taken) != m_taken) m_progress.notify_all();
+  if (std::exchange(m_told, m_taken) != m_taken) m_progress.NotifyAll();
   if (!m_table.HasChanges()) {
     const bool handlersDue = !m_errors.empty() || (m_statusDue && m_statusHandler);
     if (handlersDue || QueuesAreDue()) return true;  // come while others were told
@@ -306,44 +304,44 @@ bool WatcherDelivery::DeliverOne() {
   }
   const auto change = m_table.Take();
   ++m_taken;
-  if (m_ahead != 0) --m_ahead;
-  lock.unlock();
+  if (m_queues.ahead != 0) --m_queues.ahead;
+  lock.Unlock(m_mtx);
   ServiceInstanceData data;
   try {
     if (!change.payload.empty()) data = ParsePayload(change.payload);
   } catch (...) {
-    lock.lock();
+    const zr::MutexLock again(m_mtx);
     m_table.TakeBack(change);
     --m_taken;
-    m_ahead = m_table.Changes();
+    m_queues.ahead = m_table.Changes();
     throw;
   }
   Tell(*watcher, change, data);
   return true;
 }
 
-void WatcherDelivery::DeliverErrors(std::unique_lock<std::mutex>& lock) {
+void WatcherDelivery::DeliverErrors(zr::MutexLock& lock) {
   const auto errors = std::exchange(m_errors, {});
   if (errors.empty()) return;
-  lock.unlock();
+  lock.Unlock(m_mtx);
   for (const int code : errors) {
     CallGuarded("error handler", [&] { m_errorHandler(code); });
   }
-  lock.lock();
+  lock.Lock(m_mtx);
 }
 
-void WatcherDelivery::DeliverStatus(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher,
+void WatcherDelivery::DeliverStatus(zr::MutexLock& lock, const ServiceWatcher& watcher,
                                     const std::shared_ptr<const DataCenterStatusHandler>& handler) {
   if (!handler || !std::exchange(m_statusDue, false)) return;
-  lock.unlock();
+  lock.Unlock(m_mtx);
   const DataCenterStatus status = watcher.DataCenter();
   const StatusKey key = KeyOf(status);
-  lock.lock();
+  lock.Lock(m_mtx);
   if (m_toldStatus == key || handler != m_statusHandler) return;
   m_toldStatus = key;
-  lock.unlock();
+  lock.Unlock(m_mtx);
   CallGuarded("status handler", [&] { (*handler)(status); });
-  lock.lock();
+  lock.Lock(m_mtx);
 }
 
 WatcherDelivery::StatusKey WatcherDelivery::KeyOf(const DataCenterStatus& status) {
@@ -352,26 +350,26 @@ WatcherDelivery::StatusKey WatcherDelivery::KeyOf(const DataCenterStatus& status
 
 /// The state, in order with the instances: that all is read comes behind what was read, and so no state that says so
 /// comes before.
-void WatcherDelivery::DeliverToQueues(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher) {
-  const bool live = m_liveDue;
-  m_queueStatusDue = false;
-  lock.unlock();
+void WatcherDelivery::DeliverToQueues(zr::MutexLock& lock, const ServiceWatcher& watcher) {
+  const bool live = m_queues.liveDue;
+  m_queues.statusDue = false;
+  lock.Unlock(m_mtx);
   const DataCenterStatus status = watcher.DataCenter();
-  lock.lock();
-  if (live ? m_ahead != 0 : m_liveDue || m_queueStatus == KeyOf(status)) return;
-  const bool first = live && std::exchange(m_reconcileDue, false);
+  lock.Lock(m_mtx);
+  if (live ? m_queues.ahead != 0 : m_queues.liveDue || m_queues.status == KeyOf(status)) return;
+  const bool first = live && std::exchange(m_queues.reconcileDue, false);
   if (live) {
-    m_liveDue = false;
+    m_queues.liveDue = false;
     ++m_taken;
   }
-  m_queueStatus = KeyOf(status);
-  lock.unlock();
+  m_queues.status = KeyOf(status);
+  lock.Unlock(m_mtx);
   const auto kind = live ? ServiceEvent::Kind::Synchronized : ServiceEvent::Kind::State;
   ForEachQueue(watcher, [&](EventQueue& queue) {
     if (first) queue.Reconcile(watcher);
     queue.Tell(watcher, kind, status);
   });
-  lock.lock();
+  lock.Lock(m_mtx);
 }
 
 void WatcherDelivery::Tell(ServiceWatcher& watcher, const InstanceTable::Change& change,

@@ -2,11 +2,9 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -17,6 +15,7 @@
 #include "removal_guard.h"
 #include "session/connection_core.h"
 #include "watch/observer_thread.h"
+#include "zrstl/thread_safety.h"
 
 namespace zr::halden::details {
 
@@ -77,19 +76,28 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   /// What the status handler is told the changes of.
   using StatusKey = std::tuple<ConnectionState, Freshness, bool>;
 
-  void Schedule(std::unique_lock<std::mutex>& lock);
-  void ScheduleGuard();
+  /// What queues are to be told beside changes of instances.
+  struct ForQueues {
+    bool statusDue = false;           // the state
+    std::optional<StatusKey> status;  // which they were told last
+    bool liveDue = false;             // that all is read, behind what waited then:
+    std::size_t ahead = 0;            // so many changes
+    bool reconcileDue = false;        // and that it was for the first time
+  };
+
+  void Schedule(zr::MutexLock& lock) ZR_RELEASE(m_mtx);
+  void ScheduleGuard() ZR_REQUIRES(m_mtx);
   void OnGuardDue(RemovalGuard::TimePoint due);
-  void RemoveDue();
-  void OnNotHeldAnyMore(const ServiceId& id);
+  void RemoveDue() ZR_REQUIRES(m_mtx);
+  void OnNotHeldAnyMore(const ServiceId& id) ZR_REQUIRES(m_mtx);
   void Deliver();
   bool DeliverOne();
-  void DeliverErrors(std::unique_lock<std::mutex>& lock);
-  void DeliverStatus(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher,
-                     const std::shared_ptr<const DataCenterStatusHandler>& handler);
-  void StatusChanged();
-  bool QueuesAreDue() const;
-  void DeliverToQueues(std::unique_lock<std::mutex>& lock, const ServiceWatcher& watcher);
+  void DeliverErrors(zr::MutexLock& lock) ZR_REQUIRES(m_mtx);
+  void DeliverStatus(zr::MutexLock& lock, const ServiceWatcher& watcher,
+                     const std::shared_ptr<const DataCenterStatusHandler>& handler) ZR_REQUIRES(m_mtx);
+  void StatusChanged() ZR_REQUIRES(m_mtx);
+  bool QueuesAreDue() const ZR_REQUIRES(m_mtx);
+  void DeliverToQueues(zr::MutexLock& lock, const ServiceWatcher& watcher) ZR_REQUIRES(m_mtx);
   static StatusKey KeyOf(const DataCenterStatus& status);
   static void Tell(ServiceWatcher& watcher, const InstanceTable::Change& change,
                    const ServiceInstanceData& data);
@@ -99,25 +107,23 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   const std::shared_ptr<ObserverThread> m_thread;
   const ZkErrorHandler m_errorHandler;
 
-  mutable std::mutex m_mtx;                    // guards all below; no foreign code runs with it held
-  mutable std::condition_variable m_progress;  // synchronised, or told of what was taken
-  std::weak_ptr<ServiceWatcher> m_watcher;
-  InstanceTable m_table;
-  std::vector<int> m_errors;  // waiting to be told, each code once
-  std::optional<RemovalGuard> m_guard;
-  std::optional<RemovalGuard::TimePoint> m_guardTimer;  // the earliest that runs
-  std::shared_ptr<const DataCenterStatusHandler> m_statusHandler;
-  bool m_statusDue = false;  // the handler is to be asked
-  std::optional<StatusKey> m_toldStatus;
-  bool m_queueStatusDue = false;           // queues are to be told the state
-  std::optional<StatusKey> m_queueStatus;  // what they were told last
-  bool m_liveDue = false;         // all is read, and queues are to be told so, behind what waited then:
-  std::size_t m_ahead = 0;        // so many changes
-  bool m_reconcileDue = false;    // and that it was for the first time
-  std::uint64_t m_taken = 0;      // changes taken from the table, and times that all was read
-  std::uint64_t m_told = 0;       // of these, those that observers have heard of
-  bool m_scheduled = true;        // a delivery is posted, or running and will look again; or not started
-  ServiceWatcherStatus m_status;  // its numbers of instances are the table's
+  mutable zr::Mutex m_mtx;                   // no foreign code runs with it held
+  mutable zr::ConditionVariable m_progress;  // synchronised, or told of what was taken
+  std::weak_ptr<ServiceWatcher> m_watcher ZR_GUARDED_BY(m_mtx);
+  InstanceTable m_table ZR_GUARDED_BY(m_mtx);
+  std::vector<int> m_errors ZR_GUARDED_BY(m_mtx);  // waiting to be told, each code once
+  std::optional<RemovalGuard> m_guard ZR_GUARDED_BY(m_mtx);
+  std::optional<RemovalGuard::TimePoint> m_guardTimer ZR_GUARDED_BY(m_mtx);  // the earliest that runs
+  std::shared_ptr<const DataCenterStatusHandler> m_statusHandler ZR_GUARDED_BY(m_mtx);
+  bool m_statusDue ZR_GUARDED_BY(m_mtx) = false;  // the handler is to be asked
+  std::optional<StatusKey> m_toldStatus ZR_GUARDED_BY(m_mtx);
+  ForQueues m_queues ZR_GUARDED_BY(m_mtx);
+  std::uint64_t m_taken ZR_GUARDED_BY(m_mtx) =
+      0;                                          // changes taken from the table, and times that all was read
+  std::uint64_t m_told ZR_GUARDED_BY(m_mtx) = 0;  // of these, those that observers have heard of
+  // A delivery is posted, or running and will look again; or not started.
+  bool m_scheduled ZR_GUARDED_BY(m_mtx) = true;
+  ServiceWatcherStatus m_status ZR_GUARDED_BY(m_mtx);  // its numbers of instances are the table's
 };
 
 }  // namespace zr::halden::details
