@@ -9,7 +9,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <ctime>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,6 +17,7 @@
 
 #include "base/log_sources.h"
 #include "base/task_thread.h"
+#include "zrstl/thread_safety.h"
 
 // Of the library's, not in its headers: sends what is queued, until all is sent or `timeout` (milliseconds) is
 // over; 0 does not wait at all.
@@ -42,7 +42,7 @@ class LineLimit {
   std::optional<std::size_t> Pass(std::string&& place) {
     constexpr std::chrono::seconds quietPeriod{10};
     const auto now = Clock::now();
-    const std::lock_guard lock(m_mtx);
+    const zr::MutexLock lock(m_mtx);
     const auto [known, first] = m_places.try_emplace(std::move(place));
     if (!first && now - known->second.last < quietPeriod) {
       ++known->second.leftOut;
@@ -58,8 +58,9 @@ class LineLimit {
     std::size_t leftOut = 0;
   };
 
-  std::mutex m_mtx;
-  std::unordered_map<std::string, Place> m_places;  // guarded by m_mtx; as many as the library has log lines
+  zr::Mutex m_mtx;
+  std::unordered_map<std::string, Place> m_places
+      ZR_GUARDED_BY(m_mtx);  // as many as the library has log lines
 };
 
 /// Never destroyed: connections' threads may outlive main().

@@ -53,7 +53,7 @@ ConnectionCore::~ConnectionCore() = default;
 
 void ConnectionCore::Start(const clientid_t* session) {
   const auto resume = session != nullptr ? std::optional(*session) : std::nullopt;
-  const std::lock_guard lock(m_startMtx);
+  const zr::MutexLock lock(m_startMtx);
   const bool first = !m_target;
   if (first) Prepare();
   try {
@@ -125,7 +125,7 @@ void ConnectionCore::ForceExpire() {
 
 /// Before the first start there is nothing to end, and no thread to do it.
 bool ConnectionCore::StartedOnce() {
-  const std::lock_guard lock(m_startMtx);
+  const zr::MutexLock lock(m_startMtx);
   return m_target.has_value();
 }
 

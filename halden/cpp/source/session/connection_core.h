@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -23,6 +22,7 @@
 #include "session/watch_routes.h"
 #include "session/watchdog.h"
 #include "zrstl/string.h"
+#include "zrstl/thread_safety.h"
 
 namespace zr::halden::details {
 
@@ -120,7 +120,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   };
 
   static Target Validate(const ConnectionOptions& options);
-  void Prepare();
+  void Prepare() ZR_REQUIRES(m_startMtx);
   bool StartedOnce();
   PostFunction Poster();
   void PostMember(TaskThread::Task task) { Poster()(Clock::duration::zero(), std::move(task)); }
@@ -163,8 +163,9 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   // Constant after construction.
   const ConnectionOptions m_options;
 
-  std::mutex m_startMtx;
-  std::optional<Target> m_target;  // set by the first `Start` under m_startMtx, constant afterwards
+  zr::Mutex m_startMtx;
+  // Set by the first `Start` under m_startMtx and constant afterwards: what that has posted reads it without.
+  std::optional<Target> m_target;
 
   // Owned by the connection's thread, from the first `Start` on.
   std::optional<Addresses> m_addresses;

@@ -2,11 +2,10 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 
 #include "halden/connection_v2.h"
+#include "zrstl/thread_safety.h"
 
 namespace zr::halden::details {
 
@@ -29,11 +28,11 @@ class StatusBoard {
   bool AwaitClosed(std::chrono::milliseconds limit) const;
 
  private:
-  mutable std::mutex m_mtx;  // guards all below; held for no call of foreign code
-  mutable std::condition_variable m_changed;
-  ConnectionStatus m_status;
-  bool m_closed = true;
-  std::uint64_t m_stopsAsked = 0;  // that have not been carried out yet
+  mutable zr::Mutex m_mtx;  // held for no call of foreign code
+  mutable zr::ConditionVariable m_changed;
+  ConnectionStatus m_status ZR_GUARDED_BY(m_mtx);
+  bool m_closed ZR_GUARDED_BY(m_mtx) = true;
+  std::uint64_t m_stopsAsked ZR_GUARDED_BY(m_mtx) = 0;  // that have not been carried out yet
 };
 
 }  // namespace zr::halden::details
