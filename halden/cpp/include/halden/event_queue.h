@@ -3,14 +3,12 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string_view>
 #include <tuple>
@@ -22,6 +20,7 @@
 #include "halden/service_watcher.h"
 #include "zrstl/export.h"
 #include "zrstl/string.h"
+#include "zrstl/thread_safety.h"
 
 namespace zr::halden {
 
@@ -142,24 +141,24 @@ class ZR_EXPORT EventQueue final : public ServiceWatcherObserver {
   void Change(const ServiceWatcher& watcher, const ServiceId& id, const ServiceInstanceData* data);
   void Reconcile(const ServiceWatcher& watcher);
   void Tell(const ServiceWatcher& watcher, ServiceEvent::Kind kind, const DataCenterStatus& status);
-  std::optional<ServiceEvent> Take();
-  ServiceEvent TakeInstance(InstanceMap::iterator entry);
-  ServiceEvent TakeTold();
-  void Drop(std::optional<Order::iterator>& place);
-  void Remove(InstanceMap::iterator entry);
-  void Enqueue(InstanceMap::iterator entry);
-  void Dequeue(InstanceMap::iterator entry);
-  void Signal();
+  std::optional<ServiceEvent> Take() ZR_REQUIRES(m_mtx);
+  ServiceEvent TakeInstance(InstanceMap::iterator entry) ZR_REQUIRES(m_mtx);
+  ServiceEvent TakeTold() ZR_REQUIRES(m_mtx);
+  void Drop(std::optional<Order::iterator>& place) ZR_REQUIRES(m_mtx);
+  void Remove(InstanceMap::iterator entry) ZR_REQUIRES(m_mtx);
+  void Enqueue(InstanceMap::iterator entry) ZR_REQUIRES(m_mtx);
+  void Dequeue(InstanceMap::iterator entry) ZR_REQUIRES(m_mtx);
+  void Signal() ZR_REQUIRES(m_mtx);
 
   int m_descriptor = -1;  // constant after construction
 
-  mutable std::mutex m_mtx;  // guards all below; no foreign code runs with it held
-  std::condition_variable m_changed;
-  InstanceMap m_instances;
-  std::map<DataCenterKey, DataCenter> m_dataCenters;
-  Order m_order;            // what waits, oldest first
-  bool m_readable = false;  // the descriptor is
-  bool m_closed = false;
+  mutable zr::Mutex m_mtx;  // no foreign code runs with it held
+  zr::ConditionVariable m_changed;
+  InstanceMap m_instances ZR_GUARDED_BY(m_mtx);
+  std::map<DataCenterKey, DataCenter> m_dataCenters ZR_GUARDED_BY(m_mtx);
+  Order m_order ZR_GUARDED_BY(m_mtx);            // what waits, oldest first
+  bool m_readable ZR_GUARDED_BY(m_mtx) = false;  // the descriptor is
+  bool m_closed ZR_GUARDED_BY(m_mtx) = false;
 };
 
 }  // namespace zr::halden

@@ -43,34 +43,35 @@ EventQueue::~EventQueue() {
 }
 
 std::optional<ServiceEvent> EventQueue::Pop() {
-  std::unique_lock lock(m_mtx);
-  m_changed.wait(lock, [this] { return m_closed || !m_order.empty(); });
+  const zr::MutexLock lock(m_mtx);
+  m_changed.Wait(m_mtx, [this]() ZR_REQUIRES(m_mtx) { return m_closed || !m_order.empty(); });
   return Take();
 }
 
 std::optional<ServiceEvent> EventQueue::PopFor(std::chrono::milliseconds limit) {
-  std::unique_lock lock(m_mtx);
-  m_changed.wait_for(lock, details::WaitLimit(limit), [this] { return m_closed || !m_order.empty(); });
+  const zr::MutexLock lock(m_mtx);
+  m_changed.WaitFor(m_mtx, details::WaitLimit(limit),
+                    [this]() ZR_REQUIRES(m_mtx) { return m_closed || !m_order.empty(); });
   return Take();
 }
 
 std::vector<ServiceEvent> EventQueue::Drain() {
   std::vector<ServiceEvent> events;
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   events.reserve(m_order.size());
   while (auto event = Take()) events.push_back(std::move(*event));
   return events;
 }
 
 void EventQueue::Close() {
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   m_closed = true;
   Signal();
-  m_changed.notify_all();
+  m_changed.NotifyAll();
 }
 
 std::size_t EventQueue::Size() const {
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   return m_order.size();
 }
 
@@ -93,7 +94,7 @@ void EventQueue::OnInstanceModified(ServiceWatcher& watcher, const ServiceId& in
 void EventQueue::Change(const ServiceWatcher& watcher, const ServiceId& id, const ServiceInstanceData* data) {
   const Key key(watcher.ServiceName(), watcher.DataCenterName(), id);
   auto copy = data != nullptr ? std::make_unique<ServiceInstanceData>(*data) : nullptr;
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   if (m_closed || !*watcher.m_current) return;
   if (!copy) {
     if (const auto found = m_instances.find(key); found != m_instances.end()) Remove(found);
@@ -111,7 +112,7 @@ void EventQueue::Reconcile(const ServiceWatcher& watcher) {
   auto known = watcher.ListInstances();
   std::sort(known.begin(), known.end());
   const Key first(watcher.ServiceName(), watcher.DataCenterName(), ServiceId{});
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   if (m_closed) return;
   for (auto next = m_instances.lower_bound(first); next != m_instances.end();) {
     const auto entry = next++;
@@ -131,7 +132,7 @@ void EventQueue::Tell(const ServiceWatcher& watcher, ServiceEvent::Kind kind,
   told->service = watcher.ServiceName();
   told->dcName = watcher.DataCenterName();
   told->status = status;
-  const std::lock_guard lock(m_mtx);
+  const zr::MutexLock lock(m_mtx);
   if (m_closed || !*watcher.m_current) return;
   DataCenter& dataCenter = m_dataCenters[{told->service, told->dcName}];
   const auto place = m_order.insert(m_order.end(), Waiting{nullptr, std::move(told)});
@@ -139,15 +140,14 @@ void EventQueue::Tell(const ServiceWatcher& watcher, ServiceEvent::Kind kind,
   if (synchronized) Drop(dataCenter.synchronized);
   (synchronized ? dataCenter.synchronized : dataCenter.state) = place;
   Signal();
-  m_changed.notify_one();
+  m_changed.NotifyOne();
 }
 
-/// m_mtx is held, here and below.
 std::optional<ServiceEvent> EventQueue::Take() {
   if (m_order.empty()) return std::nullopt;
   const Key* const instance = m_order.front().instance;
   auto event = instance == nullptr ? TakeTold() : TakeInstance(m_instances.find(*instance));
-  if (!m_order.empty()) m_changed.notify_one();
+  if (!m_order.empty()) m_changed.NotifyOne();
   return event;
 }
 
@@ -196,7 +196,7 @@ void EventQueue::Enqueue(InstanceMap::iterator entry) {
   if (!instance.waits) instance.place = m_order.insert(m_order.end(), Waiting{&entry->first, nullptr});
   instance.waits = true;
   Signal();
-  m_changed.notify_one();
+  m_changed.NotifyOne();
 }
 
 void EventQueue::Dequeue(InstanceMap::iterator entry) {
