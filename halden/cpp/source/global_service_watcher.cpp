@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <future>
 #include <iterator>
-#include <mutex>
 #include <set>
 #include <stdexcept>
 #include <utility>
@@ -15,6 +14,7 @@
 #include "halden/service_publisher.h"
 #include "session/connection_core.h"
 #include "watch/observer_thread.h"
+#include "zrstl/thread_safety.h"
 
 namespace zr::halden {
 
@@ -55,11 +55,12 @@ const zr::String& CheckedName(const zr::String& name) {
 }  // namespace
 
 struct GlobalServiceWatcher::Settings {
-  std::mutex mtx;  // guards all below; no foreign code runs with it held
-  std::optional<MassRemovalGuard> guard;
-  std::optional<AuditIntervals> audit;
-  std::shared_ptr<const DataCenterStatusHandler> statusHandler;
-  std::set<std::weak_ptr<ServiceWatcher>, std::owner_less<>> equipped;  // that have these settings
+  zr::Mutex mtx;  // no foreign code runs with it held
+  std::optional<MassRemovalGuard> guard ZR_GUARDED_BY(mtx);
+  std::optional<AuditIntervals> audit ZR_GUARDED_BY(mtx);
+  std::shared_ptr<const DataCenterStatusHandler> statusHandler ZR_GUARDED_BY(mtx);
+  // That have these settings.
+  std::set<std::weak_ptr<ServiceWatcher>, std::owner_less<>> equipped ZR_GUARDED_BY(mtx);
 };
 
 GlobalServiceWatcher::GlobalServiceWatcher(const zr::String& serviceName, LibraryManaged mode,
@@ -111,15 +112,15 @@ void GlobalServiceWatcher::StartManagedConnections() {
   try {
     m_impl->StartManagedConnections();
   } catch (...) {
-    Equip();  // those that were connected before the one that failed
+    ApplySettings();  // those that were connected before the one that failed
     throw;
   }
-  Equip();
+  ApplySettings();
 }
 
 bool GlobalServiceWatcher::ConnectDC(const zr::String& dcName) {
   const bool connected = m_impl->ConnectDC(dcName);
-  if (connected) Equip();
+  if (connected) ApplySettings();
   return connected;
 }
 
@@ -135,7 +136,7 @@ void GlobalServiceWatcher::StopManagedConnections() {
 
 void GlobalServiceWatcher::AddConnection(std::shared_ptr<Connection> conn) {
   m_impl->AddConnection(std::move(conn));
-  Equip();
+  ApplySettings();
 }
 
 void GlobalServiceWatcher::RemoveConnection(const std::shared_ptr<Connection>& conn) {
@@ -222,30 +223,30 @@ bool GlobalServiceWatcher::AwaitSynchronized(const std::vector<zr::String>& dcNa
 void GlobalServiceWatcher::SetMassRemovalGuard(const std::optional<MassRemovalGuard>& guard) {
   Check(guard);
   {
-    const std::lock_guard lock(m_settings->mtx);
+    const zr::MutexLock lock(m_settings->mtx);
     m_settings->guard = guard;
     m_settings->equipped.clear();
   }
-  Equip();
+  ApplySettings();
 }
 
 void GlobalServiceWatcher::SetAudit(const AuditIntervals& intervals) {
   {
-    const std::lock_guard lock(m_settings->mtx);
+    const zr::MutexLock lock(m_settings->mtx);
     m_settings->audit = intervals;
     m_settings->equipped.clear();
   }
-  Equip();
+  ApplySettings();
 }
 
 void GlobalServiceWatcher::SetStatusHandler(DataCenterStatusHandler handler) {
   auto changed = handler ? std::make_shared<const DataCenterStatusHandler>(std::move(handler)) : nullptr;
   {
-    const std::lock_guard lock(m_settings->mtx);
+    const zr::MutexLock lock(m_settings->mtx);
     m_settings->statusHandler.swap(changed);
     m_settings->equipped.clear();
   }
-  Equip();
+  ApplySettings();
 }
 
 /// Takes the status handler from all watchers, or from those that are registered no more, which are out of use
@@ -253,7 +254,7 @@ void GlobalServiceWatcher::SetStatusHandler(DataCenterStatusHandler handler) {
 void GlobalServiceWatcher::Release(bool all) {
   std::vector<std::shared_ptr<ServiceWatcher>> gone;
   {
-    const std::lock_guard lock(m_settings->mtx);
+    const zr::MutexLock lock(m_settings->mtx);
     for (const auto& weak : m_settings->equipped) {
       if (auto watcher = weak.lock()) gone.push_back(std::move(watcher));
     }
@@ -265,16 +266,16 @@ void GlobalServiceWatcher::Release(bool all) {
     for (const auto& watcher : gone) *watcher->m_current = false;
   }
   {
-    const std::lock_guard lock(m_settings->mtx);
+    const zr::MutexLock lock(m_settings->mtx);
     for (const auto& watcher : gone) m_settings->equipped.erase(watcher);
   }
   for (const auto& watcher : gone) watcher->SetStatusHandler({});
 }
 
 /// Hands the settings to the watchers that do not have them yet.
-void GlobalServiceWatcher::Equip() {
+void GlobalServiceWatcher::ApplySettings() {
   const auto watchers = Watchers();
-  const std::lock_guard lock(m_settings->mtx);
+  const zr::MutexLock lock(m_settings->mtx);
   std::erase_if(m_settings->equipped, [](const auto& weak) { return weak.expired(); });
   for (const auto& watcher : watchers) {
     if (!m_settings->equipped.insert(watcher).second) continue;

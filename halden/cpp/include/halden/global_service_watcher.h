@@ -153,7 +153,7 @@ class ZR_EXPORT GlobalServiceWatcher final : public zr::Observable<ServiceWatche
   bool Close(std::chrono::milliseconds limit);
 
  private:
-  void Equip();
+  void ApplySettings();
   void Release(bool all);
 
   struct Settings;
