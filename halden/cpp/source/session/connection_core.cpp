@@ -159,7 +159,8 @@ void ConnectionCore::Ready(const pollfd& socket) {
 /// Before what was asked for is sent, all at once: so the urgent is in front.
 void ConnectionCore::GiveTurns() {
   if (!Connected()) return;
-  for (auto room = m_bulk.window->Room(); room > 0 && !m_bulk.turns.Empty(); --room) {
+  for (bool room = m_bulk.window->HasRoomForSome(); room && !m_bulk.turns.Empty();
+       room = m_bulk.window->HasRoom()) {
     TaskThread::RunGuarded([this] { m_bulk.turns.Serve(); });
   }
   if (!m_bulk.turns.Empty()) m_bulk.window->OnUsedUp();

@@ -40,8 +40,16 @@ std::size_t SizeOf(const Reply& reply) {
   return bytes;
 }
 
-bool Reads(Request::Kind kind) {
-  return kind == Request::Kind::Get || kind == Request::Kind::GetChildren || kind == Request::Kind::Exists;
+SendWindow::Kind AnswerOf(Request::Kind kind) {
+  switch (kind) {
+    case Request::Kind::GetChildren:
+      return SendWindow::Kind::List;
+    case Request::Kind::Get:
+    case Request::Kind::Exists:
+      return SendWindow::Kind::Data;
+    default:
+      return SendWindow::Kind::Write;
+  }
 }
 
 }  // namespace
@@ -199,7 +207,7 @@ void Epoch::Submit(Request request) {
   const auto& path = slot->request.path;
   const int code = Call(slot, slot->request.outsideChroot ? path : m_root + path);
   if (code == ZOK) {
-    slot->sent = m_window->OnSent(Reads(slot->request.kind), now);
+    slot->sent = m_window->OnSent(AnswerOf(slot->request.kind), now);
     return m_sent.push_back(slot);
   }
   m_post(Clock::duration::zero(), [weak = weak_from_this(), slot, code] {
@@ -259,7 +267,7 @@ void Epoch::MissLost(const Slot& answered) {
     m_sent.pop_front();
     if (first == &answered) return;
     first->lost = true;
-    m_window->OnLost();
+    m_window->OnLost(first->sent);
     Reply reply;
     reply.code = ZOPERATIONTIMEOUT;
     TaskThread::RunGuarded([&] { Complete(*first, reply); });
@@ -325,7 +333,7 @@ void Epoch::Answer(const void* context, int code, const Stat* stat, const Fill& 
   self.MissLost(slot);
   if (self.m_life != Life::Open) return;
   if (code == ZCONNECTIONLOSS || code == ZOPERATIONTIMEOUT || code == ZSESSIONEXPIRED) {
-    self.m_window->OnLost();
+    self.m_window->OnLost(slot.sent);
   } else {
     self.m_window->OnAnswered(slot.sent, SizeOf(reply), Clock::now());
   }

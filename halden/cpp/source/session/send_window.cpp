@@ -10,15 +10,20 @@ namespace {
 // Of a narrow way: what waits there in line for no good. A write that comes behind it waits for so much.
 constexpr double kSlackBytes = 24.0 * 1024;
 // Of a fast one: for so many seconds servers and we are busy with what has arrived.
-constexpr double kSlackTime = 0.006;
+constexpr double kSlackTime = 0.003;
+// More than what the way holds, if all answers took the shortest time: on many ways some take longer.
+constexpr double kGain = 1.5;
+constexpr double kBurstGain = 1.25;
 // The window grows by no more at a time, whatever a round seems to say.
 constexpr double kMostGrowth = 16;
-constexpr double kLeast = 16;
-constexpr double kMost = 20'000;
-// A handful of answers says nothing of a rate, and what is read in one go nothing of time.
+constexpr double kMost = 8e6;
+constexpr std::uint64_t kLeast = 16;  // requests
+// A handful of answers says nothing of a rate.
 constexpr std::uint64_t kRoundOfSome = 16;
-constexpr std::uint64_t kBurst = 48;
-constexpr double kShortestRound = 0.001;
+constexpr std::uint64_t kBurst = 32;
+// What comes within so short a time has come as fast as threads were scheduled, and not as fast as it can.
+constexpr std::chrono::milliseconds kShortestRound{4};
+constexpr double kShortestBurst = 0.005;
 constexpr double kLongRound = 0.020;
 // Requests before another that cost it no time worth counting.
 constexpr std::uint64_t kFew = 4;
@@ -30,18 +35,26 @@ double Seconds(Clock::duration time) {
 
 }  // namespace
 
-SendWindow::Sent SendWindow::OnSent(bool read, Clock::time_point now) {
-  if (UnderWay() == 0) m_round = {now, m_answered, m_sent + 1, false};
+SendWindow::Sent SendWindow::OnSent(Kind kind, Clock::time_point now) {
+  if (UnderWay() == 0) m_round = {.begin = now, .answered = m_answered};
   ++m_sent;
-  return {now, read && UnderWay() <= kFew};
+  const double expected = m_usual[static_cast<std::size_t>(kind)];
+  m_expected += expected;
+  return {now, expected, kind, kind != Kind::Write && UnderWay() <= kFew};
 }
 
 void SendWindow::OnAnswered(const Sent& sent, std::size_t bytes, Clock::time_point now) {
-  ++m_answered;
+  OnLost(sent);
   const auto size = static_cast<double>(bytes);
-  m_answerBytes += (size - m_answerBytes) / (m_answerBytes == 0 ? 1 : 16);
+  double& usual = m_usual[static_cast<std::size_t>(sent.kind)];
+  usual += (size - usual) / 8;
   MeasureTrip(sent, now);
-  if (m_answered >= m_round.end) EndRound(now);
+  CountAnswer(size, now);
+}
+
+void SendWindow::OnLost(const Sent& sent) {
+  ++m_answered;
+  m_expected = UnderWay() == 0 ? 0 : m_expected - sent.expected;
 }
 
 /// A shorter one is believed at once. A longer one only where nothing was in line before it, and by and by.
@@ -55,23 +68,32 @@ void SendWindow::MeasureTrip(const Sent& sent, Clock::time_point now) {
   }
 }
 
-/// Answers that come together later on have only been held up somewhere.
-void SendWindow::EndRound(Clock::time_point now) {
-  const auto answers = m_answered - m_round.answered;
-  const double lasted = std::max(Seconds(now - m_round.begin), kShortestRound);
-  const bool burst = lasted < Seconds(m_trip) / 2;
-  const bool counts = burst ? answers >= kBurst && !m_tried : answers >= kRoundOfSome;
-  if (counts) {
-    m_tried = m_tried || (!burst && m_round.usedUp);
-    const double rate = static_cast<double>(answers) / lasted;
-    if (TakeRate(rate, lasted)) Resize(rate, burst);
+void SendWindow::CountAnswer(double bytes, Clock::time_point now) {
+  if (m_round.end == 0) {
+    m_round.first = now;
+    m_round.end = std::max(m_sent, m_answered + 1);
+  } else {
+    m_round.bytes += bytes;
   }
-  m_round = {now, m_answered, std::max(m_sent, m_answered + 1), false};
+  if (m_answered < m_round.end || now - m_round.begin < kShortestRound) return;
+  EndRound(now);
+  m_round = {.begin = now, .answered = m_answered};
 }
 
-/// False where it says nothing. Of a round that took long, since answers have become slow, it makes others forgotten.
-bool SendWindow::TakeRate(double rate, double lasted) {
-  if (!m_round.usedUp && rate < BestRate()) return false;
+void SendWindow::EndRound(Clock::time_point now) {
+  if (m_answered - m_round.answered < kRoundOfSome) return;
+  const double lasted = Seconds(now - m_round.begin);
+  const double rate = m_round.bytes / lasted;
+  if (!m_round.usedUp && rate < BestRate()) return;
+  TakeRate(rate, lasted);
+  const double sought =
+      std::max(kGain * BestRate(), m_flat < kRoundsToBeSure ? kBurstGain * BurstRate(now) : 0);
+  const double grown = kMostGrowth * std::max(m_size, m_round.bytes);
+  m_size = std::min({sought * Seconds(m_trip) + Slack(), grown, kMost});
+}
+
+/// Of a round that took long, since answers have become slow, it makes others forgotten.
+void SendWindow::TakeRate(double rate, double lasted) {
   auto times = static_cast<std::size_t>(lasted / std::max(2 * Seconds(m_trip), kLongRound));
   for (times = std::clamp<std::size_t>(times, 1, m_rates.size()); times > 0; --times) {
     m_rates[m_nextRate++ % m_rates.size()] = rate;
@@ -84,16 +106,13 @@ bool SendWindow::TakeRate(double rate, double lasted) {
     ++m_flat;
   }
   if (m_flat > static_cast<int>(m_rates.size())) m_grownTo = best;  // it may have shrunk, and grow again
-  return true;
 }
 
-/// `burst`: the answers came in far less than a round trip, so that their rate is that of the way; else it may be that
-/// of the window alone, and more may be had.
-void SendWindow::Resize(double rate, bool burst) {
-  const bool growing = !burst && m_flat < kRoundsToBeSure;
-  const double sought = std::max(1.25 * BestRate(), growing ? 3 * rate : 0);
-  const double wanted = sought * Seconds(m_trip) + Slack();
-  m_size = std::clamp(std::min(wanted, kMostGrowth * m_size), kLeast, kMost);
+/// Zero where it says nothing: what comes together after a long silence has been held up somewhere.
+double SendWindow::BurstRate(Clock::time_point now) const {
+  const bool heldUp = m_round.first - m_round.begin > 2 * m_trip;
+  if (heldUp || m_answered - m_round.answered < kBurst) return 0;
+  return m_round.bytes / std::max(Seconds(now - m_round.first), kShortestBurst);
 }
 
 double SendWindow::BestRate() const {
@@ -101,21 +120,25 @@ double SendWindow::BestRate() const {
 }
 
 double SendWindow::Slack() const {
-  return std::max(kSlackBytes / std::max(m_answerBytes, 1.0), kSlackTime * BestRate());
+  return std::max(kSlackBytes, kSlackTime * BestRate());
 }
 
 void SendWindow::OnConnected(Clock::duration handshake) {
   SendWindow anew(m_tripIsGuess ? handshake : std::min(handshake, m_trip));
-  anew.m_answerBytes = m_answerBytes;
-  anew.m_sent = anew.m_round.end = m_sent;
+  anew.m_usual = m_usual;
+  anew.m_sent = m_sent;
   anew.m_answered = m_answered;
+  anew.m_expected = m_expected;
   *this = anew;
 }
 
-std::size_t SendWindow::Room() const {
-  const double room = m_size - static_cast<double>(UnderWay());
-  const double worthIt = std::min(m_size, Slack()) / 2;
-  return room < std::max(worthIt, 1.0) ? 0 : static_cast<std::size_t>(room);
+/// Some requests are always let through: one answer may be larger than any window.
+double SendWindow::Room() const {
+  return UnderWay() < kLeast ? kMost : m_size - m_expected;
+}
+
+bool SendWindow::HasRoomForSome() const {
+  return Room() >= std::min(m_size, Slack()) / 2;
 }
 
 }  // namespace zr::halden::details
