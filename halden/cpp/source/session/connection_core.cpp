@@ -14,9 +14,6 @@ namespace zr::halden::details {
 
 namespace {
 
-// A resolver that is out of reach answers after half a minute: addresses known before need not wait so long.
-constexpr std::chrono::seconds kResolveLimit{2};
-
 bool IsLegal(ConnectionState from, ConnectionState to) {
   using S = ConnectionState;
   switch (from) {
@@ -218,65 +215,6 @@ void ConnectionCore::DoForceExpire() {
   ZRLOG(ZRLOG_INFO, ConnectionLog()) << "expiring the session, session_id=" << Hex{session.client_id}
                                      << ", dc_name=" << m_options.dcName;
   EndSession(session, OnSessionOver(ZSESSIONEXPIRED, ConnectionState::Expired));
-}
-
-void ConnectionCore::Open() {
-  if (!m_wanted || m_epoch) return;
-  if (m_state != ConnectionState::Connecting) SetState(ConnectionState::Connecting);
-  if (m_sessionEnd->UnderWay()) return;
-  m_opening.awaitingAddresses = true;
-  if (!m_addresses->Text().empty() && m_addresses->AreNames()) {
-    Poster()(kResolveLimit, [this, attempt = m_opening.attempt] {
-      if (m_opening.attempt == attempt && m_opening.awaitingAddresses) OpenResolved();
-    });
-  }
-  m_addresses->Resolve([this](const zr::String& error) { OnResolved(error); });
-}
-
-void ConnectionCore::OnResolved(const zr::String& error) {
-  if (!m_opening.awaitingAddresses) return;  // the watchdog gives them to a handle that looks for a server
-  if (!error.empty()) SetError(ZSYSTEMERROR, "no host resolves: " + error);
-  if (!m_addresses->Text().empty()) return OpenResolved();  // those of an earlier time are better than none
-  m_opening.awaitingAddresses = false;
-  OpenLater();
-}
-
-void ConnectionCore::OpenResolved() {
-  m_opening.awaitingAddresses = false;
-  if (!m_wanted || m_epoch || m_sessionEnd->UnderWay()) return;
-  const auto onSession = [this](Epoch& epoch, int state) {
-    if (m_epoch.get() == &epoch) OnSession(state);
-  };
-  m_bulk.window = std::make_shared<SendWindow>(Trip());
-  m_epoch = OpenHandle(m_opening.resume ? &*m_opening.resume : nullptr, onSession, m_bulk.window);
-  if (!m_epoch) return OpenLater();
-  UpdateClosed();
-  Watch(m_epoch, std::make_shared<Watchdog>(m_opening.unanswered));
-}
-
-void ConnectionCore::OpenLater() {
-  Poster()(m_backoff.Next(), [this, attempt = ++m_opening.attempt] {
-    if (m_opening.attempt == attempt) Open();
-  });
-}
-
-std::shared_ptr<Epoch> ConnectionCore::OpenHandle(const clientid_t* resume, Epoch::SessionFunction onSession,
-                                                  const std::shared_ptr<SendWindow>& window) {
-  auto epoch = std::make_shared<Epoch>(
-      Poster(), m_target->ensemble.chroot, std::move(onSession),
-      [this](int type, int state, const zr::String& path) {
-        for (const auto& context : m_routes.Find(path)) {
-          TaskThread::RunGuarded([&] { context->Invoke(type, state, path); });
-        }
-      },
-      window);
-  const int error = epoch->Open(m_addresses->Text(), m_options.sessionTimeout, resume);
-  if (error != 0) {
-    SetError(ZSYSTEMERROR, "no client handle: " + std::generic_category().message(error));
-    return nullptr;
-  }
-  if (!m_target->authScheme.empty()) epoch->Authenticate(m_target->authScheme, m_target->authCredential);
-  return epoch;
 }
 
 /// The epoch that was the current one, still to be closed. Listeners hear at once: from here on nothing they

@@ -135,12 +135,14 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
     return m_session.client_id != 0 ? m_session : m_opening.resume.value_or(clientid_t{});
   }
 
+  // connection_opening.cpp
   void Open();
   void OnResolved(const zr::String& error);
   void OpenResolved();
   void OpenLater();
   std::shared_ptr<Epoch> OpenHandle(const clientid_t* resume, Epoch::SessionFunction onSession,
                                     const std::shared_ptr<SendWindow>& window);
+
   void GiveTurns();
   std::shared_ptr<Epoch> EndEpoch();
   void ReplaceHandle();
