@@ -1,7 +1,7 @@
 # Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #
 # ZooKeeper::client: the single-threaded C client as the library embeds it. Its functions for what depends on
-# threads are made weak, so that ours (halden/cpp/source/session/client_adaptor.cpp) come in their place.
+# threads are made weak, so that ours (halden/cpp/source/client/client_adaptor.cpp) come in their place.
 # client_symbols is the list of all that it defines: to be hidden from the programs that link the library, which may use
 # a client library of their own. client_version says which version of it is inside.
 if(NOT ZooKeeper_st_LIBRARY)

@@ -2,7 +2,7 @@
 #
 # The library as programs link it, shared and static, each with all layers in it (a process must have one log sink,
 # whatever links it) and with a client library that nobody else sees.
-set(library_layers logger_objects halden_proto_objects halden_model halden_objects)
+set(library_layers logger_objects halden_proto_objects ${halden_rooms})
 list(TRANSFORM library_layers REPLACE "(.+)" "$<TARGET_OBJECTS:\\1>" OUTPUT_VARIABLE library_objects)
 
 # Installed, all headers are found as <halden/...>. Built in a tree, those of the lower layers are found so, too.

@@ -4,21 +4,27 @@
 # Everything a change must pass: style, then the tests plain and under the sanitizers.
 #
 #   scripts/check.sh           all of it
-#   scripts/check.sh --style   clang-format, clang-tidy, locks and the includes of the command's rooms only
+#   scripts/check.sh --style   clang-format, clang-tidy, locks and the includes between rooms only
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/setup.sh --clang
 
-echo "check: rooms of the command"
-declare -A may_include=([io]="io" [render]="io|render" [ensemble]="io|render|ensemble" [cli]="io|render|cli"
-  [commands]="io|render|ensemble|cli|commands")
-for room in "${!may_include[@]}"; do
-  if grep -rnE '#include "(io|render|ensemble|cli|commands)/' "halden/tool/$room" | grep -vE "\"(${may_include[$room]})/"; then
-    echo "check: halden/tool/$room includes what is not below it" >&2
-    exit 1
-  fi
-done
+# Rooms in order: each may include those before it, and itself.
+check_rooms() {
+  local folder=$1 known room
+  shift
+  for room in "$@"; do
+    known+="${known:+|}$room"
+    if grep -rnE "#include \"($(tr ' ' '|' <<<"$*"))/" "$folder/$room" | grep -vE "\"($known)/"; then
+      echo "check: $folder/$room includes a room that comes after it" >&2
+      exit 1
+    fi
+  done
+}
+echo "check: rooms"
+check_rooms halden/cpp/source base model config client session watch publish
+check_rooms halden/tool io render ensemble cli commands
 
 echo "check: clang-format"
 git ls-files -z -- '*.h' '*.cpp' | xargs -0 clang-format --dry-run --Werror

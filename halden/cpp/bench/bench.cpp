@@ -16,7 +16,7 @@
 #include <utility>
 
 #include "halden/testing/zookeeper_client.h"
-#include "layout.h"
+#include "model/layout.h"
 #include "raw_client.h"
 
 namespace zr::halden::bench {

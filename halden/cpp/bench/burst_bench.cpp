@@ -3,7 +3,7 @@
 // 3,000 writes at once on a service of 10,000, joins, updates and removals mixed, until the view is right. No
 // instance is written twice, so that it is right when every change has been told.
 #include "bench.h"
-#include "layout.h"
+#include "model/layout.h"
 #include "raw_client.h"
 
 namespace zr::halden::bench {

@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "bench.h"
-#include "layout.h"
+#include "model/layout.h"
 #include "raw_client.h"
 
 namespace zr::halden::bench {

@@ -4,7 +4,7 @@
 #include "bench.h"
 #include "halden/global_service_watcher.h"
 #include "halden/testing/temporary_folder.h"
-#include "layout.h"
+#include "model/layout.h"
 #include "raw_client.h"
 
 namespace zr::halden::bench {

@@ -16,8 +16,8 @@
 
 #include "halden/testing/poll.h"
 #include "halden/testing/zookeeper_server.h"
-#include "layout.h"
 #include "logger/sink.h"
+#include "model/layout.h"
 #include "session/connection_core.h"
 
 namespace zr::halden::bench {

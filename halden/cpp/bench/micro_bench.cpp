@@ -5,10 +5,10 @@
 
 #include <string>
 
-#include "instance_table.h"
 #include "logger/logger.h"
 #include "logger/sink.h"
-#include "node_codec.h"
+#include "model/instance_table.h"
+#include "model/node_codec.h"
 
 namespace zr::halden::bench {
 

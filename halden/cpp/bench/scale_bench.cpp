@@ -7,7 +7,7 @@
 
 #include "bench.h"
 #include "halden/testing/poll.h"
-#include "layout.h"
+#include "model/layout.h"
 #include "raw_client.h"
 
 namespace zr::halden::bench {

@@ -6,7 +6,7 @@
 #include "bench.h"
 #include "halden/global_service_watcher.h"
 #include "halden/testing/poll.h"
-#include "layout.h"
+#include "model/layout.h"
 #include "raw_client.h"
 
 namespace zr::halden::bench {

@@ -11,8 +11,8 @@
 #include "bench.h"
 #include "halden/global_service_watcher.h"
 #include "halden/service_publisher.h"
-#include "layout.h"
 #include "long_way.h"
+#include "model/layout.h"
 #include "raw_client.h"
 
 namespace zr::halden::bench {

@@ -11,9 +11,9 @@
 #include <string>
 #include <string_view>
 
-#include "connect_string.h"
 #include "expect.h"
 #include "halden/zookeeper_config.h"
+#include "model/connect_string.h"
 
 namespace {
 

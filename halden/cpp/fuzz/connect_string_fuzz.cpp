@@ -1,7 +1,7 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 //
 // A connect string as a person types it: it is refused with its place, or means what it says.
-#include "connect_string.h"
+#include "model/connect_string.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "expect.h"
-#include "node_codec.h"
+#include "model/node_codec.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   using namespace zr::halden::details;

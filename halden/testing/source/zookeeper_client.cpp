@@ -6,7 +6,7 @@
 
 #include "halden/testing/error.h"
 #include "halden/testing/poll.h"
-#include "layout.h"
+#include "model/layout.h"
 #include "wire.h"
 #include "wire_session.h"
 

@@ -10,7 +10,7 @@
 #include "ensemble/node_facts.h"
 #include "io/failure.h"
 #include "io/terminal.h"
-#include "layout.h"
+#include "model/layout.h"
 #include "render/json.h"
 #include "render/node_text.h"
 

@@ -3,7 +3,7 @@
 
 #include <utility>
 
-#include "layout.h"
+#include "model/layout.h"
 
 namespace zr::halden::tool {
 

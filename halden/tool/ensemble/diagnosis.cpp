@@ -7,10 +7,10 @@
 #include <algorithm>
 #include <utility>
 
-#include "layout.h"
+#include "client/watch_budget.h"
+#include "model/layout.h"
 #include "render/state_text.h"
 #include "render/text.h"
-#include "session/watch_budget.h"
 
 namespace zr::halden::tool {
 

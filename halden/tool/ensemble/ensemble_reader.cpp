@@ -7,7 +7,7 @@
 #include <mutex>
 #include <utility>
 
-#include "error_policy.h"
+#include "model/error_policy.h"
 #include "render/state_text.h"
 
 namespace zr::halden::tool {

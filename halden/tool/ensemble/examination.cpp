@@ -7,13 +7,13 @@
 #include <utility>
 #include <vector>
 
-#include "connect_string.h"
+#include "client/name_resolution.h"
+#include "client/watch_budget.h"
 #include "ensemble/reachability.h"
 #include "halden/instance_data.h"
-#include "layout.h"
-#include "node_codec.h"
-#include "session/name_resolution.h"
-#include "session/watch_budget.h"
+#include "model/connect_string.h"
+#include "model/layout.h"
+#include "model/node_codec.h"
 
 namespace zr::halden::tool {
 

@@ -3,7 +3,7 @@
 
 #include <utility>
 
-#include "node_codec.h"
+#include "model/node_codec.h"
 
 namespace zr::halden::tool {
 

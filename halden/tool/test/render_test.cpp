@@ -10,7 +10,7 @@
 #include <string>
 
 #include "ensemble/node_facts.h"
-#include "node_codec.h"
+#include "model/node_codec.h"
 #include "render/event_format.h"
 #include "render/instance_text.h"
 #include "render/json.h"

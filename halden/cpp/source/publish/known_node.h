@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "session/request.h"
+#include "client/request.h"
 
 namespace zr::halden::details {
 

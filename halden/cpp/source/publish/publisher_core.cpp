@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "base/log_sources.h"
-#include "error_policy.h"
-#include "layout.h"
+#include "model/error_policy.h"
+#include "model/layout.h"
 
 namespace zr::halden::details {
 

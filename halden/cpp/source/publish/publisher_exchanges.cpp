@@ -5,9 +5,9 @@
 #include <utility>
 #include <vector>
 
-#include "error_policy.h"
-#include "layout.h"
-#include "node_codec.h"
+#include "model/error_policy.h"
+#include "model/layout.h"
+#include "model/node_codec.h"
 #include "publish/publisher_core.h"
 
 namespace zr::halden::details {

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "base/log_sources.h"
-#include "node_codec.h"
+#include "model/node_codec.h"
 #include "publish/publisher_core.h"
 
 namespace zr::halden::details {

@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "base/clock.h"
-#include "node_codec.h"
+#include "model/node_codec.h"
 #include "publish/publisher_core.h"
 
 namespace zr::halden {

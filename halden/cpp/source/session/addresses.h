@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "base/task_thread.h"
-#include "session/name_resolution.h"
+#include "client/name_resolution.h"
 
 namespace zr::halden::details {
 

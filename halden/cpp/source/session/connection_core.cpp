@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "base/log_sources.h"
-#include "error_policy.h"
+#include "model/error_policy.h"
 
 namespace zr::halden::details {
 

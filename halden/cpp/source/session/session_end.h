@@ -10,8 +10,8 @@
 #include <memory>
 #include <vector>
 
-#include "session/epoch.h"
-#include "session/farewell.h"
+#include "client/epoch.h"
+#include "client/farewell.h"
 
 namespace zr::halden::details {
 

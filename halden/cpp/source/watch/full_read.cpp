@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "base/chance.h"
-#include "error_policy.h"
+#include "model/error_policy.h"
 #include "watch/service_reader.h"
 
 namespace zr::halden::details {

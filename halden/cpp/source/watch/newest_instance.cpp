@@ -5,7 +5,7 @@
 // watched as always, and what it says then counts.
 #include <utility>
 
-#include "node_codec.h"
+#include "model/node_codec.h"
 #include "watch/service_reader.h"
 
 namespace zr::halden::details {

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "base/log_sources.h"
-#include "error_policy.h"
+#include "model/error_policy.h"
 #include "watch/service_reader.h"
 
 namespace zr::halden::details {

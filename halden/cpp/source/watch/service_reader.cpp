@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "base/log_sources.h"
-#include "error_policy.h"
-#include "node_codec.h"
+#include "model/error_policy.h"
+#include "model/node_codec.h"
 
 namespace zr::halden::details {
 

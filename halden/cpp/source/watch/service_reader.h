@@ -16,7 +16,7 @@
 #include "base/backoff.h"
 #include "halden/connection_v2.h"
 #include "halden/service_id.h"
-#include "layout.h"
+#include "model/layout.h"
 #include "session/connection_core.h"
 #include "watch/audit.h"
 #include "watch/read_ledger.h"

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "node_codec.h"
+#include "model/node_codec.h"
 #include "session/connection_core.h"
 #include "watch/service_reader.h"
 #include "watch/watcher_delivery.h"

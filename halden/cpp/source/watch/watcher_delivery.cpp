@@ -8,7 +8,7 @@
 #include "base/log_sources.h"
 #include "base/wait_limit.h"
 #include "halden/event_queue.h"
-#include "node_codec.h"
+#include "model/node_codec.h"
 
 namespace zr::halden::details {
 

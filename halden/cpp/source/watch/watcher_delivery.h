@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "halden/service_watcher.h"
-#include "instance_table.h"
-#include "removal_guard.h"
+#include "model/instance_table.h"
+#include "model/removal_guard.h"
 #include "session/connection_core.h"
 #include "watch/observer_thread.h"
 #include "zrstl/thread_safety.h"

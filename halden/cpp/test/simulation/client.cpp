@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <span>
 
-#include "session/client_adaptor.h"
-#include "session/name_resolution.h"
+#include "client/client_adaptor.h"
+#include "client/name_resolution.h"
 #include "simulation/ensemble.h"
 
 using namespace zr::halden::simulation;  // NOLINT(google-build-using-namespace)

@@ -3,8 +3,8 @@
 
 #include "halden/connection_v2.h"
 #include "halden/service_publisher.h"
-#include "layout.h"
-#include "node_codec.h"
+#include "model/layout.h"
+#include "model/node_codec.h"
 #include "simulation/checker.h"
 
 namespace zr::halden::simulation {

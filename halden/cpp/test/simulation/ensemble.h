@@ -3,7 +3,7 @@
 
 #include <optional>
 
-#include "node_codec.h"
+#include "model/node_codec.h"
 #include "simulation/network.h"
 
 namespace zr::halden::simulation {

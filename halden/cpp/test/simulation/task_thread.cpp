@@ -10,7 +10,7 @@
 #include <string_view>
 
 #include "base/chance.h"
-#include "session/name_resolution.h"
+#include "client/name_resolution.h"
 #include "simulation/network.h"
 
 namespace zr::halden::details {

@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "connect_string.h"
+#include "model/connect_string.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

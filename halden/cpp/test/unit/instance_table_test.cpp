@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "instance_table.h"
+#include "model/instance_table.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

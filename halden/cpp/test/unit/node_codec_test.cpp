@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "node_codec.h"
+#include "model/node_codec.h"
 
 #include <gmock/gmock.h>
 #include <google/protobuf/unknown_field_set.h>

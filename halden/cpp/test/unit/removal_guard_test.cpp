@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "removal_guard.h"
+#include "model/removal_guard.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "session/send_window.h"
+#include "client/send_window.h"
 
 #include <gtest/gtest.h>
 

@@ -6,7 +6,7 @@
 
 #include "halden/service_id.h"
 #include "halden/service_watcher.h"
-#include "layout.h"
+#include "model/layout.h"
 
 namespace zr::halden {
 

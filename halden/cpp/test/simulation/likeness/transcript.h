@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "session/epoch.h"
+#include "client/epoch.h"
 
 namespace zr::halden::simulation {
 

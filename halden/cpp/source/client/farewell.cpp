@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "session/farewell.h"
+#include "client/farewell.h"
 
 #include <arpa/inet.h>
 #include <sys/socket.h>

@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "session/name_resolution.h"
+#include "client/name_resolution.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>

@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "session/client_adaptor.h"
+#include "client/client_adaptor.h"
 
 #include <fcntl.h>
 

@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "config_text.h"
+#include "model/config_text.h"
 
 namespace zr::halden {
 

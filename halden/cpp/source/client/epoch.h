@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "base/task_thread.h"
-#include "session/farewell.h"
-#include "session/request.h"
-#include "session/send_window.h"
-#include "session/watch_budget.h"
+#include "client/farewell.h"
+#include "client/request.h"
+#include "client/send_window.h"
+#include "client/watch_budget.h"
 
 namespace zr::halden::details {
 

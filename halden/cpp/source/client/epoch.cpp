@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "session/epoch.h"
+#include "client/epoch.h"
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -11,7 +11,7 @@
 #include <exception>
 #include <utility>
 
-#include "session/client_adaptor.h"
+#include "client/client_adaptor.h"
 
 namespace zr::halden::details {
 

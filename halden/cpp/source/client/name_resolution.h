@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "connect_string.h"
+#include "model/connect_string.h"
 #include "zrstl/string.h"
 
 namespace zr::halden::details {

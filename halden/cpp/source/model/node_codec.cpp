@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "node_codec.h"
+#include "model/node_codec.h"
 
 #define ZLIB_CONST  // input pointers to const
 #include <google/protobuf/message_lite.h>

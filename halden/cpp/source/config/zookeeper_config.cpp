@@ -10,9 +10,9 @@
 #include <string_view>
 #include <utility>
 
-#include "config_text.h"
-#include "connect_string.h"
 #include "logger/logger.h"
+#include "model/config_text.h"
+#include "model/connect_string.h"
 #include "zrstl/sstream.h"
 #include "zrstl/utf8.h"
 

@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "session/watch_budget.h"
+#include "client/watch_budget.h"
 
 #include <algorithm>
 #include <functional>

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "session/request.h"
+#include "client/request.h"
 
 namespace zr::halden::details {
 

@@ -1,8 +1,8 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include <cstddef>
 
-#include "connect_string.h"
 #include "halden/service_watcher.h"
+#include "model/connect_string.h"
 
 namespace zr::halden {
 

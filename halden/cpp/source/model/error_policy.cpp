@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "error_policy.h"
+#include "model/error_policy.h"
 
 #include <zookeeper/zookeeper.h>
 

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "session/farewell.h"
+#include "client/farewell.h"
 
 /// Our side of the seam inside the client library. Its single-threaded build is made for one thread in a process;
 /// we run a handle on each connection's thread. The library's core calls a thin layer of functions for what

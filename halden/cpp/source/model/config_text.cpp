@@ -1,5 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include "config_text.h"
+#include "model/config_text.h"
 
 #include <algorithm>
 #include <array>
