@@ -172,37 +172,5 @@ TEST_F(ServicePublisherTest, DataThatFitsInNoNodeIsRefusedAndLargeTextIsCompress
   EXPECT_TRUE(m_publisher->AwaitPublished(kLimit)) << "what was published before stays";
 }
 
-TEST_F(ServicePublisherTest, EverythingCanBeDestroyedInsideACallback) {
-  struct Scene {
-    std::shared_ptr<Connection> conn;
-    std::shared_ptr<ServiceWatcher> watcher;
-    std::unique_ptr<ServicePublisher> publisher;
-    std::shared_ptr<RecordingObserver> observer;
-    Happening destroyed;
-  };
-  const auto scene = std::make_shared<Scene>();
-  const ServiceId trigger = MakeServiceId();
-  scene->observer =
-      std::make_shared<RecordingObserver>([scene, trigger](ServiceWatcher&, const Event& event) {
-        if (event.id != trigger) return;
-        scene->conn.reset();
-        scene->publisher.reset();
-        scene->watcher.reset();
-        scene->observer.reset();
-        scene->destroyed.Set();
-      });
-  scene->conn = MakeConnection(kDc);
-  scene->watcher = std::make_shared<ServiceWatcher>(scene->conn, kService, ZkErrorHandler());
-  scene->publisher = std::make_unique<ServicePublisher>(scene->conn, kService, m_id);
-  scene->watcher->RegisterShared(scene->observer);
-  scene->watcher->Start();
-  scene->conn->Start(nullptr);
-  scene->publisher->Publish(MakeInstance("host"));
-  ASSERT_TRUE(m_observer->Await(EventKind::Added, kDc, m_id));
-  Client(kDc).Publish(kService, trigger, MakeInstance("trigger"));
-  ASSERT_TRUE(scene->destroyed.Await());
-  ASSERT_TRUE(m_observer->Await(EventKind::Removed, kDc, m_id)) << "the session was never closed";
-}
-
 }  // namespace
 }  // namespace zr::halden::test

@@ -8,13 +8,18 @@
 #include <cctype>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <new>
+#include <random>
+#include <thread>
 #include <vector>
 
+#include "halden/event_queue.h"
 #include "halden/global_service_watcher.h"
 #include "support/capturing_log.h"
 #include "support/ensemble_test.h"
+#include "support/name_service.h"
 #include "support/recording_observer.h"
 
 namespace {
@@ -43,6 +48,7 @@ __attribute__((noinline)) void operator delete(void* memory, std::size_t) noexce
 namespace zr::halden::test {
 namespace {
 
+using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
@@ -65,16 +71,45 @@ class ServiceWatcherTest : public EnsembleTest {
     m_watcher = MakeWatcher(m_conn, m_observer);
     ASSERT_TRUE(m_watcher->AwaitSynchronized(kLimit));
   }
+  /// Through a new connection, that soon notices when it is dead.
+  void Watch(const zr::String& hosts, const zr::String& auth = {}) {
+    m_conn = std::make_shared<Connection>(std::vector<zr::String>{hosts}, true, auth, 1s, kDc);
+    m_conn->Start(nullptr);
+    m_watcher = MakeWatcher(m_conn, m_observer);
+  }
+
+  std::vector<ServiceId> WriteSome(std::size_t count) {
+    std::vector<ServiceId> ids(count);
+    for (auto& id : ids) Write(id = MakeServiceId());
+    return ids;
+  }
+  void Write(const ServiceId& id) {
+    Client(kDc).Publish(kService, id, MakeInstance(std::to_string(++m_writes)));
+  }
+
+  /// Waits until the watcher is live and has what is there. Nobody writes meanwhile.
+  ::testing::AssertionResult AwaitTruth() {
+    View truth;
+    ReadInto(truth, Client(kDc), kDc, kService);
+    const auto wrong = [&] {
+      View known;
+      for (const auto& id : m_watcher->ListInstances()) known[{kDc, id}] = HostOf(id);
+      const bool live = m_watcher->Status().freshness == Freshness::Live;
+      return Difference("the watcher", known, truth) + (live ? "" : "; it is not live");
+    };
+    return Eventually([&] { return wrong().empty(); }, wrong);
+  }
 
   zr::String HostOf(const ServiceId& id) const {
     ServiceInstanceData data;
     return m_watcher->GetInstanceData(id, data) ? data.host() : "-";
   }
 
-  const std::shared_ptr<Connection> m_conn = MakeConnection(kDc);
+  std::shared_ptr<Connection> m_conn = MakeConnection(kDc);
   const std::shared_ptr<RecordingObserver> m_observer = std::make_shared<RecordingObserver>();
   const ErrorCodes m_errors{};
   std::shared_ptr<ServiceWatcher> m_watcher;
+  int m_writes = 0;
 };
 
 TEST_F(ServiceWatcherTest, ABadPayloadCostsNoGoodValueAndNoOtherInstance) {
@@ -238,6 +273,88 @@ TEST_F(ServiceWatcherTest, TwoServicesShareAConnectionWithoutMixing) {
   Client(kDc).Publish("invoices", id, MakeInstance("changed"));
   ASSERT_TRUE(invoices->AwaitHost(kDc, id, "changed"));
   EXPECT_EQ(m_observer->Events().size(), 1U);
+}
+
+TEST_F(ServiceWatcherTest, WhatMustNotBeReadIsReportedAndComesOnceItMay) {
+  const CapturingLog log;
+  Client(kDc).Authenticate("digest", "owner:secret");
+  const auto ids = WriteSome(5);
+  Watch(ConnectString(kDc), "digest:owner:wrong");
+  ASSERT_TRUE(AwaitTruth());
+  const std::filesystem::path instance = ZooKeeperClient::InstancePath(kService, ids[0]);
+  const auto partition = instance.parent_path();
+  ServiceInstanceData data;
+  for (const auto& locked : {instance, partition, partition.parent_path()}) {
+    Client(kDc).SetAccess(locked, Access::Creator);
+    m_conn->ForceExpire();
+    EXPECT_TRUE(m_errors.Await(ZNOAUTH)) << locked;
+    const ServiceId other = WriteSome(1).at(0);
+    Write(ids[0]);
+    if (locked == instance) {
+      EXPECT_TRUE(Eventually([&] { return m_watcher->GetInstanceData(other, data); })) << "harmed by another";
+      m_conn->ForceExpire();
+      EXPECT_TRUE(m_errors.Await(ZNOAUTH));
+      EXPECT_EQ(log.Count("halden.service_watcher", "read failed"), 1) << "once for each node";
+    }
+    Client(kDc).SetAccess(locked, Access::Everybody);
+    EXPECT_TRUE(AwaitTruth()) << locked;
+  }
+}
+
+TEST_F(ServiceWatcherTest, AnAuthenticationThatIsRefusedIsReportedAndTriedAgain) {
+  Watch(ConnectString(kDc), "no-such-scheme:secret");
+  EXPECT_TRUE(m_errors.Await(ZAUTHFAILED));
+  EXPECT_TRUE(AwaitState(*m_conn, ConnectionState::Connecting));
+  EXPECT_TRUE(AwaitState(*m_conn, ConnectionState::AuthFailed));
+  m_conn->Stop();
+  EXPECT_TRUE(m_conn->AwaitClosed(kLimit));
+}
+
+TEST_F(ServiceWatcherTest, NamesThatDoNotResolveOrMoveAreFollowed) {
+  const zr::String host = "zk" + m_chroot.substr(1) + ".test";
+  Watch(host + ":" + std::to_string(Server(kDc).Port()) + m_chroot);
+  ASSERT_TRUE(Eventually([&] { return !m_conn->Status().lastErrorText.empty(); }));
+  EXPECT_EQ(m_conn->Status().state, ConnectionState::Connecting);
+  NameService::Set(host, "127.0.0.2");  // where nobody listens
+  ASSERT_TRUE(Eventually([&] { return m_conn->Status().lastError == ZCONNECTIONLOSS; }));
+  NameService::Set(host, "127.0.0.1");
+  WriteSome(3);
+  EXPECT_TRUE(AwaitTruth());
+  NameService::Forget(host);
+  Server(kDc).Kill();
+  ASSERT_TRUE(AwaitState(*m_conn, ConnectionState::Suspended));
+  Server(kDc).Start();
+  WriteSome(3);
+  EXPECT_TRUE(AwaitTruth());
+}
+
+TEST_F(ServiceWatcherTest, AnythingMayBeDoneAtAnyMomentFromAnyThread) {
+  const auto ids = WriteSome(20);
+  Watch(ConnectString(kDc));
+  GlobalServiceWatcher everywhere(kService, ApplicationManaged{});
+  const auto observer = std::make_shared<EventQueue>();
+  const std::vector<std::function<void()>> acts{
+      [&] { m_conn->Start(nullptr); },
+      [&] { m_conn->Stop(); },
+      [&] { m_conn->ForceExpire(); },
+      [&] { everywhere.AddConnection(m_conn); },
+      [&] { everywhere.RemoveConnection(m_conn); },
+      [&] { everywhere.DisconnectDC(kDc); },
+      [&] { everywhere.RegisterShared(observer), everywhere.UnregisterShared(observer); },
+      [&] { everywhere.ListInstances(), everywhere.Status(); }};
+  std::vector<std::thread> threads;
+  for (unsigned seed = 1; seed <= 3; ++seed) {
+    threads.emplace_back([&, random = std::mt19937(seed)]() mutable {
+      for (int i = 0; i < 300; ++i) {
+        acts[random() % acts.size()]();
+        Poll(5ms, [&] { return m_conn->Status().state == ConnectionState::Connected; });
+      }
+    });
+  }
+  for (std::size_t i = 0; i < 200; ++i) Write(ids[i % ids.size()]);
+  for (auto& thread : threads) thread.join();
+  m_conn->Start(nullptr);
+  EXPECT_TRUE(AwaitTruth());
 }
 
 }  // namespace

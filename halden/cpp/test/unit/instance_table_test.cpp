@@ -12,7 +12,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::UnorderedElementsAre;
 using ChangeKind = InstanceChange;
 using Kinds = std::vector<ChangeKind>;
 using Outcome = InstanceTable::Outcome;
@@ -33,29 +32,6 @@ class InstanceTableTest : public ::testing::Test {
   InstanceTable m_table;
   std::string m_taken;
 };
-
-TEST_F(InstanceTableTest, TheListStaysRightWhateverGoes) {
-  std::vector<ServiceId> ids(5);
-  for (auto& id : ids) m_table.Put(id = MakeServiceId(), {10, 10}, "a", false);
-  for (const auto gone : {0U, 4U, 3U}) m_table.Remove(ids[gone]);  // the second has moved by then
-  EXPECT_THAT(m_table.List(), UnorderedElementsAre(ids[1], ids[2]));
-  m_table.Put(ids[4], {20, 20}, "b", false);
-  m_table.Quarantine(ids[1], {20, 20}, false);
-  EXPECT_THAT(m_table.List(), UnorderedElementsAre(ids[2], ids[4]));
-}
-
-TEST_F(InstanceTableTest, AnOlderReadChangesNothingUnlessForced) {
-  m_table.Put(m_id, {10, 15}, "new", false);
-  TakeOne();
-  EXPECT_EQ(m_table.Put(m_id, {10, 14}, "old value", false), Outcome::Older);
-  EXPECT_EQ(m_table.Put(m_id, {9, 99}, "old node", false), Outcome::Older);
-  EXPECT_EQ(m_table.Quarantine(m_id, {10, 14}, false), Outcome::Older);
-  EXPECT_EQ(m_table.Find(m_id), "new");
-  EXPECT_EQ(m_table.Put(m_id, {2, 2}, "rebuilt", true), Outcome::Changed);
-  EXPECT_THAT(TakeOne(), ElementsAre(ChangeKind::Removed, ChangeKind::Added));
-  EXPECT_EQ(m_table.Put(m_id, {2, 2}, "rebuilt once more", true), Outcome::Changed);
-  EXPECT_THAT(TakeOne(), ElementsAre(ChangeKind::Removed, ChangeKind::Added));
-}
 
 TEST_F(InstanceTableTest, ABadValueKeepsTheLastGoodOneOfTheSameNodeOnly) {
   m_table.Put(m_id, {10, 10}, "good", false);

@@ -157,24 +157,6 @@ TEST_F(ZooKeeperConfigTest, WhatStandsBeforeTheLineOfASyntaxErrorIsReadAllTheSam
   }
 }
 
-TEST_F(ZooKeeperConfigTest, NoFileMakesALongListOrALongMessageOrTakesLong) {
-  const auto began = std::chrono::steady_clock::now();
-  std::string entries = "[data_centers]\n" + std::string(1000, 'k') + "\xC3\xA9 = 1\n";
-  for (int i = 0; i < 50'000; ++i) entries += "k" + std::to_string(i) + "=''\n";
-  std::string unknown;
-  for (int i = 0; i < 50'000; ++i) unknown += "k" + std::to_string(i) + ".b=''\n";
-  std::string noise;
-  for (unsigned i = 0; i < 1'000'000; ++i) noise += static_cast<char>(i * 7919 >> 5U);
-  for (const auto& text : {entries, entries + "?", unknown, noise, noise + noise}) {
-    const auto config = Read(text);
-    EXPECT_LE(config.faults.size(), 102u);
-    EXPECT_LE(config.warnings.size(), 101u);
-    for (const auto& fault : config.faults) EXPECT_LT(fault.message.size(), 700u);
-  }
-  EXPECT_THAT(Texts(Read(entries + "?").faults).back(), HasSubstr("not valid TOML"));
-  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(30));
-}
-
 TEST_F(ZooKeeperConfigTest, EveryFaultAndDoubtIsLoggedAndTheRestIsKept) {
   const DataCenterEnsembleMapT good{{"a", "h:1"}};
   const test::CapturingLog log;

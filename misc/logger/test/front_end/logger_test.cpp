@@ -5,12 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <barrier>
 #include <iomanip>
 #include <mutex>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -109,26 +107,6 @@ TEST_F(LogStatement, FormattingDoesNotLeakIntoTheNextOne) {
   ZRLOG(ZRLOG_INFO, nullptr) << std::setprecision(2) << std::setw(8);
   ZRLOG(ZRLOG_INFO, nullptr) << 3.14159;
   EXPECT_THAT(Texts(), ElementsAre("0xff", "2551", huge, "254", "", "3.14159"));
-}
-
-TEST_F(LogStatement, ThreadsInTheMiddleOfOneEachHandOverTheirOwnWholeText) {
-  std::barrier bothHaveBegun(2);
-  const auto log = [&](char name) {
-    const auto meet = [&] {
-      bothHaveBegun.arrive_and_wait();
-      return name;
-    };
-    for (int i = 0; i < 100; ++i) {
-      ZRLOG(ZRLOG_INFO, nullptr) << name << meet() << "." << meet();
-    }
-  };
-  std::thread a(log, 'a');
-  std::thread b(log, 'b');
-  a.join();
-  b.join();
-  std::vector<zr::String> expected(100, "aa.a");
-  expected.insert(expected.end(), 100, "bb.b");
-  EXPECT_THAT(Texts(), ::testing::UnorderedElementsAreArray(expected));
 }
 
 TEST_F(LogStatement, OneThatFailsIsCompletedAndDoesNotSilenceTheNextOne) {
