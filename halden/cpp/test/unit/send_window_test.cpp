@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <deque>
-#include <random>
 
 namespace zr::halden::details {
 namespace {
@@ -21,7 +20,8 @@ class SendWindowTest : public testing::Test {
     while (m_now < end) {
       for (bool room = m_window.HasRoomForSome(); room; room = m_window.HasRoom()) {
         m_free =
-            std::max(m_free, m_now + m_trip + m_jitter * static_cast<int>(m_random() % 1024) / 1024) + m_each;
+            std::max(m_free, m_now + m_trip + m_jitter * static_cast<int>(m_underWay.size() * 37 % 64) / 64) +
+            m_each;
         m_underWay.push_back({m_window.OnSent(SendWindow::Kind::Data, m_now), m_free});
       }
       m_window.OnUsedUp();
@@ -38,7 +38,6 @@ class SendWindowTest : public testing::Test {
   Clock::duration m_trip = 80ms;
   Clock::duration m_jitter = 0ms;
   Clock::duration m_each = 20us;
-  std::minstd_rand m_random;
   Clock::time_point m_now{1h};
   Clock::time_point m_free{};
   std::deque<std::pair<SendWindow::Sent, Clock::time_point>> m_underWay;
@@ -46,20 +45,13 @@ class SendWindowTest : public testing::Test {
 };
 
 TEST_F(SendWindowTest, FillsALongWayWithinAFewTripsThoughItJitters) {
-  for (const auto jitter : {0ms, 20ms}) {
-    m_jitter = jitter;
-    m_window = {};
-    m_underWay.clear();
-    Load(5 * m_trip);
-    EXPECT_GT(Load(10 * m_trip), 10 * 4000U * 8 / 10);  // 4,000 in each round trip is all that it carries
-  }
+  m_jitter = 20ms;
+  Load(5 * m_trip);
+  EXPECT_GT(Load(10 * m_trip), 10 * 4000U * 8 / 10);  // 4,000 in each round trip is all that it carries
 }
 
 TEST_F(SendWindowTest, KeepsTheLineAtANarrowWayShort) {
   m_each = 3ms;  // 1 Mbit/s
-  Load(5s);
-  EXPECT_LT(m_most * m_each, 3 * m_trip + 500ms);
-  m_most = 0;
   Load(20s);
   EXPECT_LT(m_most * m_each, m_trip + 300ms);
 }
