@@ -356,7 +356,7 @@ struct Ensemble {
 
   const int number;
   const Duration distance =
-      world->OneIn(2) ? Duration() : world->Between(1ms, 150ms);  ///< from clients, one way
+      world->OneIn(2) ? Duration() : world->Between(1ms, 500ms);  ///< from clients, one way
   std::vector<Server> servers;
   Server* leader;
   std::vector<Transaction> log{};
