@@ -1,6 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -11,7 +10,6 @@
 
 #include "halden/service_watcher.h"
 #include "halden/testing/poll.h"
-#include "halden/testing/tcp_proxy.h"
 #include "halden/testing/zookeeper_client.h"
 #include "halden/testing/zookeeper_ensemble.h"
 #include "loopback.h"
@@ -70,26 +68,6 @@ TEST(ServerDeathTest, OutlivesTheThreadThatStartsItAndNotTheProgram) {
     close(probe);
     return refused != 0;
   }));
-}
-
-TEST(Proxy, ADelayDoesNotLimitTheRate) {
-  const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  TcpProxy proxy(BindToFreePort(server));
-  ASSERT_EQ(listen(server, 1), 0);
-  proxy.Delay(1min);  // so that nothing arrives while the test runs
-  const int client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const sockaddr_in address = Loopback(proxy.Port());
-  ASSERT_EQ(connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  const std::string piece(1U << 20U, 'x');
-  std::size_t open = 32 * piece.size();  // more than the system keeps for a connection
-  const bool taken = Poll(kLimit, [&] {
-    const auto sent = send(client, piece.data(), std::min(open, piece.size()), MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (sent > 0) open -= static_cast<std::size_t>(sent);
-    return open == 0;
-  });
-  EXPECT_TRUE(taken) << open << " bytes have to wait";
-  close(client);
-  close(server);
 }
 
 TEST(Client, WhatAFrozenServerHoldsIsNotWrittenLater) {

@@ -233,12 +233,11 @@ struct Options {
   std::uint64_t count = 100;
   std::uint64_t replayEvery = 50;
   std::size_t traceLines = 40;
-  Faults without;
 };
 
 /// False for a failed seed, which is reported. `hash`: of the seed played before, when it is set.
 bool Play(std::uint64_t seed, const Options& options, std::uint64_t& hash) {
-  World played(seed, options.without);
+  World played(seed);
   Scenario().Run();
   if (hash != 0 && hash != played.hash) played.Violation("played again it went another way");
   hash = played.hash;
@@ -275,18 +274,12 @@ int main(int argc, char** argv) {
   using namespace zr::halden::simulation;  // NOLINT(google-build-using-namespace)
   CLI::App app("Plays the library against simulated servers, network and time; a seed decides everything.");
   Options options;
-  std::vector<std::string> without;
   app.add_option("--seeds", options.count, "how many");
   app.add_option("--seed", options.first, "the first one; else taken from the clock");
   app.add_option("--replay-every", options.replayEvery,
                  "every so many seeds are played twice and compared; 0: none");
   app.add_option("--trace", options.traceLines, "lines of a failed seed's trace, at most 2000");
-  app.add_option("--without", without, "faults that no seed has")
-      ->delimiter(',')
-      ->check(CLI::IsMember(kFaultNames));
   CLI11_PARSE(app, argc, argv);
-  for (std::size_t i = 0; i < kFaultNames.size(); ++i)
-    options.without[i] = std::find(without.begin(), without.end(), kFaultNames[i]) != without.end();
   zr::logging::g_minLogLevel = zr::logging::ZRLOG_WALL;
   return PlayAll(options) ? 0 : 1;
 }

@@ -34,11 +34,6 @@ class RemovalGuardTest : public ::testing::Test {
   std::vector<ServiceId> m_ids;
 };
 
-TEST_F(RemovalGuardTest, SingleRemovalsNeverWait) {
-  EXPECT_EQ(Remove(20, 30, milliseconds(1001)), 0U);
-  EXPECT_EQ(m_guard.NextDue(), std::nullopt);
-}
-
 TEST_F(RemovalGuardTest, AServiceOfThreeKeepsAllThatDisappearAndLosesOneThatEnds) {
   EXPECT_EQ(Remove(2, 2), 0U) << "waits although no mass can come of it";
   m_now += milliseconds(1000);

@@ -5,7 +5,6 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <syslog.h>
-#include <termios.h>
 
 #include <array>
 #include <cstdarg>
@@ -41,7 +40,6 @@ namespace zr::logging {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using Json = nlohmann::ordered_json;
 
@@ -89,23 +87,6 @@ TEST_F(Handlers, TextIsOneLineWhateverTheMessageHolds) {
                                       "\\(file\\.cpp:7\\)\n"));
   Write(MakeSyslogHandler(), "100%s\n", nullptr, ZRLOG_ERROR);
   EXPECT_EQ(g_syslogLine, std::to_string(LOG_ERR) + " [-] 100%s\\n (file.cpp:7)");
-}
-
-TEST_F(Handlers, ColoursAreForTerminalsOnlyAndNotWithNoColor) {
-  setenv("TERM", "xterm", 1);
-  const int master = posix_openpt(O_RDWR | O_NOCTTY);
-  ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
-  const int terminal = open(ptsname(master), O_RDWR | O_NOCTTY);
-  const auto line = [&](const char* noColour) {
-    setenv("NO_COLOR", noColour, 1);
-    Write(MakeConsoleHandler(terminal), "text");
-    std::array<char, 500> text{};
-    return std::string(text.data(), static_cast<std::size_t>(read(master, text.data(), text.size())));
-  };
-  EXPECT_THAT(line(""), HasSubstr("\033[1;33mwarning\033[0m 42"));
-  EXPECT_THAT(line("1"), HasSubstr(" warning 42"));
-  close(terminal);
-  close(master);
 }
 
 TEST_F(Handlers, JsonTakesKeysAndValuesApartAndKeepsWhatDoesNotFit) {

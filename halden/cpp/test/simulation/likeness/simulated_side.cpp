@@ -17,7 +17,8 @@ int main(int argc, char** argv) {
   };
   const auto cut = [](int socket) { Link::Find(socket)->Break(true); };
   for (int seed = 0; seed < (argc > 1 ? std::atoi(argv[1]) : 1); ++seed) {
-    World played(static_cast<std::uint64_t>(seed), Faults().set());
+    World played(static_cast<std::uint64_t>(seed));
+    played.faults.reset();
     Ensemble ensemble(0, 1);
     std::cout << Transcript(static_cast<unsigned>(seed), {"10.0.0.0:2181", wait, cut}) << "\n";
   }
