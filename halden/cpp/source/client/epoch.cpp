@@ -151,6 +151,11 @@ Clock::time_point Epoch::Await(std::vector<pollfd>& sockets) {
   // Whoever was held up for long reads first: else what has come meanwhile passes for silence.
   if (ConnectedNow() && now - m_way.asked > Timeout() / 10) ReadAll();
   m_way.asked = now;
+  constexpr std::size_t usual = 1024;
+  if (m_slots.size() > usual && m_free.size() == m_slots.size()) {  // after a load none is in use
+    m_free = {};
+    m_slots = {};
+  }
   int interest = 0;
   timeval wait{};
   for (bool flushed = false;;) {
@@ -207,6 +212,7 @@ void Epoch::Submit(Request request) {
   const auto& path = slot->request.path;
   const int code = Call(slot, slot->request.outsideChroot ? path : m_root + path);
   if (code == ZOK) {
+    m_way.spoke = now;
     slot->sent = m_window->OnSent(AnswerOf(slot->request.kind), now);
     return m_sent.push_back(slot);
   }
@@ -302,7 +308,7 @@ void Epoch::OnSession(zhandle_t* /*handle*/, int type, int state, const char* /*
   // Nothing could be answered before.
   if (state == ZOO_CONNECTED_STATE) {
     self.m_way.since = self.m_lastHeard = now;
-    self.m_window->OnConnected(now - self.m_way.knocked);
+    self.m_window->OnConnected(now - self.m_way.knocked, now);
   }
   TaskThread::RunGuarded([&] { self.m_onSession(self, state); });
 }

@@ -73,6 +73,10 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   Clock::duration Unheard() const {
     return m_sent.empty() ? Clock::duration::zero() : Clock::now() - m_lastHeard;
   }
+  /// How long nothing was said to a server that owes answers: the library does not ping meanwhile.
+  Clock::duration Unsaid() const {
+    return m_sent.empty() ? Clock::duration::zero() : Clock::now() - m_way.spoke;
+  }
 
  private:
   struct Slot {
@@ -90,6 +94,7 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
     Clock::time_point since;    // connected last
     Clock::time_point resume;   // the library is not to be asked before
     Clock::time_point asked;    // ... and was last
+    Clock::time_point spoke;    // made the last request
   };
   /// Open -> Closing (let go of inside a call of the library) -> Closed;   Open -> Closed
   enum class Life : std::uint8_t { Open, Closing, Closed };

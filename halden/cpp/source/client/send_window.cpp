@@ -28,6 +28,11 @@ constexpr double kLongRound = 0.020;
 // Requests before another that cost it no time worth counting.
 constexpr std::uint64_t kFew = 4;
 constexpr int kRoundsToBeSure = 3;
+// What takes longer has been frozen, as a whole process may be.
+constexpr std::chrono::seconds kLongestTrip{5};
+// Before so many answers of a kind have come, it is not known how long they are, and no more than so many are asked for.
+constexpr std::uint64_t kToKnow = 16;
+constexpr std::uint64_t kBeforeKnown = 1024;
 
 double Seconds(Clock::duration time) {
   return std::chrono::duration<double>(time).count();
@@ -38,6 +43,7 @@ double Seconds(Clock::duration time) {
 SendWindow::Sent SendWindow::OnSent(Kind kind, Clock::time_point now) {
   if (UnderWay() == 0) m_round = {.begin = now, .answered = m_answered};
   ++m_sent;
+  m_asksForData = m_asksForData || kind == Kind::Data;
   const double expected = m_usual[static_cast<std::size_t>(kind)];
   m_expected += expected;
   return {now, expected, kind, kind != Kind::Write && UnderWay() <= kFew};
@@ -48,6 +54,7 @@ void SendWindow::OnAnswered(const Sent& sent, std::size_t bytes, Clock::time_poi
   const auto size = static_cast<double>(bytes);
   double& usual = m_usual[static_cast<std::size_t>(sent.kind)];
   usual += (size - usual) / 8;
+  ++m_known[static_cast<std::size_t>(sent.kind)];
   MeasureTrip(sent, now);
   CountAnswer(size, now);
 }
@@ -59,7 +66,7 @@ void SendWindow::OnLost(const Sent& sent) {
 
 /// A shorter one is believed at once. A longer one only where nothing was in line before it, and by and by.
 void SendWindow::MeasureTrip(const Sent& sent, Clock::time_point now) {
-  const auto trip = now - sent.at;
+  const auto trip = std::min<Clock::duration>(now - sent.at, kLongestTrip);
   if (trip < m_trip || (m_tripIsGuess && sent.measures)) {
     m_trip = trip;
     m_tripIsGuess = false;
@@ -123,8 +130,11 @@ double SendWindow::Slack() const {
   return std::max(kSlackBytes, kSlackTime * BestRate());
 }
 
-void SendWindow::OnConnected(Clock::duration handshake) {
+void SendWindow::OnConnected(Clock::duration handshake, Clock::time_point now) {
+  handshake = std::min<Clock::duration>(handshake, kLongestTrip);
   SendWindow anew(m_tripIsGuess ? handshake : std::min(handshake, m_trip));
+  anew.m_known = m_known;
+  anew.m_round = {.begin = now, .answered = m_answered};
   anew.m_usual = m_usual;
   anew.m_sent = m_sent;
   anew.m_answered = m_answered;
@@ -134,7 +144,9 @@ void SendWindow::OnConnected(Clock::duration handshake) {
 
 /// Some requests are always let through: one answer may be larger than any window.
 double SendWindow::Room() const {
-  return UnderWay() < kLeast ? kMost : m_size - m_expected;
+  if (UnderWay() < kLeast) return kMost;
+  const bool unknown = m_known[static_cast<std::size_t>(Kind::Data)] < kToKnow && m_asksForData;
+  return unknown && UnderWay() >= kBeforeKnown ? 0 : m_size - m_expected;
 }
 
 bool SendWindow::HasRoomForSome() const {

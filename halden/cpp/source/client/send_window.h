@@ -44,7 +44,7 @@ class SendWindow {
   /// More was to be sent than the window lets.
   void OnUsedUp() { m_round.usedUp = true; }
   /// The connection is another one, maybe to another server.
-  void OnConnected(Clock::duration handshake);
+  void OnConnected(Clock::duration handshake, Clock::time_point now);
 
   /// There is room for another.
   bool HasRoom() const { return Room() > 0; }
@@ -77,6 +77,8 @@ class SendWindow {
   std::uint64_t m_answered = 0;
   double m_expected = 0;                         // bytes under way
   std::array<double, 3> m_usual{300, 300, 100};  // bytes of an answer of each kind lately
+  std::array<std::uint64_t, 3> m_known{};        // answers of each kind
+  bool m_asksForData = false;
   Clock::duration m_trip{};
   bool m_tripIsGuess = true;  // from the handshake, in which servers also write
   Round m_round;

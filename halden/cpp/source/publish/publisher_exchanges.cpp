@@ -73,15 +73,18 @@ void PublisherCore::Look() {
   Send(PublisherPhase::Looking, std::move(request), [this](Reply& reply) { OnLooked(reply); });
 }
 
-/// Right behind a write: its answer comes with that of the write, and not a round trip later.
+/// Right behind a write: its answer comes with that of the write, and not a round trip later. Where it cannot be asked for,
+/// the usual look comes after the write.
 void PublisherCore::LookBehind() {
-  Request request{.kind = Request::Kind::Get, .path = m_path, .watch = true};
-  request.reply = [self = shared_from_this(), number = ++m_early.number](Reply& reply) {
-    self->OnLookedBehind(reply, number);
-  };
-  m_core->Submit(std::move(request));
-  m_early.underWay = true;
-  m_early.awaited = false;
+  m_early = {.number = m_early.number + 1};
+  TaskThread::RunGuarded([this] {
+    Request request{.kind = Request::Kind::Get, .path = m_path, .watch = true};
+    request.reply = [self = shared_from_this(), number = m_early.number](Reply& reply) {
+      self->OnLookedBehind(reply, number);
+    };
+    m_core->Submit(std::move(request));
+    m_early.underWay = true;
+  });
 }
 
 void PublisherCore::OnLookedBehind(Reply& reply, std::uint64_t number) {
@@ -148,7 +151,7 @@ void PublisherCore::OnCreated(const Reply& reply) {
 
 /// Who may create nodes in a partition need not be allowed to write it: then it is not told.
 bool PublisherCore::MayNotTell(int code) {
-  return code == ZNOAUTH && std::exchange(m_mayTell, false);
+  return ActionFor(code) == ErrorAction::Report && std::exchange(m_mayTell, false);
 }
 
 /// That a parent may not be created says little: the server says so of one that is there, too. What went wrong

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <algorithm>
-#include <deque>
+#include <list>
 #include <memory>
 
 namespace zr::halden::details {
@@ -26,16 +26,16 @@ class BulkTurns {
 
   bool Empty() const { return m_waiting.empty(); }
 
-  /// Lets the first make one request.
+  /// Lets the first make one request. It cannot lose its place by running out of memory.
   void Serve() {
-    const auto weak = m_waiting.front();
-    m_waiting.pop_front();
-    const auto reader = weak.lock();
-    if (reader && reader->SendNext()) m_waiting.push_back(weak);
+    std::list<std::weak_ptr<BulkReader>> first;
+    first.splice(first.begin(), m_waiting, m_waiting.begin());
+    const auto reader = first.front().lock();
+    if (reader && reader->SendNext()) m_waiting.splice(m_waiting.end(), first);
   }
 
  private:
-  std::deque<std::weak_ptr<BulkReader>> m_waiting;
+  std::list<std::weak_ptr<BulkReader>> m_waiting;
 };
 
 }  // namespace zr::halden::details

@@ -246,6 +246,9 @@ void ConnectionCore::Watch(const std::weak_ptr<Epoch>& epoch, const std::shared_
     if (current != m_epoch) return;
     // The library compares lists of servers loosely, and drops what is under way: a new handle takes the new ones.
     if (!Connected() && current->Addresses() != m_addresses->Text()) return ReplaceHandle();
+    // Answers that are long on their way must not cost the session.
+    if (Connected() && current->Unsaid() > current->Timeout() / 3)
+      current->Submit({.kind = Request::Kind::Exists, .path = "/", .outsideChroot = true});
     Watch(epoch, watchdog);
   });
 }

@@ -6,6 +6,8 @@
 #include <memory>
 #include <vector>
 
+#include "base/task_thread.h"
+
 namespace zr::halden::details {
 
 /// How a connection has come to be.
@@ -43,7 +45,7 @@ class Listeners {
     ForgetDead();
     const auto listeners = m_listeners;  // a listener may add another
     for (const auto& weak : listeners) {
-      if (const auto listener = weak.lock()) what(*listener);
+      if (const auto listener = weak.lock()) TaskThread::RunGuarded([&] { what(*listener); });
     }
   }
 

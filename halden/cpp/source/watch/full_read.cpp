@@ -37,14 +37,14 @@ void ServiceReader::OnConnected(Arrival arrival) {
   const auto delay = m_readAll ? Spread(m_delivery->KnownBefore()) : Clock::duration::zero();
   m_upToDate = arrival == Arrival::NewSession && delay < kAtOnce;
   // Also after a reconnect: its answer comes behind the events of all that was missed meanwhile.
-  SyncAfter(delay);
+  Guarded([&] { SyncAfter(delay); });
 }
 
 void ServiceReader::SyncAfter(Clock::duration delay) {
   if (delay < kAtOnce) return Sync();
   m_core->PostAfter(delay, [weak = weak_from_this()] {
     const auto self = weak.lock();
-    if (self && self->m_phase == Phase::Waiting) self->Sync();
+    if (self && self->m_phase == Phase::Waiting) self->Guarded([&] { self->Sync(); });
   });
 }
 

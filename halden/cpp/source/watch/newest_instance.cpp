@@ -33,7 +33,7 @@ void ServiceReader::OnNewest(std::uint8_t number, const Reply& reply) {
   auto newest = DecodeNewest(reply.value);
   if (!newest) return;
   const auto instance = partition.instances.find(newest->id);
-  if (instance == partition.instances.end()) return;
+  if (instance == partition.instances.end() || instance->second.listing != partition.listing) return;
   const ReadState& read = instance->second.read;
   if (!read.reading || read.again || m_delivery->Seen(newest->id) != NodeVersion{}) return;
   auto decoded = DecodeNode(newest->bytes);

@@ -70,19 +70,18 @@ void ServiceReader::ForgetReads() {
     partition.listed = false;
     for (auto& [id, instance] : partition.instances) forget(instance.read);
   }
-  m_toRead = {};
+  m_toRead.lists.clear();
+  m_toRead.instances.clear();
   m_fullRead = false;
   m_readAll = true;
 }
 
-/// Something was left half done.
+/// Something was left half done. What may fail comes last.
 void ServiceReader::StartOver() noexcept {
-  TaskThread::RunGuarded([this] {
-    m_delivery->MarkStale();
-    ForgetReads();
-    if (m_phase != Phase::Away) m_phase = Phase::Waiting;
-    ScheduleRetry(m_retry);
-  });
+  ForgetReads();
+  if (m_phase != Phase::Away) m_phase = Phase::Waiting;
+  TaskThread::RunGuarded([this] { ScheduleRetry(m_retry); });
+  TaskThread::RunGuarded([this] { m_delivery->MarkStale(); });
 }
 
 void ServiceReader::OnWatch(int type, const zr::String& path) {
@@ -330,7 +329,8 @@ void ServiceReader::ScheduleRetry(Retry& retry) {
               << "nodes that could not be read are asked for again, nodes=" << self->m_ledger.Dirty()
               << ", dc_name=" << self->m_core->DataCenterName() << ", path=" << self->m_path;
         }
-        self->Sync();  // reads the dirty nodes; without a connection, the next reconnect does
+        // Reads the dirty nodes; without a connection, the next reconnect does.
+        self->Guarded([&] { self->Sync(); });
       });
   retry.scheduled = true;
 }

@@ -355,8 +355,7 @@ struct Ensemble {
   static bool Reply(Link& link, const Message& request, MessagePtr answer);
 
   const int number;
-  const Duration distance =
-      world->OneIn(2) ? Duration() : world->Between(1ms, 500ms);  ///< from clients, one way
+  Duration distance = world->OneIn(2) ? Duration() : world->Between(1ms, 500ms);  ///< from clients, one way
   std::vector<Server> servers;
   Server* leader;
   std::vector<Transaction> log{};

@@ -20,6 +20,7 @@ int main(int argc, char** argv) {
     World played(static_cast<std::uint64_t>(seed));
     played.faults.reset();
     Ensemble ensemble(0, 1);
+    ensemble.distance = {};
     std::cout << Transcript(static_cast<unsigned>(seed), {"10.0.0.0:2181", wait, cut}) << "\n";
   }
 }
