@@ -9,6 +9,10 @@ namespace {
 
 // Of a narrow way: what waits there in line for no good. A write that comes behind it waits for so much.
 constexpr double kSlackBytes = 24.0 * 1024;
+// At first: servers that are near are seldom at the end of a narrow way.
+constexpr double kFirst = 20.0 * 1024;
+constexpr double kFirstNear = 40.0 * 1024;
+constexpr std::chrono::milliseconds kNear{20};
 // Of a fast one: for so many seconds servers and we are busy with what has arrived.
 constexpr double kSlackTime = 0.003;
 // More than what the way holds, if all answers took the shortest time: on many ways some take longer.
@@ -135,6 +139,7 @@ void SendWindow::OnConnected(Clock::duration handshake, Clock::time_point now) {
   SendWindow anew(m_tripIsGuess ? handshake : std::min(handshake, m_trip));
   anew.m_known = m_known;
   anew.m_round = {.begin = now, .answered = m_answered};
+  anew.m_size = anew.m_trip < kNear ? kFirstNear : kFirst;
   anew.m_usual = m_usual;
   anew.m_sent = m_sent;
   anew.m_answered = m_answered;

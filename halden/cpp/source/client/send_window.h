@@ -86,7 +86,7 @@ class SendWindow {
   std::size_t m_nextRate = 0;
   double m_grownTo = 0;  // the rate when it last grew by much
   int m_flat = 0;        // rounds since then
-  double m_size = 20'000;
+  double m_size = 20.0 * 1024;
 };
 
 }  // namespace zr::halden::details
