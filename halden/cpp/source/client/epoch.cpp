@@ -293,6 +293,7 @@ void Epoch::Complete(Slot& slot, Reply& reply) {
 }
 
 void Epoch::Dispatch(int type, int state, const std::string& path) {
+  m_heardAhead = true;
   m_watches.Uncount(type, path);
   m_onEvent(type, state, path.substr(m_root.size()));
 }
@@ -342,6 +343,7 @@ void Epoch::Answer(const void* context, int code, const Stat* stat, const Fill& 
     self.m_window->OnLost(slot.sent);
   } else {
     self.m_window->OnAnswered(slot.sent, SizeOf(reply), Clock::now());
+    self.m_heardAhead = false;
   }
   TaskThread::RunGuarded([&] { self.Complete(slot, reply); });
 }

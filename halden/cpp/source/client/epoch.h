@@ -66,6 +66,8 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   /// A server took the connection and has not answered yet.
   bool Unanswered() const { return m_handle != nullptr && zoo_state(m_handle) == ZOO_ASSOCIATING_STATE; }
   const WatchBudget& Watches() const { return m_watches; }
+  /// Events have told of what no answer since has come after: they move nothing that the handle shows the next server.
+  bool HeardAhead() const { return m_heardAhead; }
 
   /// The answer is never given from inside this call.
   void Submit(Request request);
@@ -137,6 +139,7 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   std::vector<Slot*> m_free;
   std::deque<Slot*> m_sent;       // without an answer, in order
   Clock::time_point m_lastHeard;  // the last answer, or request when none was outstanding
+  bool m_heardAhead = false;
   WatchBudget m_watches;
   const std::shared_ptr<SendWindow> m_window;
 };

@@ -319,10 +319,11 @@ void ConnectionCore::OnEstablished() {
   m_listeners.Tell([arrival](ConnectionListener& listener) { listener.OnConnected(arrival); });
 }
 
-/// A handle that went on shows servers what it has seen, and a new session was written by a quorum. But a new handle
-/// that takes up a session has seen nothing: a leader that was deposed while it was frozen, and does not know it
-/// yet, accepts it, and reads with the past. It cannot complete a transaction, though. So one goes before all
-/// other requests: answers come in order, and behind its own, whatever that is, comes nothing that is outdated.
+/// A handle that went on shows servers what it has seen in answers, and a new session was written by a quorum. But a
+/// new handle that takes up a session has seen nothing, and events are not counted as seen: a leader that was deposed
+/// while it was frozen, and does not know it yet, accepts it, and reads with the past. It cannot complete a
+/// transaction, though. So one goes before all other requests: answers come in order, and behind its own, whatever
+/// that is, comes nothing that is outdated.
 void ConnectionCore::RaiseBarrier() {
   Request barrier{.kind = Request::Kind::Barrier, .path = "/", .outsideChroot = true};
   barrier.reply = [this](const Reply& reply) {
@@ -335,6 +336,7 @@ void ConnectionCore::RaiseBarrier() {
 
 void ConnectionCore::OnLost() {
   if (m_state != ConnectionState::Connected) return;
+  m_proven = m_proven && !m_epoch->HeardAhead();
   SetError(ZCONNECTIONLOSS, "connection lost");
   if (m_epoch->Watches().Exceeded()) return ReplaceHandle();  // a new handle has no watches to set again
   SetState(ConnectionState::Suspended);
