@@ -15,9 +15,8 @@ class SendWindowTest : public testing::Test {
  protected:
   /// Requests as many as the window lets, for so long; how many were answered.
   std::size_t Load(Clock::duration length) {
-    const auto end = m_now + length;
     std::size_t answered = 0;
-    while (m_now < end) {
+    for (const auto end = m_now + length; m_now < end; ++answered) {
       for (bool room = m_window.HasRoomForSome(); room; room = m_window.HasRoom()) {
         m_free =
             std::max(m_free, m_now + m_trip + m_jitter * static_cast<int>(m_underWay.size() * 37 % 64) / 64) +
@@ -29,7 +28,6 @@ class SendWindowTest : public testing::Test {
       m_now = m_underWay.front().second;
       m_window.OnAnswered(m_underWay.front().first, 400, m_now);
       m_underWay.pop_front();
-      ++answered;
     }
     return answered;
   }
