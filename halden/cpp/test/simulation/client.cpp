@@ -57,7 +57,7 @@ struct _zhandle {
   int lastXid = 1000;
   std::deque<MessagePtr> toSend{};
   std::deque<Asked> asked{};
-  std::map<std::string, std::vector<Watch>> watches[3]{};  // on data, on absence, on children
+  std::map<std::string, std::vector<Watch>, PathOrder> watches[3]{};  // on data, on absence, on children
 
   unsigned long long Number() const { return static_cast<unsigned long long>(id.client_id); }
   void SetAddresses(const std::string& text) {

@@ -112,7 +112,8 @@ struct DataCenter {
 
   // The other party's.
   void CreateParents(const std::string& path) {
-    if (path == "/") return;
+    const Tree* const truth = ensemble.Truth();
+    if (truth == nullptr || truth->Find(path) != nullptr) return;
     CreateParents(ParentOf(path));
     const bool container = path.size() > chroot.size() + details::kServicesPath.size();
     ensemble.Write(
@@ -122,9 +123,9 @@ struct DataCenter {
   void Put(const ServiceId& id) {
     const auto path = PathOf(id);
     const auto bytes = details::EncodeNode(NewData("h"), {});
+    if (ensemble.Write({.op = Message::Set, .path = path, .data = bytes}) != ZNONODE) return;
     CreateParents(ParentOf(path));
-    const int code = ensemble.Write({.op = Message::Set, .path = path, .data = bytes});
-    if (code == ZNONODE) ensemble.Write({.op = Message::Create, .path = path, .data = bytes});
+    ensemble.Write({.op = Message::Create, .path = path, .data = bytes});
   }
 
   void Delete(const ServiceId& id) { ensemble.Write({.op = Message::Delete, .path = PathOf(id)}); }
@@ -252,9 +253,8 @@ struct DataCenter {
     const Tree* const truth = ensemble.Truth();
     if (truth == nullptr) return "there is no truth";
     View rest = view;
-    const auto top = chroot + details::ServicePath(kService);
     for (const auto& [path, node] : truth->nodes) {
-      const auto id = path.starts_with(top) ? ParseServiceId(path.substr(path.rfind('/') + 1)) : std::nullopt;
+      const auto id = ParseServiceId(path.substr(path.rfind('/') + 1));
       if (!id) continue;
       const auto host = HostOf(&node);
       const auto known = view.find(*id);

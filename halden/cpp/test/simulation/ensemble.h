@@ -362,11 +362,11 @@ struct Ensemble {
   std::int64_t epoch = 1;
   std::int64_t lastZxid = std::int64_t{1} << 32U;
   std::int64_t lastSession = 0;
-  std::map<std::int64_t, Time> heard{};    ///< of a session
-  std::map<std::int64_t, Link*> owners{};  ///< the link that a session came by last
-  std::set<std::int64_t> taken{};          ///< sessions whose clients know of them
-  std::set<std::string> denied{};          ///< nodes that may not be read
-  std::map<std::string, std::vector<Incarnation>> history{};
+  std::map<std::int64_t, Time> heard{};       ///< of a session
+  std::map<std::int64_t, Link*> owners{};     ///< the link that a session came by last
+  std::set<std::int64_t> taken{};             ///< sessions whose clients know of them
+  std::set<std::string, PathOrder> denied{};  ///< nodes that may not be read
+  std::map<std::string, std::vector<Incarnation>, PathOrder> history{};
   Time lastReached{};
   Time lastTrouble{};  ///< when something of the faults above was last so
   Time nextContainerCheck{world->now + 20s};

@@ -38,6 +38,16 @@ inline MessagePtr Make(Message message) {
   return std::make_shared<Message>(std::move(message));
 }
 
+/// Of paths: children behind their parents, and the ends compared first, since a run's paths may share 26 kB.
+struct PathOrder {
+  bool operator()(const std::string& left, const std::string& right) const {
+    if (left.size() != right.size()) return left.size() < right.size();
+    const auto tail = left.size() - std::min<std::size_t>(left.size(), 48);
+    const int ends = left.compare(tail, std::string::npos, right, tail, std::string::npos);
+    return ends != 0 ? ends < 0 : left < right;
+  }
+};
+
 /// A connection between a client and a server: both ends, and the network between. What is sent arrives in
 /// order, each way after a time of its own.
 struct Link : std::enable_shared_from_this<Link> {
@@ -83,7 +93,7 @@ struct Link : std::enable_shared_from_this<Link> {
   std::deque<MessagePtr> requests{};  ///< that the server has not answered yet
   std::size_t waitsFor = 0;  ///< the first request: for the log to be applied so far; 0 for not yet begun
   MessagePtr prepared{};     ///< its answer
-  std::set<std::string> dataWatches{}, childWatches{};
+  std::set<std::string, PathOrder> dataWatches{}, childWatches{};
 };
 
 inline std::string ParentOf(const std::string& path) {
@@ -113,7 +123,7 @@ struct Tree {
   /// A watched thing has happened: the event's type, and the node's path.
   using Trigger = std::function<void(int type, const std::string& path)>;
 
-  std::map<std::string, Node> nodes{{"/", {}}};
+  std::map<std::string, Node, PathOrder> nodes{{"/", {}}};
   std::map<std::int64_t, int> sessions{};  ///< and their timeouts
   std::int64_t zxid = 0;
 

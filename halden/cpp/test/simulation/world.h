@@ -117,8 +117,9 @@ struct World {
   /// A line of the trace, which is what two runs of one seed are compared by.
   __attribute__((format(printf, 2, 3))) void Note(const char* format, ...) {
     std::array<char, 240> line{};
-    const double seconds = std::chrono::duration<double>(now.time_since_epoch()).count() - 1000;
-    const auto head = static_cast<std::size_t>(std::snprintf(line.data(), line.size(), "%11.6f ", seconds));
+    const auto time = (now.time_since_epoch() - 1000s) / 1us;
+    const auto head = static_cast<std::size_t>(
+        std::snprintf(line.data(), line.size(), "%4ld.%06ld ", time / 1'000'000, time % 1'000'000));
     va_list arguments;
     va_start(arguments, format);
     std::vsnprintf(line.data() + head, line.size() - head, format, arguments);
