@@ -53,6 +53,7 @@ struct _zhandle {
   bool delay = false;
   std::shared_ptr<Link> link{};
   Time lastHeard{}, lastSent{};
+  std::optional<Time> begun{};  // its session, and no list was asked for yet
   std::int64_t lastZxid = 0;
   int lastXid = 1000;
   std::deque<MessagePtr> toSend{};
@@ -94,6 +95,8 @@ struct _zhandle {
     if (is_unrecoverable(this) != 0) return ZINVALIDSTATE;
     message.xid = ++lastXid;
     message.watch = watch.first != nullptr;
+    if (begun && message.op == Message::GetChildren)
+      world->pauses.push_back(world->now - *std::exchange(begun, std::nullopt));
     world->Note("handle %llx asks %d %d %s", Number(), message.xid, message.op, Tail(message.path));
     toSend.push_back(Make(std::move(message)));
     asked.push_back({toSend.back(), watch, std::move(done)});
@@ -106,6 +109,7 @@ struct _zhandle {
       Lose(ZSESSIONEXPIRED);
       return;
     }
+    if (id.client_id == 0) begun = world->now;
     id.client_id = answer.session;
     link->ensemble.taken.insert(answer.session);
     timeout = answer.timeout;

@@ -151,11 +151,12 @@ struct World {
   std::deque<std::string> trace{};
   std::string violation{};  ///< the first
   std::uint64_t hash = 14695981039346656037U;
-  bool calm = false;                             ///< faults have their pause
-  Duration spent{};                              ///< so long has taken the task that runs
-  int threads = 0;                               ///< alive; of TaskThread
-  int handles = 0;                               ///< of the client library
-  std::vector<Ensemble*> ensembles{};            ///< by their numbers
+  bool calm = false;                   ///< faults have their pause
+  Duration spent{};                    ///< so long has taken the task that runs
+  int threads = 0;                     ///< alive; of TaskThread
+  int handles = 0;                     ///< of the client library
+  std::vector<Duration> pauses{};      ///< from the begin of a session to the first list asked for in it
+  std::vector<Ensemble*> ensembles{};  ///< by their numbers
   std::map<int, std::shared_ptr<Link>> links{};  ///< by their descriptors
 };
 
