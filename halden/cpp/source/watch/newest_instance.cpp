@@ -14,7 +14,7 @@ namespace zr::halden::details {
 void ServiceReader::AskForNewest(std::uint8_t number) {
   constexpr std::size_t few = 4;
   const bool wanted = m_phase == Phase::Following && m_trust != Trust::Doubtful && !m_fullRead &&
-                      m_ledger.Pending() <= few && !m_partitions[number].list.audited;
+                      m_ledger.Pending() <= few && !m_partitions[number].list.read.audit;
   if (!wanted) return;
   Submit(Request::Kind::Get, PartitionPath(m_path, number), false,
          [number](ServiceReader& self, const Reply& reply) { self.OnNewest(number, reply); });

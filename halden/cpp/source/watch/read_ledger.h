@@ -12,6 +12,7 @@ namespace zr::halden::details {
 struct ReadState {
   bool reading = false;
   bool again = false;
+  bool audit = false;  // the read under way is the audit's: it should find nothing new
   bool dirty = false;
   bool refused = false;      // dirty, and asking again will not help by itself
   bool toldRefused = false;  // ... as the log has been told
@@ -36,10 +37,13 @@ class ReadLedger {
   bool End(ReadState& state) {
     state.reading = false;
     --m_pending;
-    return !std::exchange(state.again, false);
+    if (!std::exchange(state.again, false)) return true;
+    state.audit = false;  // the event has come
+    return false;
   }
 
   void Fail(ReadState& state, bool refused) {
+    state.audit = false;
     if (!std::exchange(state.dirty, true)) ++m_dirty;
     if (refused && !std::exchange(state.refused, true)) ++m_refused;
   }

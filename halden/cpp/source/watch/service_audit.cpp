@@ -51,10 +51,10 @@ void ServiceReader::AuditList() {
   auto& at = m_auditCursor.list;
   for (at = (at + 1) % (kPartitions + 1); at < kPartitions && !m_partitions[at].listed;) ++at;
   if (at == kPartitions) {
-    m_service.audited = true;
+    m_service.read.audit = true;
     return ReadService();
   }
-  m_partitions[at].list.audited = true;
+  m_partitions[at].list.read.audit = true;
   ReadPartition(static_cast<std::uint8_t>(at), Haste::Now);
 }
 
@@ -94,7 +94,7 @@ void ServiceReader::OnInstanceAudited(const ServiceId& id, const Reply& reply) {
 void ServiceReader::TakeListing(List& list, const Reply& reply, const zr::String& path) {
   const bool absent = reply.code != ZOK;
   const bool same = absent ? list.absent : !list.absent && reply.stat.pzxid == list.pzxid;
-  if (std::exchange(list.audited, false) && !same) ReportDrift(path);
+  if (std::exchange(list.read.audit, false) && !same) ReportDrift(path);
   list.read.toldRefused = false;
   list.absent = absent;
   if (!absent) list.pzxid = reply.stat.pzxid;

@@ -110,10 +110,7 @@ void ServiceReader::ReadService() {
 }
 
 void ServiceReader::OnService(Reply& reply) {
-  if (!m_ledger.End(m_service.read)) {
-    m_service.audited = false;  // the event has come
-    return ReadService();
-  }
+  if (!m_ledger.End(m_service.read)) return ReadService();
   switch (ActionFor(reply.code)) {
     case ErrorAction::Done:
       OnServiceListed(reply);
@@ -181,10 +178,7 @@ void ServiceReader::SendPartitionRead(std::uint8_t number) {
 
 void ServiceReader::OnPartition(std::uint8_t number, Reply& reply) {
   Partition& partition = m_partitions[number];
-  if (!m_ledger.End(partition.list.read)) {
-    partition.list.audited = false;
-    return ReadPartition(number, Haste::Now);
-  }
+  if (!m_ledger.End(partition.list.read)) return ReadPartition(number, Haste::Now);
   switch (ActionFor(reply.code)) {
     case ErrorAction::Done:
       OnPartitionListed(number, reply);
@@ -336,7 +330,7 @@ void ServiceReader::ScheduleRetry(Retry& retry) {
 }
 
 void ServiceReader::FinishIfComplete() {
-  if (!IsAtRest() || m_ledger.Dirty() != m_ledger.Refused()) return;
+  if (!IsAtRest()) return;
   m_retry.backoff.Reset();
   if (m_ledger.Dirty() == 0) m_refusedRetry.backoff.Reset();
   m_delivery->MarkLive(std::exchange(m_fullRead, false));

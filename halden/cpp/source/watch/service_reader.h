@@ -81,7 +81,6 @@ class ServiceReader final : public ConnectionListener,
   };
   struct List {
     ReadState read;
-    bool audited = false;    // the read under way is the audit's: it should find nothing new
     bool absent = true;      // as read last
     std::int64_t pzxid = 0;  // of the last listing: a lower one is older
   };
@@ -152,8 +151,11 @@ class ServiceReader final : public ConnectionListener,
   bool IsOlder(const List& list, const Reply& reply);
   void Fail(ReadState& state, int code, const zr::String& path, bool ofInstance = false);
   void ScheduleRetry(Retry& retry);
-  /// Connected, and nothing is being read.
-  bool IsAtRest() const { return m_phase == Phase::Following && !m_readAll && m_ledger.Pending() == 0; }
+  /// Connected, nothing is being read, and nothing is to be read again but what was refused.
+  bool IsAtRest() const {
+    return m_phase == Phase::Following && !m_readAll && m_ledger.Pending() == 0 &&
+           m_ledger.Dirty() == m_ledger.Refused();
+  }
   /// Of what a list or a failure asks for: a few are read at once.
   Haste UsualHaste() const { return m_fullRead || m_ledger.Pending() > kFew ? Haste::Bulk : Haste::Now; }
   void FinishIfComplete();

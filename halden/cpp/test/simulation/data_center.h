@@ -211,6 +211,9 @@ struct DataCenter {
       if (!ensemble.Reached() && world->now - ensemble.lastReached > limit &&
           one.watcher->Status().freshness == Freshness::Live)
         world->Violation("live, although no server can be reached");
+      if (one.watcher->Status().drifts != 0 && !world->faults[Fault::LostEvent] &&
+          !world->faults[Fault::Acl] && !world->faults[Fault::LostCompletion])  // which lose some too
+        world->Violation("a drift was counted, and no event was lost");
       const bool swallowed = world->faults[Fault::ThrowFirst];  // by an observer before the queue
       if (one.consumer.Drain() != one.checker->hosts && !swallowed)
         world->Violation("an event queue says something else than the observer beside it heard");
