@@ -18,8 +18,6 @@ namespace {
 
 using ::testing::ElementsAre;
 
-constexpr const char* kDc = "eu-west";
-
 class ConnectionTest : public EnsembleTest {
  protected:
   std::shared_ptr<ServiceWatcher> Watch(const std::shared_ptr<Connection>& conn) const {

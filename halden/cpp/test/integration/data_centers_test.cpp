@@ -24,8 +24,6 @@ using ::testing::SizeIs;
 using ::testing::UnorderedElementsAre;
 using ::testing::UnorderedElementsAreArray;
 
-constexpr const char* kDc = "eu-west";
-
 /// What a status handler was told since it was last asked for.
 class States {
  public:

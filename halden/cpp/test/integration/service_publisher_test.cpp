@@ -22,8 +22,6 @@ extern "C" ZR_EXPORT int getpwuid_r(uid_t, passwd*, char*, std::size_t, passwd**
 namespace zr::halden::test {
 namespace {
 
-constexpr const char* kDc = "eu-west";
-
 /// A publisher on a connection of its own, and a watcher on another one.
 class ServicePublisherTest : public EnsembleTest {
  protected:

@@ -53,8 +53,6 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
-constexpr const char* kDc = "eu-west";
-
 /// One data centre, its connection in the test's hands.
 class ServiceWatcherTest : public EnsembleTest {
  protected:

@@ -27,6 +27,7 @@ ServiceInstanceData MakeInstance(const zr::String& host);
 class EnsembleTest : public ::testing::Test {
  protected:
   static constexpr const char* kService = "orders";
+  static constexpr const char* kDc = "eu-west";
   /// Long enough for a busy machine to keep its sessions, and short enough for a client to come back soon:
   /// its pause between tries is a sixtieth of it.
   static constexpr std::chrono::milliseconds kSessionTimeout{6000};

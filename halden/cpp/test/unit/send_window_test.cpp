@@ -11,7 +11,7 @@ namespace {
 using namespace std::chrono_literals;
 
 /// A way of a certain length that lets so many answers through a second, one after another.
-class SendWindowTest : public testing::Test {
+class SendWindowTest : public ::testing::Test {
  protected:
   /// Requests as many as the window lets, for so long; how many were answered.
   std::size_t Load(Clock::duration length) {
