@@ -6,8 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "expect.h"
+#include "model/access_list.h"
 
 namespace {
 
@@ -18,13 +20,18 @@ zr::String Compose(const zr::halden::details::ConnectString& ensemble) {
     text += host.find(':') == zr::String::npos ? host : '[' + host + ']';
     text += ':' + std::to_string(port);
   }
-  return text + ensemble.chroot;
+  for (const char c : ensemble.chroot) text += c == '?' ? "%3F" : c == '%' ? "%25" : zr::String(1, c);
+  using namespace zr::halden::details;
+  if (!ensemble.acl.empty()) text = WithOption(std::move(text), kAclOption, ensemble.acl);
+  if (!ensemble.authFile.empty()) text = WithOption(std::move(text), kAuthFileOption, ensemble.authFile);
+  return text;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   using zr::halden::details::ConnectString;
+  using zr::halden::details::ParseAccessList;
   using zr::halden::details::ParseConnectString;
   using zr::halden::fuzz::Expect;
   const auto parsed = ParseConnectString(zr::String(reinterpret_cast<const char*>(bytes), size));
@@ -34,6 +41,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     return 0;
   }
   Expect(!parsed.value.hosts.empty(), "there is a host");
+  const auto& acl = parsed.value.acl;
+  Expect(acl.empty() || !ParseAccessList(acl).value.empty(), "an access list has an entry");
+  Expect(parsed.value.authFile.find('\n') == zr::String::npos, "a file's name fits on a line");
   const auto again = ParseConnectString(Compose(parsed.value));
   Expect(again.error.empty() && again.value == parsed.value, "the round trip keeps all");
   return 0;

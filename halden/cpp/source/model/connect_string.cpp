@@ -8,6 +8,8 @@
 #include <limits>
 #include <utility>
 
+#include "model/access_list.h"
+#include "model/percent.h"
 #include "zrstl/utf8.h"
 
 namespace zr::halden::details {
@@ -41,13 +43,25 @@ bool IsIpv6Address(std::string_view text) {
   return IsAddress<in6_addr>(AF_INET6, text.substr(0, percent));
 }
 
+/// Only what has a meaning of its own is decoded: a chroot of before may have any other "%".
+zr::String DecodedChroot(std::string_view chroot) {
+  zr::String decoded;
+  while (!chroot.empty()) {
+    const auto code = chroot.substr(0, 3);
+    const bool isEncoded = code == "%3F" || code == "%3f" || code == "%25";
+    decoded += !isEncoded ? chroot.front() : code == "%25" ? '%' : '?';
+    chroot.remove_prefix(isEncoded ? code.size() : 1);
+  }
+  return decoded;
+}
+
 /// Goes through the text once; the first fault ends it. Its steps return whether all was well so far.
 class Parser {
  public:
-  explicit Parser(std::string_view text) : m_text(text) {}
+  explicit Parser(std::string_view text) : m_text(text), m_ensemble(text.substr(0, text.find('?'))) {}
 
   ParsedConnectString Parse() {
-    if (!CheckBlanks() || !ParseServers() || !ParseChroot()) m_parsed.value = {};
+    if (!CheckBlanks() || !ParseServers() || !ParseChroot() || !ParseOptions()) m_parsed.value = {};
     return std::move(m_parsed);
   }
 
@@ -59,7 +73,7 @@ class Parser {
   }
 
   bool CheckBlanks() {
-    if (m_text.empty()) return Fail(0, "empty: expected host:port[,host:port...][/chroot]");
+    if (m_text.empty()) return Fail(0, "empty: expected host:port[,host:port...][/chroot][?options]");
     const auto isBlank = [](unsigned char c) { return c <= ' ' || c == 0x7F; };
     const auto blank = std::find_if(m_text.begin(), m_text.end(), isBlank);
     if (blank == m_text.end()) return true;
@@ -68,7 +82,7 @@ class Parser {
   }
 
   bool ParseServers() {
-    const auto servers = m_text.substr(0, m_text.find('/'));
+    const auto servers = m_ensemble.substr(0, m_ensemble.find('/'));
     for (std::size_t begin = 0; begin <= servers.size();) {
       const auto end = std::min(servers.find(',', begin), servers.size());
       if (!ParseServer(begin, end)) return false;
@@ -140,20 +154,20 @@ class Parser {
   }
 
   bool ParseChroot() {
-    const auto chroot = m_text.find('/');
+    const auto chroot = m_ensemble.find('/');
     if (chroot == std::string_view::npos) return true;
-    for (std::size_t begin = chroot + 1; begin <= m_text.size();) {
-      const auto end = std::min(m_text.find('/', begin), m_text.size());
-      if (!CheckChrootElement(m_text.substr(begin, end - begin), begin)) return false;
+    for (std::size_t begin = chroot + 1; begin <= m_ensemble.size();) {
+      const auto end = std::min(m_ensemble.find('/', begin), m_ensemble.size());
+      if (!CheckChrootElement(m_ensemble.substr(begin, end - begin), begin)) return false;
       begin = end + 1;
     }
-    m_parsed.value.chroot = m_text.substr(chroot);
+    m_parsed.value.chroot = DecodedChroot(m_ensemble.substr(chroot));
     return true;
   }
 
   bool CheckChrootElement(std::string_view element, std::size_t begin) {
     if (element.empty()) {
-      if (begin == m_text.size())
+      if (begin == m_ensemble.size())
         return Fail(begin - 1, "\"/\" at the end: expected a chroot without it, or none");
       return Fail(begin, "empty element in the chroot: expected one \"/\" between two");
     }
@@ -169,7 +183,55 @@ class Parser {
     return Fail(begin + bad, "character in the chroot that ZooKeeper refuses: expected printable UTF-8");
   }
 
+  bool ParseOptions() {
+    if (m_ensemble.size() == m_text.size()) return true;
+    for (std::size_t begin = m_ensemble.size() + 1; begin <= m_text.size();) {
+      const auto end = std::min(m_text.find('&', begin), m_text.size());
+      if (!ParseOption(begin, end)) return false;
+      begin = end + 1;
+    }
+    return true;
+  }
+
+  /// What follows the "=" is not repeated: somebody may have written a password there.
+  bool ParseOption(std::size_t begin, std::size_t end) {
+    const auto option = m_text.substr(begin, end - begin);
+    const auto name = option.substr(0, option.find('='));
+    auto& value = m_parsed.value;
+    auto* const target = name == kAuthFileOption ? &value.authFile
+                         : name == kAclOption    ? &value.acl
+                                                 : nullptr;
+    if (target == nullptr)
+      return Fail(begin, "not an option: expected \"auth_file=\" or \"acl=\" behind the \"?\"");
+    if (!target->empty()) return Fail(begin, "option is given twice: expected once");
+    const auto encoded = option.substr(std::min(name.size() + 1, option.size()));
+    const auto place = end - encoded.size();
+    auto decoded = DecodePercent(encoded);
+    if (decoded.bad != std::string_view::npos)
+      return Fail(place + decoded.bad,
+                  "\"%\" without two hexadecimal digits: expected \"%25\" for the sign itself");
+    *target = std::move(decoded.text);
+    return target == &value.acl ? CheckAcl(encoded, place) : CheckAuthFile(encoded, place);
+  }
+
+  bool CheckAcl(std::string_view encoded, std::size_t place) {
+    auto parsed = ParseAccessList(m_parsed.value.acl);
+    if (parsed.error.empty()) return true;
+    return Fail(place + OffsetInEncoded(encoded, parsed.offset), std::move(parsed.error));
+  }
+
+  bool CheckAuthFile(std::string_view encoded, std::size_t place) {
+    const auto& file = m_parsed.value.authFile;
+    if (!file.starts_with('/')) return Fail(place, "not the name of a file: expected its absolute path");
+    const auto odd =
+        std::find_if(file.begin(), file.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; });
+    if (odd == file.end()) return true;
+    return Fail(place + OffsetInEncoded(encoded, static_cast<std::size_t>(odd - file.begin())),
+                "control character in the name of a file: expected printable text");
+  }
+
   std::string_view m_text;
+  std::string_view m_ensemble;  // of it, what stands before the options
   ParsedConnectString m_parsed;
 };
 
@@ -177,6 +239,18 @@ class Parser {
 
 ParsedConnectString ParseConnectString(const zr::String& text) {
   return Parser(text).Parse();
+}
+
+zr::String WithOption(zr::String text, std::string_view option, std::string_view value) {
+  text += text.find('?') == zr::String::npos ? '?' : '&';
+  text += option;
+  text += '=';
+  text += EncodePercent(value);
+  return text;
+}
+
+zr::String WithoutOptions(const zr::String& text) {
+  return text.substr(0, text.find('?'));
 }
 
 std::size_t FindBadPathCharacter(std::string_view text) {

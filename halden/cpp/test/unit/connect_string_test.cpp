@@ -23,6 +23,9 @@ TEST(ConnectStringTest, GoodOnesAreTakenApart) {
       {"h:1/a/b:c/.d/...", {{{"h", 1}}, "/a/b:c/.d/..."}},
       {"h:1/\xC3\xA9\xE2\x82\xAC", {{{"h", 1}}, "/\xC3\xA9\xE2\x82\xAC"}},
       {longLabel + ".1:1", {{{longLabel + ".1", 1}}, ""}},
+      {"h:1/a%3Fb%253F%41?auth_file=%2Fetc%2Fa%20%26/b%3Fc", {{{"h", 1}}, "/a?b%3F%41", "/etc/a &/b?c"}},
+      {"h:1?acl=creator&auth_file=/a", {{{"h", 1}}, "", "/a", "creator"}},
+      {WithOption("h:1", kAuthFileOption, "/%\xC3\xA9+&=?"), {{{"h", 1}}, "", "/%\xC3\xA9+&=?"}},
   };
   for (const auto& [text, value] : cases) {
     const auto parsed = ParseConnectString(text);
@@ -53,6 +56,16 @@ TEST(ConnectStringTest, AFaultIsFoundWhereItIs) {
       {"empty element", {{"h:1//a", 4}, {"h:1/a//b", 6}}},
       {"relative", {{"h:1/./a", 4}, {"h:1/a/..", 6}}},
       {"expected one chroot", {{"h1:1/a,h2:1/a", 6}}},
+      {"not an option", {{"h:1?", 4}, {"h:1/a?b", 6}, {"h:1?auth=digest:a:b", 4}, {"h:1?auth_file=/a&", 17}}},
+      {"given twice", {{"h:1?auth_file=/a&auth_file=/b", 17}}},
+      {"two hexadecimal digits", {{"h:1?auth_file=/a%2", 16}, {"h:1?auth_file=/%g0b", 15}, {"h:1?acl=%", 8}}},
+      {"absolute path", {{"h:1?auth_file=", 14}, {"h:1?auth_file=digest:a:b", 14}, {"h:1?auth_file", 13}}},
+      {"control character in the name", {{"h:1?auth_file=%2Fa%0Ab", 18}}},
+      {"not an entry", {{"h:1?acl=", 8}, {"h:1?acl=open", 8}, {"h:1?acl=world:anyone:r,", 23}}},
+      {"not a permission", {{"h:1?acl=world%3Aanyone:rx", 24}, {"h:1?acl=auth::rr", 15}}},
+      {"no permission", {{"h:1?acl=auth::", 14}}},
+      {"not a digest", {{"h:1?acl=auth::r,digest:u:password:r", 23}}},
+      {"world:anyone", {{"h:1?acl=world::r", 14}}},
       {"ZooKeeper refuses", {{"h:1/a\xC2\x80", 5}, {"h:1/ab\xFF", 6}}},
   };
   for (const auto& [error, faults] : cases) {
