@@ -45,6 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   const std::string_view text(reinterpret_cast<const char*>(bytes), size);
   const auto config = zr::halden::ReadZooKeeperConfig(path);
   for (const auto& fault : config.faults) ExpectInPlace(fault, text);
+  for (const auto& fault : config.authFaults) ExpectInPlace(fault, text);
   for (const auto& warning : config.warnings) ExpectInPlace(warning, text);
   Expect(!config.faults.empty() || !config.ensembles.empty(), "a file in order names a data centre");
   for (const auto& [name, hosts] : config.ensembles) {

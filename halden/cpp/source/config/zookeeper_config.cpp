@@ -10,9 +10,12 @@
 #include <string_view>
 #include <utility>
 
+#include "config/data_center_table.h"
+#include "config/toml_place.h"
 #include "logger/logger.h"
 #include "model/config_text.h"
 #include "model/connect_string.h"
+#include "model/credential.h"
 #include "zrstl/sstream.h"
 #include "zrstl/utf8.h"
 
@@ -20,15 +23,18 @@ namespace zr::halden {
 
 namespace {
 
+using details::Cursor;
+using details::InOrder;
+using details::Place;
+using details::PlaceInString;
 using details::Quoted;
+using details::TypeOf;
 
 // What a person can act on, of a file that is something else altogether.
 constexpr std::size_t kMaxListed = 100;
 constexpr std::string_view kDataCenters = "data_centers";
 constexpr std::string_view kLocal = "local";
 constexpr std::string_view kEntryForm = "name = \"host:port[,host:port...][/chroot]\"";
-
-using Place = toml::source_position;  // counts lines and code points from 1
 
 /// Never destroyed: a thread that outlives main() may still read a configuration.
 const zr::logging::ConstSourcePtr& ConfigLog() {
@@ -49,45 +55,6 @@ bool HasControlCharacter(std::string_view name) {
   }
   return false;
 }
-
-/// Goes through a text once, from place to place, counting lines and columns as the parser does.
-class Cursor {
- public:
-  explicit Cursor(std::string_view text) : m_text(text) {
-    constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
-    if (text.starts_with(byteOrderMark)) m_offset = byteOrderMark.size();
-  }
-
-  /// What stands at `place`, which is not before the one asked for last.
-  std::string_view From(const Place& place) {
-    while (m_place < place && Step()) {
-    }
-    return m_text.substr(m_offset);
-  }
-
-  Place PlaceOf(std::size_t offset) {
-    while (m_offset < offset && Step()) {
-    }
-    return m_place;
-  }
-
- private:
-  bool Step() {
-    if (m_offset == m_text.size()) return false;
-    if (m_text[m_offset++] == '\n') {
-      m_place = {m_place.line + 1, 1};
-      return true;
-    }
-    while (m_offset < m_text.size() && (static_cast<unsigned char>(m_text[m_offset]) & 0xC0U) == 0x80)
-      ++m_offset;
-    ++m_place.column;
-    return true;
-  }
-
-  std::string_view m_text;
-  std::size_t m_offset = 0;
-  Place m_place{1, 1};
-};
 
 /// The key of `table` that a line with the one key of `line` gives again; null for none.
 const toml::key* FindRepeated(const toml::table& table, const toml::table& line) {
@@ -246,16 +213,6 @@ class Reader {
     Add(m_config.warnings, "doubts", key.source().begin, std::move(message));
   }
 
-  using Entries = std::vector<std::pair<const toml::key*, const toml::node*>>;
-
-  static Entries InOrder(const toml::table& table) {
-    Entries entries;
-    for (const auto& [key, node] : table) entries.emplace_back(&key, &node);
-    std::sort(entries.begin(), entries.end(),
-              [](const auto& a, const auto& b) { return a.first->source().begin < b.first->source().begin; });
-    return entries;
-  }
-
   void ReadDataCenters(const toml::table& table) {
     if (table.empty() && !m_isCutOff) {
       AddFault(table.source().begin, "[data_centers] is empty: expected entries " + zr::String(kEntryForm));
@@ -271,22 +228,38 @@ class Reader {
       return AddFault(key.source().begin,
                       "control character in the name " + Quoted(name) + ": expected printable text");
     }
+    if (const auto* table = node.as_table()) return ReadTable(key, *table, cursor);
     const auto place = node.source().begin;
     const auto* value = node.as_string();
     if (value == nullptr) {
       return AddFault(place, "data centre " + Quoted(name) + " is " + TypeOf(node) +
-                                 ": expected a string, \"host:port[,host:port...][/chroot]\"" +
-                                 (node.is_table() ? ", and a name with a dot in quotes" : ""));
+                                 ": expected a string, \"host:port[,host:port...][/chroot]\", or a table");
     }
     const zr::String& text = value->get();
-    auto parsed = details::ParseConnectString(text);
-    if (parsed.error.empty()) {
-      WarnOfSame(key, text);
-      m_config.ensembles.emplace(name, text);
-    } else {
-      AddFault(PlaceInString(place, text, parsed.offset, cursor),
-               "connect string of data centre " + Quoted(name) + ": " + parsed.error);
+    const auto parsed = details::ParseConnectString(text);
+    if (!parsed.error.empty()) {
+      return AddFault(PlaceInString(place, text, parsed.offset, cursor),
+                      "connect string of data centre " + Quoted(name) + ": " + parsed.error);
     }
+    AddEnsemble(key, text, place);
+  }
+
+  void ReadTable(const toml::key& key, const toml::table& table, Cursor& cursor) {
+    const auto entry = details::ReadDataCenterTable(table, key.str(), m_path, cursor);
+    for (const auto& [place, message] : entry.faults) AddFault(place, message);
+    if (entry.faults.empty()) AddEnsemble(key, entry.connectString, entry.authFilePlace);
+  }
+
+  /// `text` is in order. A credential that cannot be read costs nothing but itself: it may be there when it is needed.
+  void AddEnsemble(const toml::key& key, const zr::String& text, const Place& authFilePlace) {
+    const auto ensemble = details::ParseConnectString(text).value;
+    WarnOfSame(key, details::WithoutOptions(text));
+    m_config.ensembles.emplace(key.str(), text);
+    if (ensemble.authFile.empty()) return;
+    const auto why = details::ReadCredentialFile(ensemble.authFile).error;
+    if (why.empty()) return;
+    Add(m_config.authFaults, "faulty credentials", authFilePlace,
+        "credential of data centre " + Quoted(key.str()) + ": " + why);
   }
 
   void WarnOfSame(const toml::key& key, const zr::String& ensemble) {
@@ -295,24 +268,6 @@ class Reader {
     AddWarning(key, "data centre " + Quoted(key.str()) + " has the ensemble of " +
                         Quoted(first->second->str()) + " in " + Spelled(first->second->source().begin) +
                         ": expected its own, or every instance is there twice");
-  }
-
-  /// The place of byte `offset` of a string value; the value's own place when the file spells it differently
-  /// (with escapes, or over several lines).
-  static Place PlaceInString(Place place, std::string_view value, std::size_t offset, Cursor& cursor) {
-    const auto source = cursor.From(place);
-    if (source.empty() || !source.substr(1).starts_with(value)) return place;
-    const auto before = value.substr(0, offset);
-    const auto isFirstByte = [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80; };
-    place.column +=
-        1 + static_cast<toml::source_index>(std::count_if(before.begin(), before.end(), isFirstByte));
-    return place;
-  }
-
-  static zr::String TypeOf(const toml::node& node) {
-    zr::StringStream text;
-    text << "of type " << node.type();
-    return Finish(text);
   }
 
   const std::string& m_path;
@@ -337,6 +292,9 @@ std::tuple<bool, DataCenterEnsembleMapT> ParseZooKeeperConfig(const std::string&
   auto config = ReadZooKeeperConfig(path);
   for (const auto& fault : config.faults) {
     ZRLOG(ZRLOG_WARNING, ConfigLog()) << "fault in the ZooKeeper configuration, fault=" << fault.Text();
+  }
+  for (const auto& fault : config.authFaults) {
+    ZRLOG(ZRLOG_WARNING, ConfigLog()) << "no credential yet, fault=" << fault.Text();
   }
   for (const auto& warning : config.warnings) {
     ZRLOG(ZRLOG_WARNING, ConfigLog())

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "halden/utils.h"
+#include "model/percent.h"
 #include "support/capturing_log.h"
 
 namespace zr::halden {
@@ -22,6 +23,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 class ZooKeeperConfigTest : public ::testing::Test {
@@ -91,11 +93,11 @@ TEST_F(ZooKeeperConfigTest, AFaultyEntryCostsNoOtherAndIsShownWhereItIs) {
       "a-good = \"zk2:2181\"\n");
   EXPECT_THAT(Texts(config.faults),
               ElementsAre("3:10: data centre \"number\" is of type integer: expected a string, "
-                          "\"host:port[,host:port...][/chroot]\"",
+                          "\"host:port[,host:port...][/chroot]\", or a table",
                           "4:1: data centre without a name: expected one",
                           "5:1: control character in the name \"a\\x0ab\": expected printable text",
                           StartsWith("6:1: control"),
-                          AllOf(StartsWith("7:"), HasSubstr("\"eu\" is of type table"),
+                          AllOf(StartsWith("7:4: unknown key \"west\" of data centre \"eu\""),
                                 HasSubstr("a name with a dot in quotes")),
                           "8:19: connect string of data centre \"\xC3\xA9\": blank or control character: "
                           "expected none anywhere",
@@ -104,6 +106,67 @@ TEST_F(ZooKeeperConfigTest, AFaultyEntryCostsNoOtherAndIsShownWhereItIs) {
                           StartsWith("11:11: connect string of data centre \"several\": port missing"),
                           AllOf(StartsWith("13:8: "), HasSubstr("array"))));
   EXPECT_EQ(config.ensembles, (DataCenterEnsembleMapT{{"a-good", "zk2:2181"}, {"z-good", "zk1:2181"}}));
+}
+
+TEST_F(ZooKeeperConfigTest, ATableNamesItsCredentialAndNeverHoldsIt) {
+  const auto folder = std::filesystem::path(m_path).parent_path();
+  const auto auth = std::filesystem::path(m_path + ".auth");
+  const auto write = [&](const std::string& text, std::filesystem::perms mode) {
+    std::ofstream(auth, std::ios::binary) << text;
+    std::filesystem::permissions(auth, mode);
+  };
+  using std::filesystem::perms;
+  const std::string file = "auth_file = '" + auth.filename().string() + "'\n";
+  const std::string head = "[data_centers.eu]\nhosts = 'h:1/p'\n";
+  write("digest:user:secret-word\n", perms::owner_read);
+  auto config = Read(head + file + "acl = 'creator'");
+  EXPECT_THAT(Texts(config.faults), IsEmpty());
+  EXPECT_THAT(Texts(config.authFaults), IsEmpty());
+  const auto encoded = details::EncodePercent(auth.string());
+  EXPECT_EQ(config.ensembles.at("eu"), "h:1/p?auth_file=" + encoded + "&acl=creator");
+
+  const auto owner = perms::owner_read | perms::owner_write;
+  const std::tuple<std::string, perms, std::string> faulty[] = {
+      {"digest:user:secret-word", owner | perms::others_read, ": may be read by everybody"},
+      {"digest:user:secret-word", owner | perms::others_write, ": may be written by everybody"},
+      {"\n", owner, ": is empty"},
+      {"secret-word", owner, ":1:1: no scheme"},
+      {":secret-word", owner, ":1:1: no scheme"},
+      {"sasl:", owner, ":1:6: no credential"},
+      {"digest:secret-word", owner, ":1:8: not a digest"},
+      {"digest:user:secret-word\r\n", owner, ":1:24: carriage return"},
+      {"digest:user:secret-word\nmore", owner, ":2:1: more than one line"},
+      {std::string(5000, 'x'), owner, ": too large"},
+  };
+  for (const auto& [text, mode, why] : faulty) {
+    write(text, mode);
+    config = Read(head + file);
+    EXPECT_EQ(config.ensembles.size(), 1U) << "it may be mended before it is needed";
+    EXPECT_THAT(
+        Texts(config.authFaults),
+        ElementsAre(AllOf(StartsWith("3:13: credential of data centre \"eu\": " + auth.string() + why),
+                          Not(HasSubstr("secret-word")))));
+  }
+  std::filesystem::remove(auth);
+  EXPECT_THAT(Texts(Read(head + file).authFaults), ElementsAre(HasSubstr("No such file")));
+  EXPECT_THAT(Texts(Read("[data_centers]\na = 'h:1?auth_file=" + folder.string() + "'").authFaults),
+              ElementsAre(AllOf(StartsWith("2:5: "), HasSubstr("is not a file"))));
+
+  for (const auto& [text, fault] : std::vector<std::pair<std::string, std::string>>{
+           {"auth_file = 'digest:user:secret-word'",
+            "3:13: auth_file of data centre \"eu\": expected the name"},
+           {"auth = 'digest:user:secret-word'", "3:1: unknown key \"auth\" of data centre \"eu\""},
+           {"auth_file = 3", "3:13: \"auth_file\" of data centre \"eu\" is of type integer"},
+           {"acl = 'creator'", "3:7: acl \"creator\" of data centre \"eu\" without auth_file"},
+           {"acl = 'auth::rw,digest:u:secret-word:r'", "3:24: acl of data centre \"eu\": not a digest"},
+           {"[data_centers.us]\nacl = 'world:anyone:r'", "3:1: data centre \"us\" has no hosts"},
+           {"[data_centers.us]\nhosts = 'h:1?acl=auth::r'\nacl = 'auth::r'",
+            "5:7: acl of data centre \"us\" is given"},
+       }) {
+    config = Read(head + text);
+    EXPECT_THAT(Texts(config.faults), ElementsAre(AllOf(StartsWith(fault), Not(HasSubstr("secret-word")))));
+    EXPECT_THAT(config.ensembles, ::testing::SizeIs(text.starts_with('[') ? 1 : 0));
+  }
 }
 
 TEST_F(ZooKeeperConfigTest, AFileThatIsWrongAsAWholeGivesOneFaultAndNoEntry) {
