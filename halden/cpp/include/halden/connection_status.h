@@ -18,6 +18,8 @@ namespace zr::halden {
 ///   Suspended  -> Connected (same session) | Connecting (new session) | Expired | AuthFailed | Stopped
 ///   Expired    -> Connecting | Stopped                          by itself where allowed, else by Start
 ///   AuthFailed -> Connecting | Stopped                          as Expired
+///
+/// AuthFailed: the servers refuse the credential, or its file is missing or faulty and no session is begun without.
 enum class ConnectionState : std::uint8_t { Stopped, Connecting, Connected, Suspended, Expired, AuthFailed };
 
 /// The state's name in lower case, for output: "stopped", "connecting", ...

@@ -32,8 +32,8 @@ const std::shared_ptr<ConnectionCore>& CoreOf(const Connection& conn);
 /// Ownership: watchers and publishers share ownership of the connection they work through. The destructor
 /// closes the session in the background: it neither waits nor joins.
 /// Errors: `Start` throws ZooError for what can never work (a malformed host list, a malformed authentication
-/// text). An ensemble that is down, or names that do not resolve, are a state (`Status`), logged to
-/// "halden.connection" and retried with back-off.
+/// text). An ensemble that is down, names that do not resolve, or a credential's file that is faulty are a state
+/// (`Status`), logged to "halden.connection" and retried with back-off.
 /// Session: after a lost connection the session goes on if an ensemble member is reached in time. After an
 /// expiry the ephemeral nodes are gone; publishers publish again, and watchers read everything anew.
 class ZR_EXPORT Connection {
@@ -71,12 +71,19 @@ class ZR_EXPORT Connection {
     std::function<void()> m_cbk;  // what Invalidate was given, to run after the function
   };
 
-  /// `hosts`: each element a connect string, "host:port[,host:port...][/chroot]"; all name one ensemble, and
-  /// the last one's chroot holds for all. Nothing is checked before `Start`. `renewExpired`: whether a
-  /// session that expired is replaced by a new one. When false the connection stays `Expired`, tells its
-  /// watchers' error handlers, and waits for `Start`. `auth`: "scheme:credential" (for example
-  /// "digest:user:password"), empty for none; given to every session. `sessionTimeout`: requested of the
-  /// server, which clamps it to limits of its own. `dcName`: the data centre's name.
+  /// `hosts`: each element a connect string, "host:port[,host:port...][/chroot][?option=value[&option=value]]"; all
+  /// name one ensemble, and the last one's chroot holds for all. Nothing is checked before `Start`.
+  /// `renewExpired`: whether a session that expired is replaced by a new one. When false the connection stays
+  /// `Expired`, tells its watchers' error handlers, and waits for `Start`. `auth`: "scheme:credential" (for example
+  /// "digest:user:password"), given to every session; empty: what the option `auth_file` says, if it is there.
+  /// `sessionTimeout`: requested of the server, which clamps it to limits of its own. `dcName`: the data centre's
+  /// name.
+  ///
+  /// Options, with "%", "&" and blanks as "%" and two hexadecimal digits:
+  /// - `auth_file`: the absolute path of a file that holds one line "scheme:credential" and is closed to all but its
+  ///   owner and group. It is read anew for each session, so that a new credential counts from the next one on. While
+  ///   it is faulty no session begins: the state is `AuthFailed`, and `lastErrorText` says why.
+  /// - `acl`: what publishers protect their nodes with unless they are told, see ServicePublisher.
   Connection(const std::vector<zr::String>& hosts, bool renewExpired, zr::String auth,
              std::chrono::milliseconds sessionTimeout, zr::String dcName);
   ~Connection();

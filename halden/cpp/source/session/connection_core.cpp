@@ -40,6 +40,14 @@ std::ostream& operator<<(std::ostream& out, Hex hex) {
   return out << "0x" << std::hex << static_cast<std::uint64_t>(hex.value) << std::dec;
 }
 
+/// An option counts in whichever element it is: one that is not in the last must not be lost.
+void Merge(ConnectString&& more, ConnectString& all) {
+  all.hosts.insert(all.hosts.end(), more.hosts.begin(), more.hosts.end());
+  all.chroot = std::move(more.chroot);
+  if (!more.authFile.empty()) all.authFile = std::move(more.authFile);
+  if (!more.acl.empty()) all.acl = std::move(more.acl);
+}
+
 }  // namespace
 
 ConnectionCore::ConnectionCore(ConnectionOptions options) : m_options(std::move(options)) {}
@@ -68,25 +76,21 @@ ConnectionCore::Target ConnectionCore::Validate(const ConnectionOptions& options
   for (const auto& text : options.hosts) {
     auto parsed = ParseConnectString(text);
     if (!parsed.error.empty()) {
-      throw ZooError(ZBADARGUMENTS, "connect string \"" + text + "\", character " +
+      throw ZooError(ZBADARGUMENTS, "connect string \"" + WithoutOptions(text) + "\", character " +
                                         std::to_string(parsed.offset + 1) + ": " + parsed.error);
     }
-    auto& hosts = target.ensemble.hosts;
-    hosts.insert(hosts.end(), parsed.value.hosts.begin(), parsed.value.hosts.end());
-    target.ensemble.chroot = std::move(parsed.value.chroot);
+    Merge(std::move(parsed.value), target.ensemble);
   }
   if (target.ensemble.hosts.empty()) throw ZooError(ZBADARGUMENTS, "no host is given");
   const auto timeout = options.sessionTimeout.count();
   if (timeout <= 0 || timeout > std::numeric_limits<int>::max()) {
     throw ZooError(ZBADARGUMENTS, "session timeout out of range: " + std::to_string(timeout) + " ms");
   }
-  if (!options.auth.empty()) {
-    const auto colon = options.auth.find(':');
-    if (colon == zr::String::npos || colon == 0) {  // the text itself is secret
-      throw ZooError(ZBADARGUMENTS, "authentication is not of the form scheme:credential");
-    }
-    target.authScheme = options.auth.substr(0, colon);
-    target.authCredential = options.auth.substr(colon + 1);
+  if (!options.auth.empty() && SplitCredential(options.auth).scheme.empty()) {  // the text itself is secret
+    throw ZooError(ZBADARGUMENTS, "authentication is not of the form scheme:credential");
+  }
+  if (const auto& acl = target.ensemble.acl; !acl.empty()) {
+    target.access = std::make_shared<const AccessList>(ParseAccessList(acl).value);
   }
   return target;
 }
@@ -95,6 +99,7 @@ ConnectionCore::Target ConnectionCore::Validate(const ConnectionOptions& options
 void ConnectionCore::Prepare() {
   m_target = Validate(m_options);
   m_addresses.emplace(m_target->ensemble.hosts, Poster());
+  m_opening.credentials = Credentials(SplitCredential(m_options.auth), m_target->ensemble.authFile);
   // All of these are called with the connection alive.
   m_sessionEnd = std::make_shared<SessionEnd>(
       Poster(),
@@ -190,6 +195,7 @@ void ConnectionCore::DoStart(const std::optional<clientid_t>& session) {
   if (m_wanted) return;
   m_wanted = true;
   m_opening.resume = session;
+  m_opening.credentials.Forget();
   m_backoff.Reset();
   UpdateClosed();
   Open();
@@ -246,6 +252,9 @@ void ConnectionCore::Watch(const std::weak_ptr<Epoch>& epoch, const std::shared_
     if (current != m_epoch) return;
     // The library compares lists of servers loosely, and drops what is under way: a new handle takes the new ones.
     if (!Connected() && current->Addresses() != m_addresses->Text()) return ReplaceHandle();
+    // A session that has not begun begins with what the file holds then.
+    if (m_state == ConnectionState::Connecting && !m_opening.resume && m_opening.credentials.Outdated())
+      return ReplaceHandle();
     // Answers that are long on their way must not cost the session.
     if (Connected() && current->Unsaid() > current->Timeout() / 3)
       current->Submit({.kind = Request::Kind::Exists, .path = "/", .outsideChroot = true});

@@ -13,9 +13,11 @@
 #include "base/task_thread.h"
 #include "client/epoch.h"
 #include "halden/connection_v2.h"
+#include "model/access_list.h"
 #include "model/connect_string.h"
 #include "session/addresses.h"
 #include "session/bulk_turns.h"
+#include "session/credentials.h"
 #include "session/listeners.h"
 #include "session/session_end.h"
 #include "session/status_board.h"
@@ -84,6 +86,8 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   bool SessionGoesOn() const { return KnownSession().client_id != 0; }
   /// Empty, or the path that stands before every other; known once connected.
   const zr::String& Chroot() const { return m_target->ensemble.chroot; }
+  /// Of the nodes that are created through it; null: open to all. Known once connected.
+  const AccessListPtr& NodeAccess() const { return m_target->access; }
   /// Dropped without an answer while there is no epoch.
   void Submit(Request request);
   /// Lets it make requests, in turn with others, when there is room for them and while there is a connection.
@@ -101,8 +105,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   /// What to connect to, checked.
   struct Target {
     ConnectString ensemble;
-    zr::String authScheme;
-    zr::String authCredential;
+    AccessListPtr access;
   };
 
   /// Of the next epoch.
@@ -111,6 +114,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
     std::uint64_t attempt = 0;         // a timer of an earlier one finds another number
     unsigned unanswered = 0;           // servers in a row that took a connection and kept silent
     std::optional<clientid_t> resume;  // the session to go on with
+    Credentials credentials;           // of the current session too
   };
   /// Requests that are many.
   struct Bulk {
@@ -137,6 +141,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
 
   // connection_opening.cpp
   void Open();
+  bool HasCredential();
   void OnResolved(const zr::String& error);
   void OpenResolved();
   void OpenLater();

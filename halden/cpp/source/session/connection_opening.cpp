@@ -18,8 +18,10 @@ constexpr std::chrono::seconds kResolveLimit{2};
 
 void ConnectionCore::Open() {
   if (!m_wanted || m_epoch) return;
+  const bool lacksCredential = m_state == ConnectionState::AuthFailed && !m_opening.credentials.Known();
+  if (!lacksCredential && m_state != ConnectionState::Connecting) SetState(ConnectionState::Connecting);
+  if (m_sessionEnd->UnderWay() || !HasCredential()) return;
   if (m_state != ConnectionState::Connecting) SetState(ConnectionState::Connecting);
-  if (m_sessionEnd->UnderWay()) return;
   m_opening.awaitingAddresses = true;
   if (!m_addresses->Text().empty() && m_addresses->AreNames()) {
     Poster()(kResolveLimit, [this, attempt = m_opening.attempt] {
@@ -27,6 +29,25 @@ void ConnectionCore::Open() {
     });
   }
   m_addresses->Resolve([this](const zr::String& error) { OnResolved(error); });
+}
+
+/// False where the file of the credential is faulty: then no session begins, since it could do less, and nobody
+/// would see why. Tried again later; what is wrong is told once.
+bool ConnectionCore::HasCredential() {
+  auto& credentials = m_opening.credentials;
+  if (m_opening.resume && credentials.Known()) return true;
+  const auto told = credentials.Fault();
+  credentials.Renew();
+  if (credentials.Known()) return true;
+  m_wanted = m_options.renewExpired;
+  if (m_state != ConnectionState::AuthFailed || credentials.Fault() != told) {
+    SetError(ZAUTHFAILED, "no credential: " + credentials.Fault());
+    if (m_state != ConnectionState::AuthFailed) SetState(ConnectionState::AuthFailed);
+    m_listeners.Tell([](ConnectionListener& listener) { listener.OnSessionError(ZAUTHFAILED); });
+  }
+  UpdateClosed();
+  OpenLater();
+  return false;
 }
 
 void ConnectionCore::OnResolved(const zr::String& error) {
@@ -71,7 +92,8 @@ std::shared_ptr<Epoch> ConnectionCore::OpenHandle(const clientid_t* resume, Epoc
     SetError(ZSYSTEMERROR, "no client handle: " + std::generic_category().message(error));
     return nullptr;
   }
-  if (!m_target->authScheme.empty()) epoch->Authenticate(m_target->authScheme, m_target->authCredential);
+  const auto& [scheme, secret] = m_opening.credentials.Current();
+  if (!scheme.empty()) epoch->Authenticate(scheme, secret);
   return epoch;
 }
 

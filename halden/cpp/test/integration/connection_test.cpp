@@ -3,12 +3,16 @@
 
 #include <gmock/gmock.h>
 
+#include <filesystem>
+#include <fstream>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "halden/service_publisher.h"
 #include "halden/service_watcher.h"
+#include "halden/testing/temporary_folder.h"
 #include "support/capturing_log.h"
 #include "support/ensemble_test.h"
 #include "support/recording_observer.h"
@@ -16,7 +20,10 @@
 namespace zr::halden::test {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 class ConnectionTest : public EnsembleTest {
  protected:
@@ -41,6 +48,13 @@ TEST_F(ConnectionTest, WhatCanNeverWorkIsThrownByStartAndNothingElseIs) {
     EXPECT_EQ(conn->Status().state, ConnectionState::Stopped) << hosts;
   }
   EXPECT_THROW(make("127.0.0.1:2181", "no scheme")->Start(nullptr), ZooError);
+  try {
+    make("127.0.0.1:2181?auth=digest:user:secret-word", "")->Start(nullptr);
+    ADD_FAILURE() << "an option that is none";
+  } catch (const ZooError& e) {
+    EXPECT_THAT(e.what(), AllOf(HasSubstr("\"127.0.0.1:2181\", character 16: not an option"),
+                                Not(HasSubstr("secret"))));
+  }
   const auto unresolvable = make("no-such-host.invalid:2181", "");
   EXPECT_NO_THROW(unresolvable->Start(nullptr));
   EXPECT_TRUE(Eventually([&] { return !unresolvable->Status().lastErrorText.empty(); }));
@@ -142,6 +156,57 @@ TEST_F(ConnectionTest, AuthenticationHoldsInEverySessionAndIsNeverLogged) {
   ASSERT_TRUE(Eventually([&] { return watcher->Status().resyncs == 2; }));
   EXPECT_THAT(m_observer->History(kDc, id), ElementsAre(EventKind::Added, EventKind::Modified));
   EXPECT_EQ(log.Count("", "secret-word"), 0);
+}
+
+TEST_F(ConnectionTest, EachSessionTakesTheCredentialThatItsFileHoldsThen) {
+  const CapturingLog log;
+  const TemporaryFolder folder;
+  const auto file = folder.Path() / "eu west.auth";
+  const auto write = [&](const std::string& text) {
+    std::ofstream(folder.Path() / "new") << text;
+    std::filesystem::permissions(folder.Path() / "new", std::filesystem::perms::owner_read);
+    std::filesystem::rename(folder.Path() / "new", file);
+  };
+  const ServiceId ids[] = {MakeServiceId(), MakeServiceId()};
+  for (int i = 0; i < 2; ++i) {
+    const auto owner = MakeClient(kDc);
+    owner->Authenticate("digest", i == 0 ? "first:secret-word" : "second:secret-word");
+    owner->Create(ZooKeeperClient::InstancePath(kService, ids[i]), EncodeInstance(MakeInstance("host")),
+                  NodeKind::Persistent, Access::Creator);
+  }
+  std::string option = "?auth_file=" + file.string();
+  option.replace(option.find(' '), 1, "%20");
+  const std::vector<zr::String> hosts{ConnectString(kDc) + option};
+  const auto conn = std::make_shared<Connection>(hosts, true, "", kSessionTimeout, kDc);
+  const auto watcher = Watch(conn);
+  conn->Start(nullptr);
+  ASSERT_TRUE(AwaitState(*conn, ConnectionState::AuthFailed));
+  EXPECT_TRUE(m_errors.Await(ZAUTHFAILED));
+  EXPECT_EQ(conn->Status().lastErrorText,
+            "no credential: " + file.string() + ": cannot be opened: No such file or directory");
+  EXPECT_EQ(conn->Status().sessions, 0U) << "not without it";
+  write("digest:secret-word");
+  EXPECT_TRUE(log.Await("halden.connection", file.string() + ":1:8: not a digest"));
+  write("digest:first:secret-word\n");
+  ASSERT_TRUE(m_observer->Await(EventKind::Added, kDc, ids[0]));
+  write("digest:second:secret-word\n");
+  conn->ForceExpire();
+  ASSERT_TRUE(m_observer->Await(EventKind::Added, kDc, ids[1]));
+
+  // What is rotated while there is no server to begin a session with counts, too.
+  Server(kDc).Stop();
+  conn->Stop();
+  conn->Start(nullptr);
+  ASSERT_TRUE(log.Await("halden.connection", "no server of the ensemble is reached"));
+  std::filesystem::remove(file);
+  ASSERT_TRUE(AwaitState(*conn, ConnectionState::AuthFailed));
+  Server(kDc).Start();
+  const auto own =
+      std::make_shared<Connection>(hosts, true, "digest:first:secret-word", kSessionTimeout, kDc);
+  own->Start(nullptr);
+  EXPECT_TRUE(AwaitState(*own, ConnectionState::Connected)) << "what the application gives needs no file";
+  EXPECT_EQ(log.Count("", "secret-word"), 0);
+  EXPECT_EQ(conn->Status().lastErrorText.find("secret-word"), zr::String::npos);
 }
 
 TEST_F(ConnectionTest, AnInvalidatedWatchRunsNoMoreAndItsEndIsTold) {
