@@ -152,10 +152,11 @@ std::shared_ptr<Connection> GlobalServiceWatcher::GetConnection(const zr::String
   return m_impl->GetConnection(dcName);
 }
 
-ServicePublisher GlobalServiceWatcher::MakePublisher(const zr::String& dcName, const ServiceId& id) const {
+ServicePublisher GlobalServiceWatcher::MakePublisher(const zr::String& dcName, const ServiceId& id,
+                                                     const zr::String& acl) const {
   auto conn = m_impl->GetConnection(dcName);
   if (!conn) throw std::invalid_argument("MakePublisher: no connection to data centre \"" + dcName + "\"");
-  return {std::move(conn), m_impl->m_name, id};
+  return {std::move(conn), m_impl->m_name, id, acl};
 }
 
 std::vector<ServiceInstance> GlobalServiceWatcher::Snapshot() const {

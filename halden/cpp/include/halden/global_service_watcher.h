@@ -103,8 +103,10 @@ class ZR_EXPORT GlobalServiceWatcher final : public zr::Observable<ServiceWatche
 
   /// In either mode: publishes an instance of this service in the data centre, over the connection that is there
   /// already, which the publisher keeps; it ends with that connection (`DisconnectDC`, `Close`). Throws
-  /// std::invalid_argument when the data centre has none. See halden/service_publisher.h.
-  ServicePublisher MakePublisher(const zr::String& dcName, const ServiceId& id = MakeServiceId()) const;
+  /// std::invalid_argument when the data centre has none. Its nodes are protected as the configuration says, unless
+  /// `acl` says otherwise. See halden/service_publisher.h.
+  ServicePublisher MakePublisher(const zr::String& dcName, const ServiceId& id = MakeServiceId(),
+                                 const zr::String& acl = {}) const;
 
   // Queries
 

@@ -53,13 +53,21 @@ struct PublisherStatus {
 /// Ownership: shares ownership of its connection. The destructor removes the node in the background if the
 /// session lives; a program that ends calls `Remove` and `AwaitAbsent` first, or stops the connection and
 /// awaits its close.
-/// Errors: the constructor throws std::invalid_argument (null connection, bad service name); `Publish` throws
+/// Access: by default everybody may do everything with what is published. `acl` "creator" lets everybody read it and
+/// only who has the connection's credential write, replace and delete it; else it is a list in ZooKeeper's text form,
+/// "scheme:id:permissions[,...]" ("world:anyone:r,auth::cdrwa" says the same as "creator"). Empty: as the option `acl` of the
+/// connection's connect string says. The nodes above (the service, its partition) are created with the same list,
+/// and everybody may read and create there, so that others can publish the service too; those that are there already
+/// stay as they are. ZooKeeper leaves it to the node above who may delete: so of those who publish one service with
+/// different credentials, one may be unable to take its instance back, which then goes with its session.
+/// Errors: the constructor throws std::invalid_argument (null connection, bad service name, bad `acl`); `Publish` throws
 /// ZooError(ZBADARGUMENTS) and says why for data that is not fit to be published (see WhyUnfit: no host, another
 /// service's name, ports that are none or have the same name), that does not fit into a node, or that no reader
 /// would accept; what was published before stays. Failed writes are logged to "halden.publisher", kept in `Status`, and tried again with back-off.
 class ZR_EXPORT ServicePublisher {
  public:
-  ServicePublisher(std::shared_ptr<Connection> conn, const zr::String& serviceName, const ServiceId& id);
+  ServicePublisher(std::shared_ptr<Connection> conn, const zr::String& serviceName, const ServiceId& id,
+                   const zr::String& acl = {});
   ~ServicePublisher();
 
   ServicePublisher(const ServicePublisher&) = delete;

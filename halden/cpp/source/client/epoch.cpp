@@ -11,6 +11,7 @@
 #include <exception>
 #include <utility>
 
+#include "client/access_vector.h"
 #include "client/client_adaptor.h"
 
 namespace zr::halden::details {
@@ -45,6 +46,7 @@ SendWindow::Kind AnswerOf(Request::Kind kind) {
     case Request::Kind::GetChildren:
       return SendWindow::Kind::List;
     case Request::Kind::Get:
+    case Request::Kind::GetAccess:
     case Request::Kind::Exists:
       return SendWindow::Kind::Data;
     default:
@@ -230,18 +232,21 @@ int Epoch::Call(Slot* slot, const zr::String& path) {
   const Request& request = slot->request;
   watcher_fn const watcher = request.watch ? &Epoch::OnWatch : nullptr;
   const int length = static_cast<int>(request.data.size());
+  const AccessVector access(request.access.get());
   switch (request.kind) {
     case Request::Kind::Get:
       return zoo_awget(m_handle, path.c_str(), watcher, this, &Epoch::OnData, slot);
     case Request::Kind::GetChildren:
       return zoo_awget_children2(m_handle, path.c_str(), watcher, this, &Epoch::OnChildren, slot);
+    case Request::Kind::GetAccess:
+      return zoo_aget_acl(m_handle, path.c_str(), &Epoch::OnAccess, slot);
     case Request::Kind::Exists:
       return zoo_awexists(m_handle, path.c_str(), watcher, this, &Epoch::OnStat, slot);
     case Request::Kind::Sync:
       return zoo_async(m_handle, path.c_str(), &Epoch::OnString, slot);
     case Request::Kind::Create:
-      return zoo_acreate(m_handle, path.c_str(), request.data.data(), length, &ZOO_OPEN_ACL_UNSAFE,
-                         request.mode, &Epoch::OnString, slot);
+      return zoo_acreate(m_handle, path.c_str(), request.data.data(), length, access.Get(), request.mode,
+                         &Epoch::OnString, slot);
     case Request::Kind::Set:
       return zoo_aset(m_handle, path.c_str(), request.data.data(), length, request.version, &Epoch::OnStat,
                       slot);
@@ -251,8 +256,8 @@ int Epoch::Call(Slot* slot, const zr::String& path) {
       const zr::String parent = path.substr(0, path.rfind('/'));
       const auto& told = request.parentData;
       std::array<zoo_op_t, 2> both{};
-      zoo_create_op_init(both.data(), path.c_str(), request.data.data(), length, &ZOO_OPEN_ACL_UNSAFE,
-                         request.mode, nullptr, 0);
+      zoo_create_op_init(both.data(), path.c_str(), request.data.data(), length, access.Get(), request.mode,
+                         nullptr, 0);
       zoo_set_op_init(&both[1], parent.c_str(), told.data(), static_cast<int>(told.size()), -1, nullptr);
       return zoo_amulti(m_handle, static_cast<int>(both.size()), both.data(), slot->results.data(),
                         &Epoch::OnVoid, slot);
@@ -357,6 +362,12 @@ void Epoch::OnData(int code, const char* value, int length, const Stat* stat, co
 void Epoch::OnChildren(int code, const String_vector* names, const Stat* stat, const void* slot) noexcept {
   Answer(slot, code, stat, [&](Reply& reply) {
     if (names != nullptr) reply.children.assign(names->data, names->data + names->count);
+  });
+}
+
+void Epoch::OnAccess(int code, ACL_vector* access, Stat* stat, const void* slot) noexcept {
+  Answer(slot, code, stat, [&](Reply& reply) {
+    if (access != nullptr) reply.access = ToAccessList(*access);
   });
 }
 

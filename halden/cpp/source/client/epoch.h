@@ -105,6 +105,7 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   static void OnWatch(zhandle_t*, int type, int state, const char* path, void* epoch) noexcept;
   static void OnData(int code, const char* value, int length, const Stat* stat, const void* slot) noexcept;
   static void OnChildren(int code, const String_vector* names, const Stat* stat, const void* slot) noexcept;
+  static void OnAccess(int code, ACL_vector* access, Stat* stat, const void* slot) noexcept;
   static void OnStat(int code, const Stat* stat, const void* slot) noexcept;
   static void OnString(int code, const char* value, const void* slot) noexcept;
   static void OnVoid(int code, const void* slot) noexcept;

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "model/access_list.h"
 #include "zrstl/string.h"
 
 namespace zr::halden::details {
@@ -17,6 +18,7 @@ struct Reply {
   int code = ZOK;
   std::string value;
   std::vector<std::string> children;
+  AccessList access;
   Stat stat{};
 };
 
@@ -27,6 +29,7 @@ struct Request {
   enum class Kind : std::uint8_t {
     Get,
     GetChildren,
+    GetAccess,
     Exists,
     Sync,
     Create,
@@ -44,6 +47,7 @@ struct Request {
   std::string parentData = {};  ///< CreateAndTell
   int mode = 0;                 ///< Create, CreateAndTell: ZOO_EPHEMERAL, ...
   int version = -1;             ///< Set, Delete: -1 for any
+  AccessListPtr access = {};    ///< Create, CreateAndTell; null: open to all
   ReplyFunction reply = {};
 };
 

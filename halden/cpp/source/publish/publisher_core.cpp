@@ -11,12 +11,13 @@
 namespace zr::halden::details {
 
 PublisherCore::PublisherCore(std::shared_ptr<ConnectionCore> core, const zr::String& service,
-                             const ServiceId& id)
+                             const ServiceId& id, AccessListPtr access)
     : m_core(std::move(core)),
       m_claims(m_core->Shared<PathClaims>()),
       m_id(id),
       m_servicePath(ServicePath(service)),
-      m_path(InstancePath(m_servicePath, id)) {}
+      m_path(InstancePath(m_servicePath, id)),
+      m_access(std::move(access)) {}
 
 // Any thread.
 
@@ -144,7 +145,9 @@ void PublisherCore::Settle() {
 void PublisherCore::Fail(int code) {
   m_board.SetError(code);
   if (ActionFor(code) != ErrorAction::AwaitSession && ActionFor(code) != ErrorAction::Conflict) {
-    ZRLOG(ZRLOG_WARNING, PublisherLog()) << "write failed, error=" << zerror(code)
+    const char* const why =
+        code == ZINVALIDACL ? ": the access list names who has authenticated, and nobody has" : "";
+    ZRLOG(ZRLOG_WARNING, PublisherLog()) << "write failed, error=" << zerror(code) << why
                                          << ", dc_name=" << m_core->DataCenterName() << ", path=" << m_path;
   }
   Pause(m_pause.AfterFailure());

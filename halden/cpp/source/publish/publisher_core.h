@@ -6,9 +6,11 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "halden/service_id.h"
 #include "halden/service_publisher.h"
+#include "model/access_list.h"
 #include "publish/known_node.h"
 #include "publish/path_claims.h"
 #include "publish/publication_board.h"
@@ -34,7 +36,9 @@ namespace zr::halden::details {
 /// until the node or the session is gone, so that a removal survives its publisher.
 class PublisherCore final : public ConnectionListener, public std::enable_shared_from_this<PublisherCore> {
  public:
-  PublisherCore(std::shared_ptr<ConnectionCore> core, const zr::String& service, const ServiceId& id);
+  /// `access`: null for what the connection says.
+  PublisherCore(std::shared_ptr<ConnectionCore> core, const zr::String& service, const ServiceId& id,
+                AccessListPtr access);
 
   void Start(const Connection& conn);
   void Publish(std::string bytes);
@@ -77,6 +81,8 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   void CreateWithParents();
   void OnCreatedWithParents(const Reply& reply, int parentsError);
   void Hold();
+  const AccessListPtr& Access() const { return m_access ? m_access : m_core->NodeAccess(); }
+  std::vector<Request> ParentCreations() const;
   Request Creation();
   bool MayNotTell(int code);
   void Write();
@@ -105,6 +111,7 @@ class PublisherCore final : public ConnectionListener, public std::enable_shared
   const ServiceId m_id;
   const zr::String m_servicePath;
   const zr::String m_path;
+  const AccessListPtr m_access;
 
   // Constant after `Start`.
   std::shared_ptr<Connection::WatchContext> m_watch;

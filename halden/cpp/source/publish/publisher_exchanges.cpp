@@ -12,35 +12,6 @@
 
 namespace zr::halden::details {
 
-namespace {
-
-/// All at once and from the top: requests are carried out in order, and what exists already stays. The service
-/// and its partitions are containers: the server removes them when their last child is gone.
-std::vector<Request> ParentCreations(const zr::String& chroot, const zr::String& servicePath,
-                                     const ServiceId& id) {
-  std::vector<Request> creations;
-  const auto create = [&](zr::String path, int mode, bool outsideChroot) {
-    Request& request = creations.emplace_back();
-    request.kind = Request::Kind::Create;
-    request.path = std::move(path);
-    request.outsideChroot = outsideChroot;
-    request.mode = mode;
-  };
-  const auto createAll = [&](const zr::String& path, bool outsideChroot) {
-    for (auto slash = path.find('/', 1); slash != zr::String::npos; slash = path.find('/', slash + 1)) {
-      create(path.substr(0, slash), ZOO_PERSISTENT, outsideChroot);
-    }
-    create(path, ZOO_PERSISTENT, outsideChroot);
-  };
-  if (!chroot.empty()) createAll(chroot, true);
-  createAll(zr::String(kServicesPath), false);
-  create(servicePath, ZOO_CONTAINER, false);
-  create(PartitionPath(servicePath, PartitionOf(id)), ZOO_CONTAINER, false);
-  return creations;
-}
-
-}  // namespace
-
 void PublisherCore::Send(PublisherPhase phase, Request request, ReplyFunction onReply) {
   SetPhase(phase);
   try {
@@ -122,6 +93,7 @@ Request PublisherCore::Creation() {
   Request request{.kind = Request::Kind::Create, .path = m_path};
   request.data = *m_wish;
   request.mode = ZOO_EPHEMERAL;
+  request.access = Access();
   if (m_mayTell && m_wish->size() <= kMaxNewestBytes) {
     request.kind = Request::Kind::CreateAndTell;
     request.parentData = EncodeNewest({m_id, *m_wish});
@@ -149,6 +121,34 @@ void PublisherCore::OnCreated(const Reply& reply) {
   }
 }
 
+/// All at once and from the top: requests are carried out in order, and what exists already stays. The service
+/// and its partitions are containers: the server removes them when their last child is gone. What others than
+/// services may stand below, the chroot, stays open.
+std::vector<Request> PublisherCore::ParentCreations() const {
+  std::vector<Request> creations;
+  const auto& access = Access();
+  const auto above = access ? std::make_shared<const AccessList>(AboveAccess(*access)) : nullptr;
+  const auto create = [&](zr::String path, int mode, bool outsideChroot) {
+    Request& request = creations.emplace_back();
+    request.kind = Request::Kind::Create;
+    request.path = std::move(path);
+    request.outsideChroot = outsideChroot;
+    request.mode = mode;
+    if (!outsideChroot) request.access = above;
+  };
+  const auto createAll = [&](const zr::String& path, bool outsideChroot) {
+    for (auto slash = path.find('/', 1); slash != zr::String::npos; slash = path.find('/', slash + 1)) {
+      create(path.substr(0, slash), ZOO_PERSISTENT, outsideChroot);
+    }
+    create(path, ZOO_PERSISTENT, outsideChroot);
+  };
+  if (!m_core->Chroot().empty()) createAll(m_core->Chroot(), true);
+  createAll(zr::String(kServicesPath), false);
+  create(m_servicePath, ZOO_CONTAINER, false);
+  create(PartitionPath(m_servicePath, PartitionOf(m_id)), ZOO_CONTAINER, false);
+  return creations;
+}
+
 /// Who may create nodes in a partition need not be allowed to write it: then it is not told.
 bool PublisherCore::MayNotTell(int code) {
   return ActionFor(code) == ErrorAction::Report && std::exchange(m_mayTell, false);
@@ -158,7 +158,7 @@ bool PublisherCore::MayNotTell(int code) {
 /// matters only if the node then lacks its parent still.
 void PublisherCore::CreateWithParents() {
   const auto error = std::make_shared<int>(ZNONODE);
-  for (auto& request : ParentCreations(m_core->Chroot(), m_servicePath, m_id)) {
+  for (auto& request : ParentCreations()) {
     request.reply = [error](const Reply& reply) {
       const ErrorAction action = ActionFor(reply.code);
       // Below a parent that is absent all others fail for that alone.

@@ -10,9 +10,11 @@
 #include <memory>
 #include <ostream>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "base/clock.h"
+#include "model/access_list.h"
 #include "model/node_codec.h"
 #include "publish/publisher_core.h"
 
@@ -51,6 +53,16 @@ zr::String CheckedName(const std::shared_ptr<Connection>& conn, const zr::String
   return name;
 }
 
+details::AccessListPtr CheckedAccess(const zr::String& acl) {
+  if (acl.empty()) return nullptr;
+  auto parsed = details::ParseAccessList(acl);
+  if (!parsed.error.empty()) {
+    throw std::invalid_argument("ServicePublisher: acl, character " + std::to_string(parsed.offset + 1) +
+                                ": " + parsed.error);
+  }
+  return std::make_shared<const details::AccessList>(std::move(parsed.value));
+}
+
 std::int64_t NowMs() {
   const auto now = details::TimeOfDay().time_since_epoch();
   return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
@@ -77,11 +89,12 @@ std::ostream& operator<<(std::ostream& out, PublishState state) {
 }
 
 ServicePublisher::ServicePublisher(std::shared_ptr<Connection> conn, const zr::String& serviceName,
-                                   const ServiceId& id)
+                                   const ServiceId& id, const zr::String& acl)
     : m_serviceName(CheckedName(conn, serviceName)),
       m_startTimeMs(NowMs()),
       m_conn(std::move(conn)),
-      m_core(std::make_shared<details::PublisherCore>(details::CoreOf(*m_conn), m_serviceName, id)) {
+      m_core(std::make_shared<details::PublisherCore>(details::CoreOf(*m_conn), m_serviceName, id,
+                                                      CheckedAccess(acl))) {
   m_core->Start(*m_conn);
 }
 

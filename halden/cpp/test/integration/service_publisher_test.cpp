@@ -5,8 +5,10 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <memory>
 #include <random>
+#include <stdexcept>
 #include <vector>
 
 #include "support/capturing_log.h"
@@ -120,6 +122,69 @@ TEST_F(ServicePublisherTest, AParentThatMayNotBeCreatedIsTroubleOnlyWhereItIsAbs
   EXPECT_TRUE(log.Await("halden.publisher", "write failed, error=not authenticated"));
   Client(kDc).SetAccess("/halden/services", Access::Everybody);
   EXPECT_TRUE(refused.AwaitPublished(kLimit));
+}
+
+TEST_F(ServicePublisherTest, WhatItsCreatorProtectsStrangersReadAndJoinAndDoNothingElse) {
+  const CapturingLog log;
+  const std::vector<zr::String> hosts{ConnectString(kDc) + "?acl=creator"};
+  const auto make = [&](const zr::String& auth) {
+    auto conn = std::make_shared<Connection>(hosts, true, auth, kSessionTimeout, kDc);
+    conn->Start(nullptr);
+    return conn;
+  };
+  ServicePublisher refused(make(""), kService, MakeServiceId());
+  refused.Publish(MakeInstance("nobody"));
+  EXPECT_TRUE(log.Await("halden.publisher", "invalid acl: the access list names who has authenticated"));
+  EXPECT_EQ(refused.Status().lastError, ZINVALIDACL);
+  refused.Remove();
+
+  // Ids of one partition, so that each is below what another has created.
+  ServiceId second = m_id;
+  ServiceId third = m_id;
+  for (int i = 0; i < 2; ++i) second.data[i] ^= 1U, third.data[i] ^= 2U;
+  ServicePublisher owner(make("digest:owner:secret-word"), kService, m_id);
+  owner.Publish(MakeInstance("first"));
+  ASSERT_TRUE(owner.AwaitPublished(kLimit));
+  owner.Publish(MakeInstance("again"));
+  ASSERT_TRUE(owner.AwaitPublished(kLimit));
+  const std::filesystem::path path = ZooKeeperClient::InstancePath(kService, m_id);
+  ASSERT_TRUE(m_observer->AwaitHost(kDc, m_id, "again"));
+  const auto code = [](const auto& deed) -> int {
+    try {
+      deed();
+    } catch (const ZooError& e) {
+      return e.Code();
+    }
+    return ZOK;
+  };
+  auto& stranger = Client(kDc);
+  for (auto node = path; node != "/"; node = node.parent_path()) {
+    EXPECT_TRUE(stranger.Get(node)) << node;
+    EXPECT_EQ(code([&] { stranger.Set(node, "evil"); }), ZNOAUTH) << node;
+    EXPECT_EQ(code([&] { stranger.SetAccess(node, Access::Everybody); }), ZNOAUTH) << node;
+    if (node == path) continue;
+    EXPECT_EQ(code([&] { stranger.Create(node / "more"); }), ZOK) << node;
+    EXPECT_EQ(code([&] { stranger.Delete(node / "more"); }), ZNOAUTH) << node;
+  }
+  EXPECT_EQ(code([&] { stranger.Delete(path); }), ZNOAUTH);
+
+  // Whoever shares the credential shares the service; a stranger adds to it, and leaves with its session.
+  ServicePublisher friendly(make("digest:owner:secret-word"), kService, second, "world:anyone:r,auth::cdrwa");
+  const auto guest = MakeConnection(kDc);
+  guest->Start(nullptr);
+  ServicePublisher other(guest, kService, third);
+  friendly.Publish(MakeInstance("friend"));
+  other.Publish(MakeInstance("guest"));
+  ASSERT_TRUE(friendly.AwaitPublished(kLimit));
+  ASSERT_TRUE(other.AwaitPublished(kLimit));
+  friendly.Remove();
+  EXPECT_TRUE(friendly.AwaitAbsent(kLimit));
+  other.Remove();
+  EXPECT_TRUE(Eventually([&] { return other.Status().lastError == ZNOAUTH; }));
+  guest->Stop();
+  EXPECT_TRUE(m_observer->Await(EventKind::Removed, kDc, third));
+  EXPECT_THROW(ServicePublisher(m_conn, kService, m_id, "digest:owner:secret-word:r"), std::invalid_argument);
+  EXPECT_EQ(log.Count("", "secret-word"), 0);
 }
 
 TEST_F(ServicePublisherTest, OfTwoWithOneIdTheSecondIsToldAndTakesOverInTheEnd) {

@@ -367,6 +367,7 @@ int zoo_add_auth(zhandle_t*, const char*, const char*, int, void_completion_t, c
 int zoo_set_servers_resolution_delay(zhandle_t*, int) { return ZOK; }
 int zoo_state(zhandle_t* zh) { return zh == nullptr ? 0 : zh->state; }
 const clientid_t* zoo_client_id(zhandle_t* zh) { return &zh->id; }
+int zoo_aget_acl(zhandle_t*, const char*, acl_completion_t, const void*) { return ZUNIMPLEMENTED; }
 int zoo_recv_timeout(zhandle_t* zh) { return zh->timeout; }
 int is_unrecoverable(zhandle_t* zh) { return zh->state < 0 ? ZINVALIDSTATE : ZOK; }
 const char* zerror(int) { return "simulated"; }
