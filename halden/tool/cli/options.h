@@ -66,6 +66,7 @@ struct PublishOptions : CommonOptions {
   zr::messaging::halden::ServiceInstanceData instance;  ///< all but service name and start time
   std::optional<unsigned> count;  ///< when given, every instance has the attribute "index"
   std::optional<ServiceId> id;    ///< null: a new one
+  std::string acl;                ///< empty: as the configuration says
 };
 
 /// A text that is asked for: help, version, example.

@@ -9,6 +9,7 @@
 #include <limits>
 #include <string_view>
 
+#include "model/access_list.h"
 #include "render/instance_text.h"
 
 namespace zr::halden::tool {
@@ -59,6 +60,14 @@ messaging::halden::StatusExt ParseStatus(const std::string& word) {
   return *status;
 }
 
+/// The text is not repeated: it may be a credential by mistake.
+std::string ReadAcl(const std::string& word) {
+  const auto parsed = details::ParseAccessList(word);
+  if (!parsed.error.empty())
+    Refuse(fmt::format("bad --acl, character {}: {}", parsed.offset + 1, parsed.error));
+  return word;
+}
+
 }  // namespace
 
 void DeclarePublishOptions(CLI::App& command, Words& words) {
@@ -83,12 +92,18 @@ void DeclarePublishOptions(CLI::App& command, Words& words) {
   command.add_option("--weight", words.weight, "Relative share of requests; 0: not said")
       ->type_name("W")
       ->capture_default_str();
+  command
+      .add_option(
+          "--acl", words.acl,
+          "Who may do what with the instances (default: as the configuration says; else everybody all)")
+      ->type_name("ACL");
   command.add_option("--service-version", words.serviceVersion, "The instance's version")->type_name("V");
 }
 
 void ReadPublishOptions(const CLI::App& command, const Words& words, PublishOptions& options) {
   constexpr unsigned mostInstances = 10000;
   options.dataCenter = words.dataCenter;
+  if (command.count("--acl") != 0) options.acl = ReadAcl(words.acl);
   if (words.count) options.count = ParseNumber<unsigned>("--count", *words.count, 1, mostInstances);
   if (words.publishedId) options.id = ReadId("--id", *words.publishedId);
   auto& instance = options.instance;

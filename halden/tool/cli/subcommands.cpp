@@ -107,7 +107,7 @@ Invocation ReadDoctor(const CLI::App& command, const Words& words) {
 }
 
 Invocation ReadPublish(const CLI::App& command, const Words& words) {
-  PublishOptions options{ReadCommon(words), ReadService(words), {}, {}, {}, {}};
+  PublishOptions options{ReadCommon(words), ReadService(words), {}, {}, {}, {}, {}};
   ReadPublishOptions(command, words, options);
   return options;
 }
@@ -220,8 +220,9 @@ void AddReaders(CLI::App& app, Words& words) {
       app, words, {"doctor", "Look for what is wrong or will go wrong, and say what to do"}, ReadDoctor);
   AddService(doctor, words, false);
   doctor.footer(
-      "Checks the configuration, names, servers, sessions and access rights; with SERVICE also its nodes,\n"
-      "their sizes, and what watching them costs. Returns 1 when a check failed; a warning is no failure.\n\n"
+      "Checks the configuration, credentials, names, servers, sessions and access rights; with SERVICE also\n"
+      "its nodes, their sizes, what watching them costs, and what anybody could do to them. Returns 1 when a "
+      "check failed; a warning is no failure.\n\n"
       "Example:\n  halden doctor orders --config halden.toml\n");
 }
 
@@ -232,6 +233,9 @@ void AddPublish(CLI::App& app, Words& words) {
   AddService(command, words);
   DeclarePublishOptions(command, words);
   command.footer(
+      "An ACL is \"creator\": everybody may read the instances, only who has the data centre's credential "
+      "may\n"
+      "change them; or a list in ZooKeeper's text form, SCHEME:ID:PERMISSIONS[,...].\n\n"
       "Prints the id of each instance once it is published. SIGUSR1 changes their status to degraded,\n"
       "SIGUSR2 back to ok; SIGINT, SIGTERM and SIGHUP remove them and end.\n\n"
       "Example:\n  halden publish orders --config halden.toml --dc eu-west --host 10.0.0.7 \\\n"

@@ -43,6 +43,7 @@ struct Words {
   std::string status{kStatusOk};
   std::string weight{"0"};
   std::string serviceVersion;
+  std::string acl;
   std::function<Invocation()> read;  ///< of the command that was named
 };
 

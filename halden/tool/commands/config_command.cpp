@@ -25,6 +25,7 @@ void CheckConfiguration(const ConfigCheckOptions& options, LineWriter& output) {
     }
   };
   add(config.faults, true);
+  add(config.authFaults, true);
   if (!options.quiet) add(config.warnings, false);
   const bool empty = config.faults.empty() && config.ensembles.empty();
   if (empty) {
@@ -33,7 +34,7 @@ void CheckConfiguration(const ConfigCheckOptions& options, LineWriter& output) {
     fault.message = "no data centre: expected at least one in [data_centers]";
     add({fault}, true);
   }
-  const bool good = config.faults.empty() && !empty;
+  const bool good = config.faults.empty() && config.authFaults.empty() && !empty;
   if (good && !options.json && !options.quiet) {
     text += fmt::format("{}: in order, {}\n", EscapeControls(options.path),
                         Counted(config.ensembles.size(), "data centre"));

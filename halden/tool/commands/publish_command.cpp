@@ -15,6 +15,8 @@
 #include "halden/service_publisher.h"
 #include "io/failure.h"
 #include "io/signals.h"
+#include "model/access_list.h"
+#include "model/connect_string.h"
 #include "render/json.h"
 #include "render/state_text.h"
 
@@ -39,6 +41,11 @@ std::shared_ptr<Connection> MakeConnection(const PublishOptions& options) {
     throw Failure(kWrongUsage, fmt::format("bad --dc '{}': {} has {}", options.dataCenter, options.configPath,
                                            fmt::join(names, ", ")));
   }
+  if (details::NeedsCredential(details::ParseAccessList(options.acl).value) &&
+      details::ParseConnectString(found->second).value.authFile.empty()) {
+    throw Failure(kWrongUsage, fmt::format("bad --acl '{}': {} gives data centre {} no auth_file",
+                                           options.acl, options.configPath, options.dataCenter));
+  }
   const std::vector<zr::String> hosts{found->second};
   return std::make_shared<Connection>(hosts, true, zr::String(), kSessionTimeout, options.dataCenter);
 }
@@ -60,7 +67,7 @@ class Instances {
       }
       m_data.push_back(std::move(data));
       const ServiceId id = options.id.value_or(MakeServiceId());
-      m_publishers.push_back(std::make_unique<ServicePublisher>(conn, options.service, id));
+      m_publishers.push_back(std::make_unique<ServicePublisher>(conn, options.service, id, options.acl));
       m_publishers.back()->Publish(m_data.back());
     }
   }
@@ -74,6 +81,12 @@ class Instances {
       if (publisher.Status().state != PublishState::Published) return;
       output.Write(json ? PublishedLine(m_dataCenter, publisher.Id()) : ToString(publisher.Id()) + '\n');
     }
+  }
+
+  /// Of the first that is not published; empty where no write of it has failed.
+  std::string Trouble() const {
+    const int error = AllPrinted() ? 0 : m_publishers[m_printed]->Status().lastError;
+    return error == 0 ? std::string() : fmt::format(" (write failed: {})", zerror(error));
   }
 
   /// Tells of each instance once that another process publishes it.
@@ -132,7 +145,7 @@ void ServeUntilEnd(Instances& instances, const PublishOptions& options, const Co
     if (instances.AllPrinted()) continue;
     const auto now = steady_clock::now();
     if (now < complainAt && now < failAt) continue;
-    const std::string state = StateText({conn.DataCenterName(), conn.Status(), {}});
+    const std::string state = StateText({conn.DataCenterName(), conn.Status(), {}}) + instances.Trouble();
     if (now >= failAt) {
       throw Failure(kFailed, fmt::format("{}: not published within {} s: {}", conn.DataCenterName(),
                                          options.timeout->count(), state));

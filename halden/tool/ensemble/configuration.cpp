@@ -13,6 +13,7 @@ DataCenterEnsembleMapT LoadEnsembles(const std::string& path, bool quiet) {
   for (const auto& warning : config.warnings) {
     if (!quiet) Complain("warning: " + warning.Text());
   }
+  for (const auto& fault : config.authFaults) Complain(fault.Text());
   std::string faults;
   for (const auto& fault : config.faults) faults += (faults.empty() ? "" : "\n") + fault.Text();
   if (!faults.empty()) throw Failure(kFailed, faults);

@@ -2,12 +2,14 @@
 #include "ensemble/diagnosis.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <zookeeper/zookeeper.h>
 
 #include <algorithm>
 #include <utility>
 
 #include "client/watch_budget.h"
+#include "model/access_list.h"
 #include "model/layout.h"
 #include "render/state_text.h"
 #include "render/text.h"
@@ -86,7 +88,9 @@ void CheckSession(const EnsembleFacts& facts, Report& report) {
   const bool reached = std::any_of(facts.servers.begin(), facts.servers.end(),
                                    [](const auto& server) { return server.connectError.empty(); });
   report.Add("session", Verdict::Failure, "none: " + StateText({{}, facts.status, {}}),
-             !reached
+             facts.status.state == ConnectionState::AuthFailed
+                 ? "mend the credential's file, or the servers' authentication providers"
+             : !reached
                  ? "see the servers"
                  : "see that a majority of the ensemble is up, that the port is its client port, and that "
                    "the servers' maxClientCnxns is not used up");
@@ -96,14 +100,21 @@ void CheckSession(const EnsembleFacts& facts, Report& report) {
 bool CheckAccess(const EnsembleFacts& facts, const std::string& service, Report& report) {
   const int code = facts.service ? facts.service->code : facts.servicesCode;
   if (code != ZNOAUTH) {
-    report.Ok("authentication", "none is needed to read; the configuration holds no credentials");
+    report.Ok("authentication", facts.hasCredential
+                                    ? "with the credential of auth_file"
+                                    : "none is needed to read; the configuration has no auth_file");
     return true;
   }
-  report.Add("authentication", Verdict::Failure,
-             fmt::format("{} may not be read, and the configuration holds no credentials",
-                         facts.service ? details::ServicePath(service) : details::kServicesPath),
-             "let everybody read it and what is below (ACL world:anyone:r); or follow the service in "
-             "application-managed mode, whose connections take a digest");
+  const auto path = facts.service ? details::ServicePath(service) : zr::String(details::kServicesPath);
+  if (facts.hasCredential) {
+    report.Add("authentication", Verdict::Failure, path + " may not be read with the credential of auth_file",
+               "see that it is the right one: servers take any password of a digest for one more identity");
+  } else {
+    report.Add(
+        "authentication", Verdict::Failure, path + " may not be read, and the configuration has no auth_file",
+        "give the data centre one with a credential that may read it; or let everybody read it and what is "
+        "below (ACL world:anyone:r)");
+  }
   return false;
 }
 
@@ -171,6 +182,38 @@ bool CheckNodes(const ServiceFacts& facts, const std::string& service, Report& r
   return true;
 }
 
+/// "add, change, remove": what who has no credential could do.
+std::string Deeds(const Exposure& exposure, std::size_t instances) {
+  const std::int32_t lists = exposure.service | exposure.partitions;
+  std::vector<std::string> deeds;
+  if ((lists & (details::kCreate | details::kWrite)) != 0) deeds.emplace_back("add instances");
+  if ((exposure.instances & details::kWrite) != 0)
+    deeds.push_back(fmt::format("change {} of {}", exposure.writable, instances));
+  if ((exposure.partitions & details::kDelete) != 0) deeds.emplace_back("remove instances");
+  if (((lists | exposure.instances) & details::kAdmin) != 0) deeds.emplace_back("take others' rights away");
+  return fmt::format("{}", fmt::join(deeds, ", "));
+}
+
+/// Where nobody is told apart all of it is meant; where somebody is, what more than adding is open was forgotten.
+void CheckExposure(const EnsembleFacts& facts, Report& report) {
+  const auto& exposure = facts.service->exposure;
+  if (exposure.code != ZOK) {
+    return report.Add("access", Verdict::Warning,
+                      fmt::format("not all access lists could be read: {}", zerror(exposure.code)),
+                      "ask with a credential that may read the nodes");
+  }
+  const auto deeds = Deeds(exposure, facts.service->instances);
+  if (deeds.empty()) return report.Ok("access", "who has no credential can change nothing");
+  const auto finding = fmt::format("who has no credential can {}", deeds);
+  const auto more =
+      (exposure.service | exposure.partitions) & (details::kDelete | details::kWrite | details::kAdmin);
+  const bool open = more != 0 || (exposure.instances & (details::kWrite | details::kAdmin)) != 0;
+  if (!facts.hasCredential || !open) return report.Ok("access", finding);
+  report.Add("access", Verdict::Warning, finding,
+             "publish with acl = \"creator\"; nodes that were there before stay open until their last child "
+             "is gone");
+}
+
 void CheckSizes(const ServiceFacts& facts, Report& report) {
   if (facts.instances == 0) return;
   const std::string finding =
@@ -198,12 +241,16 @@ std::vector<Check> DiagnoseConfig(const ZooKeeperConfig& config, const std::stri
     report.Add("configuration", Verdict::Failure, fault.Text(),
                "correct it; 'halden config example' prints a file that is in order");
   }
+  for (const auto& fault : config.authFaults) {
+    report.Add("configuration", Verdict::Failure, fault.Text(),
+               "put one line scheme:credential there, and close the file to others (chmod 600)");
+  }
   for (const auto& warning : config.warnings) {
     report.Add("configuration", Verdict::Warning, warning.Text(), "correct or remove it");
   }
   if (config.ensembles.empty() && config.faults.empty()) {
     report.Add("configuration", Verdict::Failure, path + ": no data centre", "add one to [data_centers]");
-  } else if (config.faults.empty()) {
+  } else if (config.faults.empty() && config.authFaults.empty()) {
     report.Ok("configuration", fmt::format("{}: {}", path, Counted(config.ensembles.size(), "data centre")));
   }
   return report.Take();
@@ -221,6 +268,7 @@ std::vector<Check> Diagnose(const EnsembleFacts& facts, const std::string& servi
   } else if (CheckNodes(*facts.service, service, report)) {
     CheckSizes(*facts.service, report);
     CheckWatches(*facts.service, report);
+    CheckExposure(facts, report);
   }
   return report.Take();
 }

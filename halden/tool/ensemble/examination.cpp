@@ -11,6 +11,7 @@
 #include "client/watch_budget.h"
 #include "ensemble/reachability.h"
 #include "halden/instance_data.h"
+#include "model/access_list.h"
 #include "model/connect_string.h"
 #include "model/layout.h"
 #include "model/node_codec.h"
@@ -64,6 +65,14 @@ class ServiceExamination {
     }
     const auto lists = m_reader.Ask(partitions);
     for (std::size_t i = 0; i < lists.size(); ++i) ExaminePartition(partitions[i].path, lists[i]);
+    m_facts.exposure.service = AnyoneAt({m_path}).at(0);
+    std::vector<zr::String> paths;
+    for (const auto& partition : partitions) paths.push_back(partition.path);
+    for (const auto permissions : AnyoneAt(paths)) m_facts.exposure.partitions |= permissions;
+    for (const auto permissions : AnyoneAt(m_instances)) {
+      m_facts.exposure.instances |= permissions;
+      if ((permissions & details::kWrite) != 0) ++m_facts.exposure.writable;
+    }
     return m_facts;
   }
 
@@ -83,10 +92,24 @@ class ServiceExamination {
     for (std::size_t i = 0; i < nodes.size(); ++i) ExamineNode(questions[i].path, nodes[i]);
   }
 
+  /// What everybody may do at each of these.
+  std::vector<std::int32_t> AnyoneAt(const std::vector<zr::String>& paths) {
+    std::vector<Question> questions;
+    for (const auto& path : paths) questions.push_back({Request::Kind::GetAccess, path});
+    std::vector<std::int32_t> permissions;
+    for (const auto& reply : m_reader.Ask(questions)) {
+      permissions.push_back(details::PermissionsOfAnyone(reply.access));
+      const bool failed = reply.code != ZOK && reply.code != ZNONODE;
+      if (failed && m_facts.exposure.code == ZOK) m_facts.exposure.code = reply.code;
+    }
+    return permissions;
+  }
+
   void ExamineNode(const zr::String& path, const details::Reply& node) {
     if (!Readable(node.code)) return;
     CountWatch(path);
     ++m_facts.instances;
+    m_instances.push_back(path);
     m_facts.total += node.value.size();
     if (node.value.size() > m_facts.largest) {
       m_facts.largest = node.value.size();
@@ -120,6 +143,7 @@ class ServiceExamination {
   const std::string m_service;
   const zr::String m_path;
   const zr::String m_chroot;
+  std::vector<zr::String> m_instances;  // their paths
   ServiceFacts m_facts;
 };
 
@@ -130,6 +154,7 @@ EnsembleFacts Examine(EnsembleReader& reader, const zr::String& ensemble, const 
   EnsembleFacts facts;
   facts.dataCenter = reader.DataCenter();
   facts.chroot = parsed.chroot;
+  facts.hasCredential = !parsed.authFile.empty();
   facts.servers = ExamineServers(parsed.hosts);
   facts.session = reader.AwaitSession();
   facts.status = reader.Status();

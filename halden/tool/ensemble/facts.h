@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,6 +17,16 @@ struct ServerFacts {
   bool isName = false;
   std::string resolveError;
   std::string connectError;  ///< empty where one of its addresses takes connections
+};
+
+/// What who has no credential may do to a service: permissions as bits (see details::Permission), of any of its
+/// nodes of a kind.
+struct Exposure {
+  int code = 0;  ///< of the first look at an access list that failed
+  std::int32_t service = 0;
+  std::int32_t partitions = 0;
+  std::int32_t instances = 0;
+  std::size_t writable = 0;  ///< instances
 };
 
 /// A service's nodes in one data centre.
@@ -34,6 +45,7 @@ struct ServiceFacts {
   std::string largestPath;
   std::size_t total = 0;       ///< bytes
   std::size_t watchBytes = 0;  ///< of all watches on it, in the packet that sets them again
+  Exposure exposure;
 };
 
 struct EnsembleFacts {
@@ -42,6 +54,7 @@ struct EnsembleFacts {
   ConnectionStatus status;
   bool session = false;
   std::string chroot;
+  bool hasCredential = false;
   int chrootCode = 0;        ///< of a look at it
   int servicesCode = 0;      ///< of a read of the node above all services
   std::size_t services = 0;  ///< that it has

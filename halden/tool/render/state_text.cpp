@@ -63,7 +63,7 @@ std::string_view Condition(const DataCenterStatus& status) {
     case ConnectionState::Expired:
       return "session expired";
     case ConnectionState::AuthFailed:
-      return "authentication refused";
+      return "authentication failed";
     case ConnectionState::Stopped:
       return "stopped";
   }

@@ -38,6 +38,13 @@ void ExpectRefused(const Arguments& words, const std::string& part) {
   }
 }
 
+TEST(CommandLine, ReadsAnAccessListAndRepeatsNoneThatIsWrong) {
+  EXPECT_EQ(std::get<PublishOptions>(Parse(kPublish + Arguments{"--acl", "creator"})).acl, "creator");
+  ExpectRefused(kPublish + Arguments{"--acl", "auth::r,digest:a:pass:r"},
+                "bad --acl, character 16: not a digest");
+  ExpectRefused(kPublish + Arguments{"--acl", ""}, "bad --acl, character 1: ");
+}
+
 TEST(CommandLine, ReadsPortsAndAttributesAsTyped) {
   const Arguments more{"--port", "admin=010", "--attribute", "[a=b]", "--attribute", "url=x=y"};
   const auto options = std::get<PublishOptions>(Parse(kPublish + more + Arguments{"--status", "degraded"}));

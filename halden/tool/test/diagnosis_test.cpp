@@ -48,10 +48,28 @@ TEST(Diagnosis, TellsFailuresFromWarningsAndBothFromWhatIsWell) {
       // Who follows a service does not read the node above it.
       {[](auto& f) { f.servicesCode = ZNOAUTH; }, ""},
       {[](auto& f) { f.servicesCode = ZNOAUTH, f.service.reset(); },
-       "!authentication: /halden/services may not be read, and the configuration holds no credentials\n"},
+       "!authentication: /halden/services may not be read, and the configuration has no auth_file\n"},
       {[](auto& f) { f.service->code = ZNOAUTH; },
-       "!authentication: /halden/services/orders may not be read, and the configuration holds no "
-       "credentials\n"},
+       "!authentication: /halden/services/orders may not be read, and the configuration has no "
+       "auth_file\n"},
+      {[](auto& f) { f.hasCredential = true, f.service->code = ZNOAUTH; },
+       "!authentication: /halden/services/orders may not be read with the credential of auth_file\n"},
+      {[](auto& f) {
+         f.service->exposure = {0, 31, 31, 31, 10};
+       },
+       ""},  // nobody is told apart
+      {[](auto& f) {
+         f.hasCredential = true, f.service->exposure = {0, 5, 5, 1, 0};
+       },
+       ""},
+      {[](auto& f) {
+         f.hasCredential = true, f.service->exposure = {0, 5, 31, 31, 3};
+       },
+       "access: who has no credential can add instances, change 3 of 10, remove instances, take others' "
+       "rights "
+       "away\n"},
+      {[](auto& f) { f.service->exposure.code = ZNOAUTH; },
+       "access: not all access lists could be read: not authenticated\n"},
       {[](auto& f) { f.service->unreadable = 2, f.service->unreadableExample = "/x: empty"; },
        "!service: 2 of 10 instances cannot be read and are not announced: /x: empty\n"},
       {[](auto& f) { f.service->unfit = 1, f.service->unfitExample = "/x: port 0"; },

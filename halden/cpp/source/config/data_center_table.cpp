@@ -94,9 +94,12 @@ class TableReader {
                       "auth_file of " + Subject() + " is given twice: expected it here or in hosts");
     if (!m_acl.empty() && !m_ensemble.acl.empty())
       return AddFault(m_aclPlace, "acl of " + Subject() + " is given twice: expected it here or in hosts");
-    if (m_acl == "creator" && m_authFile.empty() && m_ensemble.authFile.empty())
-      return AddFault(m_aclPlace, "acl \"creator\" of " + Subject() +
-                                      " without auth_file: expected the file of a credential");
+    const bool hasFile = !m_authFile.empty() || !m_ensemble.authFile.empty();
+    if (!hasFile && NeedsCredential(ParseAccessList(m_acl).value)) {
+      return AddFault(m_aclPlace, "acl of " + Subject() +
+                                      " without auth_file: expected one, since it gives rights to " +
+                                      "who has authenticated");
+    }
     if (!m_authFile.empty()) {
       m_read.connectString = WithOption(m_read.connectString, kAuthFileOption, InFolder(m_authFile));
       m_read.authFilePlace = m_authFilePlace;

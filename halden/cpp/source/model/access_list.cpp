@@ -115,6 +115,10 @@ AccessList AboveAccess(const AccessList& list) {
   return above;
 }
 
+bool NeedsCredential(const AccessList& list) {
+  return std::any_of(list.begin(), list.end(), [](const auto& entry) { return entry.scheme == kAuth; });
+}
+
 std::int32_t PermissionsOfAnyone(const AccessList& list) {
   std::int32_t permissions = 0;
   for (const auto& entry : list) {

@@ -49,6 +49,9 @@ ParsedAccessList ParseAccessList(std::string_view text);
 /// others can publish the service too.
 AccessList AboveAccess(const AccessList& list);
 
+/// Whoever creates a node with it must have authenticated.
+bool NeedsCredential(const AccessList& list);
+
 /// What who has no credential may do.
 std::int32_t PermissionsOfAnyone(const AccessList& list);
 

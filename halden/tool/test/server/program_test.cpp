@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <utility>
@@ -131,6 +132,46 @@ TEST_F(Command, NamesAnEnsembleThatIsDownAndDoesNotTakeItForAnEmptyOne) {
   EXPECT_EQ(stopped.Read(1).size(), 1U);
   stopped.Signal(SIGTERM);
   EXPECT_EQ(stopped.End(), 0);
+}
+
+TEST_F(Command, AuthenticatesAndProtectsAndNeverTellsTheSecret) {
+  halden::testing::ZooKeeperServer server;
+  server.Start();
+  const std::string file = m_folder.Path() / "eu.auth";
+  const auto write = [&](const std::string& credential) {
+    std::ofstream(file) << credential << '\n';
+    std::filesystem::permissions(file,
+                                 std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  };
+  std::string all;  // that was printed
+  const auto outcome = [&](const std::string& words) { return all += Outcome(words); };
+  std::ofstream(m_config) << "[data_centers.eu]\nhosts = '" << server.ConnectString("/p")
+                          << "'\nauth_file = 'eu.auth'\nacl = 'creator'\n";
+  write("digest:secret-word");
+  const std::string why = "toml:3:13: .*credential of data centre \"eu\": [^ ]*eu.auth:1:8: not a digest";
+  EXPECT_THAT(outcome("config check"), ContainsRegex(why + ".*= 1"));
+  EXPECT_THAT(outcome("doctor"),
+              ContainsRegex(why + ".*none: authentication failed .no credential: .*eu.auth:1:8"));
+  EXPECT_THAT(outcome("status orders --json --verbose --timeout 1"),
+              ContainsRegex("authentication failed.*= 1"));
+  write("digest:user:secret-word");
+  EXPECT_THAT(outcome("config check"), HasSubstr("= 0"));
+  Program publisher = Start("publish orders --dc eu --host h --port 80 --log-level debug");
+  Lines line{""};
+  for (; !line.empty() && line[0].size() != kId.size(); line = publisher.Read(1)) all += line[0] + '\n';
+  ASSERT_THAT(line, SizeIs(1)) << all;
+  EXPECT_THAT(outcome("doctor orders"),
+              ContainsRegex("who has no credential can add instances\n.* 0 warnings"));
+  for (const char* words : {"list orders --log-level debug", "watch orders --timeout 0 --log-level debug",
+                            "services --log-level debug", "status orders --json", "doctor orders --json"})
+    outcome(words);
+  outcome("get orders --log-level debug " + line[0]);
+  std::ofstream(m_config) << "[data_centers]\neu = '" << server.ConnectString("/p") << "'\n";
+  EXPECT_THAT(Outcome("doctor orders"),
+              ContainsRegex("who has no credential can add instances\n.* 0 warnings"));
+  EXPECT_THAT(Outcome("publish orders --dc eu --host h --port 1 --acl creator"),
+              HasSubstr("no auth_file\n= 2"));
+  EXPECT_THAT(all, Not(HasSubstr("secret-word")));
 }
 
 TEST_F(Command, PublishesWhatTheOthersTell) {
