@@ -46,7 +46,7 @@ struct ZR_EXPORT ZooKeeperConfig {
 /// which names the file and never holds what is in it: "zk1.us:2181/platform?auth_file=%2Fetc%2Fus-east.auth&acl=creator".
 /// Throws nothing on bad input: every fault is in the result, in the file's order, and costs no entry but
 /// its own. Only a syntax error ends the reading: the result is what stands before its line, and the fault
-/// says so. A data centre that is given twice is in no result. Of more than 100 faults or warnings the rest
+/// says so. A data centre that is given twice is in no result, nor is a table that the error may be in. Of more than 100 faults or warnings the rest
 /// is not listed. At most 1 MiB is read.
 ZR_EXPORT ZooKeeperConfig ReadZooKeeperConfig(const std::string& path);
 

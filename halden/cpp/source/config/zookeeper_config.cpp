@@ -169,6 +169,7 @@ class Reader {
   }
 
   void ReadRoot(const toml::table& root) {
+    FindLastHeader(root, m_lastHeader);
     const toml::node* dataCenters = root.get(kDataCenters);
     for (const auto& [key, node] : InOrder(root)) {
       if (key->str() == kLocal) {
@@ -244,7 +245,15 @@ class Reader {
     AddEnsemble(key, text, place);
   }
 
+  /// What follows may belong to it, and be what was to protect the data centre.
+  bool IsCutOff(const toml::key& key, const toml::table& table) const {
+    if (!m_isCutOff || table.is_inline()) return false;
+    const bool hasHeader = table.source().begin < key.source().begin;
+    return !hasHeader || m_lastHeader == &table;
+  }
+
   void ReadTable(const toml::key& key, const toml::table& table, Cursor& cursor) {
+    if (IsCutOff(key, table)) return;
     const auto entry = details::ReadDataCenterTable(table, key.str(), m_path, cursor);
     for (const auto& [place, message] : entry.faults) AddFault(place, message);
     if (entry.faults.empty()) AddEnsemble(key, entry.connectString, entry.authFilePlace);
@@ -273,6 +282,7 @@ class Reader {
   const std::string& m_path;
   std::string m_text;
   bool m_isCutOff = false;                             // read only up to a syntax error
+  const toml::table* m_lastHeader = nullptr;           // the table of the last one that was read
   std::map<zr::String, const toml::key*> m_firstKeys;  // by ensemble
   ZooKeeperConfig m_config;
 };

@@ -30,7 +30,10 @@ class Credentials {
     m_known = m_fault.empty();
   }
   /// The next session may be one of before, and its credential is to be read even so.
-  void Forget() { m_known = false; }
+  void Forget() {
+    m_known = false;
+    m_fault.clear();
+  }
   /// There is one, or none is needed.
   bool Known() const { return !m_file || m_known; }
   /// Why there is none; empty before it was looked for.

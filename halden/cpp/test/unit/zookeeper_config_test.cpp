@@ -211,6 +211,9 @@ TEST_F(ZooKeeperConfigTest, WhatStandsBeforeTheLineOfASyntaxErrorIsReadAllTheSam
            {"[data_centers]\nb = 'h:3'", "4:2: \"data_centers\"" + again + "line 2, column 2"},
            {"[zeta.x]\ngood = 1\ngood = 2", "6:1: \"good\"" + again + "line 5, column 1"},
            {"[other]\ngood = 1\ngood = 2", "6:1: \"good\"" + again + "line 5, column 1"},
+           {"[data_centers.b]\nhosts = 'h:1'\nauth_file = b.auth", "6:13: not valid TOML"},
+           {"b.hosts = 'h:1'\nc.hosts = 'h:1'\nb.auth_file = b.auth", "6:15: not valid TOML"},
+           {"[data_centers.b]\nhosts = 'h:1'\nhosts = 'h:2'", "6:1: \"hosts\"" + again + "line 5, column 1"},
            {"[other]\n[zeta]", "5:2: \"zeta\"" + again + "line 1, column 1"},
        }) {
     const auto config = Read(before + text);
