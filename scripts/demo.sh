@@ -200,7 +200,7 @@ check "the instance is in one data centre" test "$(halden get orders "$id" --jso
 check "each has three instances" test "$(halden services --json | grep -c '"service":"orders","instances":3}')" -eq 3
 
 step "Whether anything is wrong: halden doctor"
-halden doctor orders | tail -n 9 | indent
+halden doctor orders | tail -n 10 | indent
 check "nothing is wrong" halden doctor orders --quiet
 
 step "What happens, as it happens: halden watch"

@@ -19,6 +19,14 @@ us-east = "10.1.0.1:2181,10.1.0.2:2181,10.1.0.3:2181/platform"
 
 # IPv6 addresses stand in brackets.
 ap-south = "[2001:db8::1]:2181,[2001:db8::2]:2181,[2001:db8::3]:2181"
+
+# With more to say of it a data centre is a table. auth_file holds one line, as in "digest:user:password", and is
+# closed to others than its owner and group; a relative name is in this file's folder. acl says who may do what with the
+# instances that are published: "creator", or a list in ZooKeeper's text form.
+# [data_centers.sa-east]
+# hosts = "zk1.sa-east.example:2181,zk2.sa-east.example:2181/platform"
+# auth_file = "sa-east.auth"
+# acl = "creator"
 )";
 }
 

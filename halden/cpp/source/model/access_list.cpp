@@ -23,16 +23,16 @@ bool IsBlank(unsigned char c) {
   return c <= ' ' || c == 0x7F;
 }
 
-/// "user:" and the base64 text of a SHA-1. A password in its place would not only be in the clear, but also give
-/// nobody any right.
+/// "user:" and the base64 text of a hash, which is a SHA-1 unless servers are told otherwise. A password in its place
+/// would not only be in the clear, but also give nobody any right.
 bool IsDigest(std::string_view id) {
-  constexpr std::size_t bytes = 28;
+  constexpr std::size_t least = 24;
   const auto colon = id.rfind(':');
   if (colon == std::string_view::npos || colon == 0) return false;
   const auto hash = id.substr(colon + 1);
-  return hash.size() == bytes && hash.back() == '=' && std::all_of(hash.begin(), hash.end() - 1, [](char c) {
-           return IsWordCharacter(c) || c == '+' || c == '/';
-         });
+  const auto isBase64 = [](char c) { return IsWordCharacter(c) || c == '+' || c == '/' || c == '='; };
+  return hash.size() >= least && hash.size() % 4 == 0 && hash.back() == '=' &&
+         std::all_of(hash.begin(), hash.end(), isBase64);
 }
 
 /// What is wrong with the id; empty for nothing.

@@ -297,6 +297,10 @@ TEST_F(ServiceWatcherTest, WhatMustNotBeReadIsReportedAndComesOnceItMay) {
     Client(kDc).SetAccess(locked, Access::Everybody);
     EXPECT_TRUE(AwaitTruth()) << locked;
   }
+  for (const auto* above : {"/halden/services", "/halden", ""}) Client(kDc).SetAccess(above, Access::Creator);
+  m_conn->ForceExpire();
+  WriteSome(1);
+  EXPECT_TRUE(AwaitTruth()) << "nobody needs what is above the service";
 }
 
 TEST_F(ServiceWatcherTest, AnAuthenticationThatIsRefusedIsReportedAndTriedAgain) {
