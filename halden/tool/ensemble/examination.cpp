@@ -65,14 +65,7 @@ class ServiceExamination {
     }
     const auto lists = m_reader.Ask(partitions);
     for (std::size_t i = 0; i < lists.size(); ++i) ExaminePartition(partitions[i].path, lists[i]);
-    m_facts.exposure.service = AnyoneAt({m_path}).at(0);
-    std::vector<zr::String> paths;
-    for (const auto& partition : partitions) paths.push_back(partition.path);
-    for (const auto permissions : AnyoneAt(paths)) m_facts.exposure.partitions |= permissions;
-    for (const auto permissions : AnyoneAt(m_instances)) {
-      m_facts.exposure.instances |= permissions;
-      if ((permissions & details::kWrite) != 0) ++m_facts.exposure.writable;
-    }
+    ExamineAccess(std::move(partitions));
     return m_facts;
   }
 
@@ -92,12 +85,21 @@ class ServiceExamination {
     for (std::size_t i = 0; i < nodes.size(); ++i) ExamineNode(questions[i].path, nodes[i]);
   }
 
-  /// What everybody may do at each of these.
-  std::vector<std::int32_t> AnyoneAt(const std::vector<zr::String>& paths) {
-    std::vector<Question> questions;
-    for (const auto& path : paths) questions.push_back({Request::Kind::GetAccess, path});
+  void ExamineAccess(std::vector<Question> partitions) {
+    auto& exposure = m_facts.exposure;
+    exposure.service = AnyoneAt({{Request::Kind::GetAccess, m_path}}).at(0);
+    for (const auto permissions : AnyoneAt(std::move(partitions))) exposure.partitions |= permissions;
+    for (const auto permissions : AnyoneAt(std::move(m_instances))) {
+      exposure.instances |= permissions;
+      if ((permissions & details::kWrite) != 0) ++exposure.writable;
+    }
+  }
+
+  /// What everybody may do at each of these nodes.
+  std::vector<std::int32_t> AnyoneAt(std::vector<Question> nodes) {
+    for (auto& node : nodes) node.kind = Request::Kind::GetAccess;
     std::vector<std::int32_t> permissions;
-    for (const auto& reply : m_reader.Ask(questions)) {
+    for (const auto& reply : m_reader.Ask(nodes)) {
       permissions.push_back(details::PermissionsOfAnyone(reply.access));
       const bool failed = reply.code != ZOK && reply.code != ZNONODE;
       if (failed && m_facts.exposure.code == ZOK) m_facts.exposure.code = reply.code;
@@ -109,7 +111,7 @@ class ServiceExamination {
     if (!Readable(node.code)) return;
     CountWatch(path);
     ++m_facts.instances;
-    m_instances.push_back(path);
+    m_instances.push_back({Request::Kind::GetAccess, path});
     m_facts.total += node.value.size();
     if (node.value.size() > m_facts.largest) {
       m_facts.largest = node.value.size();
@@ -143,7 +145,7 @@ class ServiceExamination {
   const std::string m_service;
   const zr::String m_path;
   const zr::String m_chroot;
-  std::vector<zr::String> m_instances;  // their paths
+  std::vector<Question> m_instances;  // for their access lists
   ServiceFacts m_facts;
 };
 

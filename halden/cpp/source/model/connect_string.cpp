@@ -241,6 +241,13 @@ ParsedConnectString ParseConnectString(const zr::String& text) {
   return Parser(text).Parse();
 }
 
+void AddTo(ConnectString& all, ConnectString&& more) {
+  all.hosts.insert(all.hosts.end(), more.hosts.begin(), more.hosts.end());
+  all.chroot = std::move(more.chroot);
+  if (!more.authFile.empty()) all.authFile = std::move(more.authFile);
+  if (!more.acl.empty()) all.acl = std::move(more.acl);
+}
+
 zr::String WithOption(zr::String text, std::string_view option, std::string_view value) {
   text += text.find('?') == zr::String::npos ? '?' : '&';
   text += option;

@@ -43,6 +43,10 @@ struct ParsedConnectString {
 inline constexpr std::string_view kAuthFileOption = "auth_file";
 inline constexpr std::string_view kAclOption = "acl";
 
+/// Several that name one ensemble: the last one's chroot counts, and an option in whichever it is, since one that is
+/// lost might be what was to protect it.
+void AddTo(ConnectString& all, ConnectString&& more);
+
 /// `text`, which may have options, with one more.
 zr::String WithOption(zr::String text, std::string_view option, std::string_view value);
 /// `text` up to its options, which errors may repeat: whoever takes one for the place of a secret should not find it

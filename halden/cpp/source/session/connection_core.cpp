@@ -40,14 +40,6 @@ std::ostream& operator<<(std::ostream& out, Hex hex) {
   return out << "0x" << std::hex << static_cast<std::uint64_t>(hex.value) << std::dec;
 }
 
-/// An option counts in whichever element it is: one that is not in the last must not be lost.
-void Merge(ConnectString&& more, ConnectString& all) {
-  all.hosts.insert(all.hosts.end(), more.hosts.begin(), more.hosts.end());
-  all.chroot = std::move(more.chroot);
-  if (!more.authFile.empty()) all.authFile = std::move(more.authFile);
-  if (!more.acl.empty()) all.acl = std::move(more.acl);
-}
-
 }  // namespace
 
 ConnectionCore::ConnectionCore(ConnectionOptions options) : m_options(std::move(options)) {}
@@ -79,7 +71,7 @@ ConnectionCore::Target ConnectionCore::Validate(const ConnectionOptions& options
       throw ZooError(ZBADARGUMENTS, "connect string \"" + WithoutOptions(text) + "\", character " +
                                         std::to_string(parsed.offset + 1) + ": " + parsed.error);
     }
-    Merge(std::move(parsed.value), target.ensemble);
+    AddTo(target.ensemble, std::move(parsed.value));
   }
   if (target.ensemble.hosts.empty()) throw ZooError(ZBADARGUMENTS, "no host is given");
   const auto timeout = options.sessionTimeout.count();
