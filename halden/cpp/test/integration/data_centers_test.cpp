@@ -2,15 +2,20 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "halden/event_queue.h"
 #include "halden/global_service_watcher.h"
+#include "halden/service_publisher.h"
+#include "halden/testing/temporary_folder.h"
 #include "support/await.h"
 #include "support/capturing_log.h"
 #include "support/ensemble_test.h"
@@ -92,6 +97,34 @@ TEST_F(DataCentersTest, ChangesAreToldInOrderAQueryInsideTheCallbackShowsThemAnd
   EXPECT_THAT(watcher.ListInstances(), ElementsAre(kept));
   EXPECT_THAT(observer->History(kDc, kept), ElementsAre(EventKind::Added));
   EXPECT_EQ(watcher.Status()[0].watcher.freshness, Freshness::Stale);
+}
+
+TEST_F(DataCentersTest, WhatAPublisherProtectsAsTheConfigurationSaysItPublishesAgainWithANewCredential) {
+  const TemporaryFolder folder;
+  const auto write = [&](const char* name, const std::string& text) {
+    std::ofstream(folder.Path() / name) << text;
+    std::filesystem::permissions(folder.Path() / name, std::filesystem::perms(0600));
+    return (folder.Path() / name).string();
+  };
+  write("a.auth", "digest:old:secret-word\n");
+  const auto config =
+      "[data_centers.eu-west]\nhosts = '" + ConnectString(kDc) + "'\nauth_file = 'a.auth'\nacl = 'creator'\n";
+  GlobalServiceWatcher watcher(kService, LibraryManaged{write("halden.toml", config)});
+  watcher.StartManagedConnections();
+  ASSERT_TRUE(watcher.AwaitSynchronized(kLimit));
+  auto publisher = watcher.MakePublisher(kDc);
+  const auto path = ZooKeeperClient::InstancePath(kService, publisher.Id());
+  publisher.Publish(MakeInstance("host"));
+  ASSERT_TRUE(publisher.AwaitPublished(kLimit));
+  EXPECT_THROW(Client(kDc).Set(path, "evil"), ZooError);
+  write("a.auth", "digest:new:secret-word\n");
+  watcher.GetConnection(kDc)->ForceExpire();
+  ASSERT_TRUE(Eventually([&] { return publisher.Status().published == 2; }));
+  ASSERT_TRUE(publisher.AwaitPublished(kLimit));
+  Client(kDc).Authenticate("digest", "old:secret-word");
+  EXPECT_THROW(Client(kDc).Set(path, "evil"), ZooError);
+  Client(kDc).Authenticate("digest", "new:secret-word");
+  EXPECT_NO_THROW(Client(kDc).SetAccess(path, Access::Creator));
 }
 
 TEST_F(DataCentersTest, EachDataCentersStateIsToldAndCanBeAwaitedApart) {
