@@ -61,7 +61,7 @@ class TableReader {
     const auto parsed = ParseConnectString(text);
     m_ensemble = parsed.value;
     m_read.connectString = text;
-    m_read.authFilePlace = place;
+    m_read.credentialPlace = place;
     if (parsed.error.empty()) return;
     AddFault(PlaceInString(place, text, parsed.offset, m_cursor),
              "hosts of " + Subject() + ": " + parsed.error);
@@ -94,20 +94,16 @@ class TableReader {
                       "auth_file of " + Subject() + " is given twice: expected it here or in hosts");
     if (!m_acl.empty() && !m_ensemble.acl.empty())
       return AddFault(m_aclPlace, "acl of " + Subject() + " is given twice: expected it here or in hosts");
-    const bool hasFile = !m_authFile.empty() || !m_ensemble.authFile.empty();
-    if (!hasFile && NeedsCredential(ParseAccessList(m_acl).value)) {
-      return AddFault(m_aclPlace, "acl of " + Subject() +
-                                      " without auth_file: expected one, since it gives rights to " +
-                                      "who has authenticated");
-    }
     if (!m_authFile.empty()) {
       m_read.connectString = WithOption(m_read.connectString, kAuthFileOption, InFolder(m_authFile));
-      m_read.authFilePlace = m_authFilePlace;
+      m_read.credentialPlace = m_authFilePlace;
+    } else if (!m_acl.empty()) {
+      m_read.credentialPlace = m_aclPlace;
     }
     if (!m_acl.empty()) m_read.connectString = WithOption(m_read.connectString, kAclOption, m_acl);
     const auto parsed = ParseConnectString(m_read.connectString);
     if (!parsed.error.empty())
-      AddFault(m_read.authFilePlace, "auth_file of " + Subject() + ": " + parsed.error);
+      AddFault(m_read.credentialPlace, "auth_file of " + Subject() + ": " + parsed.error);
   }
 
   /// Absolute: a process may go to another folder before it connects.

@@ -18,7 +18,7 @@ namespace zr::halden::details {
 ///     acl = "creator"
 struct DataCenterTable {
   zr::String connectString;  ///< in order where there is no fault
-  Place authFilePlace;       ///< where its file is named
+  Place credentialPlace;     ///< where a credential is named, or where one is needed
   std::vector<std::pair<Place, zr::String>> faults;
 };
 

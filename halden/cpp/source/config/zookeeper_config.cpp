@@ -13,6 +13,7 @@
 #include "config/data_center_table.h"
 #include "config/toml_place.h"
 #include "logger/logger.h"
+#include "model/access_list.h"
 #include "model/config_text.h"
 #include "model/connect_string.h"
 #include "model/credential.h"
@@ -256,18 +257,24 @@ class Reader {
     if (IsCutOff(key, table)) return;
     const auto entry = details::ReadDataCenterTable(table, key.str(), m_path, cursor);
     for (const auto& [place, message] : entry.faults) AddFault(place, message);
-    if (entry.faults.empty()) AddEnsemble(key, entry.connectString, entry.authFilePlace);
+    if (entry.faults.empty()) AddEnsemble(key, entry.connectString, entry.credentialPlace);
   }
 
   /// `text` is in order. A credential that cannot be read costs nothing but itself: it may be there when it is needed.
-  void AddEnsemble(const toml::key& key, const zr::String& text, const Place& authFilePlace) {
+  void AddEnsemble(const toml::key& key, const zr::String& text, const Place& credentialPlace) {
     const auto ensemble = details::ParseConnectString(text).value;
+    if (ensemble.authFile.empty() && details::NeedsCredential(details::ParseAccessList(ensemble.acl).value)) {
+      return AddFault(credentialPlace,
+                      "acl of data centre " + Quoted(key.str()) +
+                          " without auth_file: expected one, since it gives rights to who has "
+                          "authenticated");
+    }
     WarnOfSame(key, details::WithoutOptions(text));
     m_config.ensembles.emplace(key.str(), text);
     if (ensemble.authFile.empty()) return;
     const auto why = details::ReadCredentialFile(ensemble.authFile).error;
     if (why.empty()) return;
-    Add(m_config.authFaults, "faulty credentials", authFilePlace,
+    Add(m_config.authFaults, "faulty credentials", credentialPlace,
         "credential of data centre " + Quoted(key.str()) + ": " + why);
   }
 

@@ -158,6 +158,7 @@ TEST_F(ZooKeeperConfigTest, ATableNamesItsCredentialAndNeverHoldsIt) {
            {"auth = 'digest:user:secret-word'", "3:1: unknown key \"auth\" of data centre \"eu\""},
            {"auth_file = 3", "3:13: \"auth_file\" of data centre \"eu\" is of type integer"},
            {"acl = 'creator'", "3:7: acl of data centre \"eu\" without auth_file"},
+           {"[data_centers]\na = 'h:1?acl=auth::r'", "4:5: acl of data centre \"a\" without auth_file"},
            {"acl = 'auth::rw,digest:u:secret-word:r'", "3:24: acl of data centre \"eu\": not a digest"},
            {"[data_centers.us]\nacl = 'world:anyone:r'", "3:1: data centre \"us\" has no hosts"},
            {"[data_centers.us]\nhosts = 'h:1?acl=auth::r'\nacl = 'auth::r'",
