@@ -55,8 +55,8 @@ struct PublisherStatus {
 /// awaits its close.
 /// Access: by default everybody may do everything with what is published. `acl` "creator" lets everybody read it and
 /// only who has the connection's credential write, replace and delete it; else it is a list in ZooKeeper's text form,
-/// "scheme:id:permissions[,...]" ("world:anyone:r,auth::cdrwa" says the same as "creator"). Empty: as the option `acl` of the
-/// connection's connect string says. The nodes above (the service, its partition) are created with the same list,
+/// "scheme:id:permissions[,...]" ("world:anyone:r,auth::cdrwa" says the same as "creator"). Empty: as the option `acl` of
+/// the connection's connect string says. The nodes above (the service, its partition) are created with the same list,
 /// and everybody may read and create there, so that others can publish the service too; those that are there already
 /// stay as they are. ZooKeeper leaves it to the node above who may delete: so of those who publish one service with
 /// different credentials, one may be unable to take its instance back, which then goes with its session.

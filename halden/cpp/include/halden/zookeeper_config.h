@@ -42,12 +42,15 @@ struct ZR_EXPORT ZooKeeperConfig {
 ///     auth_file = "us-east.auth"  # one line scheme:credential, as in digest:user:password; closed to others
 ///     acl = "creator"  # what publishers protect their nodes with, see ServicePublisher
 ///
-/// A file's name is relative to the configuration's own folder. What comes out for a table is one connect string,
-/// which names the file and never holds what is in it: "zk1.us:2181/platform?auth_file=%2Fetc%2Fus-east.auth&acl=creator".
+/// A file's name is relative to the configuration's own folder. What comes out for a table is one connect string, which
+/// names the file and never holds what is in it:
+///
+///     zk1.us:2181/platform?auth_file=%2Fetc%2Fus-east.auth&acl=creator
+///
 /// Throws nothing on bad input: every fault is in the result, in the file's order, and costs no entry but
 /// its own. Only a syntax error ends the reading: the result is what stands before its line, and the fault
-/// says so. A data centre that is given twice is in no result, nor is a table that the error may be in. Of more than 100 faults or warnings the rest
-/// is not listed. At most 1 MiB is read.
+/// says so. A data centre that is given twice is in no result, nor is a table that the error may be in. Of more than
+/// 100 faults or warnings the rest is not listed. At most 1 MiB is read.
 ZR_EXPORT ZooKeeperConfig ReadZooKeeperConfig(const std::string& path);
 
 }  // namespace zr::halden
