@@ -200,7 +200,8 @@ void AddView(CLI::App& app, Words& words, const Title& title, Reader read, const
 void AddReaders(CLI::App& app, Words& words) {
   AddView(app, words, {"list", "Print a service's instances in all data centres"}, ReadList,
           "The data centres' states follow the table; with --quiet they are left out. Returns 1 when a data\n"
-          "centre could not be read in time; what is known is printed even so.\n\n"
+          "centre could not be read in time; what is known is printed even so. That nobody publishes the\n"
+          "service is said on stderr, with names like it, and is no failure.\n\n"
           "Example:\n  halden list orders --config halden.toml --timeout 3\n");
   AddView(app, words, {"status", "Print how each data centre is doing for a service"}, ReadStatus,
           "BAD counts nodes that cannot be read, RECONN the times that a session went on after a lost\n"

@@ -1,6 +1,7 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <optional>
 #include <string>
 
@@ -8,11 +9,13 @@
 #include "ensemble/configuration.h"
 #include "ensemble/ensemble_reader.h"
 #include "ensemble/node_facts.h"
+#include "ensemble/service_names.h"
 #include "io/failure.h"
 #include "io/terminal.h"
 #include "model/layout.h"
 #include "render/json.h"
 #include "render/node_text.h"
+#include "render/similar.h"
 
 namespace zr::halden::tool {
 
@@ -52,6 +55,9 @@ void ShowInstance(const GetOptions& options, LineWriter& output) {
   if (text.empty() && troubles.empty()) {
     troubles =
         fmt::format("no data centre has instance {} of {}", halden::ToString(options.id), options.service);
+    const auto names = ReadServiceNames(ensembles, output);
+    if (std::find(names.begin(), names.end(), options.service) == names.end())
+      troubles += DidYouMean(options.service, names);
   }
   output.ThrowIfFailed();
   if (!troubles.empty()) throw Failure(kFailed, troubles);

@@ -8,6 +8,7 @@
 #include "commands/progress.h"
 #include "ensemble/configuration.h"
 #include "ensemble/ensemble_reader.h"
+#include "ensemble/service_names.h"
 #include "io/failure.h"
 #include "io/live_screen.h"
 #include "render/state_text.h"
@@ -47,6 +48,13 @@ std::string Unread(const std::vector<DataCenterStatus>& states, std::chrono::sec
   return lines;
 }
 
+bool IsEmpty(const std::vector<DataCenterStatus>& states) {
+  return std::all_of(states.begin(), states.end(), [](const DataCenterStatus& state) {
+    return state.watcher.freshness == Freshness::Live && state.watcher.instances == 0 &&
+           state.watcher.quarantined == 0;
+  });
+}
+
 namespace {
 
 void ShowLive(GlobalServiceWatcher& watcher, const Picture& picture, LineWriter& output) {
@@ -56,19 +64,21 @@ void ShowLive(GlobalServiceWatcher& watcher, const Picture& picture, LineWriter&
 }
 
 /// What has not been read in time.
-std::string ShowOnce(GlobalServiceWatcher& watcher, const ViewOptions& options, const Picture& picture,
-                     LineWriter& output) {
+std::string ShowOnce(GlobalServiceWatcher& watcher, const DataCenterEnsembleMapT& ensembles,
+                     const ViewOptions& options, const Picture& picture, LineWriter& output) {
   watcher.StartManagedConnections();
   if (!AwaitInstances(watcher, options, output)) return {};
   std::string unread = Unread(watcher.Status(), options.Patience());
   output.Write(picture(watcher, LookOf(output.Descriptor()), 0));
+  if (!options.quiet && IsEmpty(watcher.Status()))
+    Complain(NobodyPublishes(ensembles, options.service, output));
   return unread;
 }
 
 }  // namespace
 
 void View(const ViewOptions& options, const Picture& picture, LineWriter& output) {
-  static_cast<void>(LoadEnsembles(options.configPath, options.quiet));
+  const auto ensembles = LoadEnsembles(options.configPath, options.quiet);
   GlobalServiceWatcher watcher(options.service, LibraryManaged{options.configPath});
   watcher.SetMassRemovalGuard(GuardFor(options.guard));
   if (options.live) {
@@ -76,7 +86,7 @@ void View(const ViewOptions& options, const Picture& picture, LineWriter& output
     watcher.Close(kReadersClosingLimit);
     return;
   }
-  const std::string unread = ShowOnce(watcher, options, picture, output);
+  const std::string unread = ShowOnce(watcher, ensembles, options, picture, output);
   watcher.Close(kReadersClosingLimit);
   output.ThrowIfFailed();
   if (!unread.empty()) throw Failure(kFailed, unread);

@@ -25,6 +25,9 @@ bool AwaitInstances(const GlobalServiceWatcher& watcher, const CommonOptions& op
 /// A line for each data centre that has not been read; empty when all were.
 std::string Unread(const std::vector<DataCenterStatus>& states, std::chrono::seconds patience);
 
+/// That every data centre has been read and nobody has an instance there, readable or not.
+bool IsEmpty(const std::vector<DataCenterStatus>& states);
+
 /// The text to show, for at most so many lines (0: no limit).
 using Picture = std::function<std::string(const GlobalServiceWatcher&, const Look&, std::size_t)>;
 

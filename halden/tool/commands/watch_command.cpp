@@ -10,6 +10,7 @@
 #include "commands/view.h"
 #include "ensemble/configuration.h"
 #include "ensemble/ensemble_reader.h"
+#include "ensemble/service_names.h"
 #include "halden/global_service_watcher.h"
 #include "io/failure.h"
 #include "io/terminal.h"
@@ -84,21 +85,29 @@ class StatePrinter {
   std::map<std::string, std::pair<std::string, bool>> m_said;
 };
 
-/// What has not been read when the time that was given is up.
-std::string AwaitFirstRead(const GlobalServiceWatcher& watcher, const WatchOptions& options,
-                           LineWriter& output) {
-  CommonOptions silently = options;
-  silently.quiet = true;  // events show the progress
-  if (!options.timeout || !AwaitInstances(watcher, silently, output)) return {};
-  return Unread(watcher.Status(), *options.timeout);
+/// Follows the first read, whose progress the events show. What has not been read when the time that was given is up.
+std::string FollowFirstRead(const GlobalServiceWatcher& watcher, const DataCenterEnsembleMapT& ensembles,
+                            const WatchOptions& options, LineWriter& output) {
+  constexpr std::chrono::milliseconds interval{100};
+  const auto begin = std::chrono::steady_clock::now();
+  while (!output.AwaitEnd(interval)) {
+    if (watcher.AwaitSynchronized(std::chrono::milliseconds(0))) {
+      if (!options.quiet && IsEmpty(watcher.Status()))
+        Complain(NobodyPublishes(ensembles, options.service, output));
+      return {};
+    }
+    if (options.timeout && std::chrono::steady_clock::now() - begin >= *options.timeout)
+      return Unread(watcher.Status(), *options.timeout);
+  }
+  return {};
 }
 
 }  // namespace
 
 void WatchService(const WatchOptions& options, LineWriter& output) {
   constexpr std::chrono::hours longTime{1};
-  const std::size_t width = WidestName(LoadEnsembles(options.configPath, options.quiet));
-  const EventFormat format(options.json, width, LookOf(output.Descriptor()));
+  const auto ensembles = LoadEnsembles(options.configPath, options.quiet);
+  const EventFormat format(options.json, WidestName(ensembles), LookOf(output.Descriptor()));
   GlobalServiceWatcher watcher(options.service, LibraryManaged{options.configPath});
   watcher.SetMassRemovalGuard(GuardFor(options.guard));
   watcher.RegisterShared(std::make_shared<EventPrinter>(format, output));
@@ -107,7 +116,7 @@ void WatchService(const WatchOptions& options, LineWriter& output) {
     watcher.SetStatusHandler([states](const DataCenterStatus& status) { states->Print(status); });
   }
   watcher.StartManagedConnections();
-  const std::string unread = AwaitFirstRead(watcher, options, output);
+  const std::string unread = FollowFirstRead(watcher, ensembles, options, output);
   while (unread.empty() && !output.AwaitEnd(longTime)) {
   }
   watcher.SetStatusHandler({});         // that it stops is no news

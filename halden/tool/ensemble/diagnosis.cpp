@@ -11,6 +11,7 @@
 #include "client/watch_budget.h"
 #include "model/access_list.h"
 #include "model/layout.h"
+#include "render/similar.h"
 #include "render/state_text.h"
 #include "render/text.h"
 
@@ -142,9 +143,11 @@ bool CheckRoot(const EnsembleFacts& facts, Report& report) {
   return false;
 }
 
-bool CheckNodes(const ServiceFacts& facts, const std::string& service, Report& report) {
+bool CheckNodes(const ServiceFacts& facts, const std::string& service, const std::vector<std::string>& others,
+                Report& report) {
   if (facts.code == ZNONODE) {
-    report.Add("service", Verdict::Warning, fmt::format("no instance of '{}'", service),
+    report.Add("service", Verdict::Warning,
+               fmt::format("no instance of '{}'{}", service, DidYouMean(service, others)),
                "see that the name is right: 'halden services' prints what is published");
     return false;
   }
@@ -264,8 +267,8 @@ std::vector<Check> Diagnose(const EnsembleFacts& facts, const std::string& servi
   if (!facts.session || !CheckAccess(facts, service, report) || !CheckRoot(facts, report))
     return report.Take();
   if (!facts.service) {
-    report.Ok("service", fmt::format("{} published", Counted(facts.services, "service")));
-  } else if (CheckNodes(*facts.service, service, report)) {
+    report.Ok("service", fmt::format("{} published", Counted(facts.services.size(), "service")));
+  } else if (CheckNodes(*facts.service, service, facts.services, report)) {
     CheckSizes(*facts.service, report);
     CheckWatches(*facts.service, report);
     CheckExposure(facts, report);

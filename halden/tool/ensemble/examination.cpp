@@ -166,7 +166,7 @@ EnsembleFacts Examine(EnsembleReader& reader, const zr::String& ensemble, const 
   }
   const auto services = reader.Ask({Request::Kind::GetChildren, zr::String(details::kServicesPath)});
   facts.servicesCode = services.code;
-  facts.services = services.children.size();
+  facts.services.assign(services.children.begin(), services.children.end());
   if (!service.empty()) facts.service = ServiceExamination(reader, service, facts.chroot).Run();
   return facts;
 }

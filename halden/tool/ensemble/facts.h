@@ -55,9 +55,9 @@ struct EnsembleFacts {
   bool session = false;
   std::string chroot;
   bool hasCredential = false;
-  int chrootCode = 0;        ///< of a look at it
-  int servicesCode = 0;      ///< of a read of the node above all services
-  std::size_t services = 0;  ///< that it has
+  int chrootCode = 0;                 ///< of a look at it
+  int servicesCode = 0;               ///< of a read of the node above all services
+  std::vector<std::string> services;  ///< that it has
   std::optional<ServiceFacts> service;
 };
 

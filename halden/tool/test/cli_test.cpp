@@ -55,10 +55,13 @@ TEST(CommandLine, ReadsPortsAndAttributesAsTyped) {
 }
 
 TEST(CommandLine, SaysWhatIsWrongInOneLine) {
-  ExpectRefused({}, "subcommand");
+  ExpectRefused({}, "a command is missing: list, status, ");
+  ExpectRefused({"lst", "orders"}, "unknown command 'lst', did you mean list?");
+  ExpectRefused({"config", "chek"}, "unknown command 'chek', did you mean check? (halden config --help ");
   ExpectRefused({"watch", "--config", "c"}, "SERVICE");
   const Arguments list{"list", "orders", "--config", "c"};
-  ExpectRefused(list + Arguments{"--jsno"}, "--jsno");
+  ExpectRefused(list + Arguments{"--jsno"}, "unknown option '--jsno', did you mean --json?");
+  ExpectRefused(list + Arguments{"b", "a"}, "'b' 'a'");
   ExpectRefused(list + Arguments{"--log-level", "loud"}, "--log-level");
   for (const char* service : {"", "a/b", "..", "a\nb", "\xff"}) {
     ExpectRefused({"doctor", service, "--config", "c"}, "bad service name");

@@ -190,6 +190,7 @@ TEST_F(Command, PublishesWhatTheOthersTell) {
   EXPECT_THAT(Outcome("list orders"), ContainsRegex("\neu  " + ids[0] + "  h  +80  +ok .*\neu  " + ids[1] +
                                                     ".*\n\neu  live, 2 instances\n= 0"));
   EXPECT_THAT(Outcome("get orders " + kId), HasSubstr("no data centre has instance"));
+  EXPECT_THAT(Outcome("list ordrs"), HasSubstr("nobody publishes 'ordrs', did you mean orders?\n= 0"));
   EXPECT_THAT(Outcome("services"), ContainsRegex("orders +eu +2\n= 0"));
   EXPECT_THAT(Outcome("doctor orders"),
               ContainsRegex("2 instances, all readable.* 0 warnings, 0 failures\n= 0"));
