@@ -238,8 +238,8 @@ void ConnectionCore::Watch(const std::weak_ptr<Epoch>& epoch, const std::shared_
   Poster()(Watchdog::kPeriod, [this, epoch, watchdog] {
     const auto current = epoch.lock();
     if (!current || current != m_epoch) return;
-    if (Connected())
-      m_backoff.Reset();  // not at once: a session can be refused right after it is established
+    if (Connected()) m_backoff.Reset();  // not at once: a session can be refused right after it is established
+    TellAway();
     Act(watchdog->Look({m_state, current->Unanswered(), current->Unheard(), current->Timeout(), Trip()}));
     if (current != m_epoch) return;
     // The library compares lists of servers loosely, and drops what is under way: a new handle takes the new ones.
@@ -264,8 +264,6 @@ void ConnectionCore::Act(Watchdog::Verdict verdict) {
     case V::Fine:
     case V::Away:
       return;
-    case V::TellAway:
-      return SetError(ZCONNECTIONLOSS, "no server of the ensemble is reached: " + m_addresses->Text());
     case V::ResolveNames:
       if (m_addresses->AreNames())
         m_addresses->Resolve([this](const zr::String& error) { OnResolved(error); });
@@ -380,6 +378,8 @@ void ConnectionCore::SetState(ConnectionState state) {
     ZRLOG(ZRLOG_ERROR, ConnectionLog()) << "illegal state change, from=" << ToString(m_state)
                                         << ", to=" << ToString(state) << ", dc_name=" << m_options.dcName;
   }
+  // What went on without a connection goes on: a handle that takes the place of another begins no new absence.
+  if (m_state != ConnectionState::Connecting && m_state != ConnectionState::Suspended) BeginAbsence();
   m_state = state;
   m_board.SetState(state);
   m_listeners.Tell([](ConnectionListener& listener) { listener.OnStateChanged(); });

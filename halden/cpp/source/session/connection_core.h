@@ -115,6 +115,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
     unsigned unanswered = 0;           // servers in a row that took a connection and kept silent
     std::optional<clientid_t> resume;  // the session to go on with
     Credentials credentials;           // of the current session too
+    Clock::time_point tellAway;        // when the log is to say that no server is reached
   };
   /// Requests that are many.
   struct Bulk {
@@ -140,6 +141,8 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   }
 
   // connection_opening.cpp
+  void BeginAbsence();
+  void TellAway();
   void Open();
   bool HasCredential();
   void OnResolved(const zr::String& error);

@@ -13,8 +13,22 @@ namespace {
 
 // A resolver that is out of reach answers after half a minute: addresses known before need not wait so long.
 constexpr std::chrono::seconds kResolveLimit{2};
+// A server that restarts, or another one in its place, is found before.
+constexpr std::chrono::seconds kUsualAbsence{6};
+constexpr std::chrono::minutes kTellAgain{1};
 
 }  // namespace
+
+void ConnectionCore::BeginAbsence() {
+  m_opening.tellAway = Clock::now() + kUsualAbsence;
+}
+
+/// Whatever handle looks for a server, and whether a session waits for one.
+void ConnectionCore::TellAway() {
+  if (Connected() || Clock::now() < m_opening.tellAway) return;
+  m_opening.tellAway = Clock::now() + kTellAgain;
+  SetError(ZCONNECTIONLOSS, "no server of the ensemble is reached: " + m_addresses->Text());
+}
 
 void ConnectionCore::Open() {
   if (!m_wanted || m_epoch) return;

@@ -4,10 +4,7 @@
 namespace zr::halden::details {
 
 Watchdog::Verdict Watchdog::Look(const Sight& sight) {
-  // In rounds without a connection:
-  constexpr unsigned firstReport = 6;
-  constexpr unsigned reportRounds = 60;
-  constexpr unsigned resolveRounds = 5;
+  constexpr unsigned resolveRounds = 5;  // without a connection
   const auto unansweredRounds = m_patience * (2 + static_cast<unsigned>(4 * sight.trip / kPeriod));
   if (sight.state == ConnectionState::Connected) {
     m_roundsAway = 0;
@@ -19,9 +16,6 @@ Watchdog::Verdict Watchdog::Look(const Sight& sight) {
   if (m_roundsUnanswered > unansweredRounds) return Verdict::ReplaceUnanswered;
   if (sight.state == ConnectionState::Suspended && m_roundsAway * kPeriod > sight.timeout) {
     return Verdict::ReplaceRefused;
-  }
-  if (sight.state == ConnectionState::Connecting && m_roundsAway % reportRounds == firstReport) {
-    return Verdict::TellAway;
   }
   return m_roundsAway % resolveRounds == 0 ? Verdict::ResolveNames : Verdict::Away;
 }

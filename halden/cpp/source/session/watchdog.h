@@ -17,8 +17,7 @@ class Watchdog {
   enum class Verdict : std::uint8_t {
     Fine,
     Away,          ///< no connection; it will find one
-    TellAway,      ///< ... for so long that somebody should know
-    ResolveNames,  ///< ... that names may have moved
+    ResolveNames,  ///< ... for so long that names may have moved
     /// A server took the connection and is silent: one that is just starting can lose it, and the library would
     /// wait for two thirds of the session timeout.
     ReplaceUnanswered,
