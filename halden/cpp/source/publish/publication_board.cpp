@@ -1,6 +1,8 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "publish/publication_board.h"
 
+#include <utility>
+
 #include "base/wait_limit.h"
 
 namespace zr::halden::details {
@@ -59,6 +61,12 @@ void PublicationBoard::Settle(PublishState state, std::uint64_t wish) {
 void PublicationBoard::CountCreation() {
   const zr::MutexLock lock(m_mtx);
   ++m_status.published;
+}
+
+void PublicationBoard::CountReplaced(zr::String writer) {
+  const zr::MutexLock lock(m_mtx);
+  ++m_status.replaced;
+  m_status.replacedWriter = std::move(writer);
 }
 
 void PublicationBoard::SetError(int code) {

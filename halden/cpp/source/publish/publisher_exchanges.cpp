@@ -267,7 +267,10 @@ void PublisherCore::OnDeleted(const Reply& reply) {
   // Changed since, or failed: look again.
   if (action != ErrorAction::Done && action != ErrorAction::Absent) return Fail(reply.code);
   const bool foreign = m_node.What() == KnownNode::Kind::Foreign && !m_node.OfOurSessions();
-  if (foreign && action == ErrorAction::Done) m_rivalry.OnReplaced(m_node.Owner());
+  if (foreign && action == ErrorAction::Done) {
+    m_rivalry.OnReplaced(m_node.Owner());
+    m_board.CountReplaced(WriterOf(m_node.Bytes()));
+  }
   m_node.OnAbsent();
   Step();
 }

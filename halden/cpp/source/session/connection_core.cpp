@@ -238,7 +238,8 @@ void ConnectionCore::Watch(const std::weak_ptr<Epoch>& epoch, const std::shared_
   Poster()(Watchdog::kPeriod, [this, epoch, watchdog] {
     const auto current = epoch.lock();
     if (!current || current != m_epoch) return;
-    if (Connected()) m_backoff.Reset();  // not at once: a session can be refused right after it is established
+    if (Connected())
+      m_backoff.Reset();  // not at once: a session can be refused right after it is established
     TellAway();
     Act(watchdog->Look({m_state, current->Unanswered(), current->Unheard(), current->Timeout(), Trip()}));
     if (current != m_epoch) return;

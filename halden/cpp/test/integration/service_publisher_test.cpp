@@ -201,7 +201,9 @@ TEST_F(ServicePublisherTest, OfTwoWithOneIdTheSecondIsToldAndTakesOverInTheEnd) 
     EXPECT_FALSE(publisher->AwaitPublished(kLimit));
     EXPECT_EQ(publisher->Status().lastError, ZNODEEXISTS);
   }
-  EXPECT_THAT(second.Status().rival, ::testing::MatchesRegex("\\w+@.+, pid " + std::to_string(getpid())));
+  const auto here = ::testing::MatchesRegex("\\w+@.+, pid " + std::to_string(getpid()));
+  EXPECT_THAT(second.Status().rival, here);
+  EXPECT_THAT(m_publisher->Status().replacedWriter, here);
   EXPECT_TRUE(log.Await("halden.publisher", ToString(m_id)));
   ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
   EXPECT_EQ(Owner(m_id), m_conn->Status().sessionId);
