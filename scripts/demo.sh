@@ -129,7 +129,7 @@ start_server() {
 publish() { # publish NAME COUNT ARGUMENT...: returns once all are published
   local name=$1 count=$2
   shift 2
-  background "$program" publish orders --config "$folder/halden.toml" --count "$count" "$@" \
+  background "$program" publish orders --quiet --config "$folder/halden.toml" --count "$count" "$@" \
     >"$folder/$name.ids" 2>>"$folder/halden.errors" </dev/null
   publisher[$name]=$!
   all_published() { [[ $(wc -l <"$folder/$name.ids") -eq $count ]]; }

@@ -237,8 +237,10 @@ void AddPublish(CLI::App& app, Words& words) {
       "An ACL is \"creator\": everybody may read the instances, only who has the data centre's credential "
       "may\n"
       "change them; or a list in ZooKeeper's text form, SCHEME:ID:PERMISSIONS[,...].\n\n"
-      "Prints the id of each instance once it is published. SIGUSR1 changes their status to degraded,\n"
-      "SIGUSR2 back to ok; SIGINT, SIGTERM and SIGHUP remove them and end.\n\n"
+      "Prints the id of each instance once it is published for sure: where it took the place of a node of\n"
+      "another process, two seconds later, since that one may live and take it back. What is in the way is\n"
+      "said on stderr, once; outages not with --quiet. SIGUSR1 changes their status to degraded, SIGUSR2\n"
+      "back to ok; SIGINT, SIGTERM and SIGHUP remove them and end.\n\n"
       "Example:\n  halden publish orders --config halden.toml --dc eu-west --host 10.0.0.7 \\\n"
       "    --port 8080 --port admin=8081 --attribute zone=a\n");
 }

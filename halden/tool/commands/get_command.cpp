@@ -6,6 +6,7 @@
 #include <string>
 
 #include "commands/commands.h"
+#include "commands/hints.h"
 #include "ensemble/configuration.h"
 #include "ensemble/ensemble_reader.h"
 #include "ensemble/node_facts.h"
@@ -49,8 +50,9 @@ void ShowInstance(const GetOptions& options, LineWriter& output) {
   for (const auto& [facts, trouble] : *all) {
     if (facts && !options.json && !text.empty()) text += '\n';
     if (facts) text += options.json ? NodeLine(*facts) : NodeText(*facts, look, now);
-    if (!trouble.empty()) troubles += (troubles.empty() ? "" : "\n") + trouble;
+    if (!trouble.empty()) troubles += trouble + '\n';
   }
+  if (!troubles.empty()) troubles += DoctorHint(options, options.service);
   output.Write(text);
   if (text.empty() && troubles.empty()) {
     troubles =

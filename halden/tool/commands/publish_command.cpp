@@ -7,18 +7,23 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "commands/commands.h"
+#include "commands/hints.h"
 #include "ensemble/configuration.h"
+#include "ensemble/reachability.h"
 #include "halden/connection_v2.h"
 #include "halden/service_publisher.h"
 #include "io/failure.h"
 #include "io/signals.h"
+#include "logger/sink.h"
 #include "model/access_list.h"
 #include "model/connect_string.h"
+#include "model/error_policy.h"
+#include "model/layout.h"
 #include "render/json.h"
-#include "render/state_text.h"
 
 namespace zr::halden::tool {
 
@@ -31,7 +36,13 @@ constexpr std::chrono::seconds kSessionTimeout{30};
 /// For removing instances and then for closing the session; past it the servers end that by themselves.
 constexpr std::chrono::seconds kClosingLimit{3};
 
-std::shared_ptr<Connection> MakeConnection(const PublishOptions& options) {
+/// Where to publish.
+struct Target {
+  zr::String ensemble;
+  std::shared_ptr<Connection> conn;
+};
+
+Target MakeTarget(const PublishOptions& options) {
   const auto ensembles = LoadEnsembles(options.configPath, options.quiet);
   const auto found = ensembles.find(options.dataCenter);
   if (found == ensembles.end()) {
@@ -47,112 +58,187 @@ std::shared_ptr<Connection> MakeConnection(const PublishOptions& options) {
                                            options.acl, options.configPath, options.dataCenter));
   }
   const std::vector<zr::String> hosts{found->second};
-  return std::make_shared<Connection>(hosts, true, zr::String(), kSessionTimeout, options.dataCenter);
+  return {found->second,
+          std::make_shared<Connection>(hosts, true, zr::String(), kSessionTimeout, options.dataCenter)};
 }
 
-/// The instances of one process, all through one connection.
+/// The instances of one process, all through one connection, and what was told of them.
 class Instances {
  public:
   Instances(const PublishOptions& options, const std::shared_ptr<Connection>& conn)
-      : m_dataCenter(options.dataCenter) {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const unsigned count = options.count.value_or(1);
-    for (unsigned i = 0; i < count; ++i) {
+      : m_options(options), m_dataCenter(conn->DataCenterName()) {
+    for (unsigned i = 0; i < options.count.value_or(1); ++i) {
       ServiceInstanceData data = options.instance;
-      data.set_start_time_ms(std::chrono::duration_cast<milliseconds>(now).count());
       if (options.count) {
         auto& attribute = *data.add_attributes();
         attribute.set_key(std::string(kIndexAttribute));
         attribute.set_value(std::to_string(i));
       }
-      m_data.push_back(std::move(data));
       const ServiceId id = options.id.value_or(MakeServiceId());
-      m_publishers.push_back(std::make_unique<ServicePublisher>(conn, options.service, id, options.acl));
-      m_publishers.back()->Publish(m_data.back());
+      auto publisher = std::make_unique<ServicePublisher>(conn, options.service, id, options.acl);
+      publisher->Publish(data);
+      m_instances.push_back({std::move(data), std::move(publisher)});
     }
   }
 
-  bool AllPrinted() const { return m_printed == m_publishers.size(); }
+  bool AllPrinted() const { return m_printed == m_instances.size(); }
 
-  /// Prints the ids of those that were confirmed since, in the order of their index.
-  void PrintPublished(LineWriter& output, bool json) {
-    for (; !AllPrinted(); ++m_printed) {
-      const auto& publisher = *m_publishers[m_printed];
-      if (publisher.Status().state != PublishState::Published) return;
-      output.Write(json ? PublishedLine(m_dataCenter, publisher.Id()) : ToString(publisher.Id()) + '\n');
+  /// Prints the ids of those that are published for sure, in the order of their index, and tells on stderr, once, what
+  /// is in the way of the others.
+  void Tell(LineWriter& output) {
+    for (std::size_t i = 0; i < m_instances.size(); ++i) {
+      TellRivals(m_instances[i], i < m_printed);
+      TellError(m_instances[i]);
     }
+    for (; !AllPrinted() && IsSure(m_instances[m_printed]); ++m_printed) {
+      const ServiceId& id = m_instances[m_printed].publisher->Id();
+      output.Write(m_options.json ? PublishedLine(m_dataCenter, id) : ToString(id) + '\n');
+    }
+    if (AllPrinted()) m_errors.clear();
   }
 
-  /// Of the first that is not published; empty where no write of it has failed.
-  std::string Trouble() const {
-    const int error = AllPrinted() ? 0 : m_publishers[m_printed]->Status().lastError;
-    return error == 0 ? std::string() : fmt::format(" (write failed: {})", zerror(error));
-  }
-
-  /// Tells of each instance once that another process publishes it.
-  void ComplainOfRivals() {
-    for (const auto& publisher : m_publishers) {
-      const PublisherStatus status = publisher->Status();
-      if (status.state != PublishState::Conflict) {
-        m_rivals.erase(publisher->Id());
-      } else if (m_rivals.insert(publisher->Id()).second) {
-        Complain(fmt::format("{}: published by another process, waiting for its end: {}",
-                             ToString(publisher->Id()), status.rival));
-      }
-    }
+  /// Of the first that is not printed, while connected.
+  std::string WhyNotPublished() const {
+    const auto& publisher = *m_instances.at(m_printed).publisher;
+    const PublisherStatus status = publisher.Status();
+    const std::string id = ToString(publisher.Id());
+    if (status.state == PublishState::Conflict) return fmt::format("{} is published by {}", id, status.rival);
+    if (status.state == PublishState::Published)
+      return fmt::format("{} took the place of a node of {}, who may live", id, status.replacedWriter);
+    return status.lastError == 0 ? id + " is not confirmed yet" : ErrorText(publisher.Id(), status.lastError);
   }
 
   void SetStatus(messaging::halden::StatusExt status) {
-    for (std::size_t i = 0; i < m_publishers.size(); ++i) {
-      m_data[i].set_status_ext(status);
-      m_publishers[i]->Publish(m_data[i]);
+    for (auto& instance : m_instances) {
+      instance.data.set_status_ext(status);
+      instance.publisher->Publish(instance.data);
     }
   }
 
-  /// False when not all nodes are known to be gone at the deadline.
+  /// False when not all are confirmed to be gone by then.
   bool Remove(steady_clock::time_point deadline) {
-    for (const auto& publisher : m_publishers) publisher->Remove();
-    return std::all_of(m_publishers.begin(), m_publishers.end(), [&](const auto& publisher) {
+    for (const auto& instance : m_instances) instance.publisher->Remove();
+    return std::all_of(m_instances.begin(), m_instances.end(), [&](const Instance& instance) {
       const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
-      return publisher->AwaitAbsent(std::max(left, milliseconds(0)));
+      return instance.publisher->AwaitAbsent(std::max(left, milliseconds(0)));
     });
   }
 
  private:
+  struct Instance {
+    ServiceInstanceData data;
+    std::unique_ptr<ServicePublisher> publisher;
+    PublisherStatus status{};                // at the last look
+    steady_clock::time_point standsSince{};  // in the place of the last node of others
+    std::string rivalTold{};
+  };
+
+  /// Who has replaced a node knows only after a while whether somebody takes it back.
+  static bool IsSure(const Instance& instance) {
+    constexpr std::chrono::seconds takenBackBy{2};
+    if (instance.status.state != PublishState::Published) return false;
+    return instance.status.replaced == 0 || steady_clock::now() - instance.standsSince > takenBackBy;
+  }
+
+  /// Looks at it anew.
+  static void TellRivals(Instance& instance, bool wasPrinted) {
+    const std::uint64_t replacedBefore = instance.status.replaced;
+    const PublisherStatus& status = instance.status = instance.publisher->Status();
+    const bool replaced = status.replaced != replacedBefore;
+    if (replaced || status.state != PublishState::Published) instance.standsSince = steady_clock::now();
+    std::string told;
+    if (status.state == PublishState::Conflict) {
+      told = "published by another process, waiting for its end: " + status.rival;
+    } else if (replaced && wasPrinted) {
+      told = "another process publishes it too, and was replaced: " + status.replacedWriter;
+    }
+    if (told.empty() || told == instance.rivalTold) return;
+    instance.rivalTold = told;
+    Complain(ToString(instance.publisher->Id()) + ": " + told);
+  }
+
+  /// Each kind once, of whichever instance it comes first.
+  void TellError(const Instance& instance) {
+    const int error = instance.status.lastError;
+    if (instance.status.state == PublishState::Published) return;
+    if (details::ActionFor(error) != details::ErrorAction::Report || !m_errors.insert(error).second) return;
+    Complain(fmt::format("{}: {}, trying again", m_dataCenter, ErrorText(instance.publisher->Id(), error)));
+  }
+
+  std::string ErrorText(const ServiceId& id, int error) const {
+    const auto path = details::InstancePath(details::ServicePath(m_options.service), id);
+    const char* const where = error == ZNOAUTH ? " (its ACL, or that of a node above it, forbids it)" : "";
+    return fmt::format("cannot write {}: {}{}", path, zerror(error), where);
+  }
+
+  const PublishOptions& m_options;
   const std::string m_dataCenter;
-  std::vector<ServiceInstanceData> m_data;
-  std::vector<std::unique_ptr<ServicePublisher>> m_publishers;
+  std::vector<Instance> m_instances;
   std::size_t m_printed = 0;
-  std::set<ServiceId> m_rivals;  // the instances that have one, as far as told
+  std::set<int> m_errors;  // told, since all were published last
+};
+
+/// Tells on stderr of each time without a connection, once it has lasted for longer than a change of servers takes.
+class Outage {
+ public:
+  Outage(const Connection& conn, const zr::String& ensemble) : m_conn(conn), m_ensemble(ensemble) {}
+
+  void Look() {
+    constexpr std::chrono::seconds usual{1};
+    const auto now = steady_clock::now();
+    const ConnectionStatus status = m_conn.Status();
+    if (status.state == ConnectionState::Connected) {
+      m_since = now;
+      if (std::exchange(m_told, false)) Complain(m_conn.DataCenterName() + ": connected again");
+    } else if (!m_told && now - m_since >= usual) {
+      m_told = true;
+      Complain(fmt::format("{}: {}: {}", m_conn.DataCenterName(),
+                           status.sessions == 0
+                               ? "not published yet"
+                               : "connection lost, the instances stay until the session times out",
+                           WhyUnread({{}, status, {}}, m_ensemble)));
+    }
+  }
+
+ private:
+  const Connection& m_conn;
+  const zr::String m_ensemble;
+  steady_clock::time_point m_since = steady_clock::now();
+  bool m_told = false;
 };
 
 /// Throws Failure when not all are published in the time that was given.
-void ServeUntilEnd(Instances& instances, const PublishOptions& options, const Connection& conn,
+void ServeUntilEnd(Instances& instances, const PublishOptions& options, const Target& target,
                    const SignalSet& statusSignals, LineWriter& output) {
   constexpr milliseconds interval{50};  // until all are published
-  constexpr milliseconds idle{500};     // then, for rivals
-  const auto never = steady_clock::time_point::max();
-  const auto begin = steady_clock::now();
-  auto complainAt = options.quiet ? never : begin + std::chrono::seconds(5);
-  const auto failAt = options.timeout ? begin + *options.timeout : never;
+  constexpr milliseconds idle{500};     // then, for rivals and outages
+  const auto failAt =
+      options.timeout ? steady_clock::now() + *options.timeout : steady_clock::time_point::max();
+  Outage outage(*target.conn, target.ensemble);
   while (!output.AwaitEnd(instances.AllPrinted() ? idle : interval, statusSignals.Descriptor())) {
     for (int signal = statusSignals.Take(); signal != 0; signal = statusSignals.Take()) {
       instances.SetStatus(signal == SIGUSR1 ? messaging::halden::STATUS_EXT_DEGRADED
                                             : messaging::halden::STATUS_EXT_NONE);
     }
-    instances.PrintPublished(output, options.json);
-    instances.ComplainOfRivals();
-    if (instances.AllPrinted()) continue;
-    const auto now = steady_clock::now();
-    if (now < complainAt && now < failAt) continue;
-    const std::string state = StateText({conn.DataCenterName(), conn.Status(), {}}) + instances.Trouble();
-    if (now >= failAt) {
-      throw Failure(kFailed, fmt::format("{}: not published within {} s: {}", conn.DataCenterName(),
-                                         options.timeout->count(), state));
+    instances.Tell(output);
+    if (!instances.AllPrinted() && steady_clock::now() >= failAt) {
+      const ConnectionStatus status = target.conn->Status();
+      const bool connected = status.state == ConnectionState::Connected;
+      throw Failure(kFailed, fmt::format("{}: not published within {} s: {}\n{}",
+                                         target.conn->DataCenterName(), options.timeout->count(),
+                                         connected ? instances.WhyNotPublished()
+                                                   : WhyUnread({{}, status, {}}, target.ensemble),
+                                         DoctorHint(options, options.service)));
     }
-    Complain(fmt::format("{}: not published yet: {}", conn.DataCenterName(), state));
-    complainAt = never;  // once is enough
+    if (!options.quiet) outage.Look();
   }
+}
+
+/// What the library would say of conflicts is said here, in the words of the command.
+void SilencePublisherLog() {
+  logging::SetHandler("stderr", [write = logging::MakeStderrHandler()](const logging::LogRecord& record) {
+    if (logging::SourcePath(record.source) != "halden.publisher") write(record);
+  });
 }
 
 /// Takes the instances back, in order where that is possible.
@@ -170,17 +256,18 @@ void RemoveAndClose(Instances& instances, Connection& conn) {
 }  // namespace
 
 void PublishInstances(const PublishOptions& options, LineWriter& output) {
-  const SignalSet statusSignals{SIGUSR1, SIGUSR2};  // before the connection has threads
-  const auto conn = MakeConnection(options);
-  conn->Start(nullptr);
-  Instances instances(options, conn);
+  const SignalSet statusSignals{SIGUSR1, SIGUSR2};                      // before the connection has threads
+  if (options.logLevel == logging::ZRLOG_ERROR) SilencePublisherLog();  // nobody asked for more
+  const Target target = MakeTarget(options);
+  target.conn->Start(nullptr);
+  Instances instances(options, target.conn);
   try {
-    ServeUntilEnd(instances, options, *conn, statusSignals, output);
+    ServeUntilEnd(instances, options, target, statusSignals, output);
   } catch (const Failure&) {
-    RemoveAndClose(instances, *conn);
+    RemoveAndClose(instances, *target.conn);
     throw;
   }
-  RemoveAndClose(instances, *conn);
+  RemoveAndClose(instances, *target.conn);
 }
 
 }  // namespace zr::halden::tool

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "commands/commands.h"
+#include "commands/hints.h"
 #include "ensemble/catalogue.h"
 #include "ensemble/configuration.h"
 #include "ensemble/ensemble_reader.h"
@@ -25,8 +26,9 @@ void ListServices(const ServicesOptions& options, LineWriter& output) {
   std::string troubles;
   for (const auto& [part, trouble] : *all) {
     services.insert(services.end(), part.begin(), part.end());
-    if (!trouble.empty()) troubles += (troubles.empty() ? "" : "\n") + trouble;
+    if (!trouble.empty()) troubles += trouble + '\n';
   }
+  if (!troubles.empty()) troubles += DoctorHint(options, {});
   std::sort(services.begin(), services.end(), [](const ServiceCount& a, const ServiceCount& b) {
     return std::tie(a.name, a.dataCenter) < std::tie(b.name, b.dataCenter);
   });

@@ -4,14 +4,16 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <future>
 
+#include "commands/hints.h"
 #include "commands/progress.h"
 #include "ensemble/configuration.h"
 #include "ensemble/ensemble_reader.h"
+#include "ensemble/reachability.h"
 #include "ensemble/service_names.h"
 #include "io/failure.h"
 #include "io/live_screen.h"
-#include "render/state_text.h"
 
 namespace zr::halden::tool {
 
@@ -38,14 +40,19 @@ bool AwaitInstances(const GlobalServiceWatcher& watcher, const CommonOptions& op
   return false;
 }
 
-std::string Unread(const std::vector<DataCenterStatus>& states, std::chrono::seconds patience) {
-  std::string lines;
+std::string Unread(const std::vector<DataCenterStatus>& states, const DataCenterEnsembleMapT& ensembles,
+                   std::chrono::seconds patience, const std::string& toTry) {
+  std::vector<std::future<std::string>> lines;
   for (const auto& state : states) {
     if (state.watcher.freshness != Freshness::NeverSynchronized) continue;
-    lines += fmt::format("{}{}: not read completely within {} s: {}", lines.empty() ? "" : "\n", state.name,
-                         patience.count(), StateText(state));
+    lines.push_back(std::async(std::launch::async, [&] {
+      return fmt::format("{}: not read completely within {} s: {}\n", state.name, patience.count(),
+                         WhyUnread(state, ensembles.at(state.name)));
+    }));
   }
-  return lines;
+  std::string text;
+  for (auto& line : lines) text += line.get();
+  return text.empty() ? text : text + toTry;
 }
 
 bool IsEmpty(const std::vector<DataCenterStatus>& states) {
@@ -68,7 +75,8 @@ std::string ShowOnce(GlobalServiceWatcher& watcher, const DataCenterEnsembleMapT
                      const ViewOptions& options, const Picture& picture, LineWriter& output) {
   watcher.StartManagedConnections();
   if (!AwaitInstances(watcher, options, output)) return {};
-  std::string unread = Unread(watcher.Status(), options.Patience());
+  std::string unread =
+      Unread(watcher.Status(), ensembles, options.Patience(), DoctorHint(options, options.service));
   output.Write(picture(watcher, LookOf(output.Descriptor()), 0));
   if (!options.quiet && IsEmpty(watcher.Status()))
     Complain(NobodyPublishes(ensembles, options.service, output));

@@ -10,6 +10,7 @@
 
 #include "cli/options.h"
 #include "halden/global_service_watcher.h"
+#include "halden/utils.h"
 #include "io/line_writer.h"
 #include "io/terminal.h"
 
@@ -22,8 +23,10 @@ std::optional<MassRemovalGuard> GuardFor(const std::optional<std::chrono::second
 /// that and before the time is up.
 bool AwaitInstances(const GlobalServiceWatcher& watcher, const CommonOptions& options, LineWriter& output);
 
-/// A line for each data centre that has not been read; empty when all were.
-std::string Unread(const std::vector<DataCenterStatus>& states, std::chrono::seconds patience);
+/// A line for each data centre that has not been read within `patience`, with what is in the way, and what to try; empty
+/// when all were read. Waits up to a second for what can be found out.
+std::string Unread(const std::vector<DataCenterStatus>& states, const DataCenterEnsembleMapT& ensembles,
+                   std::chrono::seconds patience, const std::string& toTry);
 
 /// That every data centre has been read and nobody has an instance there, readable or not.
 bool IsEmpty(const std::vector<DataCenterStatus>& states);

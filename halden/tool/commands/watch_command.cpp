@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "commands/commands.h"
+#include "commands/hints.h"
 #include "commands/view.h"
 #include "ensemble/configuration.h"
 #include "ensemble/ensemble_reader.h"
@@ -89,15 +90,21 @@ class StatePrinter {
 std::string FollowFirstRead(const GlobalServiceWatcher& watcher, const DataCenterEnsembleMapT& ensembles,
                             const WatchOptions& options, LineWriter& output) {
   constexpr std::chrono::milliseconds interval{100};
+  constexpr std::chrono::seconds usual{5};
+  const std::string toTry = DoctorHint(options, options.service);
   const auto begin = std::chrono::steady_clock::now();
+  bool told = options.quiet;
   while (!output.AwaitEnd(interval)) {
     if (watcher.AwaitSynchronized(std::chrono::milliseconds(0))) {
       if (!options.quiet && IsEmpty(watcher.Status()))
         Complain(NobodyPublishes(ensembles, options.service, output));
       return {};
     }
-    if (options.timeout && std::chrono::steady_clock::now() - begin >= *options.timeout)
-      return Unread(watcher.Status(), *options.timeout);
+    const auto elapsed = std::chrono::steady_clock::now() - begin;
+    if (options.timeout && elapsed >= *options.timeout)
+      return Unread(watcher.Status(), ensembles, *options.timeout, toTry);
+    if (elapsed >= usual && !std::exchange(told, true))
+      Complain(Unread(watcher.Status(), ensembles, usual, toTry));
   }
   return {};
 }

@@ -7,8 +7,8 @@
 #include <mutex>
 #include <utility>
 
+#include "ensemble/reachability.h"
 #include "model/error_policy.h"
-#include "render/state_text.h"
 
 namespace zr::halden::tool {
 
@@ -57,7 +57,8 @@ class EnsembleReader::Inbox final : public details::ConnectionListener {
 };
 
 EnsembleReader::EnsembleReader(const zr::String& dataCenter, const zr::String& ensemble, const Limit& limit)
-    : m_limit(limit),
+    : m_ensemble(ensemble),
+      m_limit(limit),
       m_inbox(std::make_shared<Inbox>()),
       m_core(std::make_shared<details::ConnectionCore>(
           details::ConnectionOptions{{ensemble}, true, {}, kSessionTimeout, dataCenter})) {
@@ -126,7 +127,7 @@ std::vector<details::Reply> EnsembleReader::Ask(const std::vector<Question>& que
 std::string TroubleOf(const EnsembleReader& reader, int code, std::chrono::seconds patience) {
   if (code != ZOPERATIONTIMEOUT) return reader.DataCenter() + ": " + zerror(code);
   return fmt::format("{}: not read within {} s: {}", reader.DataCenter(), patience.count(),
-                     StateText({{}, reader.Status(), {}}));
+                     WhyUnread({{}, reader.Status(), {}}, reader.Ensemble()));
 }
 
 }  // namespace zr::halden::tool

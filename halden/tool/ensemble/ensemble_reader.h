@@ -56,6 +56,7 @@ class EnsembleReader {
   details::Reply Ask(const Question& question) { return std::move(Ask(std::vector{question}).front()); }
 
   const zr::String& DataCenter() const { return m_core->DataCenterName(); }
+  const zr::String& Ensemble() const { return m_ensemble; }
   ConnectionStatus Status() const { return m_core->Status(); }
 
  private:
@@ -63,6 +64,7 @@ class EnsembleReader {
 
   bool Await(const std::function<bool(const Inbox&)>& condition);
 
+  const zr::String m_ensemble;
   const Limit m_limit;
   const std::shared_ptr<Inbox> m_inbox;
   const std::shared_ptr<details::ConnectionCore> m_core;
@@ -96,7 +98,8 @@ std::optional<std::vector<Result>> InEachDataCenter(const DataCenterEnsembleMapT
   return results;
 }
 
-/// Why the reader was answered with `code`: "eu-west: not read within 10 s: connecting (no server answers)"
+/// Why the reader was answered with `code`: "eu-west: not read within 10 s: no server is reached: ...". Waits up to a
+/// second.
 std::string TroubleOf(const EnsembleReader& reader, int code, std::chrono::seconds patience);
 
 }  // namespace zr::halden::tool

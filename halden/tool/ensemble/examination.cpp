@@ -3,11 +3,10 @@
 
 #include <fmt/format.h>
 
-#include <future>
+#include <chrono>
 #include <utility>
 #include <vector>
 
-#include "client/name_resolution.h"
 #include "client/watch_budget.h"
 #include "ensemble/reachability.h"
 #include "halden/instance_data.h"
@@ -21,30 +20,6 @@ namespace zr::halden::tool {
 namespace {
 
 using details::Request;
-
-ServerFacts ExamineServer(const details::HostPort& server) {
-  const bool ipv6 = server.host.find(':') != zr::String::npos;
-  ServerFacts facts;
-  facts.server = (ipv6 ? '[' + server.host + ']' : server.host) + ':' + std::to_string(server.port);
-  facts.isName = details::HasNames({server});
-  const auto resolved = details::Resolve({server});
-  facts.resolveError = resolved.error;
-  facts.connectError = WhyUnreachable(resolved.addresses);
-  return facts;
-}
-
-/// At once: one that does not answer takes its time.
-std::vector<ServerFacts> ExamineServers(const std::vector<details::HostPort>& servers) {
-  std::vector<std::future<ServerFacts>> running;
-  running.reserve(servers.size());
-  for (const auto& server : servers) {
-    running.push_back(std::async(std::launch::async, [&server] { return ExamineServer(server); }));
-  }
-  std::vector<ServerFacts> facts;
-  facts.reserve(servers.size());
-  for (auto& future : running) facts.push_back(future.get());
-  return facts;
-}
 
 /// Reads a service's nodes, and what a client's watches on them come to.
 class ServiceExamination {
@@ -152,12 +127,13 @@ class ServiceExamination {
 }  // namespace
 
 EnsembleFacts Examine(EnsembleReader& reader, const zr::String& ensemble, const std::string& service) {
+  constexpr std::chrono::seconds serversLimit{3};
   const auto parsed = details::ParseConnectString(ensemble).value;
   EnsembleFacts facts;
   facts.dataCenter = reader.DataCenter();
   facts.chroot = parsed.chroot;
   facts.hasCredential = !parsed.authFile.empty();
-  facts.servers = ExamineServers(parsed.hosts);
+  facts.servers = ExamineServers(parsed.hosts, serversLimit);
   facts.session = reader.AwaitSession();
   facts.status = reader.Status();
   if (!facts.session) return facts;
