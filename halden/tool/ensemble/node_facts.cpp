@@ -25,7 +25,7 @@ NodeFacts ReadNodeFacts(std::string dataCenter, const ServiceId& id, std::string
   if (decoded.payload) facts.data = details::ParsePayload(*decoded.payload);
   facts.error = decoded.error;
   messaging::halden::ZNodeData envelope;
-  if (decoded.payload && details::ParseEnvelope(bytes, envelope)) {
+  if (details::ParseEnvelope(bytes, envelope)) {  // of a payload that nobody can read, too
     facts.compressed = envelope.compression() != messaging::halden::ZNodeData::COMP_NONE;
     if (envelope.has_user()) facts.writer = envelope.user();
   }

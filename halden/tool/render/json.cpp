@@ -107,7 +107,7 @@ std::string ServiceLine(const ServiceCount& service) {
   return Line(Json{{"type", "service"},
                    {"data_center", service.dataCenter},
                    {"service", service.name},
-                   {"instances", service.instances}});
+                   {"instances", service.instances ? Json(*service.instances) : Json()}});
 }
 
 std::string FaultLine(const ConfigFault& fault, bool isError) {

@@ -33,7 +33,9 @@ std::string ServiceTable(const std::vector<ServiceCount>& services, const Look& 
   for (const auto& [dataCenter, name, instances] : services) {
     table.AddRow({{EscapeControls(name)},
                   {EscapeControls(dataCenter)},
-                  {std::to_string(instances), instances == 0 ? Tone::Faint : Tone::Plain}});
+                  {instances ? std::to_string(*instances) : "?", !instances        ? Tone::Bad
+                                                                 : *instances == 0 ? Tone::Faint
+                                                                                   : Tone::Plain}});
   }
   return table.Text(look);
 }

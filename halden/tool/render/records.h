@@ -25,7 +25,7 @@ struct Instance {
 struct ServiceCount {
   std::string dataCenter;
   std::string name;
-  std::size_t instances = 0;
+  std::optional<std::size_t> instances;  ///< null where that may not be read
 };
 
 /// All that an instance's node says, of itself and of who wrote it.
