@@ -128,7 +128,8 @@ class Instances {
   struct Instance {
     ServiceInstanceData data;
     std::unique_ptr<ServicePublisher> publisher;
-    PublisherStatus status{};                // at the last look
+    PublisherStatus status{};                  // at the last look
+    PublisherStatus whole{};                   // when it was published last
     steady_clock::time_point standsSince{};  // in the place of the last node of others
     std::string rivalTold{};
   };
@@ -144,13 +145,18 @@ class Instances {
   static void TellRivals(Instance& instance, bool wasPrinted) {
     const std::uint64_t replacedBefore = instance.status.replaced;
     const PublisherStatus& status = instance.status = instance.publisher->Status();
-    const bool replaced = status.replaced != replacedBefore;
-    if (replaced || status.state != PublishState::Published) instance.standsSince = steady_clock::now();
+    if (status.replaced != replacedBefore || status.state != PublishState::Published)
+      instance.standsSince = steady_clock::now();
     std::string told;
     if (status.state == PublishState::Conflict) {
       told = "published by another process, waiting for its end: " + status.rival;
-    } else if (replaced && wasPrinted) {
-      told = "another process publishes it too, and was replaced: " + status.replacedWriter;
+    } else if (status.state == PublishState::Published) {  // again
+      if (wasPrinted && status.undone != instance.whole.undone) {
+        told = status.replaced == instance.whole.replaced
+                   ? "another process has changed or deleted its node, published again"
+                   : "another process publishes it too, and was replaced: " + status.replacedWriter;
+      }
+      instance.whole = status;
     }
     if (told.empty() || told == instance.rivalTold) return;
     instance.rivalTold = told;

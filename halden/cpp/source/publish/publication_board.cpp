@@ -63,6 +63,11 @@ void PublicationBoard::CountCreation() {
   ++m_status.published;
 }
 
+void PublicationBoard::CountUndone() {
+  const zr::MutexLock lock(m_mtx);
+  ++m_status.undone;
+}
+
 void PublicationBoard::CountReplaced(zr::String writer) {
   const zr::MutexLock lock(m_mtx);
   ++m_status.replaced;

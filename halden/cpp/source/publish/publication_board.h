@@ -31,6 +31,7 @@ class PublicationBoard {
   /// `wish` is fulfilled.
   void Settle(PublishState state, std::uint64_t wish);
   void CountCreation();
+  void CountUndone();
   void CountReplaced(zr::String writer);
   void SetError(int code);
 

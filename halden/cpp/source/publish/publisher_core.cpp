@@ -158,6 +158,7 @@ void PublisherCore::MendLater(const char* loss) {
   if (!m_wish) return Step();
   ZRLOG(ZRLOG_WARNING, PublisherLog())
       << loss << ", dc_name=" << m_core->DataCenterName() << ", path=" << m_path;
+  m_board.CountUndone();
   m_board.Unsettle();
   Pause(m_pause.AfterLoss());
 }
