@@ -6,6 +6,9 @@ namespace zr::halden::tool {
 std::string ConfigExample() {
   return R"(# Where the data centres' ZooKeeper ensembles are, in TOML. "halden config check" tells what is wrong.
 
+# The data centre that this host is in: programs that choose between data centres prefer it. May be left out.
+local = "eu-west"
+
 [data_centers]
 
 # A data centre's name, and how its ensemble is reached: "host:port[,host:port...][/chroot]". Name every

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <variant>
+#include <vector>
 
 #include "halden/service_id.h"
 #include "logger/logger.h"
@@ -21,22 +22,25 @@ struct CommonOptions {
   std::string configPath;
   logging::LogLevel logLevel = logging::ZRLOG_ERROR;
   bool json = false;
-  bool quiet = false;                           ///< only results and errors
-  std::optional<std::chrono::seconds> timeout;  ///< null: the command's own default
+  bool quiet = false;                                ///< only results and errors
+  std::optional<std::chrono::milliseconds> timeout;  ///< null: the command's own default
+  std::vector<std::string> dataCenters;              ///< only these; empty: all
 
-  std::chrono::seconds Patience() const { return timeout.value_or(std::chrono::seconds(10)); }
+  std::chrono::milliseconds Patience() const { return timeout.value_or(std::chrono::seconds(10)); }
 };
 
 struct WatchOptions : CommonOptions {
   std::string service;
-  std::optional<std::chrono::seconds> guard;  ///< how long mass removals are held back; null: not at all
+  std::optional<std::chrono::milliseconds> guard;  ///< how long mass removals are held back; null: not at all
+  bool wide = false;                               ///< nothing is shortened
 };
 
 /// Of the commands that show what is there now.
 struct ViewOptions : CommonOptions {
   std::string service;
   bool live = false;
-  std::optional<std::chrono::seconds> guard;
+  std::optional<std::chrono::milliseconds> guard;
+  bool wide = false;
 };
 
 struct ListOptions : ViewOptions {};
@@ -44,7 +48,7 @@ struct StatusOptions : ViewOptions {};
 
 struct GetOptions : CommonOptions {
   std::string service;
-  ServiceId id{};
+  std::string id;  ///< how it begins, in lower case
 };
 
 struct ServicesOptions : CommonOptions {};
@@ -62,7 +66,6 @@ struct ConfigCheckOptions {
 
 struct PublishOptions : CommonOptions {
   std::string service;
-  std::string dataCenter;
   zr::messaging::halden::ServiceInstanceData instance;  ///< all but service name and start time
   std::optional<unsigned> count;  ///< when given, every instance has the attribute "index"
   std::optional<ServiceId> id;    ///< null: a new one

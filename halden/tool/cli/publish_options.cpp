@@ -71,9 +71,10 @@ std::string ReadAcl(const std::string& word) {
 }  // namespace
 
 void DeclarePublishOptions(CLI::App& command, Words& words) {
-  command.add_option("--dc", words.dataCenter, "The data centre to publish in")
+  command.add_option("--dc", words.dataCenters, "The data centre to publish in")
       ->required()
-      ->type_name("NAME");
+      ->type_name("NAME")
+      ->expected(1);
   command.add_option("--host", words.host, "Where the instance is reached")->required()->type_name("HOST");
   command.add_option("--port", words.ports, "A port; the main one has no name (repeatable)")
       ->required()
@@ -102,7 +103,6 @@ void DeclarePublishOptions(CLI::App& command, Words& words) {
 
 void ReadPublishOptions(const CLI::App& command, const Words& words, PublishOptions& options) {
   constexpr unsigned mostInstances = 10000;
-  options.dataCenter = words.dataCenter;
   if (command.count("--acl") != 0) options.acl = ReadAcl(words.acl);
   if (words.count) options.count = ParseNumber<unsigned>("--count", *words.count, 1, mostInstances);
   if (words.publishedId) options.id = ReadId("--id", *words.publishedId);

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "cli/config_example.h"
+#include "cli/config_path.h"
 #include "cli/generate.h"
 #include "cli/publish_options.h"
 #include "halden/service_watcher.h"
@@ -15,6 +16,8 @@ namespace zr::halden::tool {
 namespace {
 
 constexpr const char* kVersion = "halden " HALDEN_VERSION ", ZooKeeper C client " HALDEN_CLIENT_VERSION;
+constexpr const char* kConfigMeaning =
+    "The data centres and their ensembles (TOML) (default: $HALDEN_CONFIG, then /etc/halden/halden.toml)";
 constexpr const char* kAwaitAnswers = "How long to wait for data centres that do not answer (default: 10)";
 
 /// Leaves out which options exclude each other: who gives both is told.
@@ -55,20 +58,21 @@ logging::LogLevel ReadLogLevel(const Words& words) {
   return *level;
 }
 
-std::optional<std::chrono::seconds> ReadSeconds(std::string_view name, const std::optional<std::string>& word,
-                                                unsigned least) {
-  constexpr unsigned day = 24U * 60 * 60;
-  if (!word) return std::nullopt;
-  return std::chrono::seconds(ParseNumber<unsigned>(name, *word, least, day));
+CommonOptions ReadCommon(const Words& words) {
+  return {ConfigPath(words.config),
+          ReadLogLevel(words),
+          words.json,
+          words.quiet,
+          ReadSeconds("--timeout", words.timeout, std::chrono::milliseconds(0)),
+          words.dataCenters};
 }
 
-CommonOptions ReadCommon(const Words& words) {
-  return {words.config, ReadLogLevel(words), words.json, words.quiet,
-          ReadSeconds("--timeout", words.timeout, 0)};
+std::optional<std::chrono::milliseconds> ReadGuard(const Words& words) {
+  return ReadSeconds("--guard", words.guard, std::chrono::milliseconds(1));
 }
 
 ViewOptions ReadView(const Words& words) {
-  return {ReadCommon(words), ReadService(words), words.live, ReadSeconds("--guard", words.guard, 1)};
+  return {ReadCommon(words), ReadService(words), words.live, ReadGuard(words), words.wide};
 }
 
 /// For packagers: the build asks for it.
@@ -90,11 +94,11 @@ Invocation ReadStatus(const CLI::App& /*command*/, const Words& words) {
 }
 
 Invocation ReadWatch(const CLI::App& /*command*/, const Words& words) {
-  return WatchOptions{ReadCommon(words), ReadService(words), ReadSeconds("--guard", words.guard, 1)};
+  return WatchOptions{ReadCommon(words), ReadService(words), ReadGuard(words), words.wide};
 }
 
 Invocation ReadGet(const CLI::App& /*command*/, const Words& words) {
-  return GetOptions{ReadCommon(words), ReadService(words), ReadId("ID", words.id)};
+  return GetOptions{ReadCommon(words), ReadService(words), ReadIdPrefix("ID", words.id)};
 }
 
 Invocation ReadServices(const CLI::App& /*command*/, const Words& words) {
@@ -107,13 +111,13 @@ Invocation ReadDoctor(const CLI::App& command, const Words& words) {
 }
 
 Invocation ReadPublish(const CLI::App& command, const Words& words) {
-  PublishOptions options{ReadCommon(words), ReadService(words), {}, {}, {}, {}, {}};
+  PublishOptions options{ReadCommon(words), ReadService(words), {}, {}, {}, {}};
   ReadPublishOptions(command, words, options);
   return options;
 }
 
 Invocation ReadConfigCheck(const CLI::App& /*command*/, const Words& words) {
-  return ConfigCheckOptions{words.config, logging::ZRLOG_ERROR, words.json, words.quiet};
+  return ConfigCheckOptions{ConfigPath(words.config), logging::ZRLOG_ERROR, words.json, words.quiet};
 }
 
 Invocation ReadConfigExample(const CLI::App& /*command*/, const Words& /*words*/) {
@@ -151,9 +155,7 @@ void AddOutputOptions(CLI::App& command, Words& words) {
 CLI::App& AddCommand(CLI::App& app, Words& words, const Title& title, Reader read,
                      const char* timeout = kAwaitAnswers) {
   CLI::App& command = AddPlainCommand(app, words, title, read);
-  command.add_option("--config", words.config, "The data centres and their ensembles (TOML)")
-      ->required()
-      ->type_name("FILE");
+  command.add_option("--config", words.config, kConfigMeaning)->type_name("FILE");
   command.add_option("--timeout", words.timeout, timeout)->type_name("SECONDS");
   AddOutputOptions(command, words);
   auto* const level =
@@ -164,6 +166,17 @@ CLI::App& AddCommand(CLI::App& app, Words& words, const Title& title, Reader rea
   verbose->excludes(level);
   verbose->excludes(command.get_option("--quiet"));
   return command;
+}
+
+/// Of commands that may leave data centres out.
+void AddFilter(CLI::App& command, Words& words) {
+  command.add_option("--dc", words.dataCenters, "Only this data centre (repeatable)")
+      ->type_name("NAME")
+      ->allow_extra_args(false);
+}
+
+void AddWide(CLI::App& command, Words& words) {
+  command.add_flag("--wide", words.wide, "Whole ids, also on a terminal");
 }
 
 void AddService(CLI::App& command, Words& words, bool required = true) {
@@ -182,27 +195,35 @@ void AddWatch(CLI::App& app, Words& words) {
       app, words, {"watch", "Print what happens to a service's instances, as it happens"}, ReadWatch,
       "End with 1 when a data centre has not been read by then (default: wait for ever)");
   AddService(command, words);
+  AddFilter(command, words);
   AddGuard(command, words);
+  AddWide(command, words);
   command.footer(
       "Ends on SIGINT, SIGTERM and SIGHUP.\n\nExample:\n  halden watch orders --config halden.toml\n");
 }
 
-void AddView(CLI::App& app, Words& words, const Title& title, Reader read, const char* footer) {
+CLI::App& AddView(CLI::App& app, Words& words, const Title& title, Reader read, const char* footer) {
   auto& command = AddCommand(app, words, title, read);
   AddService(command, words);
-  auto* const live = command.add_flag("--live", words.live, "Stay, and show what changes; needs a terminal");
+  AddFilter(command, words);
+  auto* const live =
+      command.add_flag("--live", words.live, "Stay, and show what changes, until q; needs a terminal");
   live->excludes(command.get_option("--json"));
   live->excludes(command.get_option("--timeout"));  // it shows what is still missing
   AddGuard(command, words)->needs(live);
   command.footer(footer);
+  return command;
 }
 
 void AddReaders(CLI::App& app, Words& words) {
-  AddView(app, words, {"list", "Print a service's instances in all data centres"}, ReadList,
+  AddWide(
+      AddView(
+          app, words, {"list", "Print a service's instances in all data centres"}, ReadList,
           "The data centres' states follow the table; with --quiet they are left out. Returns 1 when a data\n"
           "centre could not be read in time; what is known is printed even so. That nobody publishes the\n"
           "service is said on stderr, with names like it, and is no failure.\n\n"
-          "Example:\n  halden list orders --config halden.toml --timeout 3\n");
+          "Example:\n  halden list orders --config halden.toml --timeout 3\n"),
+      words);
   AddView(app, words, {"status", "Print how each data centre is doing for a service"}, ReadStatus,
           "BAD counts nodes that cannot be read, RECONN the times that a session went on after a lost\n"
           "connection, EXPIRED lost sessions, RESYNC complete reads. Returns 1 when a data centre could not\n"
@@ -211,15 +232,22 @@ void AddReaders(CLI::App& app, Words& words) {
   auto& get =
       AddCommand(app, words, {"get", "Print all that one instance publishes, and who wrote it"}, ReadGet);
   AddService(get, words);
-  get.add_option("ID", words.id, "The instance's id")->required();
+  get.add_option("ID", words.id, "The instance's id, or how it begins")->required();
+  AddFilter(get, words);
   get.footer(
-      "Returns 1 when no data centre has it, or when one could not be read.\n\n"
-      "Example:\n  halden get orders 3f2a8c1e-5b7d-4e09-9a64-0c1d2e3f4a5b --config halden.toml\n");
-  AddCommand(app, words, {"services", "Print what is published, and how many instances of it"}, ReadServices)
-      .footer("Example:\n  halden services --config halden.toml\n");
+      "Returns 1 when no data centre has it, when several begin so, or when a data centre could not be "
+      "read.\n\n"
+      "Example:\n  halden get orders 3f2a8c1e --config halden.toml\n");
+  auto& services = AddCommand(
+      app, words, {"services", "Print what is published, and how many instances of it"}, ReadServices);
+  AddFilter(services, words);
+  services.footer(
+      "\"?\" stands where a service may not be read; the command returns 1 then.\n\n"
+      "Example:\n  halden services --config halden.toml\n");
   auto& doctor = AddCommand(
       app, words, {"doctor", "Look for what is wrong or will go wrong, and say what to do"}, ReadDoctor);
   AddService(doctor, words, false);
+  AddFilter(doctor, words);
   doctor.footer(
       "Checks the configuration, credentials, names, servers, sessions and access rights; with SERVICE also\n"
       "its nodes, their sizes, what watching them costs, and what anybody could do to them. Returns 1 when a "
@@ -251,7 +279,7 @@ void AddConfig(CLI::App& app, Words& words) {
   command.footer("Example:\n  halden config check halden.toml\n");
   auto& check = AddPlainCommand(
       command, words, {"check", "Print every fault and doubt of a file with its place"}, ReadConfigCheck);
-  check.add_option("FILE", words.config, "The configuration file (TOML)")->required();
+  check.add_option("FILE", words.config, kConfigMeaning);
   AddOutputOptions(check, words);
   check.footer(
       "Each is a line FILE:LINE:COLUMN: error|warning: TEXT. Returns 1 when there is an error.\n\n"

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "commands/commands.h"
+#include "ensemble/configuration.h"
 #include "ensemble/diagnosis.h"
 #include "ensemble/ensemble_reader.h"
 #include "ensemble/examination.h"
@@ -18,8 +19,9 @@
 namespace zr::halden::tool {
 
 void DiagnoseEnsembles(const DoctorOptions& options, LineWriter& output) {
-  const ZooKeeperConfig config = ReadZooKeeperConfig(options.configPath);
+  ZooKeeperConfig config = ReadZooKeeperConfig(options.configPath);
   std::vector<Check> checks = DiagnoseConfig(config, options.configPath);
+  KeepOnly(config.ensembles, options.dataCenters, options.configPath);
   const auto all = InEachDataCenter<EnsembleFacts>(
       config.ensembles, options.Patience(), output, [&](EnsembleReader& reader) {
         return Examine(reader, config.ensembles.at(reader.DataCenter()), options.service);

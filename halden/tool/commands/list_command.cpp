@@ -56,13 +56,15 @@ std::string Objects(const std::vector<Instance>& instances, const std::vector<Da
 
 /// States stand below the table, and keep their place where lines are few.
 std::string Tables(const GlobalServiceWatcher& watcher, const std::vector<DataCenterStatus>& states,
-                   const Look& look, std::size_t rows) {
+                   bool wide, const Look& look, std::size_t rows) {
   constexpr std::size_t frame = 2;  // the titles, and what says how many are left out
   const std::string below = states.empty() ? std::string() : '\n' + StateLines(states, look);
   const std::size_t taken = states.empty() ? 0 : states.size() + 1;
   const std::size_t most = rows == 0 ? 0 : std::max(rows, taken + frame + 1) - taken - frame;
   const auto [instances, more] = CollectInstances(watcher, most);
-  std::string text = InstanceTable(instances, look, std::chrono::system_clock::now());
+  ShortIds ids(wide || look.width == 0);
+  for (const auto& id : watcher.ListInstances()) ids.Add(id);  // also those that are left out
+  std::string text = InstanceTable(instances, ids, look, std::chrono::system_clock::now());
   if (more != 0) text += fmt::format("… {} more\n", more);
   return text + below;
 }
@@ -72,7 +74,7 @@ std::string Tables(const GlobalServiceWatcher& watcher, const std::vector<DataCe
 void ListInstances(const ListOptions& options, LineWriter& output) {
   const auto picture = [&options](const GlobalServiceWatcher& watcher, const Look& look, std::size_t rows) {
     const auto states = options.quiet ? std::vector<DataCenterStatus>() : watcher.Status();
-    if (!options.json) return Tables(watcher, states, look, rows);
+    if (!options.json) return Tables(watcher, states, options.wide, look, rows);
     return Objects(CollectInstances(watcher, 0).instances, states);
   };
   View(options, picture, output);

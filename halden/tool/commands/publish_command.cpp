@@ -1,6 +1,5 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <csignal>
@@ -43,23 +42,15 @@ struct Target {
 };
 
 Target MakeTarget(const PublishOptions& options) {
-  const auto ensembles = LoadEnsembles(options.configPath, options.quiet);
-  const auto found = ensembles.find(options.dataCenter);
-  if (found == ensembles.end()) {
-    std::vector<std::string> names;
-    for (const auto& [name, ensemble] : ensembles) names.push_back(name);
-    std::sort(names.begin(), names.end());
-    throw Failure(kWrongUsage, fmt::format("bad --dc '{}': {} has {}", options.dataCenter, options.configPath,
-                                           fmt::join(names, ", ")));
-  }
+  const auto ensembles = LoadEnsembles(options.configPath, options.quiet, options.dataCenters);
+  const auto& [name, ensemble] = *ensembles.begin();
   if (details::NeedsCredential(details::ParseAccessList(options.acl).value) &&
-      details::ParseConnectString(found->second).value.authFile.empty()) {
+      details::ParseConnectString(ensemble).value.authFile.empty()) {
     throw Failure(kWrongUsage, fmt::format("bad --acl '{}': {} gives data centre {} no auth_file",
-                                           options.acl, options.configPath, options.dataCenter));
+                                           options.acl, options.configPath, name));
   }
-  const std::vector<zr::String> hosts{found->second};
-  return {found->second,
-          std::make_shared<Connection>(hosts, true, zr::String(), kSessionTimeout, options.dataCenter)};
+  return {ensemble,
+          std::make_shared<Connection>(std::vector{ensemble}, true, zr::String(), kSessionTimeout, name)};
 }
 
 /// The instances of one process, all through one connection, and what was told of them.
@@ -128,8 +119,8 @@ class Instances {
   struct Instance {
     ServiceInstanceData data;
     std::unique_ptr<ServicePublisher> publisher;
-    PublisherStatus status{};                  // at the last look
-    PublisherStatus whole{};                   // when it was published last
+    PublisherStatus status{};                // at the last look
+    PublisherStatus whole{};                 // when it was published last
     steady_clock::time_point standsSince{};  // in the place of the last node of others
     std::string rivalTold{};
   };
@@ -230,8 +221,8 @@ void ServeUntilEnd(Instances& instances, const PublishOptions& options, const Ta
     if (!instances.AllPrinted() && steady_clock::now() >= failAt) {
       const ConnectionStatus status = target.conn->Status();
       const bool connected = status.state == ConnectionState::Connected;
-      throw Failure(kFailed, fmt::format("{}: not published within {} s: {}\n{}",
-                                         target.conn->DataCenterName(), options.timeout->count(),
+      throw Failure(kFailed, fmt::format("{}: not published within {}: {}\n{}", target.conn->DataCenterName(),
+                                         SecondsText(*options.timeout),
                                          connected ? instances.WhyNotPublished()
                                                    : WhyUnread({{}, status, {}}, target.ensemble),
                                          DoctorHint(options, options.service)));

@@ -17,7 +17,7 @@
 namespace zr::halden::tool {
 
 void ListServices(const ServicesOptions& options, LineWriter& output) {
-  const auto ensembles = LoadEnsembles(options.configPath, options.quiet);
+  const auto ensembles = LoadEnsembles(options.configPath, options.quiet, options.dataCenters);
   const auto all = InEachDataCenter<Catalogue>(
       ensembles, options.Patience(), output,
       [&](EnsembleReader& reader) { return ReadCatalogue(reader, options.Patience()); });

@@ -20,11 +20,15 @@ namespace zr::halden::tool {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-std::optional<MassRemovalGuard> GuardFor(const std::optional<std::chrono::seconds>& gracePeriod) {
+std::optional<MassRemovalGuard> GuardFor(const std::optional<std::chrono::milliseconds>& gracePeriod) {
   if (!gracePeriod) return std::nullopt;
   MassRemovalGuard guard;
   guard.gracePeriod = *gracePeriod;
   return guard;
+}
+
+void Connect(GlobalServiceWatcher& watcher, const DataCenterEnsembleMapT& ensembles) {
+  for (const auto& [name, ensemble] : ensembles) watcher.ConnectDC(name);
 }
 
 bool AwaitInstances(const GlobalServiceWatcher& watcher, const CommonOptions& options, LineWriter& output) {
@@ -41,12 +45,12 @@ bool AwaitInstances(const GlobalServiceWatcher& watcher, const CommonOptions& op
 }
 
 std::string Unread(const std::vector<DataCenterStatus>& states, const DataCenterEnsembleMapT& ensembles,
-                   std::chrono::seconds patience, const std::string& toTry) {
+                   std::chrono::milliseconds patience, const std::string& toTry) {
   std::vector<std::future<std::string>> lines;
   for (const auto& state : states) {
     if (state.watcher.freshness != Freshness::NeverSynchronized) continue;
     lines.push_back(std::async(std::launch::async, [&] {
-      return fmt::format("{}: not read completely within {} s: {}\n", state.name, patience.count(),
+      return fmt::format("{}: not read completely within {}: {}\n", state.name, SecondsText(patience),
                          WhyUnread(state, ensembles.at(state.name)));
     }));
   }
@@ -64,16 +68,17 @@ bool IsEmpty(const std::vector<DataCenterStatus>& states) {
 
 namespace {
 
-void ShowLive(GlobalServiceWatcher& watcher, const Picture& picture, LineWriter& output) {
+void ShowLive(GlobalServiceWatcher& watcher, const DataCenterEnsembleMapT& ensembles, const Picture& picture,
+              LineWriter& output) {
   LiveScreen screen(output);  // before there are threads
-  watcher.StartManagedConnections();
+  Connect(watcher, ensembles);
   screen.Run([&](const Look& look, std::size_t rows) { return picture(watcher, look, rows); });
 }
 
 /// What has not been read in time.
 std::string ShowOnce(GlobalServiceWatcher& watcher, const DataCenterEnsembleMapT& ensembles,
                      const ViewOptions& options, const Picture& picture, LineWriter& output) {
-  watcher.StartManagedConnections();
+  Connect(watcher, ensembles);
   if (!AwaitInstances(watcher, options, output)) return {};
   std::string unread =
       Unread(watcher.Status(), ensembles, options.Patience(), DoctorHint(options, options.service));
@@ -86,11 +91,11 @@ std::string ShowOnce(GlobalServiceWatcher& watcher, const DataCenterEnsembleMapT
 }  // namespace
 
 void View(const ViewOptions& options, const Picture& picture, LineWriter& output) {
-  const auto ensembles = LoadEnsembles(options.configPath, options.quiet);
+  const auto ensembles = LoadEnsembles(options.configPath, options.quiet, options.dataCenters);
   GlobalServiceWatcher watcher(options.service, LibraryManaged{options.configPath});
   watcher.SetMassRemovalGuard(GuardFor(options.guard));
   if (options.live) {
-    ShowLive(watcher, picture, output);
+    ShowLive(watcher, ensembles, picture, output);
     watcher.Close(kReadersClosingLimit);
     return;
   }

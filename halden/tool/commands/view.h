@@ -17,7 +17,10 @@
 /// What the commands share that follow a service.
 namespace zr::halden::tool {
 
-std::optional<MassRemovalGuard> GuardFor(const std::optional<std::chrono::seconds>& gracePeriod);
+std::optional<MassRemovalGuard> GuardFor(const std::optional<std::chrono::milliseconds>& gracePeriod);
+
+/// Connects these of the configured data centres.
+void Connect(GlobalServiceWatcher& watcher, const DataCenterEnsembleMapT& ensembles);
 
 /// Waits until every data centre has been read, showing progress. False when there is a reason to end before
 /// that and before the time is up.
@@ -26,7 +29,7 @@ bool AwaitInstances(const GlobalServiceWatcher& watcher, const CommonOptions& op
 /// A line for each data centre that has not been read within `patience`, with what is in the way, and what to try; empty
 /// when all were read. Waits up to a second for what can be found out.
 std::string Unread(const std::vector<DataCenterStatus>& states, const DataCenterEnsembleMapT& ensembles,
-                   std::chrono::seconds patience, const std::string& toTry);
+                   std::chrono::milliseconds patience, const std::string& toTry);
 
 /// That every data centre has been read and nobody has an instance there, readable or not.
 bool IsEmpty(const std::vector<DataCenterStatus>& states);

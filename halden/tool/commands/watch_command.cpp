@@ -16,6 +16,7 @@
 #include "io/failure.h"
 #include "io/terminal.h"
 #include "render/event_format.h"
+#include "render/short_ids.h"
 #include "render/state_text.h"
 #include "render/text.h"
 #include "zrstl/utf8.h"
@@ -28,7 +29,8 @@ namespace {
 /// what it could not deliver, instead of filling a queue here.
 class EventPrinter final : public ServiceWatcherObserver {
  public:
-  EventPrinter(const EventFormat& format, LineWriter& output) : m_format(format), m_output(output) {}
+  EventPrinter(const EventFormat& format, bool wholeIds, LineWriter& output)
+      : m_format(format), m_output(output), m_ids(wholeIds) {}
 
   void OnInstanceAdded(ServiceWatcher& watcher, const ServiceId& instance,
                        const ServiceInstanceData& data) override {
@@ -46,11 +48,20 @@ class EventPrinter final : public ServiceWatcherObserver {
   void Print(const ServiceWatcher& watcher, InstanceChange change, const ServiceId& id,
              const ServiceInstanceData* data) {
     const auto now = std::chrono::system_clock::now();
-    m_output.Write(m_format.Event(now, watcher.DataCenterName(), change, id, data));
+    m_output.Write(m_format.Event(now, watcher.DataCenterName(), change, id, ShortIdOf(id), data));
+  }
+
+  /// Data centres tell of their events concurrently.
+  std::string ShortIdOf(const ServiceId& id) {
+    const std::lock_guard lock(m_mtx);
+    m_ids.Add(id);
+    return m_ids.Text(id);
   }
 
   const EventFormat m_format;
   LineWriter& m_output;
+  std::mutex m_mtx;  // guards the one below
+  ShortIds m_ids;
 };
 
 std::size_t WidestName(const DataCenterEnsembleMapT& ensembles) {
@@ -113,16 +124,17 @@ std::string FollowFirstRead(const GlobalServiceWatcher& watcher, const DataCente
 
 void WatchService(const WatchOptions& options, LineWriter& output) {
   constexpr std::chrono::hours longTime{1};
-  const auto ensembles = LoadEnsembles(options.configPath, options.quiet);
-  const EventFormat format(options.json, WidestName(ensembles), LookOf(output.Descriptor()));
+  const auto ensembles = LoadEnsembles(options.configPath, options.quiet, options.dataCenters);
+  const Look look = LookOf(output.Descriptor());
+  const EventFormat format(options.json, WidestName(ensembles), look);
   GlobalServiceWatcher watcher(options.service, LibraryManaged{options.configPath});
   watcher.SetMassRemovalGuard(GuardFor(options.guard));
-  watcher.RegisterShared(std::make_shared<EventPrinter>(format, output));
+  watcher.RegisterShared(std::make_shared<EventPrinter>(format, options.wide || look.width == 0, output));
   if (!options.quiet) {
     const auto states = std::make_shared<StatePrinter>(format, output);
     watcher.SetStatusHandler([states](const DataCenterStatus& status) { states->Print(status); });
   }
-  watcher.StartManagedConnections();
+  Connect(watcher, ensembles);
   const std::string unread = FollowFirstRead(watcher, ensembles, options, output);
   while (unread.empty() && !output.AwaitEnd(longTime)) {
   }

@@ -25,10 +25,11 @@ std::string Listed(const std::set<std::string>& names) {
 
 /// What could not be read, and why: a line for each reason.
 std::string Troubles(const EnsembleReader& reader, const std::map<int, std::set<std::string>>& services,
-                     std::chrono::seconds patience) {
+                     std::chrono::milliseconds patience) {
   std::string lines;
   for (const auto& [code, names] : services) {
-    lines += fmt::format("{}{}: {}", lines.empty() ? "" : "\n", TroubleOf(reader, code, patience), Listed(names));
+    lines +=
+        fmt::format("{}{}: {}", lines.empty() ? "" : "\n", TroubleOf(reader, code, patience), Listed(names));
   }
   return lines;
 }
@@ -36,7 +37,7 @@ std::string Troubles(const EnsembleReader& reader, const std::map<int, std::set<
 }  // namespace
 
 /// The partitions' own counts: instances are not listed for their number.
-Catalogue ReadCatalogue(EnsembleReader& reader, std::chrono::seconds patience) {
+Catalogue ReadCatalogue(EnsembleReader& reader, std::chrono::milliseconds patience) {
   const auto names = reader.Ask({details::Request::Kind::GetChildren, zr::String(details::kServicesPath)});
   if (names.code == ZNONODE) return {};  // nobody has published here yet
   if (names.code != ZOK) return {{}, TroubleOf(reader, names.code, patience)};

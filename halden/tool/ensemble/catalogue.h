@@ -17,6 +17,6 @@ struct Catalogue {
 };
 
 /// Waits, up to the reader's limit; `patience`: how long that was when it began.
-Catalogue ReadCatalogue(EnsembleReader& reader, std::chrono::seconds patience);
+Catalogue ReadCatalogue(EnsembleReader& reader, std::chrono::milliseconds patience);
 
 }  // namespace zr::halden::tool

@@ -9,6 +9,7 @@
 
 #include "ensemble/reachability.h"
 #include "model/error_policy.h"
+#include "render/text.h"
 
 namespace zr::halden::tool {
 
@@ -124,9 +125,9 @@ std::vector<details::Reply> EnsembleReader::Ask(const std::vector<Question>& que
   return replies;
 }
 
-std::string TroubleOf(const EnsembleReader& reader, int code, std::chrono::seconds patience) {
+std::string TroubleOf(const EnsembleReader& reader, int code, std::chrono::milliseconds patience) {
   if (code != ZOPERATIONTIMEOUT) return reader.DataCenter() + ": " + zerror(code);
-  return fmt::format("{}: not read within {} s: {}", reader.DataCenter(), patience.count(),
+  return fmt::format("{}: not read within {}: {}", reader.DataCenter(), SecondsText(patience),
                      WhyUnread({{}, reader.Status(), {}}, reader.Ensemble()));
 }
 

@@ -75,7 +75,7 @@ class EnsembleReader {
 /// reason to end before.
 template <typename Result>
 std::optional<std::vector<Result>> InEachDataCenter(const DataCenterEnsembleMapT& ensembles,
-                                                    std::chrono::seconds patience, LineWriter& output,
+                                                    std::chrono::milliseconds patience, LineWriter& output,
                                                     const std::function<Result(EnsembleReader&)>& task) {
   constexpr std::chrono::milliseconds interval{50};
   std::atomic<bool> cancelled{false};
@@ -100,6 +100,6 @@ std::optional<std::vector<Result>> InEachDataCenter(const DataCenterEnsembleMapT
 
 /// Why the reader was answered with `code`: "eu-west: not read within 10 s: no server is reached: ...". Waits up to a
 /// second.
-std::string TroubleOf(const EnsembleReader& reader, int code, std::chrono::seconds patience);
+std::string TroubleOf(const EnsembleReader& reader, int code, std::chrono::milliseconds patience);
 
 }  // namespace zr::halden::tool

@@ -43,9 +43,10 @@ bool LineWriter::AwaitWritable() {
   return false;
 }
 
-bool LineWriter::AwaitEnd(std::chrono::milliseconds limit, int other) {
+bool LineWriter::AwaitEnd(std::chrono::milliseconds limit, int other, int another) {
   if (m_ended) return true;
-  std::array<pollfd, 3> events{{{m_output, 0, 0}, {m_stop, POLLIN, 0}, {other, POLLIN, 0}}};
+  std::array<pollfd, 4> events{
+      {{m_output, 0, 0}, {m_stop, POLLIN, 0}, {other, POLLIN, 0}, {another, POLLIN, 0}}};
   if (poll(events.data(), events.size(), static_cast<int>(limit.count())) < 0) return false;
   if ((events[0].revents & kGone) != 0) m_ended = true;
   return m_ended || events[1].revents != 0;

@@ -22,8 +22,8 @@ class LineWriter {
   void Write(std::string_view text);
 
   /// Waits until there is a reason to end: a stop, a reader that has gone away, a write that failed. True
-  /// then; false at the limit, or when `other` (-1: none) becomes readable.
-  bool AwaitEnd(std::chrono::milliseconds limit, int other = -1);
+  /// then; false at the limit, or when `other` or `another` (-1: none) becomes readable.
+  bool AwaitEnd(std::chrono::milliseconds limit, int other = -1, int another = -1);
 
   int Descriptor() const { return m_output; }
 

@@ -1,9 +1,11 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "io/live_screen.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <csignal>
 
@@ -62,6 +64,22 @@ bool LiveScreen::TakeSignals() {
   return true;
 }
 
+/// -1 while what is typed is for others: to read it from the background would stop the process.
+int LiveScreen::Keyboard() const {
+  const bool ours = m_hasKeyboard && !m_keysGone && tcgetpgrp(STDIN_FILENO) == getpgrp();
+  return ours ? STDIN_FILENO : -1;
+}
+
+/// False when one of them is to end the process.
+bool LiveScreen::TakeKeys() {
+  pollfd keys{Keyboard(), POLLIN, 0};
+  std::array<char, 64> typed{};
+  if (keys.fd < 0 || poll(&keys, 1, 0) <= 0) return true;
+  const ssize_t count = read(keys.fd, typed.data(), typed.size());
+  m_keysGone = count == 0;
+  return std::find(typed.begin(), typed.end(), 'q') == typed.end();
+}
+
 void LiveScreen::Run(const std::function<std::string(const Look&, std::size_t)>& text) {
   constexpr std::chrono::milliseconds interval{500};
   do {
@@ -71,7 +89,7 @@ void LiveScreen::Run(const std::function<std::string(const Look&, std::size_t)>&
     look.width =
         std::max<std::size_t>(size.ws_col, 2) - 1;  // a full line's last column would be erased again
     m_output.Write(LiveFrame(text(look, rows), rows));
-  } while (!m_output.AwaitEnd(interval, m_signals.Descriptor()) && TakeSignals());
+  } while (!m_output.AwaitEnd(interval, m_signals.Descriptor(), Keyboard()) && TakeSignals() && TakeKeys());
 }
 
 std::string LiveFrame(std::string_view text, std::size_t rows) {

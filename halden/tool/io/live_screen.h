@@ -28,18 +28,21 @@ class LiveScreen {
   LiveScreen& operator=(const LiveScreen&) = delete;
 
   /// Shows what `text` makes for the terminal's width and number of lines, again and again, until there is a
-  /// reason to end.
+  /// reason to end, or somebody presses q.
   void Run(const std::function<std::string(const Look&, std::size_t)>& text);
 
  private:
   void Enter();
   void Leave();
   bool TakeSignals();
+  int Keyboard() const;
+  bool TakeKeys();
 
   LineWriter& m_output;
   const SignalSet m_signals;
   termios m_before{};
   bool m_hasKeyboard = false;  // m_before is what to restore
+  bool m_keysGone = false;     // nothing more will be typed
 };
 
 /// What replaces one frame by the next without a moment of emptiness between: every line is written over, and

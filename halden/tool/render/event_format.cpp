@@ -30,9 +30,10 @@ std::string EventFormat::Row(TimePoint time, std::string_view dataCenter, std::s
 }
 
 std::string EventFormat::Event(TimePoint time, std::string_view dataCenter, InstanceChange change,
-                               const ServiceId& id, const ServiceInstanceData* data) const {
+                               const ServiceId& id, std::string_view shortId,
+                               const ServiceInstanceData* data) const {
   if (m_json) return EventLine(time, dataCenter, change, id, data);
-  std::string rest = halden::ToString(id);
+  std::string rest(shortId);
   if (data != nullptr) {
     rest += fmt::format("  {}  {}", Endpoint(*data), StatusText(*data));
     if (data->attributes_size() > 0) rest += "  " + AttributeText(*data);

@@ -20,9 +20,9 @@ class EventFormat {
   EventFormat(bool json, std::size_t dataCenterWidth, const Look& look)
       : m_json(json), m_dataCenterWidth(dataCenterWidth), m_look(look) {}
 
-  /// `data` is null for what was removed.
+  /// `shortId`: the id as people are to read it. `data` is null for what was removed.
   std::string Event(TimePoint time, std::string_view dataCenter, InstanceChange change, const ServiceId& id,
-                    const ServiceInstanceData* data) const;
+                    std::string_view shortId, const ServiceInstanceData* data) const;
   std::string State(TimePoint time, const DataCenterStatus& status) const;
 
  private:

@@ -14,12 +14,13 @@ constexpr std::size_t kLeast = 4;  // columns of what is cut
 
 }  // namespace
 
-std::string InstanceTable(const std::vector<Instance>& instances, const Look& look, TimePoint now) {
+std::string InstanceTable(const std::vector<Instance>& instances, const ShortIds& ids, const Look& look,
+                          TimePoint now) {
   Table table({{"DC", kLeastName}, {"ID"}, {"HOST", kLeast}, {"PORTS", kLeast}, {"STATUS"}, {"AGE"}});
   for (const auto& [dataCenter, id, data, held] : instances) {
     const std::string status = StatusText(data) + (held ? ", held" : "");
     table.AddRow({{EscapeControls(dataCenter)},
-                  {halden::ToString(id)},
+                  {ids.Text(id)},
                   {EscapeControls(data.host())},
                   {PortText(data)},
                   {status, status == kStatusOk ? Tone::Plain : Tone::Doubtful},

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "render/records.h"
+#include "render/short_ids.h"
 #include "render/table.h"
 #include "render/text.h"
 
@@ -12,7 +13,8 @@
 namespace zr::halden::tool {
 
 /// Rows in the order given.
-std::string InstanceTable(const std::vector<Instance>& instances, const Look& look, TimePoint now);
+std::string InstanceTable(const std::vector<Instance>& instances, const ShortIds& ids, const Look& look,
+                          TimePoint now);
 std::string ServiceTable(const std::vector<ServiceCount>& services, const Look& look);
 
 }  // namespace zr::halden::tool

@@ -12,13 +12,6 @@ namespace zr::halden::tool {
 
 namespace {
 
-std::string Lower(std::string_view text) {
-  std::string lower(text);
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-  return lower;
-}
-
 /// Letters to add, drop, replace, or swap with their neighbour.
 std::size_t Distance(std::string_view from, std::string_view to) {
   std::vector<std::size_t> before;
@@ -42,10 +35,10 @@ std::size_t Distance(std::string_view from, std::string_view to) {
 std::vector<std::string> Similar(std::string_view word, const std::vector<std::string>& known) {
   constexpr std::size_t most = 3;
   constexpr std::size_t lettersPerSlip = 3;
-  const std::string meant = Lower(word);
+  const std::string meant = LowerCase(word);
   std::vector<std::pair<std::size_t, std::string>> found;
   for (const auto& name : known) {
-    const std::string candidate = Lower(name);
+    const std::string candidate = LowerCase(name);
     const std::size_t slips =
         std::max<std::size_t>(std::max(meant.size(), candidate.size()) / lettersPerSlip, 1);
     const bool begun = meant.size() >= 2 && candidate.starts_with(meant);

@@ -13,6 +13,7 @@ namespace zr::halden::tool {
 namespace {
 
 constexpr std::size_t kGap = 2;
+constexpr std::size_t kMostInPipe = 36;
 
 std::string_view Escape(Tone tone) {
   switch (tone) {
@@ -47,7 +48,9 @@ std::vector<std::size_t> Table::Widths(std::size_t limit) const {
   for (const auto& column : m_columns) widths.push_back(Width(column.title));
   for (const auto& row : m_rows) {
     for (std::size_t i = 0; i < row.cells.size(); ++i) {
-      widths[i] = std::max(widths[i], Width(row.cells[i].text));
+      const std::size_t width = Width(row.cells[i].text);
+      // Nobody's terminal bounds what goes into a pipe: one long cell must not make all lines long.
+      if (limit != 0 || width <= kMostInPipe) widths[i] = std::max(widths[i], width);
     }
   }
   std::size_t total = std::accumulate(widths.begin(), widths.end(), kGap * (widths.size() - 1));
@@ -65,14 +68,15 @@ std::vector<std::size_t> Table::Widths(std::size_t limit) const {
 }
 
 std::string Table::Line(const std::vector<Cell>& cells, const std::vector<std::size_t>& widths,
-                        bool colour) const {
+                        const Look& look) const {
+  const bool bounded = look.width != 0;
   std::string line;
   for (std::size_t i = 0; i < cells.size(); ++i) {
-    const std::string text = Cut(cells[i].text, widths[i]);
-    const std::size_t blanks = widths[i] - Width(text);
+    const std::string text = bounded ? Cut(cells[i].text, widths[i]) : cells[i].text;
+    const std::size_t blanks = widths[i] - std::min(widths[i], Width(text));
     const bool last = i + 1 == cells.size();
     if (m_columns[i].number) line.append(blanks, ' ');
-    line += Coloured(text, cells[i].tone, colour);
+    line += Coloured(text, cells[i].tone, look.colour);
     if (!last) line.append(kGap + (m_columns[i].number ? 0 : blanks), ' ');
   }
   line += '\n';
@@ -83,10 +87,10 @@ std::string Table::Text(const Look& look) const {
   const auto widths = Widths(look.width);
   std::vector<Cell> titles;
   for (const auto& column : m_columns) titles.push_back({column.title, Tone::Title});
-  std::string text = Line(titles, widths, look.colour);
+  std::string text = Line(titles, widths, look);
   for (const auto& row : m_rows) {
     if (!row.cells.empty()) {
-      text += Line(row.cells, widths, look.colour);
+      text += Line(row.cells, widths, look);
       continue;
     }
     std::string note(widths.front() + kGap, ' ');

@@ -40,7 +40,8 @@ class Table {
   void AddNote(std::string note) { m_rows.push_back({{}, std::move(note)}); }
 
   /// Columns as wide as their widest cell. What is too wide for the look is taken from those that
-  /// may be cut, from whichever is the widest then.
+  /// may be cut, from whichever is the widest then. Without a limit nothing is cut, and columns are no wider than an id:
+  /// what is wider moves the rest of its own line.
   std::string Text(const Look& look) const;
 
  private:
@@ -50,7 +51,8 @@ class Table {
   };
 
   std::vector<std::size_t> Widths(std::size_t limit) const;
-  std::string Line(const std::vector<Cell>& cells, const std::vector<std::size_t>& widths, bool colour) const;
+  std::string Line(const std::vector<Cell>& cells, const std::vector<std::size_t>& widths,
+                   const Look& look) const;
 
   const std::vector<Column> m_columns;
   std::vector<Row> m_rows;

@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <array>
+#include <clocale>
 #include <ctime>
+#include <cwchar>
 #include <utility>
 
 #include "zrstl/utf8.h"
@@ -15,8 +17,17 @@ namespace zr::halden::tool {
 
 namespace {
 
-bool ContinuesCharacter(char c) {
-  return (c & '\xc0') == '\x80';
+/// Of the character that `text` begins with, which is taken off. The C library knows the widths, in a locale that knows
+/// characters; bytes that are none count as one.
+std::size_t TakeWidth(std::string_view& text) {
+  static const locale_t characters = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+  const auto point = TakeCodePoint(text);
+  if (!point) text.remove_prefix(1);
+  if (!point || *point < 0x80 || characters == nullptr) return 1;
+  const locale_t before = uselocale(characters);
+  const int width = wcwidth(static_cast<wchar_t>(*point));
+  uselocale(before);
+  return width < 0 ? 1 : static_cast<std::size_t>(width);
 }
 
 std::time_t Seconds(TimePoint time) {
@@ -46,9 +57,17 @@ std::string Word(std::string_view text) {
   return quoted + '"';
 }
 
+std::string LowerCase(std::string_view text) {
+  std::string lower(text);
+  std::transform(lower.begin(), lower.end(), lower.begin(),
+                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  return lower;
+}
+
 std::size_t Width(std::string_view text) {
-  return static_cast<std::size_t>(
-      std::count_if(text.begin(), text.end(), [](char c) { return !ContinuesCharacter(c); }));
+  std::size_t width = 0;
+  while (!text.empty()) width += TakeWidth(text);
+  return width;
 }
 
 std::string Padded(std::string_view text, std::size_t width) {
@@ -66,11 +85,10 @@ std::string RightAligned(std::string_view text, std::size_t width) {
 std::string Cut(std::string_view text, std::size_t width) {
   if (Width(text) <= width) return std::string(text);
   if (width == 0) return {};
+  std::string_view rest = text;
   std::size_t end = 0;
-  for (std::size_t columns = 0; columns < width; ++columns) {
-    if (columns + 1 == width) break;
-    do ++end;
-    while (end < text.size() && ContinuesCharacter(text[end]));
+  for (std::size_t columns = TakeWidth(rest); columns < width; columns += TakeWidth(rest)) {
+    end = text.size() - rest.size();  // there is more, since all is wider than `width`
   }
   std::string cut(text.substr(0, end));
   cut += "…";
@@ -79,6 +97,10 @@ std::string Cut(std::string_view text, std::size_t width) {
 
 std::string Counted(std::size_t count, std::string_view what) {
   return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+}
+
+std::string SecondsText(std::chrono::milliseconds time) {
+  return fmt::format("{:g} s", std::chrono::duration<double>(time).count());
 }
 
 std::string LocalTime(TimePoint time) {

@@ -15,7 +15,10 @@ using TimePoint = std::chrono::system_clock::time_point;
 /// As one word: put in quotes where it would not read as one.
 std::string Word(std::string_view text);
 
-/// Columns that `text` takes up, counting each character as one.
+/// Of ASCII's letters.
+std::string LowerCase(std::string_view text);
+
+/// Columns that `text`, in UTF-8, takes up on a terminal.
 std::size_t Width(std::string_view text);
 /// `text` with blanks behind it, or before it, up to `width`.
 std::string Padded(std::string_view text, std::size_t width);
@@ -25,6 +28,9 @@ std::string Cut(std::string_view text, std::size_t width);
 
 /// "1 instance", "3 instances"
 std::string Counted(std::size_t count, std::string_view what);
+
+/// "10 s", "0.5 s"
+std::string SecondsText(std::chrono::milliseconds time);
 
 /// "2026-01-02 03:04:05.678" in the local time zone
 std::string LocalTime(TimePoint time);

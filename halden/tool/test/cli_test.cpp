@@ -54,6 +54,14 @@ TEST(CommandLine, ReadsPortsAndAttributesAsTyped) {
       R"(attributes { key: "[a" value: "b]" } attributes { key: "url" value: "x=y" })");
 }
 
+TEST(CommandLine, ReadsIdsInAnyCaseAndPartsOfSeconds) {
+  const auto get = std::get<GetOptions>(
+      Parse({"get", "a", "3F2a8C1e-5", "--config", "c", "--dc", "eu", "--dc", "us", "--timeout", "0.25"}));
+  EXPECT_EQ(get.id, "3f2a8c1e-5");
+  EXPECT_EQ(get.Patience(), std::chrono::milliseconds(250));
+  EXPECT_THAT(get.dataCenters, testing::ElementsAre("eu", "us"));
+}
+
 TEST(CommandLine, SaysWhatIsWrongInOneLine) {
   ExpectRefused({}, "a command is missing: list, status, ");
   ExpectRefused({"lst", "orders"}, "unknown command 'lst', did you mean list?");
@@ -66,14 +74,16 @@ TEST(CommandLine, SaysWhatIsWrongInOneLine) {
   for (const char* service : {"", "a/b", "..", "a\nb", "\xff"}) {
     ExpectRefused({"doctor", service, "--config", "c"}, "bad service name");
   }
-  for (const char* timeout : {"-1", "nan", "1.5", "", "86401", "99999999999999999999"}) {
+  for (const char* timeout : {"-1", "nan", "1e3", "", "86401", "99999999999999999999"}) {
     ExpectRefused(list + Arguments{"--timeout", timeout}, "bad --timeout");
   }
   ExpectRefused(list + Arguments{"--live", "--json"}, "--json");
   ExpectRefused(list + Arguments{"--live", "--timeout", "5"}, "--timeout");
   ExpectRefused(list + Arguments{"--guard", "5"}, "--live");
   ExpectRefused(list + Arguments{"--quiet", "--verbose"}, "--verbose");
-  ExpectRefused({"get", "orders", "0", "--config", "c"}, "bad ID");
+  for (const char* id : {"", "3g", "3f2a8c1e5b", "3f2a8c1e-5b7d-4e09-9a64-0c1d2e3f4a5b0"}) {
+    ExpectRefused({"get", "orders", id, "--config", "c"}, "bad ID");
+  }
   ExpectRefused({"generate", "pdf"}, "bad FORMAT");
 }
 

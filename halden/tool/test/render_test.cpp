@@ -49,7 +49,8 @@ DataCenterStatus State(ConnectionState connection, Freshness freshness, std::siz
 TEST(EventLine, StaysOneLineAndLeavesTheTerminalAloneWhateverIsPublished) {
   ServiceInstanceData data = Data("a\nb\x1b[2J\xc2\x9b");
   data.mutable_attributes(0)->set_value("\" \r");
-  const auto line = EventFormat(false, 10, {}).Event(kNow, "eu\twest", InstanceChange::Modified, kId, &data);
+  const auto line =
+      EventFormat(false, 10, {}).Event(kNow, "eu\twest", InstanceChange::Modified, kId, kIdText, &data);
   EXPECT_EQ(line.substr(line.find('.')), ".042  eu\\x09west  modified  " + kIdText +
                                              "  a\\x0ab\\x1b[2J\\x9b:80,admin=81  ok  zone=\"\\\" \\x0d\"\n");
 }
@@ -88,7 +89,7 @@ TEST(Json, KeepsItsSyntaxWhateverIsPublished) {
   ServiceInstanceData data = Data();
   data.set_version("1\xff");  // nobody should let it pass, but a line that is no JSON would stop its reader
   EXPECT_THAT(
-      EventFormat(true, 0, {}).Event(kNow, "eu", InstanceChange::Added, kId, &data),
+      EventFormat(true, 0, {}).Event(kNow, "eu", InstanceChange::Added, kId, {}, &data),
       AllOf(HasSubstr(R"("time":"2023-11-14T22:13:20.042Z",)"), HasSubstr("\"version\":\"1\xef\xbf\xbd\""),
             HasSubstr(R"("ports":[{"name":"","port":80},{"name":"admin","port":81}],"status":"ok",)")));
   DataCenterStatus state;
@@ -117,12 +118,33 @@ TEST(StateText, CallsNeitherKeptInstancesLiveNorLiveOnesKept) {
 }
 
 TEST(InstanceTable, IsCutToTheTerminalButNeverItsIds) {
-  const std::vector<Instance> instances{{"eu-west", kId, Data("größe-of-a-host-name.example.com")}};
+  const std::vector<Instance> instances{{"eu-west", kId, Data("größe-数据库-a-name.example.com")}};
   for (const std::size_t width : {80U, 76U, 20U}) {
-    const std::string table = InstanceTable(instances, {false, width}, kNow);
+    const std::string table = InstanceTable(instances, ShortIds(true), {false, width}, kNow);
     EXPECT_THAT(table, AllOf(HasSubstr(kIdText), HasSubstr("…")));
     EXPECT_EQ(Width(table.substr(table.find('\n') + 1)), std::max<std::size_t>(width, 72) + 1) << table;
   }
+}
+
+TEST(InstanceTable, LeavesPipesWholeAndLinesIndependent) {
+  const std::string host(100, 'h');
+  const std::string table =
+      InstanceTable({{"eu", kId, Data(host)}, {"eu", kId, Data()}}, ShortIds(true), {}, kNow);
+  EXPECT_THAT(table, AllOf(HasSubstr("  " + host + "  80,"), HasSubstr("  db1   80,")));
+}
+
+TEST(Text, CountsTheColumnsThatCharactersTake) {
+  EXPECT_EQ(Width("a数e\u0301\xff"), 5U);
+  EXPECT_EQ(Cut("数据库", 5), "数据…");
+  EXPECT_EQ(Cut("数据库", 4), "数…");
+}
+
+TEST(ShortIds, AreAsLongAsItTakesToTellThemApart) {
+  ShortIds ids(false);
+  ids.Add(kId);
+  EXPECT_EQ(ids.Text(kId), kIdText.substr(0, 8));
+  ids.Add(ParseServiceId("00112233-4455-0677-8899-aabbccddeeff").value());
+  EXPECT_EQ(ids.Text(kId), kIdText.substr(0, 15));
 }
 
 TEST(NodeFacts, TellTheWriterAndSurviveAnyBytes) {
