@@ -48,6 +48,7 @@ struct Dispatch {
   void operator()(const DoctorOptions& options) const { DiagnoseEnsembles(options, output); }
   void operator()(const ConfigCheckOptions& options) const { CheckConfiguration(options, output); }
   void operator()(const PublishOptions& options) const { PublishInstances(options, output); }
+  void operator()(const CompleteOptions& options) const { OfferNames(options, output); }
 };
 
 void Run(int argc, char** argv) {

@@ -2,13 +2,13 @@
 #include "cli/generate.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <map>
-#include <sstream>
 #include <utility>
+
+#include "cli/joined.h"
 
 namespace zr::halden::tool {
 
@@ -59,19 +59,12 @@ void DescribeTree(const CLI::App& app, std::vector<std::string> words, std::vect
   }
 }
 
-std::string Joined(const std::vector<std::string>& words) {
-  return fmt::format("{}", fmt::join(words, " "));
-}
-
-std::string Replaced(std::string text, std::string_view what, std::string_view by) {
-  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + by.size())) {
-    text.replace(at, what.size(), by);
-  }
-  return text;
-}
-
 bool TakesFile(const CommandSpec& command) {
   return !command.positionals.empty() && command.positionals.front().IsFile();
+}
+
+bool TakesService(const CommandSpec& command) {
+  return !command.positionals.empty() && command.positionals.front().Completed() == kServices;
 }
 
 /// In single quotes for a shell.
@@ -87,6 +80,7 @@ std::string ZshSpec(const OptionSpec& option, const std::string& name) {
   const std::string message = Replaced(Replaced(Replaced(option.value, "[", ""), "]", ""), ":", "");
   spec += ':' + message + ':';
   if (option.IsFile()) spec += "_files";
+  if (!option.Completed().empty()) spec += fmt::format(" _halden_ask {}", option.Completed());
   if (!option.choices.empty()) spec += '(' + Joined(option.choices) + ')';
   return Quoted(spec);
 }
@@ -97,8 +91,8 @@ std::string BashTransitions(const CommandSpec& command) {
   for (const auto& next : command.subcommands) {
     std::vector<std::string> words = command.words;
     words.push_back(next);
-    transitions += fmt::format("      {}) command={} ;;\n", Quoted(fmt::format("{}:{}", name, next)),
-                               Quoted(Joined(words)));
+    transitions += fmt::format("      {}) command={}; continue ;;\n",
+                               Quoted(fmt::format("{}:{}", name, next)), Quoted(Joined(words)));
   }
   return transitions;
 }
@@ -111,6 +105,7 @@ std::string BashWords(const CommandSpec& command) {
 }
 
 std::string BashValues(const OptionSpec& option) {
+  if (!option.Completed().empty()) return fmt::format("_halden_ask {}", option.Completed());
   const std::string values = option.IsFile() ? "-f" : "-W " + Quoted(Joined(option.choices));
   return fmt::format("mapfile -t COMPREPLY < <(compgen {} -- \"$word\")", values);
 }
@@ -138,52 +133,21 @@ std::string ZshSubcommands(const CommandSpec& command, const std::vector<Command
          cases + "  esac\n";
 }
 
-/// Text for troff: nothing in it is a request or an escape.
-std::string Roff(std::string text) {
-  text = Replaced(std::move(text), "\\", "\\e");
-  text = Replaced(std::move(text), "-", "\\-");
-  if (!text.empty() && (text.front() == '.' || text.front() == '\'')) text.insert(0, "\\&");
-  return text;
-}
-
-/// Paragraphs; lines that begin with a blank are shown as they are.
-std::string RoffText(const std::string& text) {
-  std::string roff;
-  bool verbatim = false;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    const bool indented = line.starts_with(' ');
-    if (indented != verbatim) roff += indented ? ".nf\n" : ".fi\n";
-    verbatim = indented;
-    roff += line.empty() ? ".PP\n" : Roff(line) + '\n';
-  }
-  if (verbatim) roff += ".fi\n";
-  return roff;
-}
-
-std::string RoffUsage(const CommandSpec& command) {
-  std::string usage = fmt::format("\\fB{}\\fR", Roff(Joined(command.words)));
-  for (const auto& positional : command.positionals) {
-    const std::string& name = positional.names.front();
-    usage += positional.required ? fmt::format(" \\fI{}\\fR", name) : fmt::format(" [\\fI{}\\fR]", name);
-  }
-  for (const auto& option : command.options) {
-    if (option.required)
-      usage += fmt::format(" \\fB{}\\fR \\fI{}\\fR", Roff(option.names.back()), Roff(option.value));
-  }
-  return usage + " [\\fIOPTION\\fR ...]";
-}
-
-std::string RoffOption(const OptionSpec& option) {
-  std::string text = ".TP\n";
-  for (const auto& name : option.names) {
-    text += fmt::format("{}\\fB{}\\fR", &name == &option.names.front() ? "" : ", ", Roff(name));
-  }
-  if (!option.value.empty()) text += fmt::format(" \\fI{}\\fR", Roff(option.value));
-  text += '\n' + Roff(option.description);
-  if (!option.byDefault.empty()) text += Roff(fmt::format(" (default: {})", option.byDefault));
-  return text + (option.required ? " (required).\n" : ".\n");
-}
+/// Asks the program itself for names. Nothing that it prints is expanded: others have written it.
+constexpr std::string_view kBashAsk =
+    "_halden_ask() {\n"
+    "  local name\n"
+    "  while IFS= read -r name; do\n"
+    "    [[ $name != \"$word\"* ]] || COMPREPLY+=(\"$name\")\n"
+    "  done < <(\"$program\" complete \"$1\" \"${config[@]}\" 2>/dev/null)\n"
+    "}\n";
+constexpr std::string_view kZshAsk =
+    "\n_halden_ask() {\n"
+    "  local -a config names\n"
+    "  [[ -z ${opt_args[--config]} ]] || config=(--config ${(Q)opt_args[--config]/#\\~/$HOME})\n"
+    "  names=(${(f)\"$(command halden complete $1 $config 2>/dev/null)\"})\n"
+    "  compadd -a names\n"
+    "}\n";
 
 }  // namespace
 
@@ -199,22 +163,38 @@ std::string BashCompletion(const std::vector<CommandSpec>& commands) {
   std::map<std::string, std::string> values;  // what follows an option, whatever the command
   for (const auto& command : commands) {
     transitions += BashTransitions(command);
-    words += fmt::format("    {}) words={}{} ;;\n", Quoted(Joined(command.words)), Quoted(BashWords(command)),
-                         TakesFile(command) ? " files=yes" : "");
+    words +=
+        fmt::format("    {}) words={}{}{} ;;\n", Quoted(Joined(command.words)), Quoted(BashWords(command)),
+                    TakesFile(command) ? " files=yes" : "", TakesService(command) ? " service=yes" : "");
     for (const auto& option : command.options) {
       if (!option.value.empty()) values[option.names.back()] = BashValues(option);
     }
   }
   std::string cases;
-  for (const auto& [name, action] : values) cases += fmt::format("    {}) {}; return ;;\n", name, action);
-  return "# Completion of the command halden for bash; made by \"halden generate bash\".\n"
+  std::string withValues;
+  for (const auto& [name, action] : values) {
+    cases += fmt::format("    {}) {}; return ;;\n", name, action);
+    withValues += (withValues.empty() ? "" : "|") + name;
+  }
+  return "# Completion of the command halden for bash; made by \"halden generate bash\".\n" +
+         std::string(kBashAsk) +
          "_halden() {\n"
-         "  local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}\n"
-         "  local command='' words='' files='' i\n"
+         "  local program=$1 word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}\n"
+         "  local command='' words='' files='' service='' given=0 i\n"
+         "  local -a config=()\n"
+         "  COMPREPLY=()\n"
          "  for ((i = 1; i < COMP_CWORD; i++)); do\n"
-         "    case \"$command:${COMP_WORDS[i]}\" in\n" +
+         "    case ${COMP_WORDS[i]} in\n"
+         "      --config) config=(--config \"${COMP_WORDS[i + 1]/#\\~/$HOME}\") ;;&\n"
+         "      " +
+         withValues +
+         ") ((++i)); continue ;;\n"
+         "      -*) continue ;;\n"
+         "    esac\n"
+         "    case $command:${COMP_WORDS[i]} in\n" +
          transitions +
          "    esac\n"
+         "    ((++given))\n"
          "  done\n"
          "  compopt -o filenames 2>/dev/null\n"
          "  case $before in\n" +
@@ -225,6 +205,9 @@ std::string BashCompletion(const std::vector<CommandSpec>& commands) {
          "  esac\n"
          "  mapfile -t COMPREPLY < <(compgen -W \"$words\" -- \"$word\")\n"
          "  [[ -z $files ]] || mapfile -t -O \"${#COMPREPLY[@]}\" COMPREPLY < <(compgen -f -- \"$word\")\n"
+         "  [[ -n $service && $given == 0 && $word != -* ]] || return 0\n"
+         "  COMPREPLY=()\n"
+         "  _halden_ask services\n"
          "}\n"
          "complete -F _halden halden\n";
 }
@@ -232,15 +215,20 @@ std::string BashCompletion(const std::vector<CommandSpec>& commands) {
 std::string ZshCompletion(const std::vector<CommandSpec>& commands) {
   std::string text =
       "#compdef halden\n"
-      "# Completion of the command halden for zsh; made by \"halden generate zsh\".\n";
+      "# Completion of the command halden for zsh; made by \"halden generate zsh\".\n" +
+      std::string(kZshAsk);
   for (const auto& command : commands) {
-    text += fmt::format("\n{}() {{\n  local curcontext=\"$curcontext\" state line\n  _arguments -C",
-                        ZshFunctionName(command));
+    text += fmt::format(
+        "\n{}() {{\n  local curcontext=\"$curcontext\" state line\n  typeset -A opt_args\n"
+        "  _arguments -C",
+        ZshFunctionName(command));
     for (const auto& option : command.options) {
       for (const auto& name : option.names) text += " \\\n    " + ZshSpec(option, name);
     }
     for (const auto& positional : command.positionals) {
-      const std::string action = positional.IsFile() ? "_files" : " ";
+      const std::string asked =
+          positional.Completed().empty() ? " " : fmt::format(" _halden_ask {}", positional.Completed());
+      const std::string action = positional.IsFile() ? "_files" : asked;
       text +=
           " \\\n    " + Quoted((positional.required ? ":" : "::") + positional.names.front() + ':' + action);
     }
@@ -248,42 +236,6 @@ std::string ZshCompletion(const std::vector<CommandSpec>& commands) {
     text += "}\n";
   }
   return text + "\n_halden \"$@\"\n";
-}
-
-std::string ManualPage(const std::vector<CommandSpec>& commands) {
-  const CommandSpec& program = commands.front();
-  std::string text = fmt::format(
-      ".TH HALDEN 1 \"\" \"halden {}\" \"User Commands\"\n"
-      ".SH NAME\nhalden \\- {}\n"
-      ".SH SYNOPSIS\n\\fBhalden\\fR \\fICOMMAND\\fR [\\fIOPTION\\fR ...]\n"
-      ".SH DESCRIPTION\n"
-      "Follows and publishes services whose instances are registered in ZooKeeper, in any number of data "
-      "centres,\n"
-      "each with an ensemble of its own.\n",
-      HALDEN_VERSION, Roff(program.description));
-  text += ".SH OPTIONS\n";
-  for (const auto& option : program.options) text += RoffOption(option);
-  text += ".SH COMMANDS\n";
-  for (const auto& command : commands) {
-    if (command.words.empty() || !command.subcommands.empty()) continue;
-    text += ".SS " + Roff(Joined(command.words)) + '\n' + RoffUsage(command) + "\n.PP\n";
-    text += Roff(command.description) + ".\n";
-    for (const auto& option : command.options) {
-      const bool common = std::any_of(program.options.begin(), program.options.end(),
-                                      [&](const auto& other) { return other.names == option.names; });
-      if (!common) text += RoffOption(option);
-    }
-    text += ".PP\n" + RoffText(command.footer);
-  }
-  return text +
-         ".SH EXIT STATUS\n"
-         ".TP\n0\nDone, or ended by a signal that asked for it.\n"
-         ".TP\n1\nFailed; what is wrong is said on stderr.\n"
-         ".TP\n2\nWrong usage.\n"
-         ".SH ENVIRONMENT\n"
-         ".TP\n\\fBNO_COLOR\\fR\nWhere it is set, nothing is coloured.\n"
-         ".TP\n\\fBTERM\\fR\nWhere it is \"dumb\" or not set, nothing is coloured and \\fB\\-\\-live\\fR is "
-         "refused.\n";
 }
 
 }  // namespace zr::halden::tool

@@ -12,6 +12,10 @@ class App;
 /// What is derived from the declared commands and options. Pure functions.
 namespace zr::halden::tool {
 
+// What names can be asked for, for completions.
+inline constexpr std::string_view kDataCenters = "data-centers";
+inline constexpr std::string_view kServices = "services";
+
 struct OptionSpec {
   std::vector<std::string> names;  ///< "-h", "--help"; of a positional, its one name
   std::string value;               ///< "FILE"; empty for a flag
@@ -22,6 +26,12 @@ struct OptionSpec {
   bool repeatable = false;
 
   bool IsFile() const { return value == "FILE" || names.front() == "FILE"; }
+  /// What `halden complete` prints the names of; empty for what it does not.
+  std::string_view Completed() const {
+    return names.back() == "--dc"       ? kDataCenters
+           : names.front() == "SERVICE" ? kServices
+                                        : std::string_view();
+  }
 };
 
 struct CommandSpec {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -72,12 +73,20 @@ struct PublishOptions : CommonOptions {
   std::string acl;                ///< empty: as the configuration says
 };
 
+/// What shells offer when a word is to be completed.
+struct CompleteOptions {
+  enum class What : std::uint8_t { DataCenters, Services };
+  std::string configPath;
+  What what = What::DataCenters;
+};
+
 /// A text that is asked for: help, version, example.
 struct Information {
   std::string text;
 };
 
-using Invocation = std::variant<Information, WatchOptions, ListOptions, StatusOptions, GetOptions,
-                                ServicesOptions, DoctorOptions, ConfigCheckOptions, PublishOptions>;
+using Invocation =
+    std::variant<Information, WatchOptions, ListOptions, StatusOptions, GetOptions, ServicesOptions,
+                 DoctorOptions, ConfigCheckOptions, PublishOptions, CompleteOptions>;
 
 }  // namespace zr::halden::tool

@@ -85,6 +85,15 @@ Invocation ReadGenerate(const CLI::App& command, const Words& words) {
   Refuse(fmt::format("bad FORMAT '{}': expected bash, zsh or man", EscapeControls(format)));
 }
 
+/// For the completions of shells.
+Invocation ReadComplete(const CLI::App& /*command*/, const Words& words) {
+  using What = CompleteOptions::What;
+  if (words.format == kDataCenters) return CompleteOptions{ConfigPath(words.config), What::DataCenters};
+  if (words.format == kServices) return CompleteOptions{ConfigPath(words.config), What::Services};
+  Refuse(
+      fmt::format("bad WHAT '{}': expected {} or {}", EscapeControls(words.format), kDataCenters, kServices));
+}
+
 Invocation ReadList(const CLI::App& /*command*/, const Words& words) {
   return ListOptions{ReadView(words)};
 }
@@ -296,6 +305,15 @@ void AddGenerate(CLI::App& app, Words& words) {
   command.add_option("FORMAT", words.format, "bash, zsh or man")->required();
 }
 
+/// For completions: they run it.
+void AddComplete(CLI::App& app, Words& words) {
+  auto& command =
+      AddPlainCommand(app, words, {"complete", "Print the names that a word may become"}, ReadComplete);
+  command.group("");  // hidden
+  command.add_option("WHAT", words.format, "data-centers or services")->required();
+  command.add_option("--config", words.config, kConfigMeaning)->type_name("FILE");
+}
+
 }  // namespace
 
 void Declare(CLI::App& app, Words& words) {
@@ -310,6 +328,7 @@ void Declare(CLI::App& app, Words& words) {
   AddPublish(app, words);
   AddConfig(app, words);
   AddGenerate(app, words);
+  AddComplete(app, words);
 }
 
 }  // namespace zr::halden::tool

@@ -16,5 +16,6 @@ void ListServices(const ServicesOptions& options, LineWriter& output);
 void DiagnoseEnsembles(const DoctorOptions& options, LineWriter& output);
 void CheckConfiguration(const ConfigCheckOptions& options, LineWriter& output);
 void PublishInstances(const PublishOptions& options, LineWriter& output);
+void OfferNames(const CompleteOptions& options, LineWriter& output);
 
 }  // namespace zr::halden::tool

@@ -119,13 +119,15 @@ TEST(Generated, TextsLeaveOutWhatIsHiddenAndAreQuotedForTheirReaders) {
   auto& inner = *outer.add_subcommand("inner", "Deeper");
   inner.add_option("FILE", text, "What to read")->required();
   inner.add_option("--level", text, "low, middle or high")->type_name("[N=]LEVEL");
+  inner.add_option("--dc", text, "Where")->type_name("NAME");
   inner.add_flag("--odd", flag, "It's [so]");
   inner.footer(".starts with a dot\n\nExample:\n  halden \\n\n");
   app.add_subcommand("secret", "Hidden")->group("");
   const auto commands = Describe(app);
   const std::string bash = BashCompletion(commands);
   EXPECT_THAT(bash, HasSubstr("compgen -W 'low middle high'"));
-  EXPECT_THAT(bash, HasSubstr("'outer inner') words='-h --help --level --odd' files=yes ;;"));
+  EXPECT_THAT(bash, HasSubstr("'outer inner') words='-h --help --level --dc --odd' files=yes ;;"));
+  EXPECT_THAT(bash, HasSubstr("--dc) _halden_ask data-centers; return ;;"));
   const std::string zsh = ZshCompletion(commands);
   EXPECT_THAT(zsh, HasSubstr(R"('--odd[It'\''s \[so\]]')"));
   EXPECT_THAT(zsh, HasSubstr(R"('--level[low, middle or high]:N=LEVEL:(low middle high)')"));

@@ -158,7 +158,8 @@ TEST(NodeFacts, TellTheWriterAndSurviveAnyBytes) {
                     HasSubstr("writer      root\\x1b@, pid 7\n"),
                     HasSubstr(" (1m 5s ago)\n  attributes  zone=\"a b\"\n"), HasSubstr("session     none")));
   const auto lost = ReadNodeFacts("eu-west", kId, "/p", details::EncodeNode({}, writer), stat);
-  EXPECT_THAT(NodeText(lost, {}, kNow), AllOf(HasSubstr("unreadable  envelope: no"), HasSubstr("@, pid 7\n")));
+  EXPECT_THAT(NodeText(lost, {}, kNow),
+              AllOf(HasSubstr("unreadable  envelope: no"), HasSubstr("@, pid 7\n")));
   const auto bad = ReadNodeFacts("eu-west", kId, "/p", "\xff\x01", stat);
   EXPECT_THAT(NodeText(bad, {}, kNow), HasSubstr("unreadable  envelope"));
   EXPECT_THAT(NodeLine(bad), HasSubstr(R"("instance":null,"writer":null)"));
