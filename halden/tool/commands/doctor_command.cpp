@@ -21,7 +21,8 @@ namespace zr::halden::tool {
 void DiagnoseEnsembles(const DoctorOptions& options, LineWriter& output) {
   ZooKeeperConfig config = ReadZooKeeperConfig(options.configPath);
   std::vector<Check> checks = DiagnoseConfig(config, options.configPath);
-  KeepOnly(config.ensembles, options.dataCenters, options.configPath);
+  // Where there are faults the data centre may be there, but not in order.
+  if (config.faults.empty()) KeepOnly(config.ensembles, options.dataCenters, options.configPath);
   const auto all = InEachDataCenter<EnsembleFacts>(
       config.ensembles, options.Patience(), output, [&](EnsembleReader& reader) {
         return Examine(reader, config.ensembles.at(reader.DataCenter()), options.service);

@@ -94,19 +94,15 @@ void Examine(const details::HostPort& server, std::size_t index, milliseconds li
 
 std::string WhyNoSession(const zr::String& ensemble) {
   constexpr milliseconds limit{1000};
-  std::string errors;
-  std::size_t reached = 0;
-  const auto servers = ExamineServers(details::ParseConnectString(ensemble).value.hosts, limit);
-  for (const auto& server : servers) {
-    if (server.connectError.empty()) {
-      ++reached;
-    } else {
-      errors += (errors.empty() ? "" : "; ") + server.server + ": " + server.connectError;
-    }
+  std::string parts;
+  bool reached = false;
+  for (const auto& server : ExamineServers(details::ParseConnectString(ensemble).value.hosts, limit)) {
+    const bool taken = server.connectError.empty();
+    reached = reached || taken;
+    parts += (parts.empty() ? "" : "; ") + server.server + ": " +
+             (taken ? "takes the connection, grants no session" : server.connectError);
   }
-  if (reached == 0) return "no server is reached: " + errors;
-  return "no session, though " + std::to_string(reached) + " of " + std::to_string(servers.size()) +
-         " take connections" + (errors.empty() ? "" : "; " + errors);
+  return (reached ? "no session: " : "no server is reached: ") + parts;
 }
 
 }  // namespace

@@ -110,8 +110,8 @@ std::string LocalTime(TimePoint time) {
 std::string ShortTime(TimePoint time, TimePoint now) {
   const std::tm then = fmt::localtime(Seconds(time));
   const std::tm today = fmt::localtime(Seconds(now));
-  if (then.tm_year == today.tm_year && then.tm_yday == today.tm_yday) return fmt::format("{:%H:%M:%S}", then);
-  return fmt::format("{:%Y-%m-%d %H:%M:%S}", then);
+  const bool sameDay = then.tm_year == today.tm_year && then.tm_yday == today.tm_yday;
+  return sameDay ? fmt::format("{:%H:%M:%S}.{:03}", then, Milliseconds(time)) : LocalTime(time);
 }
 
 std::string UtcTime(TimePoint time) {

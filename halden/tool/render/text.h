@@ -34,7 +34,7 @@ std::string SecondsText(std::chrono::milliseconds time);
 
 /// "2026-01-02 03:04:05.678" in the local time zone
 std::string LocalTime(TimePoint time);
-/// "03:04:05" today, else with the date, in the local time zone.
+/// "03:04:05.678" today, else with the date, in the local time zone.
 std::string ShortTime(TimePoint time, TimePoint now);
 /// "2026-01-02T03:04:05.678Z"
 std::string UtcTime(TimePoint time);
