@@ -10,7 +10,7 @@
 namespace zr::halden::tool {
 
 std::string ConfigPath(const std::string& given) {
-  const std::string ofHost = "/etc/halden/halden.toml";
+  std::string ofHost = "/etc/halden/halden.toml";
   if (!given.empty()) return given;
   const char* const set = std::getenv("HALDEN_CONFIG");  // NOLINT(concurrency-mt-unsafe): nobody sets it
   if (set != nullptr && *set != '\0') return set;

@@ -96,7 +96,7 @@ inline ServiceId ReadId(std::string_view name, std::string_view word) {
 
 /// A UUID, or how one begins, in lower case.
 inline std::string ReadIdPrefix(std::string_view name, std::string_view word) {
-  const std::string prefix = LowerCase(word);
+  std::string prefix = LowerCase(word);
   // What is missing may be anything.
   const std::string whole =
       prefix + std::string(kIdExample.substr(std::min(prefix.size(), kIdExample.size())));
