@@ -2,11 +2,11 @@
 #include "cli/subcommands.h"
 
 #include <CLI/CLI.hpp>
-#include <memory>
 
 #include "cli/config_example.h"
 #include "cli/config_path.h"
 #include "cli/generate.h"
+#include "cli/help_format.h"
 #include "cli/publish_options.h"
 #include "halden/service_watcher.h"
 #include "logger/sink.h"
@@ -19,24 +19,6 @@ constexpr const char* kVersion = "halden " HALDEN_VERSION ", ZooKeeper C client 
 constexpr const char* kConfigMeaning =
     "The data centres and their ensembles (TOML) (default: $HALDEN_CONFIG, then /etc/halden/halden.toml)";
 constexpr const char* kAwaitAnswers = "How long to wait for data centres that do not answer (default: 10)";
-
-/// Leaves out which options exclude each other: who gives both is told.
-class HelpFormat final : public CLI::Formatter {
- public:
-  HelpFormat() { column_width(28); }
-
- private:
-  std::string make_option_opts(const CLI::Option* option) const override {
-    const bool flag = option->get_items_expected_max() == 0;
-    return flag || option->get_positional() ? std::string() : ' ' + option->get_type_name();
-  }
-  std::string make_option_desc(const CLI::Option* option) const override {
-    std::string text = option->get_description();
-    if (!option->get_default_str().empty()) text += " (default: " + option->get_default_str() + ')';
-    if (option->get_required() && !option->get_positional()) text += " (required)";
-    return text;
-  }
-};
 
 std::string ReadService(const Words& words) {
   if (!IsValidServiceName(words.service)) {
@@ -317,7 +299,7 @@ void AddComplete(CLI::App& app, Words& words) {
 }  // namespace
 
 void Declare(CLI::App& app, Words& words) {
-  app.formatter(std::make_shared<HelpFormat>());  // commands take it over as they are added
+  app.formatter(MakeHelpFormat());  // commands take it over as they are added
   app.name("halden");
   app.description("Service discovery over ZooKeeper, across data centres");
   app.set_version_flag("--version", kVersion, "Print the version and end");

@@ -13,32 +13,6 @@
 
 namespace zr::halden::tool {
 
-namespace {
-
-std::string Wrapped(const std::string& text, std::size_t indent, std::size_t width) {
-  constexpr std::size_t leastRoom = 20;
-  if (width < indent + leastRoom) return text;
-  std::string wrapped;
-  std::size_t column = indent;
-  for (std::size_t begin = 0; begin < text.size();) {
-    const std::size_t end = std::min(text.find(' ', begin), text.size());
-    const std::string word = text.substr(begin, end - begin);
-    if (column != indent && column + 1 + Width(word) > width) {
-      wrapped += '\n' + std::string(indent, ' ');
-      column = indent;
-    } else if (begin != 0) {
-      wrapped += ' ';
-      ++column;
-    }
-    wrapped += word;
-    column += Width(word);
-    begin = end + 1;
-  }
-  return wrapped;
-}
-
-}  // namespace
-
 std::string_view VerdictText(Verdict verdict) {
   constexpr std::array<std::string_view, 3> texts{"ok", "warning", "failure"};
   return texts.at(static_cast<std::size_t>(verdict));

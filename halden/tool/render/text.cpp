@@ -95,6 +95,28 @@ std::string Cut(std::string_view text, std::size_t width) {
   return cut;
 }
 
+std::string Wrapped(std::string_view text, std::size_t indent, std::size_t width) {
+  constexpr std::size_t leastRoom = 20;
+  if (width < indent + leastRoom) return std::string(text);
+  std::string wrapped;
+  std::size_t column = indent;
+  for (std::size_t begin = 0; begin < text.size();) {
+    const std::size_t end = std::min(text.find(' ', begin), text.size());
+    const std::string_view word = text.substr(begin, end - begin);
+    if (column != indent && column + 1 + Width(word) > width) {
+      wrapped += '\n' + std::string(indent, ' ');
+      column = indent;
+    } else if (begin != 0) {
+      wrapped += ' ';
+      ++column;
+    }
+    wrapped += word;
+    column += Width(word);
+    begin = end + 1;
+  }
+  return wrapped;
+}
+
 std::string Counted(std::size_t count, std::string_view what) {
   return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
 }

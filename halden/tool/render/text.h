@@ -26,6 +26,10 @@ std::string RightAligned(std::string_view text, std::size_t width);
 /// At most `width` columns of `text`, the last one an ellipsis where something is left out.
 std::string Cut(std::string_view text, std::size_t width);
 
+/// `text` in lines of `width` columns at the most, broken at blanks; all but the first are indented, and the first begins
+/// there. Unbroken where there is too little room.
+std::string Wrapped(std::string_view text, std::size_t indent, std::size_t width);
+
 /// "1 instance", "3 instances"
 std::string Counted(std::size_t count, std::string_view what);
 
