@@ -12,7 +12,7 @@
 
 #include "cli/subcommands.h"
 #include "cli/words.h"
-#include "render/similar.h"
+#include "render/text.h"
 #include "zrstl/utf8.h"
 
 namespace zr::halden::tool {

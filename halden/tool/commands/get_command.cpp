@@ -19,7 +19,7 @@
 #include "model/layout.h"
 #include "render/json.h"
 #include "render/node_text.h"
-#include "render/similar.h"
+#include "render/text.h"
 
 namespace zr::halden::tool {
 

@@ -135,9 +135,12 @@ class Instances {
   /// Looks at it anew.
   static void TellRivals(Instance& instance, bool wasPrinted) {
     const std::uint64_t replacedBefore = instance.status.replaced;
+    const bool wasConflict = instance.status.state == PublishState::Conflict;
     const PublisherStatus& status = instance.status = instance.publisher->Status();
     if (status.replaced != replacedBefore || status.state != PublishState::Published)
       instance.standsSince = steady_clock::now();
+    if (wasConflict && status.state != PublishState::Conflict)
+      instance.rivalTold.clear();  // the next is another one
     std::string told;
     if (status.state == PublishState::Conflict) {
       told = "published by another process, waiting for its end: " + status.rival;

@@ -16,7 +16,7 @@
 #include "io/failure.h"
 #include "io/terminal.h"
 #include "render/event_format.h"
-#include "render/short_ids.h"
+#include "render/instance_text.h"
 #include "render/state_text.h"
 #include "render/text.h"
 #include "zrstl/utf8.h"

@@ -9,7 +9,7 @@
 
 #include "halden/zookeeper_config.h"
 #include "io/failure.h"
-#include "render/similar.h"
+#include "render/text.h"
 
 namespace zr::halden::tool {
 

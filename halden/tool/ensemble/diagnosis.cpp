@@ -11,7 +11,6 @@
 #include "client/watch_budget.h"
 #include "model/access_list.h"
 #include "model/layout.h"
-#include "render/similar.h"
 #include "render/state_text.h"
 #include "render/text.h"
 

@@ -1,6 +1,8 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "ensemble/instance_ids.h"
 
+#include <fmt/format.h>
+
 #include "model/layout.h"
 
 namespace zr::halden::tool {
@@ -17,7 +19,8 @@ FoundIds FindIds(EnsembleReader& reader, const std::string& service, const std::
   check(partitions.code);
   std::vector<Question> questions;
   for (const auto& name : partitions.children) {
-    if (details::ParsePartition(name)) questions.push_back({Kind::GetChildren, path + '/' + name});
+    if (details::ParsePartition(name))
+      questions.push_back({Kind::GetChildren, fmt::format("{}/{}", path, name)});
   }
   for (const auto& list : reader.Ask(questions)) {
     check(list.code);

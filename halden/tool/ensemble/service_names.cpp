@@ -9,7 +9,7 @@
 
 #include "ensemble/ensemble_reader.h"
 #include "model/layout.h"
-#include "render/similar.h"
+#include "render/text.h"
 
 namespace zr::halden::tool {
 

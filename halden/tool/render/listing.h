@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "render/instance_text.h"
 #include "render/records.h"
-#include "render/short_ids.h"
 #include "render/table.h"
 #include "render/text.h"
 

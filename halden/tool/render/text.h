@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// Text for people and terminals. Pure functions.
 namespace zr::halden::tool {
@@ -49,5 +50,11 @@ TimePoint FromMilliseconds(std::int64_t sinceEpoch);
 std::string Age(TimePoint since, TimePoint now);
 /// As above; "-" when it was not said.
 std::string Age(std::int64_t startTimeMs, TimePoint now);
+
+/// Of `known`, what `word` may have been meant to be: the most similar first, three at the most.
+std::vector<std::string> Similar(std::string_view word, const std::vector<std::string>& known);
+
+/// ", did you mean orders or orders-eu?"; empty where nothing is similar. Safe for a terminal.
+std::string DidYouMean(std::string_view word, const std::vector<std::string>& known);
 
 }  // namespace zr::halden::tool
