@@ -36,7 +36,7 @@ struct PublisherStatus {
   int lastError = 0;                          ///< of the last try that failed; 0 after a success
   std::uint64_t published = 0;                ///< times that the node was created
   zr::String rival;                           ///< while Conflict: who publishes the instance, for people
-  std::uint64_t undone = 0;  ///< times that others changed, deleted or replaced the node
+  std::uint64_t undone = 0;                   ///< times that others changed, deleted or replaced the node
   /// Nodes of other publishers that were replaced: what dead processes left, and what rivals wrote that live.
   std::uint64_t replaced = 0;
   zr::String replacedWriter;  ///< who wrote the last of them, for people
