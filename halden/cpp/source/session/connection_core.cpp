@@ -150,7 +150,7 @@ void ConnectionCore::Ready(const pollfd& socket) {
   m_sessionEnd->Ready(socket);
 }
 
-/// Before what was asked for is sent, all at once: so the urgent is in front.
+/// Comes just before all requests are sent at once: the urgent ones, made till now, are in front.
 void ConnectionCore::GiveTurns() {
   if (!Connected()) return;
   for (bool room = m_bulk.window->HasRoomForSome(); room && !m_bulk.turns.Empty();
@@ -248,7 +248,7 @@ void ConnectionCore::Watch(const std::weak_ptr<Epoch>& epoch, const std::shared_
     // A session that has not begun begins with what the file holds then.
     if (m_state == ConnectionState::Connecting && !m_opening.resume && m_opening.credentials.Outdated())
       return ReplaceHandle();
-    // Answers that are long on their way must not cost the session.
+    // While it waits for answers the library does not ping: something small is asked, or the session would expire.
     if (Connected() && current->Unsaid() > current->Timeout() / 3)
       current->Submit({.kind = Request::Kind::Exists, .path = "/", .outsideChroot = true});
     Watch(epoch, watchdog);

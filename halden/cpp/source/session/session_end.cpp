@@ -7,7 +7,7 @@ namespace zr::halden::details {
 
 namespace {
 
-// And the trips of a connection, a session and an answer behind others.
+// A server is waited for so long, and for the round trips of a connection, a session and an answer behind others.
 constexpr std::chrono::seconds kPatience{2};
 constexpr int kTrips = 4;
 constexpr int kTries = 3;
@@ -26,7 +26,7 @@ void SessionEnd::Begin(const clientid_t& session, std::unique_ptr<Farewell> fare
   if (m_state == State::Idle) Next();
 }
 
-/// With the session before it is over, one way or the other.
+/// The session before is done with, one way or the other.
 void SessionEnd::Next() {
   ++m_step;
   m_farewell.reset();
@@ -83,7 +83,7 @@ void SessionEnd::Fail() {
   Next();
 }
 
-/// Instead of what was to come before.
+/// Takes the place of a step that was to come.
 void SessionEnd::After(Clock::duration delay, Step step) {
   m_post(delay, [weak = weak_from_this(), number = ++m_step, step] {
     const auto self = weak.lock();
