@@ -28,7 +28,7 @@ Audit::Due Audit::Take(Clock::time_point now, std::size_t lists, std::size_t ins
 }
 
 Clock::duration Audit::Wait(Clock::time_point now) const {
-  // When it is off too: how many there are changes.
+  // Nothing is due for long, or the audit is off: the timer needs some bound.
   constexpr std::chrono::minutes longest{1};
   const auto next = std::min(m_list, m_instance);
   if (next == kNever) return longest;

@@ -122,8 +122,8 @@ void EventQueue::Reconcile(const ServiceWatcher& watcher) {
   }
 }
 
-/// A state takes the place of one that waits: at the end, since it must not overtake what it stands for. That all is
-/// read also says all that an older state could say.
+/// Of each data centre only the newest state waits, at the end: it must not come before the instances that were told
+/// before it. Synchronized carries the state too, and so takes the place of a State that waits.
 void EventQueue::Tell(const ServiceWatcher& watcher, ServiceEvent::Kind kind,
                       const DataCenterStatus& status) {
   const bool synchronized = kind == ServiceEvent::Kind::Synchronized;
@@ -171,7 +171,7 @@ ServiceEvent EventQueue::TakeInstance(InstanceMap::iterator entry) {
   if (instance.removed) {
     event.kind = ServiceEvent::Kind::Removed;
     instance.removed = instance.handedOut = false;
-    if (!instance.data) Remove(entry);  // else what came after it is next
+    if (!instance.data) Remove(entry);  // else it came back: what it is now comes next, as added
   } else {
     event.kind = instance.handedOut ? ServiceEvent::Kind::Modified : ServiceEvent::Kind::Added;
     event.data = std::move(*instance.data);

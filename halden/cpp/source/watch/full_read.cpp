@@ -36,7 +36,7 @@ void ServiceReader::OnConnected(Arrival arrival) {
   m_phase = Phase::Waiting;
   const auto delay = m_readAll ? Spread(m_delivery->KnownBefore()) : Clock::duration::zero();
   m_upToDate = arrival == Arrival::NewSession && delay < kAtOnce;
-  // Also after a reconnect: its answer comes behind the events of all that was missed meanwhile.
+  // Also after a reconnect: the sync's answer comes behind the events of all that was missed meanwhile.
   Guarded([&] { SyncAfter(delay); });
 }
 
@@ -65,14 +65,14 @@ void ServiceReader::Sync() {
   FinishIfComplete();
 }
 
-/// What comes behind an answer that says nothing is dropped.
+/// A sync that failed proves nothing about the answers behind it: to start over drops them.
 void ServiceReader::OnSync(const Reply& reply, bool barrier) {
   if (m_phase != Phase::Syncing) return;
   const ErrorAction action = ActionFor(reply.code);
   if (action == ErrorAction::AwaitSession || action == ErrorAction::Retry) return StartOver();
   m_phase = Phase::Following;
   if (barrier) m_trust = Trust::Proven;
-  ReadDirty();  // what has failed since then, and was to wait for no other sync
+  ReadDirty();  // reads that failed meanwhile: their retry left them to this sync
   FinishIfComplete();
 }
 

@@ -310,7 +310,7 @@ void ServiceReader::Fail(ReadState& state, int code, const zr::String& path, boo
   ScheduleRetry(refused ? m_refusedRetry : m_retry);
 }
 
-/// `retry` is a member.
+/// `retry` is one of this object's own: the timer refers to it.
 void ServiceReader::ScheduleRetry(Retry& retry) {
   if (retry.scheduled) return;
   m_core->PostAfter(

@@ -253,7 +253,7 @@ void WatcherDelivery::OnGuardDue(RemovalGuard::TimePoint due) {
   zr::MutexLock lock(m_mtx);
   if (m_guardTimer == due) m_guardTimer.reset();
   if (m_status.freshness != Freshness::Live)
-    return;  // who has come back meanwhile is not known: when it is again
+    return;  // nobody can be seen to come back: MarkLive removes what is due
   RemoveDue();
   Schedule(lock);
 }
@@ -348,8 +348,8 @@ WatcherDelivery::StatusKey WatcherDelivery::KeyOf(const DataCenterStatus& status
   return {status.connection.state, status.watcher.freshness, status.watcher.held != 0};
 }
 
-/// The state, in order with the instances: that all is read comes behind what was read, and so no state that says so
-/// comes before.
+/// Tells queues the state in its place among the instances: Synchronized comes behind all that was read, and until then
+/// no State is told, which would say too early that the data centre is live.
 void WatcherDelivery::DeliverToQueues(zr::MutexLock& lock, const ServiceWatcher& watcher) {
   const bool live = m_queues.liveDue;
   m_queues.statusDue = false;
@@ -385,7 +385,7 @@ void WatcherDelivery::Tell(ServiceWatcher& watcher, const InstanceTable::Change&
           return observer.OnInstanceModified(watcher, change.id, data);
       }
     };
-    // If one throws, it does not come to those behind: of these a queue could never make up for it.
+    // One that throws cuts the event short for those behind it. A queue among them could never make up for that.
     if (!CallGuarded("observer", [&] { watcher.NotifyObservers(tell); })) ForEachQueue(watcher, tell);
   }
 }
@@ -395,8 +395,8 @@ void WatcherDelivery::ForEachQueue(const ServiceWatcher& watcher,
                                    const std::function<void(EventQueue&)>& tell) {
   using Registry = zr::ObservableImpl<ServiceWatcherObserver>;
   using Visit = std::function<void(ServiceWatcherObserver&)>;
-  // A pass like that of an event, so that an unregistration waits for it. Any registry's: the watcher, whose
-  // friend this is, only lends its access.
+  // Notified as of an event, so that an unregistration waits for this pass. The function is protected: named through
+  // the watcher, whose friend this is, it can be called on any registry.
   void (Registry::*const pass)(const Visit&) const = &ServiceWatcher::NotifyObservers<const Visit&>;
   const Visit visit = [&](ServiceWatcherObserver& observer) {
     if (auto* const queue = dynamic_cast<EventQueue*>(&observer)) {
