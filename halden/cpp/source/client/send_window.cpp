@@ -7,13 +7,13 @@ namespace zr::halden::details {
 
 namespace {
 
-// Of a narrow way: what waits there in line for no good. A write that comes behind it waits for so much.
+// The slack of a narrow way: it only waits in line there, and a write that comes behind it waits for so much.
 constexpr double kSlackBytes = 24.0 * 1024;
 // At first: servers that are near are seldom at the end of a narrow way.
 constexpr double kFirst = 20.0 * 1024;
 constexpr double kFirstNear = 40.0 * 1024;
 constexpr std::chrono::milliseconds kNear{20};
-// Of a fast one: for so many seconds servers and we are busy with what has arrived.
+// The slack of a fast way, in seconds: so long servers and we are busy with what has arrived.
 constexpr double kSlackTime = 0.003;
 // More than what the way holds, if all answers took the shortest time: on many ways some take longer.
 constexpr double kGain = 1.5;
@@ -29,7 +29,7 @@ constexpr std::uint64_t kBurst = 32;
 constexpr std::chrono::milliseconds kShortestRound{4};
 constexpr double kShortestBurst = 0.005;
 constexpr double kLongRound = 0.020;
-// Requests before another that cost it no time worth counting.
+// So few requests before another cost it no time worth counting.
 constexpr std::uint64_t kFew = 4;
 constexpr int kRoundsToBeSure = 3;
 // What takes longer has been frozen, as a whole process may be.

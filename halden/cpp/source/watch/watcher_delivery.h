@@ -78,11 +78,12 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
 
   /// What queues are to be told beside changes of instances.
   struct ForQueues {
-    bool statusDue = false;           // the state
-    std::optional<StatusKey> status;  // which they were told last
-    bool liveDue = false;             // that all is read, behind what waited then:
-    std::size_t ahead = 0;            // so many changes
-    bool reconcileDue = false;        // and that it was for the first time
+    bool statusDue = false;           // a state has changed and is to be told
+    std::optional<StatusKey> status;  // the one they were told last
+    bool liveDue = false;             // Synchronized is to be told, once
+                                      // what waited when the data centre became live has been taken:
+    std::size_t ahead = 0;            // so many changes still
+    bool reconcileDue = false;        // before it, queues drop what is gone: the first complete read
   };
 
   void Schedule(zr::MutexLock& lock) ZR_RELEASE(m_mtx);
