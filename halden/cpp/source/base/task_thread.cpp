@@ -56,6 +56,7 @@ timespec Until(Clock::time_point end) {
 
 struct TaskThread::State {
   const std::string name;
+  const Priority priority;
   FileDescriptor alarm;  // constant once started: readable when a waiting thread is to look at its tasks
 
   zr::Mutex mtx;
@@ -66,7 +67,7 @@ struct TaskThread::State {
   bool waiting ZR_GUARDED_BY(mtx) = false;  // nobody has rung the alarm since the thread began to wait
   bool ending ZR_GUARDED_BY(mtx) = false;   // no more tasks are taken
 
-  explicit State(const char* threadName) : name(threadName) {}
+  State(const char* threadName, Priority wanted) : name(threadName), priority(wanted) {}
 
   /// Takes all that is to run now into `batch`, which must come in empty; false when the thread is to end.
   bool Take(std::vector<Task>& batch) {
@@ -121,6 +122,10 @@ struct TaskThread::State {
 
 void TaskThread::State::Run() {
   pthread_setname_np(pthread_self(), name.c_str());
+  if (priority == Priority::Low) {
+    const sched_param none{};
+    pthread_setschedparam(pthread_self(), SCHED_BATCH, &none);
+  }
   std::vector<Task> batch;
   std::vector<pollfd> polled;
   while (Take(batch)) {
@@ -144,7 +149,8 @@ void TaskThread::State::Run() {
   }
 }
 
-TaskThread::TaskThread(const char* name) : m_state(std::make_shared<State>(name)) {}
+TaskThread::TaskThread(const char* name, Priority priority)
+    : m_state(std::make_shared<State>(name, priority)) {}
 
 TaskThread::~TaskThread() {
   const auto state = m_state;

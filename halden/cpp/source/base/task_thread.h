@@ -3,6 +3,7 @@
 
 #include <poll.h>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -35,8 +36,12 @@ class TaskThread {
     virtual void Ready(const pollfd& socket) = 0;
   };
 
+  /// Low: for what nobody waits for. It gets its share of the processors all the same, since it may hold a lock that
+  /// others need, but never takes one from whom is running.
+  enum class Priority : std::uint8_t { Usual, Low };
+
   /// `name` is what debuggers show, at most 15 characters.
-  explicit TaskThread(const char* name);
+  explicit TaskThread(const char* name, Priority priority = Priority::Usual);
   ~TaskThread();
 
   TaskThread(const TaskThread&) = delete;

@@ -120,7 +120,7 @@ struct TaskThread::State : std::enable_shared_from_this<State> {
   Time next = Time::max();
 };
 
-TaskThread::TaskThread(const char* name) : m_state(std::make_shared<State>(name)) {}
+TaskThread::TaskThread(const char* name, Priority /*priority*/) : m_state(std::make_shared<State>(name)) {}
 
 TaskThread::~TaskThread() {
   m_state->ending = true;
