@@ -23,6 +23,7 @@ InstanceTable::Outcome InstanceTable::Put(const ServiceId& id, const NodeVersion
                                           std::string payload, bool force) {
   Entry& entry = m_entries[id];
   if (IsOlder(entry, version) && !force) return Outcome::Older;
+  entry.restored = false;
   if (entry.held) {
     Rejoin(entry, version, payload);
     SetHeld(entry, false);
@@ -43,6 +44,7 @@ InstanceTable::Outcome InstanceTable::Quarantine(const ServiceId& id, const Node
                                                  bool force) {
   Entry& entry = m_entries[id];
   if (IsOlder(entry, version) && !force) return Outcome::Older;
+  entry.restored = false;
   if (entry.quarantined && entry.seen == version) return Outcome::Unchanged;
   if (!entry.payload.empty() && entry.good.czxid != version.czxid) {
     SetPayload(id, entry, {});  // the good value was another node's: that one is gone
@@ -62,11 +64,28 @@ void InstanceTable::Remove(const ServiceId& id) {
   SetQuarantined(entry, false);
   SetHeld(entry, false);
   entry.seen = {};
+  entry.restored = false;
   if (entry.queued) return;
   if (entry.announced == NodeVersion{}) {
     m_entries.erase(found);
   } else {
     Queue(id, entry);
+  }
+}
+
+void InstanceTable::Restore(KeptInstance instance) {
+  if (m_entries.contains(instance.id)) return;
+  Put(instance.id, instance.version, std::move(instance.payload), false);
+  m_entries[instance.id].restored = true;
+}
+
+void InstanceTable::Disown() {
+  constexpr NodeVersion ofNoNode{-1, -1};
+  for (auto& [id, entry] : m_entries) {
+    if (!entry.restored) continue;
+    entry.seen = {};
+    entry.good = ofNoNode;
+    if (entry.announced != NodeVersion{}) entry.announced = ofNoNode;
   }
 }
 
@@ -118,6 +137,12 @@ std::optional<std::string> InstanceTable::Find(const ServiceId& id) const {
   return found->second.payload;
 }
 
+std::optional<KeptInstance> InstanceTable::Keep(const ServiceId& id) const {
+  const auto found = m_entries.find(id);
+  if (found == m_entries.end() || found->second.payload.empty()) return std::nullopt;
+  return KeptInstance{id, found->second.good, found->second.payload};
+}
+
 bool InstanceTable::IsHeld(const ServiceId& id) const {
   const auto found = m_entries.find(id);
   return found != m_entries.end() && found->second.held;
@@ -153,6 +178,7 @@ void InstanceTable::SetPayload(const ServiceId& id, Entry& entry, std::string pa
   const bool wasKnown = !entry.payload.empty();
   const bool isKnown = !payload.empty();
   entry.payload = std::move(payload);
+  ++m_revision;
   if (isKnown && !wasKnown) {
     entry.position = static_cast<std::uint32_t>(m_known.size());
     m_known.push_back(id);

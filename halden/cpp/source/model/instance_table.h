@@ -23,6 +23,13 @@ struct NodeVersion {
   bool operator==(const NodeVersion&) const = default;
 };
 
+/// An instance as a snapshot keeps it.
+struct KeptInstance {
+  ServiceId id{};
+  NodeVersion version;  ///< that the payload is of
+  std::string payload;
+};
+
 /// From what was announced to what is known; `announced` null, `known` null: there was, there is no instance.
 /// At most two: a node that was deleted and created again is removed, then added.
 std::vector<InstanceChange> Diff(const NodeVersion* announced, const NodeVersion* known);
@@ -48,6 +55,11 @@ class InstanceTable {
   /// version of it is new.
   Outcome Quarantine(const ServiceId& id, const NodeVersion& version, bool force);
   void Remove(const ServiceId& id);
+  /// Was known to an earlier process; from here on as if it had been read. Nothing is done where the instance was read.
+  void Restore(KeptInstance instance);
+  /// What was restored is of nodes of another ensemble: whatever is read is then another node, and newer. What was read
+  /// since stays as it is.
+  void Disown();
   /// The node is gone and the instance stays for now, marked as held, until `Remove`, or a `Put` of any node
   /// of its name, which is then a modification or nothing new. False, and nothing done, for what is not known
   /// or has not been announced: there is nothing to keep then.
@@ -63,12 +75,16 @@ class InstanceTable {
   std::vector<ServiceId> ListHeld() const;
   /// Null when the instance is not known.
   std::optional<std::string> Find(const ServiceId& id) const;
+  /// Null when the instance is not known.
+  std::optional<KeptInstance> Keep(const ServiceId& id) const;
   bool IsHeld(const ServiceId& id) const;
   /// The newest version read; zero when there is none.
   NodeVersion Seen(const ServiceId& id) const;
   std::size_t Size() const { return m_known.size(); }  ///< those held included
   std::size_t Held() const { return m_held; }
   std::size_t Quarantined() const { return m_quarantined; }
+  /// Grows with each change of what is known.
+  std::uint64_t Revision() const { return m_revision; }
 
   bool HasChanges() const { return !m_queue.empty(); }
   std::size_t Changes() const { return m_queue.size(); }  ///< each `Take` is one less
@@ -87,6 +103,7 @@ class InstanceTable {
     bool queued = false;
     bool quarantined = false;
     bool held = false;
+    bool restored = false;  // and not read since
   };
   using EntryMap = std::unordered_map<ServiceId, Entry, ServiceIdHash>;
 
@@ -102,6 +119,7 @@ class InstanceTable {
   std::deque<ServiceId> m_queue;   // of entries with `queued` set
   std::size_t m_quarantined = 0;
   std::size_t m_held = 0;
+  std::uint64_t m_revision = 0;
 };
 
 }  // namespace zr::halden::details

@@ -80,5 +80,26 @@ TEST_F(InstanceTableTest, WhoComesBackWhileHeldIsModifiedOrNoNewsAtAll) {
   EXPECT_EQ(m_table.Held(), 0U);
 }
 
+TEST_F(InstanceTableTest, WhatWasRestoredIsComparedAsIfItHadBeenReadUnlessItsEnsembleIsAnother) {
+  m_table.Restore({m_id, {10, 12}, "a"});
+  EXPECT_THAT(TakeOne(), ElementsAre(ChangeKind::Added));
+  EXPECT_EQ(m_table.Put(m_id, {10, 12}, "a", false), Outcome::Unchanged);
+  m_table.Restore({m_id, {10, 13}, "b"});  // late: what was read counts
+  EXPECT_EQ(m_table.Find(m_id), "a");
+
+  m_table.Disown();
+  EXPECT_EQ(m_table.Put(m_id, {10, 12}, "a", false), Outcome::Unchanged) << "it was read";
+
+  for (const NodeVersion version : {NodeVersion{5, 5}, NodeVersion{10, 12}, NodeVersion{900, 900}}) {
+    m_table.Remove(m_id);
+    TakeOne();
+    m_table.Restore({m_id, {10, 12}, "a"});
+    TakeOne();
+    m_table.Disown();
+    EXPECT_EQ(m_table.Put(m_id, version, "a", false), Outcome::Changed);
+    EXPECT_THAT(TakeOne(), ElementsAre(ChangeKind::Removed, ChangeKind::Added));
+  }
+}
+
 }  // namespace
 }  // namespace zr::halden::details
