@@ -22,7 +22,7 @@ foreach(headers IN ITEMS "${PROJECT_SOURCE_DIR}/halden/cpp/include/halden/"
     "${PROJECT_SOURCE_DIR}/halden/testing/include/halden/" "${PROJECT_SOURCE_DIR}/zrstl/include/zrstl"
     "${PROJECT_SOURCE_DIR}/misc/logger/include/logger" "${PROJECT_BINARY_DIR}/generated/zr")
   install(DIRECTORY "${headers}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/halden"
-    COMPONENT development FILES_MATCHING PATTERN "*.h")
+    COMPONENT development FILES_MATCHING PATTERN "*.h" PATTERN "snapshot.pb.h" EXCLUDE)
 endforeach()
 install(CODE "set(headers_dir \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_INCLUDEDIR}/halden\")"
   COMPONENT development)

@@ -23,7 +23,7 @@ check_rooms() {
   done
 }
 echo "check: rooms"
-check_rooms halden/cpp/source base model config client session watch publish
+check_rooms halden/cpp/source base model config client session watch publish snapshot
 check_rooms halden/tool io render ensemble cli commands
 
 echo "check: clang-format"

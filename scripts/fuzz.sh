@@ -16,7 +16,7 @@ cmake --build --preset fuzz
 
 folder=$(mktemp -d "${TMPDIR:-/tmp}/halden-fuzz-XXXXXX")
 trap 'rm -rf "$folder"' EXIT
-for target in node config connect_string; do
+for target in node config connect_string snapshot; do
   mkdir "$folder/$target" # finds go to a copy: the repository's corpus is made by hand
   cp halden/cpp/fuzz/corpus/"$target"/* "$folder/$target"
   if ! build/fuzz/halden/cpp/fuzz/halden_fuzz_"$target" -max_total_time="$seconds" -timeout=10 \

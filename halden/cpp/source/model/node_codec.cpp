@@ -137,6 +137,11 @@ zr::String WriterOf(std::string_view bytes) {
   return user.name() + "@" + user.host() + ", pid " + std::to_string(user.pid());
 }
 
+bool IsPayload(std::string_view bytes) {
+  auto& data = Scratch<ServiceInstanceData>();
+  return bytes.size() <= kMaxPayloadBytes && Parse(bytes, data) && !data.service_name().empty();
+}
+
 ServiceInstanceData ParsePayload(std::string_view payload) {
   ServiceInstanceData data;
   data.ParseFromArray(payload.data(), static_cast<int>(payload.size()));

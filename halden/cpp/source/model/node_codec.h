@@ -53,6 +53,8 @@ std::optional<NewestInstance> DecodeNewest(std::string_view bytes);
 /// Who wrote the node, for people: "search@host-1, pid 4711"; "unknown" where it does not say.
 zr::String WriterOf(std::string_view bytes);
 
+/// Whether `ParsePayload` succeeds on it, and it names a service.
+bool IsPayload(std::string_view bytes);
 /// Fields it does not know stay in the result.
 zr::messaging::halden::ServiceInstanceData ParsePayload(std::string_view payload);
 
