@@ -43,7 +43,7 @@ std::string EventFormat::Event(TimePoint time, std::string_view dataCenter, Inst
 
 std::string EventFormat::State(TimePoint time, const DataCenterStatus& status) const {
   if (m_json) return StateLine(status, time);
-  return Row(time, status.name, "state", ConditionTone(status), StateText(status));
+  return Row(time, status.name, "state", ConditionTone(status), StateText(status, time));
 }
 
 }  // namespace zr::halden::tool

@@ -50,6 +50,7 @@ std::string EventLine(TimePoint time, std::string_view dataCenter, InstanceChang
 std::string StateLine(const DataCenterStatus& status, std::optional<TimePoint> time) {
   const auto counters = status.Counters();
   const auto& since = status.watcher.staleSince;
+  const auto& asOf = status.watcher.restoredAsOf;
   Json json{{"type", "state"}};
   if (time) json["time"] = UtcTime(*time);
   json["data_center"] = status.name;
@@ -57,6 +58,7 @@ std::string StateLine(const DataCenterStatus& status, std::optional<TimePoint> t
   json["session_id"] = HexText(status.connection.sessionId);
   json["freshness"] = halden::ToString(status.watcher.freshness);
   json["stale_since"] = since ? Json(UtcTime(*since)) : Json();
+  json["restored_as_of"] = asOf ? Json(UtcTime(*asOf)) : Json();
   json["instances"] = counters.instances;
   json["held"] = counters.held;
   json["unreadable"] = counters.quarantined;
@@ -65,6 +67,7 @@ std::string StateLine(const DataCenterStatus& status, std::optional<TimePoint> t
   json["expiries"] = counters.expiries;
   json["resyncs"] = counters.resyncs;
   json["drifts"] = counters.drifts;
+  json["snapshot_errors"] = counters.snapshotErrors;
   json["last_error"] = status.connection.lastErrorText;
   json["last_read_error"] = status.watcher.lastError == 0 ? "" : zerror(status.watcher.lastError);
   return Line(json);

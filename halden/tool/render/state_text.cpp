@@ -36,6 +36,9 @@ std::string StateNote(const DataCenterStatus& status, TimePoint now) {
   if (const auto since = status.watcher.staleSince) {
     add(fmt::format("stale since {} ({})", ShortTime(*since, now), Age(*since, now)));
   }
+  if (const auto asOf = status.watcher.restoredAsOf) {
+    add(fmt::format("as of {} ({})", ShortTime(*asOf, now), Age(*asOf, now)));
+  }
   const zr::String& error = status.connection.lastErrorText;
   if (!error.empty()) add("last error: " + EscapeControls(error));
   if (const auto text = ReadErrorText(status); !text.empty()) add("last read error: " + text);
@@ -54,10 +57,13 @@ std::string_view Condition(const DataCenterStatus& status) {
           return "connected again, reading";
         case Freshness::NeverSynchronized:
           return "connected, reading";
+        case Freshness::Restored:
+          return "restored, reading";
       }
       break;
     case ConnectionState::Connecting:
-      return status.watcher.freshness == Freshness::NeverSynchronized ? "connecting" : "connection lost";
+      if (IsRead(status)) return "connection lost";
+      return status.watcher.freshness == Freshness::Restored ? "restored, connecting" : "connecting";
     case ConnectionState::Suspended:
       return "connection lost";
     case ConnectionState::Expired:
@@ -75,16 +81,25 @@ Tone ConditionTone(const DataCenterStatus& status) {
     return status.watcher.freshness == Freshness::Live ? Tone::Good : Tone::Doubtful;
   }
   const bool connecting = status.connection.state == ConnectionState::Connecting;
-  return connecting && status.watcher.freshness == Freshness::NeverSynchronized ? Tone::Doubtful : Tone::Bad;
+  return connecting && !IsRead(status) ? Tone::Doubtful : Tone::Bad;
 }
 
-std::string StateText(const DataCenterStatus& status) {
+bool IsRead(const DataCenterStatus& status) {
+  return status.watcher.freshness == Freshness::Live || status.watcher.freshness == Freshness::Stale;
+}
+
+std::string StateText(const DataCenterStatus& status, TimePoint now) {
   const std::size_t count = status.watcher.instances;
   const bool live = Condition(status) == "live";
   std::string text(Condition(status));
-  const bool first = status.watcher.freshness == Freshness::NeverSynchronized;
-  if (live || count > 0) {
-    text += fmt::format(", {}{}", Counted(count, "instance"), live ? "" : first ? " so far" : " kept");
+  if (const auto asOf = status.watcher.restoredAsOf) {
+    text += fmt::format(", {} as of {} ({} ago)", Counted(count, "instance"), ShortTime(*asOf, now),
+                        Age(*asOf, now));
+  } else if (live || count > 0) {
+    text += fmt::format(", {}{}", Counted(count, "instance"),
+                        live             ? ""
+                        : IsRead(status) ? " kept"
+                                         : " so far");
   }
   if (status.watcher.held > 0) text += fmt::format(", {} of them held", status.watcher.held);
   if (status.watcher.quarantined > 0) text += fmt::format(", {} unreadable", status.watcher.quarantined);
@@ -99,7 +114,7 @@ std::string ProgressText(const std::vector<DataCenterStatus>& states) {
   std::string text;
   for (const auto& state : states) {
     text += (text.empty() ? "reading: " : ", ") + EscapeControls(state.name) + ' ';
-    if (state.watcher.freshness != Freshness::NeverSynchronized) {
+    if (IsRead(state)) {
       text += fmt::format("{} done", state.watcher.instances);
     } else if (state.connection.state == ConnectionState::Connected) {
       text += std::to_string(state.watcher.instances);
@@ -110,13 +125,13 @@ std::string ProgressText(const std::vector<DataCenterStatus>& states) {
   return text;
 }
 
-std::string StateLines(const std::vector<DataCenterStatus>& states, const Look& look) {
+std::string StateLines(const std::vector<DataCenterStatus>& states, const Look& look, TimePoint now) {
   std::size_t width = 0;
   for (const auto& state : states) width = std::max(width, Width(EscapeControls(state.name)));
   std::string text;
   for (const auto& state : states) {
     const std::string name = Padded(EscapeControls(state.name), width) + "  ";
-    std::string rest = StateText(state);
+    std::string rest = StateText(state, now);
     if (look.width != 0) rest = Cut(rest, std::max(look.width, Width(name)) - Width(name));
     text += name + Coloured(rest, ConditionTone(state), look.colour) + '\n';
   }

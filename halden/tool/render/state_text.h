@@ -13,16 +13,20 @@
 namespace zr::halden::tool {
 
 /// What a data centre's state means for who relies on it: "live, 3 instances", "connection lost, 3 instances
-/// kept". `Condition` is its first half, which does not change with every instance.
+/// kept", "restored, connecting, 3 instances as of 12:00:03 (5m 7s ago)". `Condition` is what stands before the number,
+/// which does not change with every instance.
 std::string_view Condition(const DataCenterStatus& status);
 Tone ConditionTone(const DataCenterStatus& status);
-std::string StateText(const DataCenterStatus& status);
+std::string StateText(const DataCenterStatus& status, TimePoint now = TimePoint::clock::now());
+/// Everything was read once.
+bool IsRead(const DataCenterStatus& status);
 
 /// "reading: ap-south connecting, eu-west 1200, us-east 3 done"
 std::string ProgressText(const std::vector<DataCenterStatus>& states);
 
 /// A line for each data centre: what stands below the table.
-std::string StateLines(const std::vector<DataCenterStatus>& states, const Look& look);
+std::string StateLines(const std::vector<DataCenterStatus>& states, const Look& look,
+                       TimePoint now = TimePoint::clock::now());
 /// The whole output of `halden status`.
 std::string StateTable(const std::vector<DataCenterStatus>& states, const Look& look, TimePoint now);
 

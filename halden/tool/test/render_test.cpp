@@ -107,6 +107,10 @@ TEST(StateText, CallsNeitherKeptInstancesLiveNorLiveOnesKept) {
   EXPECT_EQ(StateText(State(Connected, Stale, 3)), "connected again, reading, 3 instances kept");
   // The connection is gone and the watcher has not heard of it yet.
   EXPECT_EQ(StateText(State(Suspended, Live, 3)), "connection lost, 3 instances kept");
+  DataCenterStatus restored = State(Connecting, Restored, 3);
+  restored.watcher.restoredAsOf = kNow - std::chrono::seconds(65);
+  EXPECT_EQ(StateText(restored, kNow), "restored, connecting, 3 instances as of " +
+                                           ShortTime(*restored.watcher.restoredAsOf, kNow) + " (1m 5s ago)");
   DataCenterStatus denied = State(Connected, NeverSynchronized, 0);
   denied.watcher.lastError = ZNOAUTH;
   EXPECT_EQ(StateText(denied), "connected, reading (not authenticated)");

@@ -34,6 +34,8 @@ std::string_view ToString(Freshness freshness) {
       return "live";
     case Freshness::Stale:
       return "stale";
+    case Freshness::Restored:
+      return "restored";
   }
   return "unknown";
 }
@@ -43,8 +45,9 @@ std::ostream& operator<<(std::ostream& out, Freshness freshness) {
 }
 
 DataCenterCounters DataCenterStatus::Counters() const {
-  return {connection.sessions, connection.reconnects, connection.expiries, watcher.resyncs,
-          watcher.drifts,      watcher.instances,     watcher.held,        watcher.quarantined};
+  return {connection.sessions, connection.reconnects, connection.expiries,
+          watcher.resyncs,     watcher.drifts,        watcher.snapshotErrors,
+          watcher.instances,   watcher.held,          watcher.quarantined};
 }
 
 void Check(const std::optional<MassRemovalGuard>& guard) {
