@@ -9,6 +9,9 @@ std::string ConfigExample() {
 # The data centre that this host is in: programs that choose between data centres prefer it. May be left out.
 local = "eu-west"
 
+# A folder where programs keep what they know, so that one that starts in an outage knows what was known before.
+# snapshot_folder = "/var/lib/orders/halden"
+
 [data_centers]
 
 # A data centre's name, and how its ensemble is reached: "host:port[,host:port...][/chroot]". Name every

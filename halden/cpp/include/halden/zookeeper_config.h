@@ -25,6 +25,8 @@ struct ZR_EXPORT ConfigFault {
 struct ZR_EXPORT ZooKeeperConfig {
   DataCenterEnsembleMapT ensembles;  ///< the entries that are in order
   zr::String local;  ///< the data centre that the file says is this one; empty when it does not
+  /// See GlobalServiceWatcher::SetSnapshotFolder; empty when the file does not say.
+  std::string snapshotFolder;
   std::vector<ConfigFault> faults;  ///< empty when the whole file is in order
   /// Credentials that cannot be read now, each with the place that names its file. Their entries are among the
   /// others: a connection reads the file anew for each session.
@@ -35,6 +37,7 @@ struct ZR_EXPORT ZooKeeperConfig {
 /// Reads the TOML file at `path`:
 ///
 ///     local = "eu-west"  # may be left out: the data centre that programs prefer (see RoutingTable)
+///     snapshot_folder = "/var/lib/orders/halden"  # may be left out: what is known outlives the process there
 ///     [data_centers]
 ///     eu-west = "zk1.eu:2181,zk2.eu:2181/platform"
 ///     [data_centers.us-east]

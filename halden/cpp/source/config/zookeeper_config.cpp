@@ -35,6 +35,7 @@ using details::TypeOf;
 constexpr std::size_t kMaxListed = 100;
 constexpr std::string_view kDataCenters = "data_centers";
 constexpr std::string_view kLocal = "local";
+constexpr std::string_view kSnapshotFolder = "snapshot_folder";
 constexpr std::string_view kEntryForm = "name = \"host:port[,host:port...][/chroot]\"";
 
 /// Never destroyed: a thread that outlives main() may still read a configuration.
@@ -175,6 +176,8 @@ class Reader {
     for (const auto& [key, node] : InOrder(root)) {
       if (key->str() == kLocal) {
         ReadLocal(*node, dataCenters == nullptr ? nullptr : dataCenters->as_table());
+      } else if (key->str() == kSnapshotFolder) {
+        ReadSnapshotFolder(*node);
       } else if (key->str() != kDataCenters) {
         WarnOfUnknown(*key);
       }
@@ -205,9 +208,25 @@ class Reader {
     m_config.local = value->get();
   }
 
+  /// Not relative: to what, would depend on who reads it.
+  void ReadSnapshotFolder(const toml::node& node) {
+    const auto* value = node.as_string();
+    const bool isPath =
+        value != nullptr && value->get().starts_with('/') && !HasControlCharacter(value->get());
+    if (isPath) {
+      m_config.snapshotFolder = value->get();
+    } else {
+      AddFault(node.source().begin, zr::String(kSnapshotFolder) + " is " +
+                                        (value != nullptr ? Quoted(value->get()) : TypeOf(node)) +
+                                        ": expected a folder's path that begins with \"/\"");
+    }
+  }
+
   void WarnOfUnknown(const toml::key& key) {
     zr::String message = "unknown key " + Quoted(key.str()) + " is ignored";
-    if (details::IsNearly(key.str(), kDataCenters)) message += ": did you mean " + Quoted(kDataCenters) + "?";
+    for (const auto known : {kDataCenters, kSnapshotFolder}) {
+      if (details::IsNearly(key.str(), known)) message += ": did you mean " + Quoted(known) + "?";
+    }
     AddWarning(key, std::move(message));
   }
 

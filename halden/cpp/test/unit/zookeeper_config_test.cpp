@@ -69,6 +69,12 @@ TEST_F(ZooKeeperConfigTest, EveryWayToWriteAGoodFileIsRead) {
   EXPECT_EQ(Read("local = 'a'\n[data_centers]\na = 'h:1'").local, "a");
   EXPECT_THAT(Texts(Read("local = 'b'\n[data_centers]\na = 'h:1'").faults),
               ElementsAre(StartsWith("1:9: local is \"b\"")));
+  EXPECT_EQ(Read("snapshot_folder = '/a b'\n[data_centers]\na = 'h:1'").snapshotFolder, "/a b");
+  for (const char* folder : {"''", "'a'", "3", "\"/a\\u0000\""}) {
+    EXPECT_THAT(
+        Texts(Read(std::string("snapshot_folder = ") + folder + "\n[data_centers]\na = 'h:1'").faults),
+        ElementsAre(StartsWith("1:19: snapshot_folder is ")));
+  }
   const auto twice = Read("[data_centers]\nz = 'h:1'\na = 'h:1'\nb = 'h:1/c'");
   EXPECT_THAT(Texts(twice.faults), IsEmpty());
   EXPECT_THAT(
