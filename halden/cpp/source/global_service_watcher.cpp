@@ -2,17 +2,21 @@
 #include "halden/global_service_watcher.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <future>
 #include <iterator>
 #include <set>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "base/clock.h"
 #include "base/wait_limit.h"
 #include "global_service_watcher_impl.h"
 #include "halden/service_publisher.h"
+#include "halden/zookeeper_config.h"
 #include "session/connection_core.h"
+#include "snapshot/snapshot_keeper.h"
 #include "watch/observer_thread.h"
 #include "zrstl/thread_safety.h"
 
@@ -59,15 +63,27 @@ struct GlobalServiceWatcher::Settings {
   std::optional<MassRemovalGuard> guard ZR_GUARDED_BY(mtx);
   std::optional<AuditIntervals> audit ZR_GUARDED_BY(mtx);
   std::shared_ptr<const DataCenterStatusHandler> statusHandler ZR_GUARDED_BY(mtx);
+  std::shared_ptr<details::SnapshotKeeper> snapshots ZR_GUARDED_BY(mtx);
   // That have these settings.
   std::set<std::weak_ptr<ServiceWatcher>, std::owner_less<>> equipped ZR_GUARDED_BY(mtx);
+
+  std::shared_ptr<details::SnapshotKeeper> Snapshots() {
+    const zr::MutexLock lock(mtx);
+    return snapshots;
+  }
 };
 
 GlobalServiceWatcher::GlobalServiceWatcher(const zr::String& serviceName, LibraryManaged mode,
                                            ZkErrorHandler errorHandler)
     : m_impl(std::make_shared<GlobalServiceWatcherImpl>(*this, CheckedName(serviceName), true,
-                                                        std::move(mode.configPath), std::move(errorHandler))),
-      m_settings(std::make_unique<Settings>()) {}
+                                                        mode.configPath, std::move(errorHandler))),
+      m_settings(std::make_unique<Settings>()) {
+  const zr::String path = std::move(mode.configPath);
+  // What is no file, a pipe say, was read already, and cannot be read again.
+  std::error_code none;
+  if (std::filesystem::is_regular_file(path, none))
+    SetSnapshotFolder(ReadZooKeeperConfig(path).snapshotFolder);
+}
 
 GlobalServiceWatcher::GlobalServiceWatcher(const zr::String& serviceName, ApplicationManaged /*mode*/,
                                            ZkErrorHandler errorHandler)
@@ -109,6 +125,7 @@ void GlobalServiceWatcher::UnregisterRaw(const ServiceWatcherObserver* observer)
 }
 
 void GlobalServiceWatcher::StartManagedConnections() {
+  ReadSnapshots(ConfiguredDataCenters());
   try {
     m_impl->StartManagedConnections();
   } catch (...) {
@@ -119,6 +136,7 @@ void GlobalServiceWatcher::StartManagedConnections() {
 }
 
 bool GlobalServiceWatcher::ConnectDC(const zr::String& dcName) {
+  if (m_impl->m_ensembles.contains(dcName) && !HasConnection(dcName)) ReadSnapshots({dcName});
   const bool connected = m_impl->ConnectDC(dcName);
   if (connected) ApplySettings();
   return connected;
@@ -135,6 +153,7 @@ void GlobalServiceWatcher::StopManagedConnections() {
 }
 
 void GlobalServiceWatcher::AddConnection(std::shared_ptr<Connection> conn) {
+  if (conn) ReadSnapshots({conn->DataCenterName()});
   m_impl->AddConnection(std::move(conn));
   ApplySettings();
 }
@@ -240,6 +259,23 @@ void GlobalServiceWatcher::SetAudit(const AuditIntervals& intervals) {
   ApplySettings();
 }
 
+void GlobalServiceWatcher::SetSnapshotFolder(const std::string& folder, std::chrono::seconds maxAge) {
+  std::shared_ptr<details::SnapshotKeeper> changed;
+  if (!folder.empty()) changed = std::make_shared<details::SnapshotKeeper>(folder, m_impl->m_name, maxAge);
+  {
+    const zr::MutexLock lock(m_settings->mtx);
+    m_settings->snapshots.swap(changed);
+  }
+  const auto watchers = Watchers();
+  if (const auto snapshots = m_settings->Snapshots()) {
+    for (const auto& watcher : watchers) snapshots->Add(watcher, watcher->m_delivery);
+  }
+}
+
+void GlobalServiceWatcher::ReadSnapshots(const std::vector<zr::String>& dcNames) {
+  if (const auto snapshots = m_settings->Snapshots()) snapshots->ReadAhead(dcNames);
+}
+
 void GlobalServiceWatcher::SetStatusHandler(DataCenterStatusHandler handler) {
   auto changed = handler ? std::make_shared<const DataCenterStatusHandler>(std::move(handler)) : nullptr;
   {
@@ -265,6 +301,7 @@ void GlobalServiceWatcher::Release(bool all) {
     std::erase_if(gone,
                   [&](const auto& one) { return std::find(kept.begin(), kept.end(), one) != kept.end(); });
     for (const auto& watcher : gone) *watcher->m_current = false;
+    if (const auto snapshots = m_settings->Snapshots()) snapshots->Retain(kept);
   }
   {
     const zr::MutexLock lock(m_settings->mtx);
@@ -276,7 +313,8 @@ void GlobalServiceWatcher::Release(bool all) {
 /// Hands the settings to the watchers that do not have them yet.
 void GlobalServiceWatcher::ApplySettings() {
   const auto watchers = Watchers();
-  const zr::MutexLock lock(m_settings->mtx);
+  zr::MutexLock lock(m_settings->mtx);
+  const auto snapshots = m_settings->snapshots;
   std::erase_if(m_settings->equipped, [](const auto& weak) { return weak.expired(); });
   for (const auto& watcher : watchers) {
     if (!m_settings->equipped.insert(watcher).second) continue;
@@ -289,6 +327,9 @@ void GlobalServiceWatcher::ApplySettings() {
           [handler = m_settings->statusHandler](const DataCenterStatus& s) { (*handler)(s); });
     }
   }
+  lock.Unlock(m_settings->mtx);
+  if (!snapshots) return;
+  for (const auto& watcher : watchers) snapshots->Add(watcher, watcher->m_delivery);
 }
 
 bool GlobalServiceWatcher::Close(std::chrono::milliseconds limit) {
@@ -306,7 +347,9 @@ bool GlobalServiceWatcher::Close(std::chrono::milliseconds limit) {
       onEach([deadline](const auto& entry) { return entry.first->AwaitClosed(Until(deadline)); }) &&
       onEach(awaitHandlers);
   Release(true);
-  return onEach(awaitHandlers) && closed;
+  const auto snapshots = m_settings->Snapshots();
+  const bool kept = !snapshots || snapshots->Flush(Until(deadline));
+  return onEach(awaitHandlers) && closed && kept;
 }
 
 }  // namespace zr::halden

@@ -22,6 +22,11 @@ inline const zr::logging::ConstSourcePtr& PublisherLog() {
   return source;
 }
 
+inline const zr::logging::ConstSourcePtr& SnapshotLog() {
+  static const auto& source = *new zr::logging::ConstSourcePtr(zr::logging::MakeSource("halden.snapshot"));
+  return source;
+}
+
 inline const zr::logging::ConstSourcePtr& ClientLibraryLog() {
   static const auto& source = *new zr::logging::ConstSourcePtr(zr::logging::MakeSource("zookeeper"));
   return source;

@@ -117,6 +117,7 @@ void ServiceReader::OnService(Reply& reply) {
       break;
     case ErrorAction::Absent:
       TakeListing(m_service, reply, m_path);
+      m_delivery->SetServiceNode(0);
       for (std::size_t i = 0; i < kPartitions; ++i) OnPartitionAbsent(static_cast<std::uint8_t>(i));
       AwaitService();
       break;
@@ -129,6 +130,7 @@ void ServiceReader::OnService(Reply& reply) {
 void ServiceReader::OnServiceListed(const Reply& reply) {
   if (IsOlder(m_service, reply)) return Fail(m_service.read, ZRUNTIMEINCONSISTENCY, m_path);
   TakeListing(m_service, reply, m_path);
+  m_delivery->SetServiceNode(reply.stat.czxid);
   std::array<bool, kPartitions> present{};
   for (const auto& name : reply.children) {
     if (const auto number = ParsePartition(name)) {
@@ -333,6 +335,8 @@ void ServiceReader::FinishIfComplete() {
   if (!IsAtRest()) return;
   m_retry.backoff.Reset();
   if (m_ledger.Dirty() == 0) m_refusedRetry.backoff.Reset();
+  m_delivery->DropUnlisted(
+      [this](const ServiceId& id) { return m_partitions[PartitionOf(id)].instances.contains(id); });
   m_delivery->MarkLive(std::exchange(m_fullRead, false));
 }
 

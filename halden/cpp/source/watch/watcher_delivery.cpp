@@ -108,6 +108,7 @@ void WatcherDelivery::MarkStale() {
   if (m_status.freshness != Freshness::Live) return;
   m_status.freshness = Freshness::Stale;
   m_status.staleSince = TimeOfDay();
+  m_origin.staleRevision = m_table.Revision();
   StatusChanged();
   Schedule(lock);
 }
@@ -119,7 +120,7 @@ void WatcherDelivery::CountDrift() {
 
 std::size_t WatcherDelivery::KnownBefore() const {
   const zr::MutexLock lock(m_mtx);
-  return m_status.freshness == Freshness::NeverSynchronized ? 0 : m_table.Size();
+  return IsSynchronized() ? m_table.Size() : 0;
 }
 
 NodeVersion WatcherDelivery::Seen(const ServiceId& id) const {
@@ -131,7 +132,7 @@ void WatcherDelivery::MarkLive(bool everythingRead) {
   zr::MutexLock lock(m_mtx);
   if (everythingRead) ++m_status.resyncs;
   if (m_status.freshness == Freshness::Live) return;
-  m_queues.reconcileDue |= m_status.freshness == Freshness::NeverSynchronized;
+  m_queues.reconcileDue |= !IsSynchronized();
   m_status.freshness = Freshness::Live;
   m_progress.NotifyAll();
   StatusChanged();
@@ -174,6 +175,7 @@ ServiceWatcherStatus WatcherDelivery::Status() const {
   const zr::MutexLock lock(m_mtx);
   ServiceWatcherStatus status = m_status;
   if (status.freshness != Freshness::Stale) status.staleSince.reset();
+  if (status.freshness != Freshness::Restored) status.restoredAsOf.reset();
   status.instances = m_table.Size();
   status.held = m_table.Held();
   status.quarantined = m_table.Quarantined();
@@ -182,18 +184,15 @@ ServiceWatcherStatus WatcherDelivery::Status() const {
 
 bool WatcherDelivery::AwaitSynchronized(std::chrono::milliseconds limit) const {
   const zr::MutexLock lock(m_mtx);
-  return m_progress.WaitFor(m_mtx, WaitLimit(limit), [this]() ZR_REQUIRES(m_mtx) {
-    return m_status.freshness != Freshness::NeverSynchronized;
-  });
+  return m_progress.WaitFor(m_mtx, WaitLimit(limit),
+                            [this]() ZR_REQUIRES(m_mtx) { return IsSynchronized(); });
 }
 
 /// Changes leave the table in their order: so those that wait have all been told when as many have.
 bool WatcherDelivery::AwaitDelivered(std::chrono::milliseconds limit) const {
   const auto deadline = std::chrono::steady_clock::now() + WaitLimit(limit);
   zr::MutexLock lock(m_mtx);
-  const auto synchronized = [this]() ZR_REQUIRES(m_mtx) {
-    return m_status.freshness != Freshness::NeverSynchronized;
-  };
+  const auto synchronized = [this]() ZR_REQUIRES(m_mtx) { return IsSynchronized(); };
   if (!m_progress.WaitUntil(m_mtx, deadline, synchronized)) return false;
   const std::uint64_t all = m_taken + m_table.Changes() + (m_queues.liveDue ? 1 : 0);
   const auto told = [&]() ZR_REQUIRES(m_mtx) { return m_told >= all && !m_queues.liveDue; };

@@ -45,6 +45,10 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   void Remove(const ServiceId& id);
   void MarkStale();
   void CountDrift();
+  /// The service's node was read: the transaction that created it, 0 where there is none. It tells ensembles apart.
+  void SetServiceNode(std::int64_t czxid);
+  /// Everything was read. What was restored and is in no list is gone, which these lists are the evidence of.
+  void DropUnlisted(const std::function<bool(const ServiceId&)>& isListed);
   /// How many are known, if everything was read once; else none.
   std::size_t KnownBefore() const;
   /// The newest version that was read of a node; zero where none was.
@@ -72,7 +76,35 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   };
   Known Snapshot() const;
 
+  // For snapshot files (delivery_snapshot.cpp). Any thread.
+
+  /// What a snapshot says of the service as a whole. Its instances are kept apart, since they are many.
+  struct Snapshotted {
+    std::int64_t serviceCzxid = 0;
+    std::chrono::system_clock::time_point asOf;  ///< when the list was true
+  };
+  /// What an earlier process knew: its instances become known, and stay until evidence says otherwise. False, and
+  /// nothing done, once everything was read, or the service's node, and that was another one.
+  bool Restore(const Snapshotted& service, std::vector<KeptInstance> instances);
+  /// Null as long as not everything was read once, and while what was live is being read anew: what is known is then of
+  /// two times, perhaps of two ensembles.
+  struct Keepable {
+    Snapshotted service;
+    std::uint64_t revision = 0;  ///< another one: something has changed
+  };
+  std::optional<Keepable> ToKeep() const;
+  /// All that is known, some at a time, so that the lock is never held for long. Those that come meanwhile may be missing.
+  std::vector<KeptInstance> CopyInstances() const;
+  void CountSnapshotError();
+
  private:
+  /// What tells a snapshot's ensemble from the one that is read.
+  struct Origin {
+    std::optional<std::int64_t> read;      // czxid of the service's node, as read last
+    std::optional<std::int64_t> restored;  // ... of the snapshot; none once compared
+    std::uint64_t staleRevision = 0;       // of the table when it was live last
+  };
+
   /// What the status handler is told the changes of.
   using StatusKey = std::tuple<ConnectionState, Freshness, bool>;
 
@@ -98,6 +130,10 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
                      const std::shared_ptr<const DataCenterStatusHandler>& handler) ZR_REQUIRES(m_mtx);
   void StatusChanged() ZR_REQUIRES(m_mtx);
   bool QueuesAreDue() const ZR_REQUIRES(m_mtx);
+  /// Everything was read once.
+  bool IsSynchronized() const ZR_REQUIRES(m_mtx) {
+    return m_status.freshness == Freshness::Live || m_status.freshness == Freshness::Stale;
+  }
   void DeliverToQueues(zr::MutexLock& lock, const ServiceWatcher& watcher) ZR_REQUIRES(m_mtx);
   static StatusKey KeyOf(const DataCenterStatus& status);
   static void Tell(ServiceWatcher& watcher, const InstanceTable::Change& change,
@@ -125,6 +161,7 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   // A delivery is posted, or running and will look again; or not started.
   bool m_scheduled ZR_GUARDED_BY(m_mtx) = true;
   ServiceWatcherStatus m_status ZR_GUARDED_BY(m_mtx);  // its numbers of instances are the table's
+  Origin m_origin ZR_GUARDED_BY(m_mtx);
 };
 
 }  // namespace zr::halden::details

@@ -36,7 +36,7 @@ struct Checker : ServiceWatcherObserver {
     while (i < history.size() && !history[i].hosts.contains(data.host())) ++i;
     if (i >= history.size()) Object("added, although it was never so since the last removal", key);
     hosts[key] = data.host();
-    if (watcher.Status().freshness == Freshness::NeverSynchronized) ofFirstRead.insert(key);
+    if (!watcher.AwaitSynchronized(0ms)) ofFirstRead.insert(key);
   }
 
   void OnInstanceModified(ServiceWatcher& watcher, const ServiceId& id,

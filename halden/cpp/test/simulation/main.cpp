@@ -1,6 +1,9 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include <stdlib.h>
+
 #include <CLI/CLI.hpp>
 #include <ctime>
+#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 
@@ -22,6 +25,16 @@ struct Meddler : ServiceWatcherObserver {
   const std::function<void(bool removed)> act;
 };
 
+/// Real files, for which the simulated thread waits while no time passes: in memory, or a seed would take seconds.
+struct Folder {
+  Folder() { mkdtemp(path.data()); }
+  ~Folder() { std::filesystem::remove_all(path); }
+  std::string path =
+      (std::filesystem::is_directory("/dev/shm") ? "/dev/shm"
+                                                 : std::filesystem::temp_directory_path().string()) +
+      "/halden-simulation-XXXXXX";
+};
+
 /// A run: rounds of writes, operations and faults in one or two data centres; each round ends with all faults healed, and
 /// is over when everything is as it must be. At the end everything is destroyed, and nothing may be left.
 struct Scenario {
@@ -41,6 +54,7 @@ struct Scenario {
         });
     global = std::make_unique<GlobalServiceWatcher>(kService, ApplicationManaged());
     audience->Observe(*global, nullptr, meddler, 3s);
+    if (world->faults[Fault::Snapshots]) global->SetSnapshotFolder(snapshots.path);
     for (auto& dc : dcs) ToggleGlobal(true, *dc);
   }
 
@@ -222,6 +236,7 @@ struct Scenario {
   const Fault::Kind focus = static_cast<Fault::Kind>(world->Below(Fault::Slow));  // what strikes most
   std::shared_ptr<Meddler> thrower, meddler;
   std::vector<std::unique_ptr<DataCenter>> dcs;
+  const Folder snapshots;
   std::unique_ptr<GlobalServiceWatcher> global;
   std::unique_ptr<Audience> audience;  // the global watcher's
   std::set<DataCenter*> added;         // to it

@@ -56,14 +56,15 @@ struct Fault {
     Guard,           ///< the guard against mass removals is set
     Global,          ///< a watcher of all data centres at once
     Disconnect,      ///< ... whose connections are removed, and added again
+    Snapshots,       ///< ... which begins with what was known then
   };
 };
 inline const std::vector<std::string> kFaultNames = {
     "kill",    "freeze",     "deposed-leader",  "partition", "lag",         "anew",  "expire",
     "move",    "lost-event", "lost-completion", "cut",       "budget",      "names", "acl",
     "garbage", "stop",       "callback",        "throw",     "throw-first", "slow",  "guard",
-    "global",  "disconnect"};
-using Faults = std::bitset<Fault::Disconnect + 1>;
+    "global",  "disconnect", "snapshots"};
+using Faults = std::bitset<Fault::Snapshots + 1>;
 
 /// One run: the time, what happens next, and the source of all chance. Among what is due at the same time the
 /// seed chooses.
