@@ -34,6 +34,7 @@ struct WatchOptions : CommonOptions {
   std::string service;
   std::optional<std::chrono::milliseconds> guard;  ///< how long mass removals are held back; null: not at all
   bool wide = false;                               ///< nothing is shortened
+  std::string snapshots;                      ///< folder of snapshot files; empty: as the configuration says
 };
 
 /// Of the commands that show what is there now.
@@ -42,6 +43,7 @@ struct ViewOptions : CommonOptions {
   bool live = false;
   std::optional<std::chrono::milliseconds> guard;
   bool wide = false;
+  std::string snapshots;
 };
 
 struct ListOptions : ViewOptions {};

@@ -54,7 +54,7 @@ std::optional<std::chrono::milliseconds> ReadGuard(const Words& words) {
 }
 
 ViewOptions ReadView(const Words& words) {
-  return {ReadCommon(words), ReadService(words), words.live, ReadGuard(words), words.wide};
+  return {ReadCommon(words), ReadService(words), words.live, ReadGuard(words), words.wide, words.snapshots};
 }
 
 /// For packagers: the build asks for it.
@@ -85,7 +85,7 @@ Invocation ReadStatus(const CLI::App& /*command*/, const Words& words) {
 }
 
 Invocation ReadWatch(const CLI::App& /*command*/, const Words& words) {
-  return WatchOptions{ReadCommon(words), ReadService(words), ReadGuard(words), words.wide};
+  return WatchOptions{ReadCommon(words), ReadService(words), ReadGuard(words), words.wide, words.snapshots};
 }
 
 Invocation ReadGet(const CLI::App& /*command*/, const Words& words) {
@@ -181,6 +181,15 @@ CLI::Option* AddGuard(CLI::App& command, Words& words) {
       ->type_name("SECONDS");
 }
 
+void AddSnapshots(CLI::App& command, Words& words) {
+  command
+      .add_option(
+          "--snapshots", words.snapshots,
+          "Keep what is known in files there, and begin with what they hold (default: the configuration's "
+          "snapshot_folder)")
+      ->type_name("DIR");
+}
+
 void AddWatch(CLI::App& app, Words& words) {
   auto& command = AddCommand(
       app, words, {"watch", "Print what happens to a service's instances, as it happens"}, ReadWatch,
@@ -189,6 +198,7 @@ void AddWatch(CLI::App& app, Words& words) {
   AddFilter(command, words);
   AddGuard(command, words);
   AddWide(command, words);
+  AddSnapshots(command, words);
   command.footer(
       "Ends on SIGINT, SIGTERM and SIGHUP.\n\nExample:\n  halden watch orders --config halden.toml\n");
 }
@@ -202,6 +212,7 @@ CLI::App& AddView(CLI::App& app, Words& words, const Title& title, Reader read, 
   live->excludes(command.get_option("--json"));
   live->excludes(command.get_option("--timeout"));  // it shows what is still missing
   AddGuard(command, words)->needs(live);
+  AddSnapshots(command, words);
   command.footer(footer);
   return command;
 }

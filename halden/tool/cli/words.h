@@ -39,6 +39,7 @@ struct Words {
   std::optional<std::string> timeout;
   std::optional<std::string> guard;
   std::vector<std::string> dataCenters;
+  std::string snapshots;
   std::string host;
   std::vector<std::string> ports;
   std::vector<std::string> attributes;

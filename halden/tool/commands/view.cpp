@@ -48,7 +48,7 @@ std::string Unread(const std::vector<DataCenterStatus>& states, const DataCenter
                    std::chrono::milliseconds patience, const std::string& toTry) {
   std::vector<std::future<std::string>> lines;
   for (const auto& state : states) {
-    if (state.watcher.freshness != Freshness::NeverSynchronized) continue;
+    if (IsRead(state)) continue;
     lines.push_back(std::async(std::launch::async, [&] {
       return fmt::format("{}: not read completely within {}: {}\n", state.name, SecondsText(patience),
                          WhyUnread(state, ensembles.at(state.name)));
@@ -94,6 +94,7 @@ void View(const ViewOptions& options, const Picture& picture, LineWriter& output
   const auto ensembles = LoadEnsembles(options.configPath, options.quiet, options.dataCenters);
   GlobalServiceWatcher watcher(options.service, LibraryManaged{options.configPath});
   watcher.SetMassRemovalGuard(GuardFor(options.guard));
+  if (!options.snapshots.empty()) watcher.SetSnapshotFolder(options.snapshots);
   if (options.live) {
     ShowLive(watcher, ensembles, picture, output);
     watcher.Close(kReadersClosingLimit);

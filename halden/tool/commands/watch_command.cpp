@@ -129,6 +129,7 @@ void WatchService(const WatchOptions& options, LineWriter& output) {
   const EventFormat format(options.json, WidestName(ensembles), look);
   GlobalServiceWatcher watcher(options.service, LibraryManaged{options.configPath});
   watcher.SetMassRemovalGuard(GuardFor(options.guard));
+  if (!options.snapshots.empty()) watcher.SetSnapshotFolder(options.snapshots);
   watcher.RegisterShared(std::make_shared<EventPrinter>(format, options.wide || look.width == 0, output));
   if (!options.quiet) {
     const auto states = std::make_shared<StatePrinter>(format, output);

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "halden/testing/poll.h"
 #include "halden/testing/zookeeper_server.h"
 
 namespace zr::halden::tool {
@@ -218,6 +219,29 @@ TEST_F(Command, PublishesWhatTheOthersTell) {
   Program rival = Start(publish + "--id " + kId);
   EXPECT_THAT(rival.Read(1), ElementsAre(HasSubstr(kId + ": published by another process")));
   EXPECT_THAT(first.Read(1), ElementsAre(HasSubstr(kId + ": another process ")));
+}
+
+TEST_F(Command, KnowsInAnOutageWhatOneThatWasKilledKnew) {
+  halden::testing::ZooKeeperServer server;
+  server.Start();
+  const std::string folder = m_folder.Path() / "snapshots";
+  std::ofstream(m_config) << "snapshot_folder = '" + folder + "'\n[data_centers]\neu = '" +
+                                 server.ConnectString() + "'";
+  Program publisher = Start("publish orders --dc eu --host h --port 80 --id " + kId);
+  EXPECT_THAT(publisher.Read(1), ElementsAre(kId));
+  Program watcher = Start("watch orders --quiet --snapshots " + folder);
+  EXPECT_THAT(watcher.Read(1), ElementsAre(HasSubstr(kId)));
+  EXPECT_TRUE(halden::testing::Poll(halden::testing::kLimit,
+                                    [&] { return std::filesystem::exists(folder + "/orders@eu.snapshot"); }));
+  watcher.Signal(SIGKILL);
+  watcher.End();
+  server.Kill();
+  EXPECT_THAT(
+      Outcome("list orders --timeout 0"),
+      ContainsRegex("eu  " + kId + "  h .*\neu  [a-z, ]+, 1 instance as of .* ago.*not read comp.*= 1"));
+  EXPECT_THAT(Outcome("status orders --timeout 0"), ContainsRegex("eu  [a-z]+ +restored +1 .*\n +as of "));
+  EXPECT_THAT(Outcome("list orders --timeout 0 --json"),
+              ContainsRegex("\"freshness\":\"restored\",\"stale_since\":null,\"restored_as_of\":\"2"));
 }
 
 }  // namespace
