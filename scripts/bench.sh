@@ -4,7 +4,8 @@
 # Builds halden in release and measures it, on real servers, beside its yardsticks.
 #
 #   scripts/bench.sh          all parts, some minutes
-#   scripts/bench.sh PART     one: load, latency, burst, scale, services, calls, upkeep, wan, narrow, loop, micro
+#   scripts/bench.sh PART     one: load, latency, burst, scale, services, calls, upkeep, wan, narrow, snapshot, loop,
+#                             micro
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -47,6 +47,7 @@ void BenchCalls();
 void BenchUpkeep();
 void BenchWan();
 void BenchNarrow();
+void BenchSnapshot();
 
 void Require(bool condition, const char* what);
 double Median(std::vector<double> values);

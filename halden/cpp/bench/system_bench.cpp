@@ -18,9 +18,11 @@ struct Part {
   void (*run)();
 };
 
-constexpr Part kParts[] = {{"load", &BenchLoad},     {"latency", &BenchLatency},   {"burst", &BenchBurst},
-                           {"scale", &BenchScale},   {"services", &BenchServices}, {"calls", &BenchCalls},
-                           {"upkeep", &BenchUpkeep}, {"wan", &BenchWan},           {"narrow", &BenchNarrow}};
+constexpr Part kParts[] = {{"load", &BenchLoad},         {"latency", &BenchLatency},
+                           {"burst", &BenchBurst},       {"scale", &BenchScale},
+                           {"services", &BenchServices}, {"calls", &BenchCalls},
+                           {"upkeep", &BenchUpkeep},     {"wan", &BenchWan},
+                           {"narrow", &BenchNarrow},     {"snapshot", &BenchSnapshot}};
 
 int Run(std::string_view wanted) try {
   zr::logging::SetMinimumLoggingLevel(zr::logging::ZRLOG_ERROR);  // servers are down and silent on purpose
@@ -32,9 +34,10 @@ int Run(std::string_view wanted) try {
     part.run();
   }
   if (!found)
-    fmt::print(stderr,
-               "bench: no part {}: load, latency, burst, scale, services, calls, upkeep, wan, narrow\n",
-               wanted);
+    fmt::print(
+        stderr,
+        "bench: no part {}: load, latency, burst, scale, services, calls, upkeep, wan, narrow, snapshot\n",
+        wanted);
   return found ? 0 : 2;
 } catch (const std::exception& e) {
   fmt::print(stderr, "bench: {}\n", e.what());
