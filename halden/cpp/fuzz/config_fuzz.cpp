@@ -48,6 +48,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   for (const auto& fault : config.authFaults) ExpectInPlace(fault, text);
   for (const auto& warning : config.warnings) ExpectInPlace(warning, text);
   Expect(!config.faults.empty() || !config.ensembles.empty(), "a file in order names a data centre");
+  Expect(config.snapshotFolder.empty() || config.snapshotFolder.front() == '/',
+         "a folder's path is absolute");
   for (const auto& [name, hosts] : config.ensembles) {
     Expect(!name.empty(), "a data centre has a name");
     Expect(zr::halden::details::ParseConnectString(hosts).error.empty(), "an ensemble's hosts are in order");
