@@ -14,6 +14,7 @@
 #include "ensemble/service_names.h"
 #include "io/failure.h"
 #include "io/live_screen.h"
+#include "render/state_text.h"
 
 namespace zr::halden::tool {
 
