@@ -280,6 +280,42 @@ bool SpreadsReads(std::uint64_t seed) {
   return fine;
 }
 
+/// A client that saw the newest and is left with nobody but a leader that was deposed does not believe what that one says.
+/// False when it does; seeds with one server play nothing.
+bool DistrustsDeposedLeaders(std::uint64_t seed) {
+  World played(seed);
+  played.faults.reset();
+  played.faults[Fault::DeposedLeader] = true;
+  DataCenter dc(0);
+  const auto run = [&](Duration time) {
+    for (const auto end = played.now + time; played.now < end; dc.Check()) played.RunUntil(played.now + 1s);
+  };
+  dc.Heal();
+  for (const auto& id : dc.ids) dc.Put(id);
+  dc.Watch(nullptr, nullptr);
+  run(10s);
+  Ensemble& ensemble = dc.ensemble;
+  Server& leader = *ensemble.leader;
+  if (ensemble.servers.size() > 1) {
+    ensemble.Freeze(leader);
+    run(10s);
+    for (int i = 0; i < 5; ++i) dc.Put(DrawId());
+    run(1s);
+    ensemble.RefuseClients(leader, true);
+    run(played.Between(2s, 6s));
+    ensemble.Thaw(leader);
+    run(3s);
+    ensemble.RefuseClients(leader, false);
+  }
+  run(60s);
+  if (const auto wrong = dc.Wrong(); !wrong.empty()) played.Violation(wrong);
+  if (!played.violation.empty())
+    std::cout << "seed " << seed << ", a deposed leader: " << played.violation << std::endl;
+  dc.Destroy();
+  played.RunUntil(played.now + 60s);
+  return played.violation.empty();
+}
+
 struct Options {
   std::uint64_t first = static_cast<std::uint64_t>(std::time(nullptr)) * 1000;
   std::uint64_t count = 100;
@@ -310,6 +346,7 @@ bool PlayAll(const Options& options) {
   std::uint64_t failed = SpreadsReads(options.first) ? 0 : 1;
   for (std::uint64_t i = 0; i < options.count; ++i) {
     std::uint64_t hash = 0;
+    if (i % 4 == 0 && !DistrustsDeposedLeaders(options.first + i)) ++failed;
     bool fine = Play(options.first + i, options, hash);
     if (options.replayEvery != 0 && i % options.replayEvery == 0)
       fine = fine && Play(options.first + i, options, hash);

@@ -144,7 +144,10 @@ bool Ensemble::ServeWatches(Link& link, const Message& request) {
   for (const auto& list : request.lists) {
     for (const auto& path : list) bytes += path.size() + sizeof(std::int32_t);
   }
-  if (bytes >= 1024UL * 1024) return link.Break(false), true;  // longer than any packet that a server takes
+  if (bytes >= 1024UL * 1024) {  // longer than any packet that a server takes
+    world->Violation("more watches are set again than fit into a packet");
+    return link.Break(false), true;
+  }
   for (int kind = 0; kind < 3; ++kind) {
     for (const auto& path : request.lists[kind]) {
       const Tree::Node* const node = link.server.tree.Find(path);
