@@ -14,8 +14,12 @@ namespace {
 
 using Json = nlohmann::ordered_json;  // keys in the order written here, in every line
 
+std::string Text(const Json& json) {
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 std::string Line(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+  return Text(json) + '\n';
 }
 
 /// Not as a number: some readers keep those as doubles, which do not hold it.
@@ -128,6 +132,16 @@ std::string CheckLine(const Check& check) {
                    {"verdict", VerdictText(check.verdict)},
                    {"finding", check.finding},
                    {"advice", check.advice}});
+}
+
+std::string DataObject(const ServiceInstanceData& data) {
+  Json json;
+  AddData(json, data);
+  return Text(json);
+}
+
+std::string JsonText(std::string_view text) {
+  return Text(Json(text));
 }
 
 std::string PublishedLine(std::string_view dataCenter, const ServiceId& id) {

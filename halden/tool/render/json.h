@@ -26,6 +26,10 @@ std::string NodeLine(const NodeFacts& facts);
 std::string ServiceLine(const ServiceCount& service);
 std::string FaultLine(const ConfigFault& fault, bool isError);
 std::string CheckLine(const Check& check);
+/// What an instance publishes, as an object of its own: the keys from `host` on.
+std::string DataObject(const ServiceInstanceData& data);
+/// `text` in quotes.
+std::string JsonText(std::string_view text);
 std::string PublishedLine(std::string_view dataCenter, const ServiceId& id);
 
 }  // namespace zr::halden::tool
