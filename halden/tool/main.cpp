@@ -28,16 +28,19 @@ void ReserveStandardDescriptors() {
 }
 
 /// A terminal that goes away ends the process too, unless it was started with nohup.
-SignalSet StopSignals() {
+/// The agent takes it for the wish to read its configuration again.
+SignalSet StopSignals(const Invocation& invocation) {
   struct sigaction hangUp {};
   sigaction(SIGHUP, nullptr, &hangUp);
-  if (hangUp.sa_handler == SIG_IGN) return {SIGINT, SIGTERM};
+  if (hangUp.sa_handler == SIG_IGN || std::holds_alternative<ServeOptions>(invocation))
+    return {SIGINT, SIGTERM};
   return {SIGINT, SIGTERM, SIGHUP};
 }
 
 /// Which function is each command's.
 struct Dispatch {
   LineWriter& output;
+  int stop;
 
   void operator()(const Information& asked) const { output.Write(asked.text); }
   void operator()(const WatchOptions& options) const { WatchService(options, output); }
@@ -49,18 +52,19 @@ struct Dispatch {
   void operator()(const ConfigCheckOptions& options) const { CheckConfiguration(options, output); }
   void operator()(const PublishOptions& options) const { PublishInstances(options, output); }
   void operator()(const CompleteOptions& options) const { OfferNames(options, output); }
+  void operator()(const ServeOptions& options) const { Serve(options, output, stop); }
 };
 
 void Run(int argc, char** argv) {
   const Invocation invocation = ParseCommandLine(argc, argv);
-  const SignalSet stopSignals = StopSignals();  // while this is the only thread
+  const SignalSet stopSignals = StopSignals(invocation);  // while this is the only thread
   LineWriter output(STDOUT_FILENO, stopSignals.Descriptor());
   std::visit(
       [](const auto& options) {
         if constexpr (requires { options.logLevel; }) logging::SetMinimumLoggingLevel(options.logLevel);
       },
       invocation);
-  std::visit(Dispatch{output}, invocation);
+  std::visit(Dispatch{output, stopSignals.Descriptor()}, invocation);
   output.ThrowIfFailed();
 }
 

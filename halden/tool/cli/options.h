@@ -9,6 +9,7 @@
 #include <variant>
 #include <vector>
 
+#include "agent/serve/serve_config.h"
 #include "halden/service_id.h"
 #include "logger/logger.h"
 #include "zr/messaging/halden/service.pb.h"
@@ -82,6 +83,13 @@ struct CompleteOptions {
   What what = What::DataCenters;
 };
 
+struct ServeOptions {
+  std::string configPath;
+  logging::LogLevel logLevel = logging::ZRLOG_ERROR;
+  bool quiet = false;
+  agent::ServeSettings settings;
+};
+
 /// A text that is asked for: help, version, example.
 struct Information {
   std::string text;
@@ -89,6 +97,6 @@ struct Information {
 
 using Invocation =
     std::variant<Information, WatchOptions, ListOptions, StatusOptions, GetOptions, ServicesOptions,
-                 DoctorOptions, ConfigCheckOptions, PublishOptions, CompleteOptions>;
+                 DoctorOptions, ConfigCheckOptions, PublishOptions, CompleteOptions, ServeOptions>;
 
 }  // namespace zr::halden::tool

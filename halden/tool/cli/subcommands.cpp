@@ -8,6 +8,7 @@
 #include "cli/generate.h"
 #include "cli/help_format.h"
 #include "cli/publish_options.h"
+#include "cli/serve_options.h"
 #include "halden/service_watcher.h"
 #include "logger/sink.h"
 
@@ -142,6 +143,15 @@ void AddOutputOptions(CLI::App& command, Words& words) {
   command.add_flag("--quiet", words.quiet, "Only results and errors");
 }
 
+/// Returns the flag.
+CLI::Option* AddLogLevel(CLI::App& command, Words& words) {
+  auto* const level =
+      command.add_option("--log-level", words.logLevel, "debug, info, warning, error, critical or off")
+          ->type_name("LEVEL")
+          ->capture_default_str();
+  return command.add_flag("--verbose", words.verbose, "The library's log on stderr")->excludes(level);
+}
+
 /// What all commands have that read or write data centres.
 CLI::App& AddCommand(CLI::App& app, Words& words, const Title& title, Reader read,
                      const char* timeout = kAwaitAnswers) {
@@ -149,13 +159,7 @@ CLI::App& AddCommand(CLI::App& app, Words& words, const Title& title, Reader rea
   command.add_option("--config", words.config, kConfigMeaning)->type_name("FILE");
   command.add_option("--timeout", words.timeout, timeout)->type_name("SECONDS");
   AddOutputOptions(command, words);
-  auto* const level =
-      command.add_option("--log-level", words.logLevel, "debug, info, warning, error, critical or off")
-          ->type_name("LEVEL")
-          ->capture_default_str();
-  auto* const verbose = command.add_flag("--verbose", words.verbose, "The library's log on stderr");
-  verbose->excludes(level);
-  verbose->excludes(command.get_option("--quiet"));
+  AddLogLevel(command, words)->excludes(command.get_option("--quiet"));
   return command;
 }
 
@@ -275,6 +279,27 @@ void AddPublish(CLI::App& app, Words& words) {
       "    --port 8080 --port admin=8081 --attribute zone=a\n");
 }
 
+Invocation ReadServe(const CLI::App& /*command*/, const Words& words) {
+  return ReadServeOptions(words, ReadLogLevel(words), ReadSeconds("--guard", words.guard, 1));
+}
+
+void AddServe(CLI::App& app, Words& words) {
+  auto& command = AddPlainCommand(
+      app, words, {"serve", "Serve what is known of services over HTTP until interrupted"}, ReadServe);
+  command.add_option("--config", words.config, "The data centres, and the table [serve] (TOML)")
+      ->required()
+      ->type_name("FILE");
+  DeclareServeOptions(command, words);
+  AddGuard(command, words);
+  command.add_flag("--quiet", words.quiet, "Do not print where it listens");
+  AddLogLevel(command, words);
+  command.footer(
+      "Prints where it can be asked. SIGHUP reads the configuration again; SIGINT and SIGTERM end it. "
+      "docs/agent.md\n"
+      "has what can be asked.\n\n"
+      "Example:\n  halden serve --config halden.toml --service orders\n");
+}
+
 void AddConfig(CLI::App& app, Words& words) {
   auto& command = AddGroup(app, {"config", "Check a configuration file, or print an example"});
   command.require_subcommand(1);
@@ -319,6 +344,7 @@ void Declare(CLI::App& app, Words& words) {
   AddReaders(app, words);
   AddWatch(app, words);
   AddPublish(app, words);
+  AddServe(app, words);
   AddConfig(app, words);
   AddGenerate(app, words);
   AddComplete(app, words);

@@ -45,6 +45,11 @@ struct Words {
   std::vector<std::string> attributes;
   std::optional<std::string> count;
   std::optional<std::string> publishedId;
+  std::vector<std::string> services;
+  std::optional<std::string> listen;
+  std::optional<std::string> socket;
+  std::vector<std::string> allowedHosts;
+  bool allowRemote = false;
   std::string status{kStatusOk};
   std::string weight{"0"};
   std::string serviceVersion;

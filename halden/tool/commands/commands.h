@@ -17,5 +17,7 @@ void DiagnoseEnsembles(const DoctorOptions& options, LineWriter& output);
 void CheckConfiguration(const ConfigCheckOptions& options, LineWriter& output);
 void PublishInstances(const PublishOptions& options, LineWriter& output);
 void OfferNames(const CompleteOptions& options, LineWriter& output);
+/// `stop` becomes readable when the process is to end.
+void Serve(const ServeOptions& options, LineWriter& output, int stop);
 
 }  // namespace zr::halden::tool

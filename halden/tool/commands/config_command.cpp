@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/serve/serve_config.h"
 #include "commands/commands.h"
 #include "halden/zookeeper_config.h"
 #include "io/failure.h"
@@ -16,7 +17,10 @@
 namespace zr::halden::tool {
 
 void CheckConfiguration(const ConfigCheckOptions& options, LineWriter& output) {
-  const ZooKeeperConfig config = ReadZooKeeperConfig(options.path);
+  ZooKeeperConfig config = ReadZooKeeperConfig(options.path);
+  const agent::ServeConfig serve = agent::ReadServeConfig(options.path);
+  config.faults.insert(config.faults.end(), serve.faults.begin(), serve.faults.end());
+  config.warnings.insert(config.warnings.end(), serve.warnings.begin(), serve.warnings.end());
   const Look look = LookOf(output.Descriptor());
   std::string text;
   const auto add = [&](const std::vector<ConfigFault>& faults, bool isError) {

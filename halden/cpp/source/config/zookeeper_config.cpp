@@ -36,6 +36,7 @@ constexpr std::size_t kMaxListed = 100;
 constexpr std::string_view kDataCenters = "data_centers";
 constexpr std::string_view kLocal = "local";
 constexpr std::string_view kSnapshotFolder = "snapshot_folder";
+constexpr std::string_view kServe = "serve";  // the agent's, which reads it itself
 constexpr std::string_view kEntryForm = "name = \"host:port[,host:port...][/chroot]\"";
 
 /// Never destroyed: a thread that outlives main() may still read a configuration.
@@ -178,7 +179,7 @@ class Reader {
         ReadLocal(*node, dataCenters == nullptr ? nullptr : dataCenters->as_table());
       } else if (key->str() == kSnapshotFolder) {
         ReadSnapshotFolder(*node);
-      } else if (key->str() != kDataCenters) {
+      } else if (key->str() != kDataCenters && key->str() != kServe) {
         WarnOfUnknown(*key);
       }
     }

@@ -1,0 +1,132 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "agent/http/server.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <utility>
+
+namespace zr::halden::agent {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using boost::system::error_code;
+using Local = asio::local::stream_protocol;
+
+namespace {
+
+/// Whether somebody takes connections there.
+bool IsServed(asio::any_io_executor loop, const Local::endpoint& endpoint) {
+  Local::socket probe(loop);
+  error_code error;
+  probe.connect(endpoint, error);
+  return !error;
+}
+
+/// One short try: who is too many is not waited for.
+void TurnAway(ClientConnection::Socket& socket) {
+  Answer answer = TryLater("Ask again later: too many clients are connected.");
+  const std::string text = HeaderText(answer, false) + *answer.body;
+  static_cast<void>(send(socket.native_handle(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
+}
+
+}  // namespace
+
+Server::Server(asio::io_context& loop, const ServiceViews& views, std::span<const StaticFile> files,
+               AllowedHosts hosts, const Limits& limits)
+    : m_views(views),
+      m_limits(limits),
+      m_hosts(std::move(hosts)),
+      m_api(views, m_metrics, files, limits.bodyBytes),
+      m_tcp(loop),
+      m_local(loop),
+      m_pause(loop) {}
+
+Server::~Server() {
+  const auto clients = m_clients;  // each takes itself out
+  for (const auto& client : clients) client->Close();
+  if (!m_path.empty()) unlink(m_path.c_str());
+}
+
+std::uint16_t Server::Listen(const tcp::endpoint& endpoint) {
+  m_tcp.open(endpoint.protocol());
+  m_tcp.set_option(asio::socket_base::reuse_address(true));
+  m_tcp.bind(endpoint);
+  m_tcp.listen();
+  Accept(m_tcp);
+  return m_tcp.local_endpoint().port();
+}
+
+void Server::Listen(const std::string& path) {
+  const Local::endpoint endpoint(path);
+  const bool isSocket = std::filesystem::is_socket(std::filesystem::symlink_status(path));
+  if (isSocket && !IsServed(m_local.get_executor(), endpoint)) unlink(path.c_str());
+  m_local.open(endpoint.protocol());
+  m_local.bind(endpoint);
+  m_path = path;
+  m_local.listen();
+  Accept(m_local);
+}
+
+template <typename Acceptor>
+void Server::Accept(Acceptor& acceptor) {
+  acceptor.async_accept([this, &acceptor](const error_code& error, auto socket) {
+    if (error == asio::error::operation_aborted || !acceptor.is_open()) return;
+    if (!error) {
+      Take(ClientConnection::Socket(std::move(socket)));
+      return Accept(acceptor);
+    }
+    // Out of descriptors, most likely: some will be free again.
+    constexpr std::chrono::milliseconds pause{100};
+    m_pause.expires_after(pause);
+    m_pause.async_wait([this, &acceptor](const error_code& ended) {
+      if (!ended) Accept(acceptor);
+    });
+  });
+}
+
+void Server::Take(ClientConnection::Socket socket) {
+  if (m_clients.size() >= m_limits.connections) {
+    m_metrics.CountRejected("connections");
+    return TurnAway(socket);
+  }
+  const auto client = std::make_shared<ClientConnection>(std::move(socket), *this);
+  m_clients.insert(client);
+  m_metrics.SetConnections(m_clients.size());
+  client->Start();
+}
+
+void Server::OnChange() {
+  const auto listeners = m_listeners;  // they take themselves out
+  for (ClientConnection* listener : listeners) listener->OnChange();
+}
+
+void Server::Leave() {
+  m_pause.cancel();
+  error_code ignored;
+  m_tcp.close(ignored);
+  m_local.close(ignored);
+  const auto clients = m_clients;
+  for (const auto& client : clients) client->Leave();
+}
+
+bool Server::AddListener(ClientConnection& connection) {
+  if (m_listeners.size() >= m_limits.listeners) return false;
+  m_listeners.insert(&connection);
+  return true;
+}
+
+bool Server::IsFollowed(const std::shared_ptr<const ServiceView>& view) const {
+  const auto found = m_views.find(view->Service());
+  return found != m_views.end() && found->second == view;
+}
+
+void Server::OnClosed(ClientConnection& connection) {
+  m_clients.erase(connection.shared_from_this());
+  m_metrics.SetConnections(m_clients.size());
+}
+
+}  // namespace zr::halden::agent

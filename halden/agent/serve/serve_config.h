@@ -1,0 +1,39 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "agent/http/limits.h"
+#include "halden/zookeeper_config.h"
+
+namespace zr::halden::agent {
+
+/// What the agent does: what the command line says, and the table [serve] of the configuration where it says nothing.
+struct ServeSettings {
+  std::set<std::string> services;     ///< those of both are followed
+  std::optional<std::string> listen;  ///< "address:port"; empty: not over TCP
+  std::optional<std::string> socket;  ///< a path; empty: none
+  std::set<std::string> allowedHosts;
+  bool allowRemote = false;
+  std::optional<std::chrono::seconds> guard;  ///< how long mass removals are held back
+  Limits limits;
+};
+
+struct ServeConfig {
+  ServeSettings settings;
+  std::vector<ConfigFault> faults;
+  std::vector<ConfigFault> warnings;
+};
+
+/// Reads the table [serve] of the file at `path`, if there is one. Throws nothing on bad input. What is wrong elsewhere in
+/// the file is for ReadZooKeeperConfig to tell.
+ServeConfig ReadServeConfig(const std::string& path);
+
+/// `more` where it says something, else `settings`.
+ServeSettings Combined(ServeSettings settings, const ServeSettings& more);
+
+}  // namespace zr::halden::agent
