@@ -1,0 +1,228 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "agent/render/file_renderer.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <cassert>
+#include <cerrno>
+#include <optional>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "base/file_descriptor.h"
+#include "logger/logger.h"
+#include "zrstl/thread_safety.h"
+
+namespace zr::halden::agent {
+
+namespace {
+
+using TimePoint = std::chrono::steady_clock::time_point;
+
+const zr::logging::ConstSourcePtr& RenderLog() {
+  static const auto& source = *new zr::logging::ConstSourcePtr(zr::logging::MakeSource("halden.render"));
+  return source;
+}
+
+/// Runs one rendering after another on a thread that takes no signal.
+class Worker {
+ public:
+  using Report = std::function<void(RenderOutcome)>;
+
+  /// `report` is called on the thread.
+  Worker(const RenderOptions& options, Report report)
+      : m_stop(eventfd(0, EFD_CLOEXEC)), m_rendering(options, m_stop.Get()), m_report(std::move(report)) {
+    if (!m_stop) throw std::system_error(errno, std::generic_category(), "eventfd");
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    m_thread = std::thread([this] { Run(); });
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  }
+  ~Worker() {
+    {
+      const zr::MutexLock lock(m_mtx);
+      m_ending = true;
+    }
+    eventfd_write(m_stop.Get(), 1);
+    m_changed.NotifyOne();
+    m_thread.join();
+  }
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
+
+  void Begin(std::vector<std::string> lists) {
+    {
+      const zr::MutexLock lock(m_mtx);
+      m_lists = std::move(lists);
+    }
+    m_changed.NotifyOne();
+  }
+
+ private:
+  void Run() {
+    pthread_setname_np(pthread_self(), "halden-render");
+    while (const auto lists = Next()) m_report(m_rendering.Run(*lists));
+  }
+
+  std::optional<std::vector<std::string>> Next() {
+    zr::MutexLock lock(m_mtx);
+    m_changed.Wait(m_mtx, [this]() ZR_REQUIRES(m_mtx) { return m_ending || m_lists; });
+    if (m_ending) return std::nullopt;
+    return std::exchange(m_lists, std::nullopt);
+  }
+
+  const details::FileDescriptor m_stop;
+  Rendering m_rendering;  // the thread's alone
+  const Report m_report;
+  zr::Mutex m_mtx;
+  zr::ConditionVariable m_changed;
+  std::optional<std::vector<std::string>> m_lists ZR_GUARDED_BY(m_mtx);
+  bool m_ending ZR_GUARDED_BY(m_mtx) = false;
+  std::thread m_thread;
+};
+
+std::chrono::milliseconds RetryPause(unsigned failures) {
+  using std::chrono::seconds;
+  constexpr unsigned mostDoublings = 6;
+  return std::min(seconds(1) * (1U << std::min(failures - 1, mostDoublings)), seconds(60));
+}
+
+}  // namespace
+
+/// All of it is the loop's, but for what the worker does.
+///
+///   Idle --change--> Waiting --its time has come--> Working --done--> Idle
+///   Waiting --change--> Waiting, for longer
+///   Working --done, and it has failed or something has changed meanwhile--> Waiting
+class FileRenderer::State : public std::enable_shared_from_this<State> {
+ public:
+  State(const boost::asio::any_io_executor& loop, const RenderOptions& options, Lists lists)
+      : m_wait(options.wait), m_lists(std::move(lists)), m_loop(loop), m_timer(loop) {}
+
+  void Start(const RenderOptions& options) {
+    m_worker.emplace(options, [loop = m_loop, weak = weak_from_this()](RenderOutcome outcome) {
+      boost::asio::post(loop, [weak, outcome = std::move(outcome)] {
+        if (const auto self = weak.lock()) self->Done(outcome);
+      });
+    });
+  }
+
+  void Close() {
+    m_timer.cancel();
+    m_worker.reset();
+  }
+
+  void Changed() {
+    const auto now = TimePoint::clock::now();
+    if (!m_firstChange) m_firstChange = now;
+    if (m_phase == Phase::Working) {
+      m_lastChange = now;
+      return;
+    }
+    m_lastChange = now;
+    WaitUntil(m_everDone ? std::min(now + m_wait.min, *m_firstChange + m_wait.max) : now);
+  }
+
+  const RenderCounters& Counters() const { return m_counters; }
+
+ private:
+  enum class Phase : std::uint8_t { Idle, Waiting, Working };
+
+  void SetPhase(Phase next) {
+    assert(next != m_phase || next == Phase::Waiting);
+    assert(next != Phase::Working || m_phase == Phase::Waiting);
+    m_phase = next;
+  }
+
+  void WaitUntil(TimePoint time) {
+    SetPhase(Phase::Waiting);
+    m_timer.expires_at(time);
+    m_timer.async_wait([weak = weak_from_this()](const boost::system::error_code& error) {
+      const auto self = weak.lock();
+      if (self && !error && self->m_phase == Phase::Waiting) self->Begin();
+    });
+  }
+
+  void Begin() {
+    SetPhase(Phase::Working);
+    m_firstChange.reset();
+    m_worker->Begin(m_lists());
+  }
+
+  void Done(const RenderOutcome& outcome) {
+    SetPhase(Phase::Idle);
+    m_everDone = true;
+    Count(outcome);
+    const auto now = TimePoint::clock::now();
+    if (outcome.result == RenderResult::Failed) {
+      if (!m_firstChange) m_firstChange = now;
+      WaitUntil(now + RetryPause(++m_failures));
+    } else {
+      m_failures = 0;
+      if (m_firstChange) WaitUntil(std::min(m_lastChange + m_wait.min, *m_firstChange + m_wait.max));
+    }
+  }
+
+  void Count(const RenderOutcome& outcome) {
+    switch (outcome.result) {
+      case RenderResult::Unchanged:
+        ++m_counters.unchanged;
+        break;
+      case RenderResult::Written:
+        ++m_counters.written;
+        break;
+      case RenderResult::HeldBack:
+        ++m_counters.heldBack;
+        break;
+      case RenderResult::Failed:
+        ++m_counters.failed;
+        break;
+    }
+    m_counters.lastFailure = outcome.result == RenderResult::Failed ? outcome.text : "";
+    if (outcome.result == RenderResult::Written) {
+      ZRLOG(ZRLOG_INFO, RenderLog()) << outcome.text;
+    } else if (!outcome.text.empty()) {
+      ZRLOG(ZRLOG_WARNING, RenderLog()) << outcome.text;
+    }
+  }
+
+  const RenderWait m_wait;
+  const Lists m_lists;
+  const boost::asio::any_io_executor m_loop;
+  boost::asio::steady_timer m_timer;
+  Phase m_phase = Phase::Idle;
+  std::optional<TimePoint> m_firstChange;  // of those that no rendering has seen
+  TimePoint m_lastChange;
+  bool m_everDone = false;
+  unsigned m_failures = 0;  // in a row
+  RenderCounters m_counters;
+  std::optional<Worker> m_worker;
+};
+
+FileRenderer::FileRenderer(const boost::asio::any_io_executor& loop, const RenderOptions& options,
+                           Lists lists)
+    : m_state(std::make_shared<State>(loop, options, std::move(lists))) {
+  m_state->Start(options);
+}
+
+FileRenderer::~FileRenderer() {
+  m_state->Close();
+}
+
+void FileRenderer::Changed() {
+  m_state->Changed();
+}
+
+const RenderCounters& FileRenderer::Counters() const {
+  return m_state->Counters();
+}
+
+}  // namespace zr::halden::agent

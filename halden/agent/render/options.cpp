@@ -1,0 +1,56 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "agent/render/options.h"
+
+#include <algorithm>
+#include <charconv>
+#include <string>
+
+namespace zr::halden::agent {
+
+namespace {
+
+std::chrono::milliseconds ParseSeconds(std::string_view text, std::string_view whole) {
+  constexpr double longest = 3600;
+  constexpr double thousand = 1000;
+  double seconds = -1;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+  // Not the other way round: nothing is true of what is not a number.
+  if (error == std::errc() && end == text.data() + text.size() && seconds >= 0 && seconds <= longest) {
+    return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * thousand));
+  }
+  throw RenderError("\"" + std::string(whole) +
+                    "\" is no time to wait; give MIN:MAX in seconds up to 3600, such as 0.5:5");
+}
+
+}  // namespace
+
+RenderOptions ParseRender(std::string_view text) {
+  RenderOptions options;
+  auto files = text;
+  if (std::count(text.begin(), text.end(), ':') == 2) {
+    options.service = text.substr(0, text.find(':'));
+    files.remove_prefix(options.service.size() + 1);
+  }
+  const auto colon = files.find(':');
+  if (colon == std::string_view::npos || files.rfind(':') != colon || colon == 0 ||
+      colon + 1 == files.size() || text.front() == ':') {
+    throw RenderError("\"" + std::string(text) +
+                      "\" is not [SERVICE:]TEMPLATE:TARGET, with the names of two files");
+  }
+  options.source = files.substr(0, colon);
+  options.target = files.substr(colon + 1);
+  return options;
+}
+
+RenderWait ParseRenderWait(std::string_view text) {
+  const auto colon = text.find(':');
+  RenderWait wait;
+  wait.min = ParseSeconds(text.substr(0, colon), text);
+  wait.max = colon == std::string_view::npos ? wait.min : ParseSeconds(text.substr(colon + 1), text);
+  if (wait.max < wait.min) {
+    throw RenderError("\"" + std::string(text) + "\": the longest wait is shorter than the shortest");
+  }
+  return wait;
+}
+
+}  // namespace zr::halden::agent

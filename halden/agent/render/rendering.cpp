@@ -1,0 +1,63 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "agent/render/rendering.h"
+
+#include <new>
+#include <optional>
+
+#include "agent/render/command.h"
+
+namespace zr::halden::agent {
+
+Rendering::Rendering(const RenderOptions& options, int stop)
+    : m_options(options), m_stop(stop), m_target(options.target), m_template(options.source) {}
+
+RenderOutcome Rendering::Run(const std::vector<std::string>& lists) try {
+  return Bring(ReadLists(lists));
+} catch (const RenderError& e) {
+  return {RenderResult::Failed, e.what()};
+} catch (const std::bad_alloc&) {
+  return {RenderResult::Failed, "out of memory"};
+}
+
+RenderOutcome Rendering::Bring(const TemplateData& data) {
+  const auto present = m_target.Read();
+  if (present && !data.empty.empty() && !m_options.allowEmpty) {
+    return {RenderResult::HeldBack, "\"" + data.empty.front() + "\" has no instances, so \"" +
+                                        m_target.Path().string() + "\" stays as it is"};
+  }
+  const std::string content = m_template.Render(data);
+  const bool differs = present != content;
+  if (differs) Replace(content);
+  if (!m_options.reload.empty() && m_target.IsReloadOwed()) {
+    RunChecked("reload", m_options.reload);
+    m_target.SetReloadOwed(false);
+  } else if (!differs) {
+    return {RenderResult::Unchanged, ""};
+  }
+  return {RenderResult::Written, "wrote \"" + m_target.Path().string() + "\", " +
+                                     std::to_string(data.instances) + " instances, " +
+                                     std::to_string(content.size()) + " bytes"};
+}
+
+void Rendering::Replace(const std::string& content) try {
+  m_target.Stage(content);
+  if (!m_options.check.empty()) RunChecked("check", m_options.check);
+  if (!m_options.reload.empty()) m_target.SetReloadOwed(true);
+  m_target.Commit();
+} catch (...) {
+  m_target.Discard();
+  throw;
+}
+
+void Rendering::RunChecked(const char* what, const std::string& line) const {
+  const bool isStaged = &line == &m_options.check;
+  const auto& file = isStaged ? m_target.NewPath() : m_target.Path();
+  const auto failure =
+      RunCommand(line, {"HALDEN_FILE=" + file.string(), "HALDEN_TARGET=" + m_target.Path().string()},
+                 m_options.commandLimit, m_stop);
+  if (failure.empty()) return;
+  throw RenderError(std::string("the ") + what + " command for \"" + m_target.Path().string() + "\" " +
+                    failure);
+}
+
+}  // namespace zr::halden::agent
