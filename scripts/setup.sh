@@ -10,7 +10,7 @@ packages=(
   build-essential cmake ninja-build git file pkg-config
   libzookeeper-st-dev libzookeeper-st2 libzookeeper-mt2 libboost1.81-dev libprotobuf-dev protobuf-compiler
   libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev zlib1g-dev
-  libkainjow-mustache-dev haproxy systemd
+  libkainjow-mustache-dev prometheus-cpp-dev haproxy systemd curl
   libgtest-dev libgmock-dev libbenchmark-dev
   zookeeper openjdk-17-jre-headless python3-kazoo
 )

@@ -27,6 +27,13 @@ Answer NotModified(std::string_view tag) {
   return Tagged(std::move(answer), tag);
 }
 
+/// With a tag of what is in it: another version of the program has other files at the same paths.
+Answer StaticAnswer(const Request& request, const StaticFile& file) {
+  const std::string tag = fmt::format("{:x}", std::hash<std::string_view>()(file.content));
+  if (Matches(request.ifNoneMatch, tag)) return NotModified(tag);
+  return Tagged(TextAnswer(file.contentType, std::string(file.content)), tag);
+}
+
 /// Each a little longer than asked for: those that began together do not come back together.
 std::chrono::milliseconds WithJitter(std::chrono::seconds wait) {
   static std::minstd_rand random{std::random_device()()};
@@ -91,7 +98,7 @@ Reply Api::Handle(const Request& request) {
     if (text == "/healthz") return {"healthz", JsonAnswer(R"({"status":"ok"})")};
     if (text == "/readyz") return {"readyz", Ready()};
     for (const StaticFile& file : m_files) {
-      if (file.path == text) return {"page", TextAnswer(file.contentType, std::string(file.content))};
+      if (file.path == text) return {"page", StaticAnswer(request, file)};
     }
   } catch (const Refused& refused) {
     return {"refused", refused.answer};

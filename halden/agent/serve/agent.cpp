@@ -13,6 +13,7 @@
 #include <system_error>
 #include <utility>
 
+#include "agent/page/page.h"
 #include "halden/zookeeper_config.h"
 #include "logger/logger.h"
 
@@ -83,6 +84,10 @@ Configuration Load(const AgentOptions& options) {
   if (faults.empty() && loaded.settings.services.empty()) {
     add("no service to follow: name one with --service, or in services of [serve]");
   }
+  for (const auto& file : loaded.settings.files) {
+    if (file.service.empty() || loaded.settings.services.contains(file.service)) continue;
+    add(fmt::format("{}: made of '{}', which is not followed", file.target.string(), file.service));
+  }
   loaded.faults = std::move(faults);
   return loaded;
 }
@@ -110,7 +115,9 @@ Agent::Agent(AgentOptions options, const Signals& signals)
       m_leaving(m_loop),
       m_telling(m_loop),
       m_feeding(m_loop),
-      m_follower(m_loop, [this] { OnChange(); }) {
+      m_follower(m_loop, [this] { OnChange(); }),
+      m_rendered(m_loop.get_executor(), m_follower.Views()) {
+  for (const PageFile& file : PageFiles()) m_files.push_back({file.path, file.contentType, file.content});
   const Configuration loaded = Load(m_options);
   if (!loaded.faults.empty()) throw std::runtime_error(loaded.faults);
   Listen(loaded.settings);
@@ -162,10 +169,12 @@ void Agent::Follow(const ServeSettings& settings, const DataCenterEnsembleMapT& 
   std::optional<MassRemovalGuard> guard;
   if (settings.guard) guard.emplace().gracePeriod = *settings.guard;
   m_follower.Follow(ensembles, settings.services, guard);
+  m_rendered.Configure(settings.files);
 }
 
 void Agent::OnChange() {
   if (m_server) m_server->OnChange();
+  m_rendered.OnChange();
 }
 
 void Agent::Run() {
@@ -178,6 +187,7 @@ void Agent::Run() {
     }
   }
   m_server.reset();
+  m_rendered.Configure({});
   m_follower.Close(kClosingLimit);
 }
 

@@ -12,6 +12,7 @@
 
 #include "agent/follow/follower.h"
 #include "agent/http/server.h"
+#include "agent/serve/files.h"
 #include "agent/serve/serve_config.h"
 #include "agent/serve/service_manager.h"
 
@@ -65,6 +66,7 @@ class Agent {
   boost::asio::steady_timer m_feeding;
   std::unique_ptr<Server> m_server;  // before the follower tells of changes
   Follower m_follower;
+  Files m_rendered;
 };
 
 }  // namespace zr::halden::agent

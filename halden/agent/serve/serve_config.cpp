@@ -56,6 +56,7 @@ class Reader {
            if (const auto number = Number(node, "guard_seconds", 1, day))
              settings.guard = std::chrono::seconds(*number);
          }},
+        {"render", [&](const toml::node& node) { ReadFiles(node); }},
         {"max_connections",
          [&](const toml::node& node) { ReadLimit(node, "max_connections", settings.limits.connections); }},
         {"max_streams",
@@ -80,6 +81,47 @@ class Reader {
         Fault(node, "services", fmt::format("names of services, which {} is not", details::Quoted(name)));
       }
     }
+  }
+
+  void ReadFiles(const toml::node& node) {
+    const toml::array* files = node.as_array();
+    if (files == nullptr) return Fault(node, "render", "tables [[serve.render]]");
+    for (const auto& file : *files) {
+      if (!file.is_table()) {
+        Fault(file, "render", "tables [[serve.render]]");
+      } else {
+        ReadFile(file, *file.as_table());
+      }
+    }
+  }
+
+  void ReadFile(const toml::node& place, const toml::table& table) {
+    RenderOptions file;
+    std::map<std::string, std::optional<std::string>, std::less<>> texts{
+        {"service", {}}, {"template", {}}, {"target", {}}, {"check", {}}, {"reload", {}}, {"wait", {}}};
+    for (const auto& [key, node] : table) {
+      const auto text = texts.find(key.str());
+      if (text != texts.end()) {
+        ReadText(node, text->first, text->second);
+      } else if (key.str() == "allow_empty" && node.is_boolean()) {
+        file.allowEmpty = node.as_boolean()->get();
+      } else {
+        Fault(node, key.str(),
+              "service, template, target, check, reload, wait or allow_empty in [[serve.render]]");
+      }
+    }
+    if (!texts["template"] || !texts["target"]) return Fault(place, "render", "a template and a target");
+    file.service = texts["service"].value_or("");
+    file.source = *texts["template"];
+    file.target = *texts["target"];
+    file.check = texts["check"].value_or("");
+    file.reload = texts["reload"].value_or("");
+    try {
+      if (texts["wait"]) file.wait = ParseRenderWait(*texts["wait"]);
+    } catch (const RenderError& e) {
+      return Fault(place, "wait", fmt::format("two numbers of seconds, MIN:MAX ({})", e.what()));
+    }
+    m_config.settings.files.push_back(std::move(file));
   }
 
   void ReadText(const toml::node& node, std::string_view key, std::optional<std::string>& text) {
@@ -140,6 +182,7 @@ ServeSettings Combined(ServeSettings settings, const ServeSettings& more) {
   settings.allowRemote |= more.allowRemote;
   if (more.listen) settings.listen = more.listen;
   if (more.socket) settings.socket = more.socket;
+  settings.files.insert(settings.files.end(), more.files.begin(), more.files.end());
   if (more.guard) settings.guard = more.guard;
   return settings;
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "agent/http/limits.h"
+#include "agent/render/options.h"
 #include "halden/zookeeper_config.h"
 
 namespace zr::halden::agent {
@@ -21,6 +22,7 @@ struct ServeSettings {
   bool allowRemote = false;
   std::optional<std::chrono::seconds> guard;  ///< how long mass removals are held back
   Limits limits;
+  std::vector<RenderOptions> files;  ///< that follow services
 };
 
 struct ServeConfig {

@@ -1,0 +1,43 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "agent/serve/files.h"
+
+#include <utility>
+
+namespace zr::halden::agent {
+
+void Files::Configure(const std::vector<RenderOptions>& options) {
+  std::vector<File> files;
+  for (const auto& option : options) {
+    auto lists = [this, service = option.service] {
+      std::vector<std::string> texts;
+      for (const auto& [name, view] : m_views) {
+        if (service.empty() || service == name) texts.push_back(view->List({}));
+      }
+      return texts;
+    };
+    files.push_back({option.service, std::make_unique<FileRenderer>(m_loop, option, std::move(lists)), {}});
+  }
+  m_files = std::move(files);
+  OnChange();
+}
+
+void Files::OnChange() {
+  for (File& file : m_files) {
+    std::string tags = Tags(file.service);
+    if (tags.empty() || tags == file.told) continue;
+    file.told = std::move(tags);
+    file.renderer->Changed();
+  }
+}
+
+std::string Files::Tags(const std::string& service) const {
+  std::string tags;
+  for (const auto& [name, view] : m_views) {
+    if (!service.empty() && service != name) continue;
+    if (!view->WasRead()) return {};
+    tags += view->Tag(view->ListRevision()) + ' ';
+  }
+  return tags;
+}
+
+}  // namespace zr::halden::agent
