@@ -1,0 +1,155 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <utility>
+
+#include "halden/testing/poll.h"
+
+namespace zr::halden::agent {
+
+/// A client that says and reads bytes, as no library would let it.
+class RawClient {
+ public:
+  explicit RawClient(std::uint16_t port, int receiveBuffer = 0)
+      : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    if (receiveBuffer != 0) setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  }
+  RawClient(RawClient&& other) noexcept
+      : m_socket(std::exchange(other.m_socket, -1)), m_text(std::move(other.m_text)) {}
+  RawClient& operator=(RawClient&&) = delete;
+  ~RawClient() {
+    if (m_socket >= 0) close(m_socket);
+  }
+
+  void Send(const std::string& bytes) const {
+    static_cast<void>(send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL));
+  }
+  void Get(const std::string& target, const std::string& headers = {}) const {
+    Send("GET " + target + " HTTP/1.1\r\nHost: localhost\r\n" + headers + "\r\n");
+  }
+  /// What has come up to and with `end`, which is taken away; all that came if the connection ends before, or it
+  /// does not come within twenty seconds.
+  std::string ReadUntil(const std::string& end) {
+    const auto deadline = std::chrono::steady_clock::now() + testing::kLimit;
+    auto at = m_text.find(end);
+    while (at == std::string::npos && std::chrono::steady_clock::now() < deadline && ReadMore())
+      at = m_text.find(end);
+    const auto length = at == std::string::npos ? m_text.size() : at + end.size();
+    std::string read = m_text.substr(0, length);
+    m_text.erase(0, length);
+    return read;
+  }
+  /// Up to the end of the next event of that name.
+  std::string ReadEvent(const std::string& name) {
+    std::string read = ReadUntil("event: " + name + '\n');
+    return read += ReadUntil("\n\n");
+  }
+  std::string ReadToEnd() { return ReadUntil("no answer has this in it"); }
+  /// Goes away without a word, or with a reset.
+  void Reset() {
+    const linger hard{1, 0};
+    setsockopt(m_socket, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    close(std::exchange(m_socket, -1));
+  }
+
+ private:
+  bool ReadMore() {
+    constexpr int limitMs = 20'000;
+    pollfd readable{m_socket, POLLIN, 0};
+    std::array<char, 65536> part{};
+    if (poll(&readable, 1, limitMs) <= 0) return false;
+    const ssize_t length = recv(m_socket, part.data(), part.size(), 0);
+    if (length > 0) m_text.append(part.data(), static_cast<std::size_t>(length));
+    return length > 0;
+  }
+
+  int m_socket;
+  std::string m_text;
+};
+
+/// `halden serve`, at a port of its own. Killed when it outlives the test.
+class AgentProcess {
+ public:
+  explicit AgentProcess(const std::string& words) {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    const std::string line = "exec " HALDEN_COMMAND " serve --listen 127.0.0.1:0 --log-level off " + words;
+    m_pid = fork();
+    if (m_pid == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      dup2(ends[1], STDOUT_FILENO);
+      execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
+      _exit(127);
+    }
+    close(ends[1]);
+    std::string text;
+    for (char c = 0; text.find('\n') == std::string::npos && read(ends[0], &c, 1) == 1;) text += c;
+    close(ends[0]);
+    EXPECT_NE(text.find("listening on http://127.0.0.1:"), std::string::npos) << text;
+    m_port = static_cast<std::uint16_t>(std::atoi(text.substr(text.rfind(':') + 1).c_str()));
+  }
+  AgentProcess(const AgentProcess&) = delete;
+  AgentProcess& operator=(const AgentProcess&) = delete;
+  ~AgentProcess() {
+    if (m_pid <= 0) return;
+    Signal(SIGKILL);
+    End();
+  }
+
+  std::uint16_t Port() const { return m_port; }
+  void Signal(int signal) const { kill(m_pid, signal); }
+  /// What it returned. Waits for it.
+  int End() {
+    int status = 0;
+    waitpid(std::exchange(m_pid, 0), &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  /// The whole answer to a request that ends its connection.
+  std::string Ask(const std::string& target, const std::string& headers = {}) const {
+    RawClient client(m_port);
+    client.Get(target, headers + "Connection: close\r\n");
+    return client.ReadToEnd();
+  }
+  /// The answer, once it has this in it.
+  std::string Await(const std::string& target, const std::string& part) const {
+    std::string answer;
+    testing::Poll(testing::kLimit, [&] { return (answer = Ask(target)).find(part) != std::string::npos; });
+    return answer;
+  }
+  /// Of memory, in KiB.
+  long Resident() const {
+    std::ifstream file("/proc/" + std::to_string(m_pid) + "/status");
+    for (std::string line; std::getline(file, line);) {
+      if (line.starts_with("VmRSS:")) return std::atol(line.c_str() + 6);
+    }
+    return 0;
+  }
+
+ private:
+  pid_t m_pid = 0;
+  std::uint16_t m_port = 0;
+};
+
+}  // namespace zr::halden::agent
