@@ -99,11 +99,10 @@ void ClientConnection::AwaitRequest() {
   }
   m_idle = true;
   SetDeadline(kIdleLimit);
-  m_socket.async_wait(Socket::wait_read, [self = shared_from_this()](const error_code& error) {
-    if (self->m_state != ClientState::Reading) return;
-    if (error || self->HasGone()) return self->Close();
-    self->SetDeadline(kHeaderLimit);
-    self->ReadHeader();
+  AwaitBytes([this] {
+    if (m_state != ClientState::Reading) return;
+    SetDeadline(kHeaderLimit);
+    ReadHeader();
   });
 }
 
@@ -232,7 +231,7 @@ void ClientConnection::Wait(WaitForChange wait) {
   SetState(ClientState::Waiting);
   SetDeadline(wait.limit);
   m_wait = std::move(wait);
-  WatchForEnd();
+  AwaitBytes([] {});  // what it sends ahead can wait
 }
 
 void ClientConnection::Stream(BeginStream begin) {
@@ -245,7 +244,7 @@ void ClientConnection::Stream(BeginStream begin) {
   m_head = StreamHeaderText();
   SetDeadline(kProgressLimit);
   Write();
-  WatchForEnd();
+  AwaitBytes([] {});  // what it sends ahead can wait
 }
 
 /// The next piece, if there is one. The deadline is then for its sending, else for the next heartbeat.
@@ -280,19 +279,20 @@ void ClientConnection::Leave() {
   if (m_state == ClientState::Streaming && m_head.empty()) SendPiece();
 }
 
-/// Without it one that has gone would be noticed by the next write only.
-void ClientConnection::WatchForEnd() {
-  m_socket.async_wait(Socket::wait_read, [self = shared_from_this()](const error_code& error) {
-    if (error || (self->m_state != ClientState::Waiting && self->m_state != ClientState::Streaming)) return;
-    if (self->HasGone()) self->Close();
-    // Else it has sent the next request ahead, and is not watched any more.
+/// Until bytes are there, which `then` is called for, or the client has gone, which ends the connection: while it waits or
+/// streams that would be noticed by the next write only. That something can be read may be said of what was read
+/// already, so it is looked at.
+void ClientConnection::AwaitBytes(std::function<void()> then) {
+  m_socket.async_wait(Socket::wait_read, [self = shared_from_this(),
+                                          then = std::move(then)](const error_code& error) mutable {
+    if (self->m_state == ClientState::Closed) return;
+    char byte = 0;
+    const auto got = recv(self->m_socket.native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    const bool nothing = got < 0 && (errno == EAGAIN || errno == EINTR);
+    if (error || got == 0 || (got < 0 && !nothing)) return self->Close();
+    if (nothing) return self->AwaitBytes(std::move(then));
+    then();
   });
-}
-
-bool ClientConnection::HasGone() {
-  char byte = 0;
-  const ssize_t got = recv(m_socket.native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-  return got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR);
 }
 
 void ClientConnection::Close() {

@@ -8,6 +8,7 @@
 #include <boost/beast/http/parser.hpp>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -72,8 +73,7 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   void Wait(WaitForChange wait);
   void Stream(BeginStream begin);
   void SendPiece();
-  void WatchForEnd();
-  bool HasGone();
+  void AwaitBytes(std::function<void()> then);
 
   Socket m_socket;
   Server& m_server;
