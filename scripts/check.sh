@@ -25,6 +25,7 @@ check_rooms() {
 echo "check: rooms"
 check_rooms halden/cpp/source base model config client session watch publish snapshot
 check_rooms halden/tool io render ensemble cli commands
+check_rooms halden agent/view agent/follow agent/http agent/render agent/page agent/serve
 
 echo "check: clang-format"
 git ls-files -z -- '*.h' '*.cpp' | xargs -0 clang-format --dry-run --Werror
