@@ -60,6 +60,15 @@ void ClientConnection::Start() {
   ReadHeader();
 }
 
+void ClientConnection::TurnAway() {
+  error_code ignored;
+  m_socket.non_blocking(true, ignored);
+  m_begun = Clock::now();
+  Answer answer = TryLater("Ask again later: too many clients are connected.");
+  answer.close = true;
+  Send(std::move(answer));
+}
+
 void ClientConnection::SetState(ClientState state) {
   if (!IsLegal(m_state, state)) throw std::logic_error("illegal change of a client connection's state");
   const bool listened = m_state == ClientState::Waiting || m_state == ClientState::Streaming;

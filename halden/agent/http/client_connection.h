@@ -46,6 +46,8 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   ClientConnection(Socket socket, Server& server);
 
   void Start();
+  /// Instead of `Start`: there are too many.
+  void TurnAway();
   /// Views have changed, or which there are.
   void OnChange();
   /// The agent ends: what is being answered is answered, what waits or streams is sent away.

@@ -14,6 +14,8 @@ struct Limits {
       64UL << 20U;  ///< of answers that are being sent; one that many are sent counts once
 };
 
+/// Clients beyond the connections who are told so; more are dropped without a word.
+inline constexpr std::size_t kMostTurnedAway = 32;
 inline constexpr std::size_t kMostHeaderBytes = 8192;
 inline constexpr std::chrono::seconds kHeaderLimit{
     10};  ///< from its first byte, or the connection's start, to its last

@@ -87,7 +87,7 @@ std::string Text(boost::beast::string_view value) {
 
 }  // namespace
 
-AllowedHosts::AllowedHosts(std::set<std::string> names) {
+AllowedHosts::AllowedHosts(const std::set<std::string>& names) {
   for (const auto& name : names) m_names.insert(LowerCase(name));
 }
 

@@ -23,7 +23,7 @@ using RequestHeader = boost::beast::http::request_header<>;
 class AllowedHosts {
  public:
   AllowedHosts() = default;
-  explicit AllowedHosts(std::set<std::string> names);
+  explicit AllowedHosts(const std::set<std::string>& names);
 
   /// `host`: a Host header, with or without a port.
   bool Allow(std::string_view host) const;

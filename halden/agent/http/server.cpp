@@ -1,10 +1,10 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "agent/http/server.h"
 
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <filesystem>
 #include <utility>
@@ -26,13 +26,6 @@ bool IsServed(asio::any_io_executor loop, const Local::endpoint& endpoint) {
   return !error;
 }
 
-/// One short try: who is too many is not waited for.
-void TurnAway(ClientConnection::Socket& socket) {
-  Answer answer = TryLater("Ask again later: too many clients are connected.");
-  const std::string text = HeaderText(answer, false) + *answer.body;
-  static_cast<void>(send(socket.native_handle(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
-}
-
 }  // namespace
 
 Server::Server(asio::io_context& loop, const ServiceViews& views, std::span<const StaticFile> files,
@@ -42,8 +35,7 @@ Server::Server(asio::io_context& loop, const ServiceViews& views, std::span<cons
       m_hosts(std::move(hosts)),
       m_api(views, m_metrics, files, limits.bodyBytes),
       m_tcp(loop),
-      m_local(loop),
-      m_pause(loop) {}
+      m_local(loop) {}
 
 Server::~Server() {
   const auto clients = m_clients;  // each takes itself out
@@ -81,21 +73,21 @@ void Server::Accept(Acceptor& acceptor) {
     }
     // Out of descriptors, most likely: some will be free again.
     constexpr std::chrono::milliseconds pause{100};
-    m_pause.expires_after(pause);
-    m_pause.async_wait([this, &acceptor](const error_code& ended) {
-      if (!ended) Accept(acceptor);
+    const auto timer = std::make_shared<asio::steady_timer>(acceptor.get_executor(), pause);
+    timer->async_wait([this, &acceptor, timer](const error_code& /*error*/) {
+      if (acceptor.is_open()) Accept(acceptor);
     });
   });
 }
 
 void Server::Take(ClientConnection::Socket socket) {
-  if (m_clients.size() >= m_limits.connections) {
-    m_metrics.CountRejected("connections");
-    return TurnAway(socket);
-  }
+  const bool tooMany = m_clients.size() >= m_limits.connections;
+  if (tooMany) m_metrics.CountRejected("connections");
+  if (m_clients.size() >= m_limits.connections + kMostTurnedAway) return;
   const auto client = std::make_shared<ClientConnection>(std::move(socket), *this);
   m_clients.insert(client);
   m_metrics.SetConnections(m_clients.size());
+  if (tooMany) return client->TurnAway();
   client->Start();
 }
 
@@ -105,7 +97,6 @@ void Server::OnChange() {
 }
 
 void Server::Leave() {
-  m_pause.cancel();
   error_code ignored;
   m_tcp.close(ignored);
   m_local.close(ignored);

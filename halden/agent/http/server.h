@@ -4,7 +4,6 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
-#include <boost/asio/steady_timer.hpp>
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -71,7 +70,6 @@ class Server {
   boost::asio::ip::tcp::acceptor m_tcp;
   boost::asio::local::stream_protocol::acceptor m_local;
   std::string m_path;  // of the local one, if there is one
-  boost::asio::steady_timer m_pause;
   std::set<std::shared_ptr<ClientConnection>> m_clients;
   std::set<ClientConnection*> m_listeners;  // of them, those that wait or stream
 };
