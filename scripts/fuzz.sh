@@ -16,10 +16,12 @@ cmake --build --preset fuzz
 
 folder=$(mktemp -d "${TMPDIR:-/tmp}/halden-fuzz-XXXXXX")
 trap 'rm -rf "$folder"' EXIT
-for target in node config connect_string snapshot; do
+for target in node config connect_string snapshot request; do
+  room=halden/cpp/fuzz corpus=halden/cpp/fuzz/corpus/$target
+  if [[ "$target" == request ]]; then room=halden/agent/fuzz corpus=halden/agent/fuzz/corpus; fi
   mkdir "$folder/$target" # finds go to a copy: the repository's corpus is made by hand
-  cp halden/cpp/fuzz/corpus/"$target"/* "$folder/$target"
-  if ! build/fuzz/halden/cpp/fuzz/halden_fuzz_"$target" -max_total_time="$seconds" -timeout=10 \
+  cp "$corpus"/* "$folder/$target"
+  if ! build/fuzz/$room/halden_fuzz_"$target" -max_total_time="$seconds" -timeout=10 \
     -artifact_prefix="$folder/" -print_final_stats=1 "$folder/$target" >"$folder/log" 2>&1; then
     tail -n 60 "$folder/log" >&2
     for input in "$folder"/{crash,leak,oom,slow-unit,timeout}-*; do

@@ -39,7 +39,6 @@ class Server {
   /// A socket that another process has left there is replaced; one that is served is not.
   void Listen(const std::string& path);
 
-  void SetHosts(AllowedHosts hosts) { m_hosts = std::move(hosts); }
   /// Views have changed, or which there are.
   void OnChange();
   /// Takes no more clients, and sends away those that are there, each when its answer is done.
