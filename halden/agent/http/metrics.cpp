@@ -21,7 +21,7 @@ using Labels = std::vector<ClientMetric::Label>;
 /// Metrics of one name.
 class Family {
  public:
-  Family(std::string name, std::string help, MetricType type) {
+  Family(const std::string& name, std::string help, MetricType type) {
     m_family.name = "halden_" + name;
     m_family.help = std::move(help);
     m_family.type = type;

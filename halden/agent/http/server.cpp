@@ -19,7 +19,7 @@ using Local = asio::local::stream_protocol;
 namespace {
 
 /// Whether somebody takes connections there.
-bool IsServed(asio::any_io_executor loop, const Local::endpoint& endpoint) {
+bool IsServed(const asio::any_io_executor& loop, const Local::endpoint& endpoint) {
   Local::socket probe(loop);
   error_code error;
   probe.connect(endpoint, error);
