@@ -4,6 +4,9 @@
 # Shows halden at work: three data centres, each with a ZooKeeper server of its own, instances that come, change
 # and go, and a server that is killed and comes back. Builds what it needs, checks what it shows (1 when a check
 # fails), and leaves nothing behind, also when it is interrupted.
+#
+#   scripts/demo.sh          the whole story
+#   scripts/demo.sh --stay   up to its end, and then leaves all running for a look at the agent's page, until interrupted
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -12,6 +15,7 @@ readonly limit=30 # seconds that any one thing may take
 readonly program=build/release/halden/tool/halden
 declare -A port=() server=() publisher=()
 watcher=""   # the process id of `halden watch`
+agent=""     # and of `halden serve`
 watch_fd=""  # its output
 seen=()      # the lines of it that were shown
 failures=0
@@ -24,7 +28,7 @@ if [[ -t 1 ]]; then bold=$'\e[1m' plain=$'\e[0m'; else bold="" plain=""; fi
 # Ends what this script started, and nothing else: publishers first, while there are servers to tell.
 clean_up() {
   local result=$?
-  local -a clients=("${publisher[@]}" ${watcher:+"$watcher"})
+  local -a clients=("${publisher[@]}" ${watcher:+"$watcher"} ${agent:+"$agent"})
   trap - EXIT
   trap '' INT TERM
   if ((${#clients[@]} > 0)); then
@@ -203,6 +207,18 @@ step "Whether anything is wrong: halden doctor"
 halden doctor orders | tail -n 10 | indent
 check "nothing is wrong" halden doctor orders --quiet
 
+step "For programs in any language, Prometheus and browsers: halden serve"
+background "$program" serve --config "$folder/halden.toml" --service orders --listen 127.0.0.1:0 \
+  >"$folder/agent.address" 2>>"$folder/halden.errors" </dev/null
+agent=$!
+await "$limit" grep -q listening "$folder/agent.address" || fail "the agent does not listen"
+page=$(sed 's/listening on //' "$folder/agent.address")
+await "$limit" curl -sf -o /dev/null "$page/readyz" || fail "the agent is not ready"
+echo "  curl $page/v1/services/orders/instances?data_center=eu-west"
+curl -s "$page/v1/services/orders/instances?data_center=eu-west" | cut -c1-300 | indent
+echo
+check "it tells what list tells" test "$(curl -s "$page/v1/services/orders/instances" | grep -o '"type":"instance"' | wc -l)" -eq 9
+
 step "What happens, as it happens: halden watch"
 exec {watch_fd}< <(exec setpriv --pdeathsig KILL "$program" watch orders --config "$folder/halden.toml" \
   2>>"$folder/halden.errors" </dev/null)
@@ -253,6 +269,12 @@ step "Its instances can change again"
 kill -USR1 "${publisher[eu-west]}"
 follow 3 'eu-west .* modified .* degraded'
 
+if [[ "${1:-}" == --stay ]]; then
+  printf '\n%sThe page: %s%s   (interrupt ends all)\n' "$bold" "$page" "$plain"
+  wait "$agent"
+  exit
+fi
+
 step "The publishers end and take their instances with them"
 phase=${#seen[@]}
 kill "${publisher[@]}"
@@ -263,6 +285,9 @@ check "each was removed once" seen_since "$phase" 10 '  removed   '
 check "the list is empty" test -z "$(list --json --quiet)"
 
 step "Everything is taken down"
+kill "$agent"
+if wait "$agent"; then ended=0; else ended=$?; fi
+check "the agent ended cleanly" test "$ended" -eq 0
 kill "$watcher"
 if wait "$watcher"; then ended=0; else ended=$?; fi
 check "the watcher ended cleanly" test "$ended" -eq 0

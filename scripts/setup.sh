@@ -20,6 +20,9 @@ fi
 if [[ "${1:-}" == "--docs" ]]; then # what scripts/api_docs.sh needs on top
   packages+=(doxygen)
 fi
+if [[ "${1:-}" == "--bench" ]]; then # the yardsticks of scripts/bench.sh agent
+  packages+=(wrk nginx-light etcd-server)
+fi
 
 missing=()
 for package in "${packages[@]}"; do
