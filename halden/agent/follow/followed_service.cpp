@@ -117,7 +117,8 @@ void FollowedService::Refresh() {
     status.watcher.freshness = told.freshness;
     status.watcher.staleSince = told.staleSince;
     // Its text names servers, which are none of a client's business.
-    if (status.connection.lastError != 0) status.connection.lastErrorText = zerror(status.connection.lastError);
+    if (status.connection.lastError != 0)
+      status.connection.lastErrorText = zerror(status.connection.lastError);
     RefreshHeld(status.name, status.watcher.held != 0);
     m_view->SetState(std::move(status));
   }
