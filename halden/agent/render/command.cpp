@@ -61,6 +61,7 @@ class SpawnPlan {
   int Run(pid_t& child, std::vector<std::string> words, std::vector<std::string> environment) const {
     const auto pointers = [](std::vector<std::string>& texts) {
       std::vector<char*> result;
+      result.reserve(texts.size() + 1);
       for (auto& text : texts) result.push_back(text.data());
       result.push_back(nullptr);
       return result;

@@ -15,6 +15,7 @@
 #include <thread>
 #include <utility>
 
+#include "agent/render/rendering.h"
 #include "base/file_descriptor.h"
 #include "logger/logger.h"
 #include "zrstl/thread_safety.h"

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "agent/render/options.h"
-#include "agent/render/rendering.h"
 
 namespace zr::halden::agent {
 

@@ -1,6 +1,7 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "agent/render/rendering.h"
 
+#include <exception>
 #include <new>
 #include <optional>
 
@@ -13,10 +14,10 @@ Rendering::Rendering(const RenderOptions& options, int stop)
 
 RenderOutcome Rendering::Run(const std::vector<std::string>& lists) try {
   return Bring(ReadLists(lists));
-} catch (const RenderError& e) {
-  return {RenderResult::Failed, e.what()};
 } catch (const std::bad_alloc&) {
   return {RenderResult::Failed, "out of memory"};
+} catch (const std::exception& e) {
+  return {RenderResult::Failed, e.what()};
 }
 
 RenderOutcome Rendering::Bring(const TemplateData& data) {

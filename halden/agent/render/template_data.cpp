@@ -2,7 +2,6 @@
 #include "agent/render/template_data.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <string_view>
 #include <utility>
 
@@ -82,17 +81,18 @@ void Complete(const Json& instance, data& item) {
 }
 
 data ServiceData(const Json& json) {
-  data service = ObjectData(json);
-  const Json& instances = json.at("instances");
-  data list(data::type::list);
-  for (std::size_t i = 0; i < instances.size(); ++i) {
-    data item = ObjectData(instances[i]);
-    item["last"] = data(i + 1 == instances.size());
-    Complete(instances[i], item);
-    list.push_back(item);
+  data service(data::type::object);
+  for (const auto& [name, value] : json.items()) {
+    if (name != "instances") service[NameOf(name)] = ToData(value);
   }
-  service["instances"] = std::move(list);
+  data placeholders(data::type::list);
+  for (std::size_t i = 0; i < json.at("instances").size(); ++i) placeholders.push_back(data(true));
+  service["instances"] = std::move(placeholders);
   return service;
+}
+
+const std::vector<data>& ServicesOf(const TemplateData& templateData) {
+  return templateData.root.get("services")->list_value();
 }
 
 }  // namespace
@@ -101,7 +101,7 @@ TemplateData ReadLists(const std::vector<std::string>& lists) try {
   TemplateData result;
   data services(data::type::list);
   for (std::size_t i = 0; i < lists.size(); ++i) {
-    const Json json = Json::parse(lists[i]);
+    const Json& json = result.lists.emplace_back(Json::parse(lists[i]));
     const auto name = json.at("service").get<std::string>();
     const auto count = json.at("instances").size();
     result.instances += count;
@@ -118,8 +118,34 @@ TemplateData ReadLists(const std::vector<std::string>& lists) try {
 }
 
 NameContext::NameContext(const TemplateData& data) : context(&data.root), m_data(data) {
-  const auto& services = data.root.get("services")->list_value();
-  if (services.size() == 1) push(&services.front());
+  const auto& services = ServicesOf(data);
+  if (services.size() == 1) context::push(&services.front());
+}
+
+void NameContext::push(const data* entered) {
+  m_instances.push_back(InstanceAt(entered));
+  context::push(m_instances.back() ? m_instances.back().get() : entered);
+}
+
+void NameContext::pop() {
+  context::pop();
+  m_instances.pop_back();
+}
+
+std::unique_ptr<data> NameContext::InstanceAt(const data* entered) const {
+  const auto& services = ServicesOf(m_data);
+  for (std::size_t i = 0; i < services.size(); ++i) {
+    const auto& placeholders = services[i].get("instances")->list_value();
+    const auto* const begin = placeholders.data();
+    const auto* const end = begin + placeholders.size();
+    if (std::less<>()(entered, begin) || !std::less<>()(entered, end)) continue;
+    const Json& instance = m_data.lists[i]["instances"][static_cast<std::size_t>(entered - begin)];
+    auto made = std::make_unique<data>(ObjectData(instance));
+    Complete(instance, *made);
+    (*made)["last"] = data(entered + 1 == end);
+    return made;
+  }
+  return nullptr;
 }
 
 const data* NameContext::get(const std::string& name) const {
@@ -130,7 +156,7 @@ const data* NameContext::get(const std::string& name) const {
   const auto found = std::find(m_data.names.begin(), m_data.names.end(), service);
   if (found == m_data.names.end()) return nullptr;
   const auto index = static_cast<std::size_t>(found - m_data.names.begin());
-  const data* value = &m_data.root.get("services")->list_value()[index];
+  const data* value = &ServicesOf(m_data)[index];
   return dot == std::string::npos ? value : context(value).get(name.substr(dot + 1));
 }
 
