@@ -10,12 +10,15 @@ packages=(
   build-essential cmake ninja-build git file pkg-config
   libzookeeper-st-dev libzookeeper-st2 libzookeeper-mt2 libboost1.81-dev libprotobuf-dev protobuf-compiler
   libspdlog-dev libfmt-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev zlib1g-dev
-  libkainjow-mustache-dev prometheus-cpp-dev haproxy systemd curl
+  libkainjow-mustache-dev prometheus-cpp-dev curl
   libgtest-dev libgmock-dev libbenchmark-dev
   zookeeper openjdk-17-jre-headless python3-kazoo
 )
 if [[ "${1:-}" == "--clang" ]]; then # what scripts/check.sh and scripts/fuzz.sh need on top
   packages+=(clang libclang-rt-dev clang-format clang-tidy)
+fi
+if [[ "${1:-}" == "--tests" ]]; then # what scripts/test.sh needs on top
+  packages+=(chromium-headless-shell haproxy systemd)
 fi
 if [[ "${1:-}" == "--docs" ]]; then # what scripts/api_docs.sh needs on top
   packages+=(doxygen)

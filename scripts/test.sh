@@ -17,7 +17,7 @@ case "${1:-}" in
   --tsan) preset=tsan; shift ;;
 esac
 
-scripts/setup.sh
+scripts/setup.sh --tests
 cmake --preset "$preset" >/dev/null
 cmake --build --preset "$preset"
 ctest --test-dir "build/$preset" --output-on-failure --no-tests=error --parallel 2 "$@"
