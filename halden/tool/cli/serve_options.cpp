@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "cli/render_options.h"
 #include "halden/service_name.h"
 
 namespace zr::halden::tool {
@@ -25,6 +26,7 @@ void DeclareServeOptions(CLI::App& command, Words& words) {
       ->allow_extra_args(false);
   command.add_flag("--allow-remote", words.allowRemote,
                    "Listen where others than this machine can ask: there is no authentication");
+  DeclareRenderOptions(command, words);
 }
 
 ServeOptions ReadServeOptions(const Words& words, logging::LogLevel logLevel,
@@ -39,6 +41,7 @@ ServeOptions ReadServeOptions(const Words& words, logging::LogLevel logLevel,
   options.settings.allowedHosts.insert(words.allowedHosts.begin(), words.allowedHosts.end());
   options.settings.allowRemote = words.allowRemote;
   options.settings.guard = guard;
+  options.settings.files = ReadRenderOptions(words);
   return options;
 }
 

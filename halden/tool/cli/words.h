@@ -50,6 +50,11 @@ struct Words {
   std::optional<std::string> socket;
   std::vector<std::string> allowedHosts;
   bool allowRemote = false;
+  std::vector<std::string> renderedFiles;
+  std::optional<std::string> renderWait;
+  std::string check;
+  std::string reload;
+  bool allowEmpty = false;
   std::string status{kStatusOk};
   std::string weight{"0"};
   std::string serviceVersion;
