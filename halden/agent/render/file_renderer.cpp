@@ -161,7 +161,7 @@ class FileRenderer::State : public std::enable_shared_from_this<State> {
   void Done(const RenderOutcome& outcome) {
     SetPhase(Phase::Idle);
     m_everDone = true;
-    Count(outcome);
+    Tell(outcome);
     const auto now = TimePoint::clock::now();
     if (outcome.result == RenderResult::Failed) {
       if (!m_firstChange) m_firstChange = now;
@@ -172,27 +172,25 @@ class FileRenderer::State : public std::enable_shared_from_this<State> {
     }
   }
 
-  void Count(const RenderOutcome& outcome) {
+  void Tell(const RenderOutcome& outcome) {
     switch (outcome.result) {
       case RenderResult::Unchanged:
         ++m_counters.unchanged;
         break;
       case RenderResult::Written:
         ++m_counters.written;
+        ZRLOG(ZRLOG_INFO, RenderLog()) << outcome.text;
         break;
       case RenderResult::HeldBack:
         ++m_counters.heldBack;
+        ZRLOG(ZRLOG_WARNING, RenderLog()) << outcome.text;
         break;
       case RenderResult::Failed:
         ++m_counters.failed;
+        ZRLOG(ZRLOG_ERROR, RenderLog()) << outcome.text;
         break;
     }
     m_counters.lastFailure = outcome.result == RenderResult::Failed ? outcome.text : "";
-    if (outcome.result == RenderResult::Written) {
-      ZRLOG(ZRLOG_INFO, RenderLog()) << outcome.text;
-    } else if (!outcome.text.empty()) {
-      ZRLOG(ZRLOG_WARNING, RenderLog()) << outcome.text;
-    }
   }
 
   const RenderWait m_wait;

@@ -27,7 +27,7 @@ struct RenderCounters {
 /// Threads: all calls, and `lists`, on the loop's thread. Ownership: the loop must outlive it; nothing of it is called
 /// once it is gone. Its end kills a command that runs, and waits for the thread, which then ends at once.
 /// Errors: the constructor throws RenderError with the place of what is wrong with the template or the options. Later
-/// failures are logged (source halden.render), counted, and tried again after a second to a minute.
+/// failures are logged (source halden.render, level error), counted, and tried again after a second to a minute.
 class FileRenderer {
  public:
   /// The lists of all services that the file is made of, as /v1/services/S/instances returns them. Called only when a
