@@ -30,6 +30,11 @@ export class Model {
     this.incoming = {instances: new Map(), centres: new Map()};
   }
 
+  /** What a reset had begun to tell was cut short, and the stream goes on from before it. */
+  resumed() {
+    this.incoming = null;
+  }
+
   /** Ends what a reset began: what differs from before has joined or left meanwhile. */
   synced(now) {
     if (!this.incoming) return;

@@ -11,6 +11,7 @@ const DRAW_MS = 200; // at most as often: a burst of thousands costs a few drawi
 const SERVICES_MS = 10000;
 const SILENCE_MS = 35000; // two heartbeats and some
 const RETRY_MS = 2000;
+const UNSEEN_MS = 60000; // a page that nobody sees gives its stream up: browsers have six connections for all pages
 
 const filter = document.getElementById('filter');
 const onlyProblems = document.getElementById('only-problems');
@@ -24,6 +25,8 @@ let clockOffset = 0; // of the agent's clock from ours, which ages are counted b
 let lostAt = null;
 let heardAt = Date.now();
 let drawTimer = 0;
+let unseenTimer = 0;
+let lastEventId = '';
 
 const now = () => Date.now() + clockOffset;
 const pathOf = (name) => `/v1/services/${encodeURIComponent(name)}`;
@@ -32,12 +35,13 @@ function draw() {
   drawTimer = 0;
   const time = now();
   const {counts, found} = model.select(filter.value, onlyProblems.checked, time);
-  view.showLink(lostAt, time);
   view.showServices(services, service, (name) => `#${new URLSearchParams({...place(), service: name})}`);
   view.showFigures(service, model, counts);
   view.showFlow(model, time);
   view.showCentres(model, counts.perCentre, time, Boolean(lostAt));
   view.showInstances(model, found, cap, time);
+  view.showLink(lostAt, time);
+  return found.length;
 }
 
 function drawSoon() {
@@ -72,17 +76,19 @@ function follow(name) {
   stream?.close();
   if (name !== service) {
     model = new Model();
+    lastEventId = '';
     cap = FIRST_ROWS;
   }
   service = name;
   if (!name) return;
-  document.title = `${name} · halden`;
   document.getElementById('json').href = `${pathOf(name)}/instances`;
   document.getElementById('json').textContent = `${pathOf(name)}/instances`;
-  const source = stream = new EventSource(`${pathOf(name)}/events`);
+  const resume = lastEventId && `?last_event_id=${encodeURIComponent(lastEventId)}`;
+  const source = stream = new EventSource(`${pathOf(name)}/events${resume}`);
   const known = model;
   const on = (type, take) => source.addEventListener(type, (event) => {
     heard();
+    lastEventId = event.lastEventId || lastEventId;
     take?.(JSON.parse(event.data));
     drawSoon();
   });
@@ -93,7 +99,7 @@ function follow(name) {
   on('state', (data) => known.state(data));
   on('data_center_removed', (data) => known.removeCentre(data.data_center));
   on('synced', () => known.synced(now()));
-  on('resumed');
+  on('resumed', () => known.resumed());
   on('heartbeat');
   source.onopen = heard;
   source.onerror = () => {
@@ -132,11 +138,11 @@ function restorePlace() {
 filter.addEventListener('input', () => {
   cap = FIRST_ROWS;
   keepPlace();
-  draw();
+  view.say(`${draw()} fit the filter`);
 });
 onlyProblems.addEventListener('change', () => {
   keepPlace();
-  draw();
+  view.say(`${draw()} shown`);
 });
 document.getElementById('more').addEventListener('click', () => {
   cap += MORE_ROWS;
@@ -156,12 +162,26 @@ window.addEventListener('hashchange', () => {
   loadServices(false);
 });
 setInterval(() => {
-  if (stream && Date.now() - heardAt > SILENCE_MS) {
+  if (stream && !document.hidden && Date.now() - heardAt > SILENCE_MS) {
     lost();
     if (stream.readyState === EventSource.OPEN) follow(service); // nothing tells of a peer that is gone
   }
   if (!document.hidden) draw(); // ages
 }, 1000);
+document.addEventListener('visibilitychange', () => {
+  clearTimeout(unseenTimer);
+  if (document.hidden) {
+    unseenTimer = setTimeout(() => {
+      stream?.close();
+      stream = null;
+    }, UNSEEN_MS);
+  } else if (!stream) {
+    heardAt = Date.now();
+    loadServices(true);
+  } else {
+    draw();
+  }
+});
 setInterval(() => document.hidden || loadServices(false), SERVICES_MS);
 
 restorePlace();

@@ -151,6 +151,7 @@ export function showFigures(service, model, counts) {
   setText('problems', number.format(counts.problems));
   byId('problems').className = counts.problems ? 'warn' : '';
   setText('summary', `${service}: ${counts.live} of ${plural(model.centres.size, 'data centre')} live`);
+  document.title = `${counts.live === model.centres.size ? '' : '▲ '}${service} · halden`;
 }
 
 /** Bars of joins above a line, of leaves below it; grey where nobody looked yet. */
@@ -179,6 +180,11 @@ export function showFlow(model, now) {
   setText('left', number.format(left));
 }
 
+/** Tells who listens to the page instead of seeing it. */
+export function say(text) {
+  setText('said', text);
+}
+
 /** `lostAt`: since when the agent does not answer; 0 while it does; null before the first answer. */
 export function showLink(lostAt, now) {
   byId('link').className = `link ${lostAt === null ? '' : lostAt ? 'off' : 'on'}`;
@@ -186,5 +192,6 @@ export function showLink(lostAt, now) {
   byId('main').classList.toggle('lost', Boolean(lostAt));
   byId('alert').hidden = !lostAt;
   const at = new Date(lostAt ?? 0).toLocaleTimeString('en-GB');
+  if (lostAt) document.title = '✕ agent unreachable · halden';
   if (lostAt) setText('alert', `Agent unreachable since ${at}: what is shown is from then, trying again.`);
 }
