@@ -75,9 +75,17 @@ class SpawnPlan {
   posix_spawn_file_actions_t m_actions{};
 };
 
+/// Shells differ in which of two variables of a name they take: so there is one.
 std::vector<std::string> EnvironmentWith(const std::vector<std::string>& variables) {
-  std::vector<std::string> result = variables;  // first: they win
-  for (char** entry = environ; *entry != nullptr; ++entry) result.emplace_back(*entry);
+  std::vector<std::string> result = variables;
+  const auto isSet = [&](std::string_view entry) {
+    return std::any_of(variables.begin(), variables.end(), [&](std::string_view own) {
+      return entry.starts_with(own.substr(0, own.find('=') + 1));
+    });
+  };
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    if (!isSet(*entry)) result.emplace_back(*entry);
+  }
   return result;
 }
 

@@ -10,6 +10,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <cassert>
 #include <cerrno>
+#include <new>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -34,10 +35,10 @@ const zr::logging::ConstSourcePtr& RenderLog() {
 /// Runs one rendering after another on a thread that takes no signal.
 class Worker {
  public:
-  using Report = std::function<void(RenderOutcome)>;
+  using Reporter = std::function<void(RenderOutcome)>;
 
   /// `report` is called on the thread.
-  Worker(const RenderOptions& options, Report report)
+  Worker(const RenderOptions& options, Reporter report)
       : m_stop(eventfd(0, EFD_CLOEXEC)), m_rendering(options, m_stop.Get()), m_report(std::move(report)) {
     if (!m_stop) throw std::system_error(errno, std::generic_category(), "eventfd");
     sigset_t all;
@@ -70,7 +71,21 @@ class Worker {
  private:
   void Run() {
     pthread_setname_np(pthread_self(), "halden-render");
-    while (const auto lists = Next()) m_report(m_rendering.Run(*lists));
+    while (const auto lists = Next()) Report(m_rendering.Run(*lists));
+  }
+
+  /// Without it nothing would be made again: where there is no memory for it, it is tried until there is.
+  void Report(const RenderOutcome& outcome) {
+    bool isEnding = false;
+    while (!isEnding) {
+      try {
+        return m_report(outcome);
+      } catch (const std::bad_alloc&) {
+        zr::MutexLock lock(m_mtx);
+        isEnding = m_changed.WaitUntil(m_mtx, TimePoint::clock::now() + std::chrono::seconds(1),
+                                       [this]() ZR_REQUIRES(m_mtx) { return m_ending; });
+      }
+    }
   }
 
   std::optional<std::vector<std::string>> Next() {
@@ -82,7 +97,7 @@ class Worker {
 
   const details::FileDescriptor m_stop;
   Rendering m_rendering;  // the thread's alone
-  const Report m_report;
+  const Reporter m_report;
   zr::Mutex m_mtx;
   zr::ConditionVariable m_changed;
   std::optional<std::vector<std::string>> m_lists ZR_GUARDED_BY(m_mtx);
@@ -153,9 +168,10 @@ class FileRenderer::State : public std::enable_shared_from_this<State> {
   }
 
   void Begin() {
+    auto lists = m_lists();  // should it throw, the next change tries again
     SetPhase(Phase::Working);
     m_firstChange.reset();
-    m_worker->Begin(m_lists());
+    m_worker->Begin(std::move(lists));
   }
 
   void Done(const RenderOutcome& outcome) {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <set>
 #include <string>
 
 namespace zr::halden::agent {
@@ -40,6 +41,14 @@ RenderOptions ParseRender(std::string_view text) {
   options.source = files.substr(0, colon);
   options.target = files.substr(colon + 1);
   return options;
+}
+
+void RefuseSharedTargets(const std::vector<RenderOptions>& files) {
+  std::set<std::filesystem::path> targets;
+  for (const auto& file : files) {
+    if (targets.insert(std::filesystem::weakly_canonical(file.target)).second) continue;
+    throw RenderError("\"" + file.target.string() + "\" is the target of two templates");
+  }
 }
 
 RenderWait ParseRenderWait(std::string_view text) {

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace zr::halden::agent {
 
@@ -37,6 +38,9 @@ struct RenderOptions {
 
 /// Of "TEMPLATE:TARGET" or "SERVICE:TEMPLATE:TARGET". Throws RenderError.
 RenderOptions ParseRender(std::string_view text);
+
+/// Throws RenderError where two of them have the same target.
+void RefuseSharedTargets(const std::vector<RenderOptions>& files);
 
 /// Of "MIN:MAX" in seconds, such as "0.5:5", or of one number for both. Throws RenderError.
 RenderWait ParseRenderWait(std::string_view text);

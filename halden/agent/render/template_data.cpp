@@ -67,6 +67,12 @@ void Complete(const Json& instance, data& item) {
     (name.empty() ? item["port"] : ports[NameOf(name)]) = ToData(port.value("port", Json()));
   }
   item["named_ports"] = std::move(ports);
+  item["address"] = data(false);
+  if (const auto* const port = item.get("port"); port->is_string()) {
+    const auto host = OneLine(instance.value("host", std::string()));
+    const bool isIPv6 = host.find(':') != std::string::npos;
+    item["address"] = data((isIPv6 ? "[" + host + "]" : host) + ":" + port->string_value());
+  }
   item["status_is"] = data(NameOf(instance.value("status", std::string())), data(true));
   if (instance.value("weight", 0) == 0) item["weight"] = data(false);
   data attributes(data::type::list);
@@ -165,8 +171,8 @@ const std::set<std::string, std::less<>>& KnownNames() {
       // of a service
       "services", "by_name", "service", "revision", "data_centers", "instances", "last",
       // of an instance
-      "type", "data_center", "id", "held", "host", "ports", "name", "port", "named_ports", "status",
-      "status_is", "version", "weight", "start_time_ms", "attributes", "attribute_list", "value",
+      "type", "data_center", "id", "held", "host", "ports", "name", "port", "address", "named_ports",
+      "status", "status_is", "version", "weight", "start_time_ms", "attributes", "attribute_list", "value",
       // of a data centre
       "connection", "session_id", "freshness", "stale_since", "unreadable", "sessions", "reconnects",
       "expiries", "resyncs", "drifts", "last_error", "last_read_error"};

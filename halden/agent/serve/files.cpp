@@ -6,6 +6,7 @@
 namespace zr::halden::agent {
 
 void Files::Configure(const std::vector<RenderOptions>& options) {
+  RefuseSharedTargets(options);
   std::vector<File> files;
   for (const auto& option : options) {
     auto lists = [this, service = option.service] {

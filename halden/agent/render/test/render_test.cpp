@@ -106,12 +106,12 @@ TEST_F(RenderTest, EveryNameOfTheListsMayBeUsed) {
 }
 
 TEST_F(RenderTest, TellsWhatATemplateCannotFindOut) {
-  EXPECT_EQ(Render("{{#services}}{{service}}:{{#instances}}{{host}}:{{port}},{{named_ports.web_admin}}"
+  EXPECT_EQ(Render("{{#services}}{{service}}:{{#instances}}{{address}}:{{port}},{{named_ports.web_admin}}"
                    "{{#weight}}W{{/weight}}{{#version}}V{{/version}}{{#status_is.ok}}+{{/status_is.ok}}"
                    "{{#attribute_list}}{{name}}={{value}}{{/attribute_list}}"
                    "{{#attributes}}{{zone}}{{/attributes}}{{^last}};{{/last}}{{/instances}}{{/services}}",
-                   List({"a", "b"})),
-            "orders:a:80,81+zone=aa;b:80,81+zone=aa");
+                   List({"a", "::1"})),
+            "orders:a:80:80,81+zone=aa;[::1]:80:80,81+zone=aa");
 }
 
 TEST_F(RenderTest, NoInstanceCanAddWordsOrLines) {
