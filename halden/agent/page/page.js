@@ -31,11 +31,17 @@ let lastEventId = '';
 const now = () => Date.now() + clockOffset;
 const pathOf = (name) => `/v1/services/${encodeURIComponent(name)}`;
 
+/** Of the service that is followed the stream knows more than the list that is asked for now and then. */
+function ownCounts(one) {
+  if (!model.complete) return one;
+  return {...one, instances: model.instances.size, data_centers: [...model.centres.values()]};
+}
+
 function draw() {
   drawTimer = 0;
   const time = now();
   const {counts, found} = model.select(filter.value, onlyProblems.checked, time);
-  view.showServices(services, service, (name) => `#${new URLSearchParams({...place(), service: name})}`);
+  view.showServices(services.map((one) => (one.service === service ? ownCounts(one) : one)), service, (name) => `#${new URLSearchParams({...place(), service: name})}`);
   view.showFigures(service, model, counts);
   view.showFlow(model, time);
   view.showCentres(model, counts.perCentre, time, Boolean(lostAt));
