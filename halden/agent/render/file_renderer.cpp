@@ -121,7 +121,11 @@ std::chrono::milliseconds RetryPause(unsigned failures) {
 class FileRenderer::State : public std::enable_shared_from_this<State> {
  public:
   State(const boost::asio::any_io_executor& loop, const RenderOptions& options, Lists lists)
-      : m_wait(options.wait), m_lists(std::move(lists)), m_loop(loop), m_timer(loop) {}
+      : m_target(options.target),
+        m_wait(options.wait),
+        m_lists(std::move(lists)),
+        m_loop(loop),
+        m_timer(loop) {}
 
   void Start(const RenderOptions& options) {
     m_worker.emplace(options, [loop = m_loop, weak = weak_from_this()](RenderOutcome outcome) {
@@ -195,20 +199,25 @@ class FileRenderer::State : public std::enable_shared_from_this<State> {
         break;
       case RenderResult::Written:
         ++m_counters.written;
-        ZRLOG(ZRLOG_INFO, RenderLog()) << outcome.text;
+        ZRLOG(ZRLOG_INFO, RenderLog()) << "file written, target=" << m_target.native()
+                                       << ", instances=" << outcome.instances << ", bytes=" << outcome.bytes;
         break;
       case RenderResult::HeldBack:
         ++m_counters.heldBack;
-        ZRLOG(ZRLOG_WARNING, RenderLog()) << outcome.text;
+        ZRLOG(ZRLOG_WARNING, RenderLog())
+            << "file kept, a service has no instances, target=" << m_target.native()
+            << ", service=" << outcome.reason;
         break;
       case RenderResult::Failed:
         ++m_counters.failed;
-        ZRLOG(ZRLOG_ERROR, RenderLog()) << outcome.text;
+        ZRLOG(ZRLOG_ERROR, RenderLog())
+            << "file not brought up to date, target=" << m_target.native() << ", error=" << outcome.reason;
         break;
     }
-    m_counters.lastFailure = outcome.result == RenderResult::Failed ? outcome.text : "";
+    m_counters.lastFailure = outcome.result == RenderResult::Failed ? outcome.reason : "";
   }
 
+  const std::filesystem::path m_target;
   const RenderWait m_wait;
   const Lists m_lists;
   const boost::asio::any_io_executor m_loop;

@@ -15,16 +15,15 @@ Rendering::Rendering(const RenderOptions& options, int stop)
 RenderOutcome Rendering::Run(const std::vector<std::string>& lists) try {
   return Bring(ReadLists(lists));
 } catch (const std::bad_alloc&) {
-  return {RenderResult::Failed, "out of memory"};
+  return {RenderResult::Failed, "out of memory", 0, 0};
 } catch (const std::exception& e) {
-  return {RenderResult::Failed, e.what()};
+  return {RenderResult::Failed, e.what(), 0, 0};
 }
 
 RenderOutcome Rendering::Bring(const TemplateData& data) {
   const auto present = m_target.Read();
   if (present && !data.empty.empty() && !m_options.allowEmpty) {
-    return {RenderResult::HeldBack, "\"" + data.empty.front() + "\" has no instances, so \"" +
-                                        m_target.Path().string() + "\" stays as it is"};
+    return {RenderResult::HeldBack, data.empty.front(), data.instances, present->size()};
   }
   const std::string content = m_template.Render(data);
   const bool differs = present != content;
@@ -33,11 +32,9 @@ RenderOutcome Rendering::Bring(const TemplateData& data) {
     RunChecked("reload", m_options.reload);
     m_target.SetReloadOwed(false);
   } else if (!differs) {
-    return {RenderResult::Unchanged, ""};
+    return {RenderResult::Unchanged, "", data.instances, content.size()};
   }
-  return {RenderResult::Written, "wrote \"" + m_target.Path().string() + "\", " +
-                                     std::to_string(data.instances) + " instances, " +
-                                     std::to_string(content.size()) + " bytes"};
+  return {RenderResult::Written, "", data.instances, content.size()};
 }
 
 void Rendering::Replace(const std::string& content) try {
@@ -57,8 +54,7 @@ void Rendering::RunChecked(const char* what, const std::string& line) const {
       RunCommand(line, {"HALDEN_FILE=" + file.string(), "HALDEN_TARGET=" + m_target.Path().string()},
                  m_options.commandLimit, m_stop);
   if (failure.empty()) return;
-  throw RenderError(std::string("the ") + what + " command for \"" + m_target.Path().string() + "\" " +
-                    failure);
+  throw RenderError(std::string("the ") + what + " command " + failure);
 }
 
 }  // namespace zr::halden::agent

@@ -1,6 +1,7 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -16,12 +17,14 @@ enum class RenderResult : std::uint8_t {
   Unchanged,  ///< its bytes are what they would be
   Written,    ///< and its readers were told
   HeldBack,   ///< a list is empty, and what is there stays
-  Failed,     ///< it is to be tried again; the text says why
+  Failed,     ///< it is to be tried again
 };
 
 struct RenderOutcome {
   RenderResult result = RenderResult::Unchanged;
-  std::string text;  ///< for the log; empty for Unchanged
+  std::string reason;  ///< of HeldBack: the service that is empty; of Failed: what went wrong
+  std::size_t instances = 0;
+  std::size_t bytes = 0;
 };
 
 /// One file made of a template, with its commands; each step waits for the disk and for programs.

@@ -70,7 +70,9 @@ TargetFile::TargetFile(const std::filesystem::path& path)
       m_newPath(m_path.parent_path() / ("." + m_path.filename().string() + ".halden-new")),
       m_markPath(m_path.parent_path() / ("." + m_path.filename().string() + ".halden-reload")) {
   const auto folder = StatusOf(m_path.parent_path());
-  if (!folder || !S_ISDIR(folder->st_mode)) Fail("no folder", m_path.parent_path(), ENOTDIR);
+  if (!folder || !S_ISDIR(folder->st_mode)) {
+    throw RenderError("there is no folder \"" + m_path.parent_path().string() + "\"");
+  }
   const auto status = StatusOf(m_path);
   if (status && !S_ISREG(status->st_mode)) Fail("not a file that could be replaced:", m_path, EINVAL);
 }
