@@ -9,6 +9,7 @@ const FIRST_ROWS = 100;
 const MORE_ROWS = 500;
 const DRAW_MS = 200; // at most as often: a burst of thousands costs a few drawings
 const SERVICES_MS = 10000;
+const ANSWER_MS = 8000; // an agent that has not answered by then does not
 const SILENCE_MS = 35000; // two heartbeats and some
 const RETRY_MS = 2000;
 const UNSEEN_MS = 60000; // a page that nobody sees gives its stream up: browsers have six connections for all pages
@@ -118,7 +119,7 @@ function follow(name) {
 /** The services there are; `restart` begins the stream anew, of another service where ours is no longer followed. */
 async function loadServices(restart) {
   try {
-    const answer = await fetch('/v1/services', {cache: 'no-store'});
+    const answer = await fetch('/v1/services', {cache: 'no-store', signal: AbortSignal.timeout(ANSWER_MS)});
     if (!answer.ok) throw new Error(answer.statusText);
     clockOffset = (Date.parse(answer.headers.get('Date')) || Date.now()) - Date.now();
     services = (await answer.json()).services;
@@ -132,6 +133,7 @@ async function loadServices(restart) {
   const next = [wanted, service].find(isFollowed) ?? services[0]?.service ?? '';
   if (restart || next !== service) follow(next);
   if (!next) heard();
+  if (stream?.readyState === EventSource.OPEN) lostAt = 0;
   drawSoon();
 }
 
