@@ -168,8 +168,8 @@ void Agent::Listen(const ServeSettings& settings) {
 void Agent::Follow(const ServeSettings& settings, const DataCenterEnsembleMapT& ensembles) {
   std::optional<MassRemovalGuard> guard;
   if (settings.guard) guard.emplace().gracePeriod = *settings.guard;
+  m_rendered.Configure(settings.files);  // first: with a template that is wrong nothing changes
   m_follower.Follow(ensembles, settings.services, guard);
-  m_rendered.Configure(settings.files);
 }
 
 void Agent::OnChange() {
