@@ -143,6 +143,9 @@ publish() { # publish NAME COUNT ARGUMENT...: returns once all are published
 halden() { "$program" "$@" --config "$folder/halden.toml" --timeout "$limit"; }
 list() { halden list orders "$@"; }
 
+says() { curl -s -D - -o /dev/null "$page/v1/services/orders/instances" | grep -q "$1"; } # the agent, in a header
+written() { [[ $(grep -c "$1" "$folder/servers.conf") -eq $2 ]] 2>/dev/null; } # so many lines
+
 follow() { # follow COUNT PATTERN: shows what the watcher prints until so many lines match
   local count=$1 pattern=$2 line="" end=$((SECONDS + limit))
   while ((count > 0)); do
@@ -208,7 +211,9 @@ halden doctor orders | tail -n 10 | indent
 check "nothing is wrong" halden doctor orders --quiet
 
 step "For programs in any language, Prometheus and browsers: halden serve"
+printf '{{#instances}}\nserver {{address}}{{^status_is.ok}} backup{{/status_is.ok}}\n{{/instances}}\n' >"$folder/template"
 background "$program" serve --config "$folder/halden.toml" --service orders --listen 127.0.0.1:0 \
+  --render "$folder/template:$folder/servers.conf" \
   >"$folder/agent.address" 2>>"$folder/halden.errors" </dev/null
 agent=$!
 await "$limit" grep -q listening "$folder/agent.address" || fail "the agent does not listen"
@@ -218,6 +223,7 @@ echo "  curl $page/v1/services/orders/instances?data_center=eu-west"
 curl -s "$page/v1/services/orders/instances?data_center=eu-west" | cut -c1-300 | indent
 echo
 check "it tells what list tells" test "$(curl -s "$page/v1/services/orders/instances" | grep -o '"type":"instance"' | wc -l)" -eq 9
+check "a file made of a template has them, too" await "$limit" written '^server node' 9
 
 step "What happens, as it happens: halden watch"
 exec {watch_fd}< <(exec setpriv --pdeathsig KILL "$program" watch orders --config "$folder/halden.toml" \
@@ -248,6 +254,8 @@ failed=$("$program" doctor orders --config "$folder/halden.toml" --timeout 2 --j
   sed -n '/"verdict":"failure"/s/.*"data_center":"\([^"]*\)","check":"\([^"]*\)".*/\1 \2/p') || true
 check "halden doctor finds that, and nothing else" test "$failed" = $'eu-west servers\neu-west session'
 
+check "the agent says that it is shown as last known" await "$limit" says '^Halden-Freshness:.*eu-west=stale'
+
 step "The other data centres go on: those in ap-south become degraded, and recover"
 kill -USR1 "${publisher[ap-south]}"
 follow 3 'ap-south .* modified .* degraded'
@@ -268,6 +276,7 @@ check "the list is the same as before" cmp -s "$folder/before" "$folder/after"
 step "Its instances can change again"
 kill -USR1 "${publisher[eu-west]}"
 follow 3 'eu-west .* modified .* degraded'
+check "the file has followed" await "$limit" written '^server node.eu-west:8080 backup' 3
 
 if [[ "${1:-}" == --stay ]]; then
   printf '\n%sThe page: %s%s   (interrupt ends all)\n' "$bold" "$page" "$plain"
