@@ -145,8 +145,8 @@ void Agent::Listen(const ServeSettings& settings) {
     }
     hosts.insert(HostOf(*endpoint));
   }
-  m_server = std::make_unique<Server>(m_loop, m_follower.Views(), m_files, AllowedHosts(std::move(hosts)),
-                                      settings.limits);
+  m_server =
+      std::make_unique<Server>(m_loop, m_follower.Views(), m_files, AllowedHosts(hosts), settings.limits);
   try {
     if (endpoint) {
       const auto port = m_server->Listen(*endpoint);
