@@ -20,7 +20,7 @@ struct ServeSettings {
   std::optional<std::string> socket;  ///< a path; empty: none
   std::set<std::string> allowedHosts;
   bool allowRemote = false;
-  std::optional<std::chrono::seconds> guard;  ///< how long mass removals are held back
+  std::optional<std::chrono::milliseconds> guard;  ///< how long mass removals are held back
   Limits limits;
   std::vector<RenderOptions> files;  ///< that follow services
 };

@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "cli/config_path.h"
 #include "cli/render_options.h"
 #include "halden/service_name.h"
 
@@ -30,8 +31,8 @@ void DeclareServeOptions(CLI::App& command, Words& words) {
 }
 
 ServeOptions ReadServeOptions(const Words& words, logging::LogLevel logLevel,
-                              const std::optional<std::chrono::seconds>& guard) {
-  ServeOptions options{words.config, logLevel, words.quiet, {}};
+                              const std::optional<std::chrono::milliseconds>& guard) {
+  ServeOptions options{ConfigPath(words.config), logLevel, words.quiet, {}};
   for (const auto& service : words.services) {
     if (!IsValidServiceName(service)) Refuse(fmt::format("bad --service '{}'", EscapeControls(service)));
     options.settings.services.insert(service);

@@ -12,6 +12,6 @@ namespace zr::halden::tool {
 /// The options that only `serve` has.
 void DeclareServeOptions(CLI::App& command, Words& words);
 ServeOptions ReadServeOptions(const Words& words, logging::LogLevel logLevel,
-                              const std::optional<std::chrono::seconds>& guard);
+                              const std::optional<std::chrono::milliseconds>& guard);
 
 }  // namespace zr::halden::tool

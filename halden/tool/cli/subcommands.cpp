@@ -280,15 +280,13 @@ void AddPublish(CLI::App& app, Words& words) {
 }
 
 Invocation ReadServe(const CLI::App& /*command*/, const Words& words) {
-  return ReadServeOptions(words, ReadLogLevel(words), ReadSeconds("--guard", words.guard, 1));
+  return ReadServeOptions(words, ReadLogLevel(words), ReadGuard(words));
 }
 
 void AddServe(CLI::App& app, Words& words) {
   auto& command = AddPlainCommand(
       app, words, {"serve", "Serve what is known of services over HTTP until interrupted"}, ReadServe);
-  command.add_option("--config", words.config, "The data centres, and the table [serve] (TOML)")
-      ->required()
-      ->type_name("FILE");
+  command.add_option("--config", words.config, kConfigMeaning)->type_name("FILE");
   DeclareServeOptions(command, words);
   AddGuard(command, words);
   command.add_flag("--quiet", words.quiet, "Do not print where it listens");

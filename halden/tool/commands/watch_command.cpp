@@ -105,7 +105,7 @@ std::string FollowFirstRead(const GlobalServiceWatcher& watcher, const DataCente
   const std::string toTry = DoctorHint(options, options.service);
   const auto begin = std::chrono::steady_clock::now();
   bool told = options.quiet;
-  while (!output.AwaitEnd(interval)) {
+  do {
     if (watcher.AwaitSynchronized(std::chrono::milliseconds(0))) {
       if (!options.quiet && IsEmpty(watcher.Status()))
         Complain(NobodyPublishes(ensembles, options.service, output));
@@ -116,7 +116,7 @@ std::string FollowFirstRead(const GlobalServiceWatcher& watcher, const DataCente
       return Unread(watcher.Status(), ensembles, *options.timeout, toTry);
     if (elapsed >= usual && !std::exchange(told, true))
       Complain(Unread(watcher.Status(), ensembles, usual, toTry));
-  }
+  } while (!output.AwaitEnd(interval));
   return {};
 }
 
