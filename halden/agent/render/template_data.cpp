@@ -175,7 +175,7 @@ const std::set<std::string, std::less<>>& KnownNames() {
       "status", "status_is", "version", "weight", "start_time_ms", "attributes", "attribute_list", "value",
       // of a data centre
       "connection", "session_id", "freshness", "stale_since", "unreadable", "sessions", "reconnects",
-      "expiries", "resyncs", "drifts", "last_error", "last_read_error"};
+      "expiries", "resyncs", "drifts", "last_error", "last_read_error", "restored_as_of", "snapshot_errors"};
   return names;
 }
 

@@ -10,13 +10,12 @@ namespace zr::halden::tool {
 
 namespace {
 
-constexpr std::size_t kLeast = 4;  // columns of what is cut
 
 }  // namespace
 
 std::string InstanceTable(const std::vector<Instance>& instances, const ShortIds& ids, const Look& look,
                           TimePoint now) {
-  Table table({{"DC", kLeastName}, {"ID"}, {"HOST", kLeast}, {"PORTS", kLeast}, {"STATUS"}, {"AGE"}});
+  Table table({{"DC", kLeastName}, {"ID"}, {"HOST", kLeastText}, {"PORTS", kLeastText}, {"STATUS"}, {"AGE"}});
   for (const auto& [dataCenter, id, data, held] : instances) {
     const std::string status = StatusText(data) + (held ? ", held" : "");
     table.AddRow({{EscapeControls(dataCenter)},

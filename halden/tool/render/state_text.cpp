@@ -12,7 +12,6 @@ namespace zr::halden::tool {
 
 namespace {
 
-constexpr std::size_t kLeast = 4;  // columns of what is cut
 
 std::string ReadErrorText(const DataCenterStatus& status) {
   const int error = status.watcher.lastError;
@@ -140,8 +139,8 @@ std::string StateLines(const std::vector<DataCenterStatus>& states, const Look& 
 
 std::string StateTable(const std::vector<DataCenterStatus>& states, const Look& look, TimePoint now) {
   Table table({{"DC", kLeastName},
-               {"SESSION", kLeast},
-               {"FRESHNESS", kLeast},
+               {"SESSION", kLeastText},
+               {"FRESHNESS", kLeastText},
                {"INST", 0, true},
                {"HELD", 0, true},
                {"BAD", 0, true},

@@ -25,6 +25,7 @@ struct Column {
 
 /// Columns that are left of a name, which rows are told apart by.
 inline constexpr std::size_t kLeastName = 12;
+inline constexpr std::size_t kLeastText = 4;  // columns of other text that is cut
 
 struct Cell {
   std::string text;  ///< safe for a terminal
