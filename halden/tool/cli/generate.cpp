@@ -29,7 +29,7 @@ std::vector<std::string> Alternatives(std::string text) {
   return parts;
 }
 
-OptionSpec Describe(const CLI::Option& option) {
+OptionSpec DescribeOption(const CLI::Option& option) {
   OptionSpec spec;
   for (const auto& name : option.get_snames()) spec.names.push_back('-' + name);
   for (const auto& name : option.get_lnames()) spec.names.push_back("--" + name);
@@ -46,7 +46,7 @@ OptionSpec Describe(const CLI::Option& option) {
 void DescribeTree(const CLI::App& app, std::vector<std::string> words, std::vector<CommandSpec>& commands) {
   CommandSpec spec{words, app.get_description(), app.get_footer(), {}, {}, {}};
   for (const CLI::Option* option : app.get_options()) {
-    (option->get_positional() ? spec.positionals : spec.options).push_back(Describe(*option));
+    (option->get_positional() ? spec.positionals : spec.options).push_back(DescribeOption(*option));
   }
   const auto visible =
       app.get_subcommands([](const CLI::App* command) { return !command->get_group().empty(); });

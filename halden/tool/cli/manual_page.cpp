@@ -92,7 +92,7 @@ bool Has(const std::vector<OptionSpec>& options, const OptionSpec& option) {
 }
 
 /// Those that most commands have, in the words that most have for them.
-std::vector<OptionSpec> CommonOptions(const std::vector<CommandSpec>& commands) {
+std::vector<OptionSpec> OptionsInCommon(const std::vector<CommandSpec>& commands) {
   const auto leaves = std::count_if(commands.begin(), commands.end(), IsLeaf);
   std::vector<OptionSpec> common;
   for (const auto& command : commands) {
@@ -126,7 +126,7 @@ std::string RoffCommand(const CommandSpec& command, const std::vector<OptionSpec
 
 std::string ManualPage(const std::vector<CommandSpec>& commands) {
   const CommandSpec& program = commands.front();
-  const auto common = CommonOptions(commands);
+  const auto common = OptionsInCommon(commands);
   std::string text = fmt::format(
       ".TH HALDEN 1 \"\" \"halden {}\" \"User Commands\"\n"
       ".SH NAME\nhalden \\- {}\n"

@@ -8,10 +8,7 @@
 
 namespace zr::halden::tool {
 
-namespace {
-
-
-}  // namespace
+namespace {}  // namespace
 
 std::string InstanceTable(const std::vector<Instance>& instances, const ShortIds& ids, const Look& look,
                           TimePoint now) {

@@ -12,7 +12,6 @@ namespace zr::halden::tool {
 
 namespace {
 
-
 std::string ReadErrorText(const DataCenterStatus& status) {
   const int error = status.watcher.lastError;
   return error == 0 ? std::string() : zerror(error);

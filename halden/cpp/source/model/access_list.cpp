@@ -45,9 +45,9 @@ zr::String WhyBadId(std::string_view scheme, std::string_view id) {
   return {};
 }
 
-class Parser {
+class AccessListParser {
  public:
-  explicit Parser(std::string_view text) : m_text(text) {}
+  explicit AccessListParser(std::string_view text) : m_text(text) {}
 
   ParsedAccessList Parse() {
     for (std::size_t begin = 0; begin <= m_text.size();) {
@@ -104,7 +104,7 @@ ParsedAccessList ParseAccessList(std::string_view text) {
     return {
         {{zr::String(kAuth), {}, kAllPermissions}, {zr::String(kWorld), zr::String(kAnyone), kRead}}, {}, 0};
   }
-  return Parser(text).Parse();
+  return AccessListParser(text).Parse();
 }
 
 AccessList AboveAccess(const AccessList& list) {

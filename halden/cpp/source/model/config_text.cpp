@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/system_error.h"
 #include "zrstl/utf8.h"
 
 namespace zr::halden::details {
@@ -20,10 +21,6 @@ namespace {
 // More than ten thousand data centres. The parser's time can grow with the square of the size.
 constexpr std::size_t kMaxFileBytes = 1UL * 1024 * 1024;
 constexpr std::size_t kMaxQuotedBytes = 100;
-
-zr::String SystemError() {
-  return std::error_code(errno, std::generic_category()).message();
-}
 
 /// Past the string that begins with the quote at `pos`.
 std::size_t SkipString(std::string_view text, std::size_t pos) {

@@ -56,9 +56,10 @@ zr::String DecodedChroot(std::string_view chroot) {
 }
 
 /// Goes through the text once; the first fault ends it. Its steps return whether all was well so far.
-class Parser {
+class ConnectStringParser {
  public:
-  explicit Parser(std::string_view text) : m_text(text), m_ensemble(text.substr(0, text.find('?'))) {}
+  explicit ConnectStringParser(std::string_view text)
+      : m_text(text), m_ensemble(text.substr(0, text.find('?'))) {}
 
   ParsedConnectString Parse() {
     if (!CheckBlanks() || !ParseServers() || !ParseChroot() || !ParseOptions()) m_parsed.value = {};
@@ -238,7 +239,7 @@ class Parser {
 }  // namespace
 
 ParsedConnectString ParseConnectString(const zr::String& text) {
-  return Parser(text).Parse();
+  return ConnectStringParser(text).Parse();
 }
 
 void AddTo(ConnectString& all, ConnectString&& more) {

@@ -10,9 +10,9 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
-#include <system_error>
 
 #include "base/file_descriptor.h"
+#include "base/system_error.h"
 #include "zrstl/utf8.h"
 
 namespace zr::halden::details {
@@ -20,10 +20,6 @@ namespace zr::halden::details {
 namespace {
 
 constexpr std::size_t kMaxBytes = 4096;
-
-zr::String SystemError() {
-  return std::generic_category().message(errno);
-}
 
 /// What is wrong with the file, but for what it holds.
 zr::String WhyUnusable(const struct stat& file) {

@@ -16,6 +16,7 @@
 
 #include "base/clock.h"
 #include "base/file_descriptor.h"
+#include "base/system_error.h"
 #include "halden/service_id.h"
 #include "model/layout.h"
 
@@ -29,7 +30,7 @@ using Outcome = SnapshotWritten::Outcome;
 constexpr std::chrono::minutes kClockSlack{1};
 
 zr::String ErrorText(const char* what) {
-  return zr::String(what) + ": " + std::generic_category().message(errno);
+  return zr::String(what) + ": " + SystemError();
 }
 
 /// Letters, digits, "-" and "_" as they are, and dots but for the first; all else as "%2F". A name that gets too long is

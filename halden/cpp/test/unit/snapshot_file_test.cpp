@@ -22,7 +22,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
-using Outcome = SnapshotWritten::Outcome;
 namespace fs = std::filesystem;
 
 const auto kNow = std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
@@ -69,7 +68,7 @@ TEST_F(SnapshotFileTest, NoTwoNamesShareAFileAndNoneLeavesTheFolder) {
 
 TEST_F(SnapshotFileTest, WhatIsDamagedOldOrOfOthersIsRefusedInWords) {
   EXPECT_EQ(Read().error, "");  // there is none
-  ASSERT_EQ(WriteSnapshotFile(m_folder, Make(3)).outcome, Outcome::Written);
+  ASSERT_EQ(WriteSnapshotFile(m_folder, Make(3)).outcome, SnapshotWritten::Outcome::Written);
   ASSERT_EQ(Read().snapshot.value().instances.size(), 3U);
   std::ifstream in(m_file, std::ios::binary);
   const std::string good{std::istreambuf_iterator<char>(in), {}};
@@ -93,7 +92,7 @@ TEST_F(SnapshotFileTest, WhatIsDamagedOldOrOfOthersIsRefusedInWords) {
 
 TEST_F(SnapshotFileTest, NoMomentToBeKilledAtLeavesLessThanAWholeSnapshot) {
   constexpr std::size_t instances = 200;
-  ASSERT_EQ(WriteSnapshotFile(m_folder, Make(instances)).outcome, Outcome::Written);
+  ASSERT_EQ(WriteSnapshotFile(m_folder, Make(instances)).outcome, SnapshotWritten::Outcome::Written);
   std::chrono::system_clock::time_point last = kNow;
   for (int i = 0; i < 100; ++i) {
     std::array<int, 2> written{};
@@ -103,7 +102,8 @@ TEST_F(SnapshotFileTest, NoMomentToBeKilledAtLeavesLessThanAWholeSnapshot) {
       pid = fork();
       if (pid == 0) prctl(PR_SET_PDEATHSIG, SIGKILL);
       for (auto at = last + 1ms; pid == 0; at += 1ms) {
-        const bool done = WriteSnapshotFile(m_folder, Make(instances, at)).outcome == Outcome::Written;
+        const bool done =
+            WriteSnapshotFile(m_folder, Make(instances, at)).outcome == SnapshotWritten::Outcome::Written;
         if (done && write(written[1], "w", 1) != 1) _exit(1);
       }
     }
@@ -120,14 +120,14 @@ TEST_F(SnapshotFileTest, NoMomentToBeKilledAtLeavesLessThanAWholeSnapshot) {
     last = left.snapshot->asOf;
     ASSERT_LE(Files().size(), 2U);
   }
-  ASSERT_EQ(WriteSnapshotFile(m_folder, Make(1, last + 1ms)).outcome, Outcome::Written);
+  ASSERT_EQ(WriteSnapshotFile(m_folder, Make(1, last + 1ms)).outcome, SnapshotWritten::Outcome::Written);
   EXPECT_EQ(Read().snapshot.value().instances.size(), 1U);
   EXPECT_EQ(Files().size(), 1U) << "what the killed ones left was taken over";
 }
 
 TEST_F(SnapshotFileTest, AFullDiskAndWhatIsOlderLeaveTheFileAsItWas) {
-  ASSERT_EQ(WriteSnapshotFile(m_folder, Make(1)).outcome, Outcome::Written);
-  EXPECT_EQ(WriteSnapshotFile(m_folder, Make(2, kNow - 1s)).outcome, Outcome::Newer);
+  ASSERT_EQ(WriteSnapshotFile(m_folder, Make(1)).outcome, SnapshotWritten::Outcome::Written);
+  EXPECT_EQ(WriteSnapshotFile(m_folder, Make(2, kNow - 1s)).outcome, SnapshotWritten::Outcome::Newer);
   rlimit before{};
   getrlimit(RLIMIT_FSIZE, &before);
   std::signal(SIGXFSZ, SIG_IGN);
@@ -135,7 +135,7 @@ TEST_F(SnapshotFileTest, AFullDiskAndWhatIsOlderLeaveTheFileAsItWas) {
   setrlimit(RLIMIT_FSIZE, &little);
   const auto written = WriteSnapshotFile(m_folder, Make(1000, kNow + 1s));
   setrlimit(RLIMIT_FSIZE, &before);
-  EXPECT_EQ(written.outcome, Outcome::Failed);
+  EXPECT_EQ(written.outcome, SnapshotWritten::Outcome::Failed);
   EXPECT_THAT(written.error, HasSubstr("write: "));
   EXPECT_EQ(Read().snapshot.value().instances.size(), 1U);
   EXPECT_EQ(Files().size(), 1U);
