@@ -214,7 +214,7 @@ TEST_F(AgentTest, KeepsServingWhatIsStaleAndSaysSo) {
 TEST_F(AgentTest, SlowGreedyAndBrokenClientsHarmNobodyElse) {
   for (unsigned i = 0; i < 600; ++i) m_publisher->Publish("orders", Id(i), Data(std::string(1000, 'h')));
   StartAgent();
-  const long before = m_agent->Resident();
+  [[maybe_unused]] const long before = m_agent->Resident();
   std::vector<RawClient> clients;
   for (int i = 0; i < 100; ++i) {
     clients.emplace_back(m_agent->Port()).Send("GET /healthz HTTP/1.1\r\nHost: loc");  // never ends
@@ -239,7 +239,9 @@ TEST_F(AgentTest, SlowGreedyAndBrokenClientsHarmNobodyElse) {
   EXPECT_THAT(m_agent->Ask(kList), HasSubstr("\"r29\""));
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
   // What each holds: a list that all share, its header, a piece of a stream. The system's own buffers come on top.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which keep what is freed
   EXPECT_LT(m_agent->Resident() - before, 30'000);
+#endif
   while (clients.size() < 520) clients.emplace_back(m_agent->Port());
   EXPECT_THAT(RawClient(m_agent->Port()).ReadUntil("\r\n"), HasSubstr("503"));
   clients.clear();

@@ -82,7 +82,7 @@ void SnapshotKeeper::Retain(const std::vector<std::shared_ptr<ServiceWatcher>>& 
     const auto stays = [&](const KeptPtr& kept) {
       return std::find(watchers.begin(), watchers.end(), kept->watcher.lock()) != watchers.end();
     };
-    const auto end = std::stable_partition(m_kept.begin(), m_kept.end(), stays);
+    const auto end = std::partition(m_kept.begin(), m_kept.end(), stays);
     gone.assign(end, m_kept.end());
     m_kept.erase(end, m_kept.end());
   }

@@ -14,6 +14,7 @@
 #include <iterator>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include "model/node_codec.h"
 
@@ -57,8 +58,9 @@ class SnapshotFileTest : public ::testing::Test {
 TEST_F(SnapshotFileTest, NoTwoNamesShareAFileAndNoneLeavesTheFolder) {
   const std::string longName(255, '\xFC');
   std::set<std::string> files;
-  for (const zr::String service : {"a", "a/b", "a%2fb", "../a", "..", ".", "a@b", "A", longName.c_str()}) {
-    for (const zr::String dcName : {"b", "b@c", "../../c", longName.c_str(), (longName + "x").c_str()}) {
+  for (const auto& service :
+       std::vector<zr::String>{"a", "a/b", "a%2fb", "../a", "..", ".", "a@b", "A", longName}) {
+    for (const auto& dcName : std::vector<zr::String>{"b", "b@c", "../../c", longName, longName + "x"}) {
       const auto name = SnapshotFileName(service, dcName);
       EXPECT_TRUE(files.insert(name).second) << name;
       EXPECT_TRUE(name.find('/') == std::string::npos && name[0] != '.' && name.size() < 250) << name;
