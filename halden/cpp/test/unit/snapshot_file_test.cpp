@@ -4,16 +4,18 @@
 #include <gmock/gmock.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <set>
-#include <thread>
+#include <utility>
 #include <vector>
 
 #include "model/node_codec.h"
@@ -97,24 +99,24 @@ TEST_F(SnapshotFileTest, NoMomentToBeKilledAtLeavesLessThanAWholeSnapshot) {
   ASSERT_EQ(WriteSnapshotFile(m_folder, Make(instances)).outcome, SnapshotWritten::Outcome::Written);
   std::chrono::system_clock::time_point last = kNow;
   for (int i = 0; i < 100; ++i) {
-    std::array<int, 2> written{};
-    ASSERT_EQ(pipe(written.data()), 0);
     std::array<pid_t, 2> writers{};
-    for (auto& pid : writers) {  // both want the same file
+    for (auto& pid :
+         writers) {  // both want the same file, and the alarm kills each at some moment after its first
+      const itimerval moment{{}, {0, 1 + rand() % 2000}};
       pid = fork();
       if (pid == 0) prctl(PR_SET_PDEATHSIG, SIGKILL);
+      bool armed = false;
       for (auto at = last + 1ms; pid == 0; at += 1ms) {
-        const bool done =
-            WriteSnapshotFile(m_folder, Make(instances, at)).outcome == SnapshotWritten::Outcome::Written;
-        if (done && write(written[1], "w", 1) != 1) _exit(1);
+        const auto outcome = WriteSnapshotFile(m_folder, Make(instances, at)).outcome;
+        if (outcome == SnapshotWritten::Outcome::Written && !std::exchange(armed, true))
+          setitimer(ITIMER_REAL, &moment, nullptr);
       }
     }
-    char one = 0;
-    ASSERT_EQ(read(written[0], &one, 1), 1);
-    std::this_thread::sleep_for(std::chrono::microseconds(rand() % 2000));  // NOLINT: the moment is the test
-    for (const pid_t pid : writers) kill(pid, SIGKILL);
-    for (const pid_t pid : writers) waitpid(pid, nullptr, 0);
-    for (const int end : written) close(end);
+    for (const pid_t pid : writers) {
+      int status = 0;
+      waitpid(pid, &status, 0);
+      ASSERT_EQ(WTERMSIG(status), SIGALRM);
+    }
     const auto left = Read();
     ASSERT_TRUE(left.snapshot) << i << ": " << left.error;
     ASSERT_EQ(left.snapshot->instances.size(), instances);
