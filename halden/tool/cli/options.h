@@ -35,7 +35,7 @@ struct WatchOptions : CommonOptions {
   std::string service;
   std::optional<std::chrono::milliseconds> guard;  ///< how long mass removals are held back; null: not at all
   bool wide = false;                               ///< nothing is shortened
-  std::string snapshots;                      ///< folder of snapshot files; empty: as the configuration says
+  std::string snapshots;  ///< folder of snapshot files; empty: as the configuration says
 };
 
 /// Of the commands that show what is there now.

@@ -20,11 +20,25 @@ void Audit::Set(const AuditIntervals& intervals) {
 }
 
 Audit::Due Audit::Take(Clock::time_point now, std::size_t lists, std::size_t instances) {
-  const bool begun = m_list != Clock::time_point{};
-  const Due due{begun && m_list <= now, begun && m_instance <= now};
-  if (!begun || due.list) m_list = Next(now, m_intervals.lists, lists);
-  if (!begun || due.instance) m_instance = Next(now, m_intervals.instances, instances);
-  return due;
+  // A list has hundreds of names where an instance's answer has some hundred bytes.
+  constexpr std::size_t mostLists = 8;
+  constexpr std::size_t mostInstances = 64;
+  if (m_list == Clock::time_point{}) {
+    m_list = Next(now, m_intervals.lists, lists);
+    m_instance = Next(now, m_intervals.instances, instances);
+  }
+  return {TakeDue(m_list, now, m_intervals.lists, lists, mostLists),
+          TakeDue(m_instance, now, m_intervals.instances, instances, mostInstances)};
+}
+
+/// Goes on from when it was due, or at a distance, where each list that is read holds up the rest, it would never get
+/// through in time.
+std::size_t Audit::TakeDue(Clock::time_point& next, Clock::time_point now, std::chrono::milliseconds interval,
+                           std::size_t count, std::size_t most) {
+  std::size_t due = 0;
+  for (; next <= now && due < most; ++due) next = Next(next, interval, count);
+  if (next <= now) next = Next(now, interval, count);  // more was missed than can be made up for
+  return std::min(due, count);
 }
 
 Clock::duration Audit::Wait(Clock::time_point now) const {
@@ -36,10 +50,10 @@ Clock::duration Audit::Wait(Clock::time_point now) const {
 }
 
 /// With jitter, and such that all of them are through before the interval is over.
-Clock::time_point Audit::Next(Clock::time_point now, std::chrono::milliseconds interval, std::size_t count) {
+Clock::time_point Audit::Next(Clock::time_point last, std::chrono::milliseconds interval, std::size_t count) {
   if (interval.count() <= 0) return kNever;
   const auto each = std::chrono::duration_cast<Clock::duration>(interval) / std::max<std::size_t>(count, 1);
-  return now + std::chrono::duration_cast<Clock::duration>(each * (0.5 + Chance() / 2));
+  return last + std::chrono::duration_cast<Clock::duration>(each * (0.5 + Chance() / 2));
 }
 
 }  // namespace zr::halden::details

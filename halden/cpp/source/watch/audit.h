@@ -13,18 +13,21 @@ namespace zr::halden::details {
 class Audit {
  public:
   struct Due {
-    bool list = false;
-    bool instance = false;
+    std::size_t lists = 0;
+    std::size_t instances = 0;
   };
 
   void Set(const AuditIntervals& intervals);
-  /// What to look at now, of so many; each call that finds something due begins the time until the next.
+  /// How many to look at now, of so many. What could not be asked for in time is made up for, a few in one call.
   Due Take(Clock::time_point now, std::size_t lists, std::size_t instances);
   /// How long until it is to be asked again.
   Clock::duration Wait(Clock::time_point now) const;
 
  private:
-  static Clock::time_point Next(Clock::time_point now, std::chrono::milliseconds interval, std::size_t count);
+  static std::size_t TakeDue(Clock::time_point& next, Clock::time_point now,
+                             std::chrono::milliseconds interval, std::size_t count, std::size_t most);
+  static Clock::time_point Next(Clock::time_point last, std::chrono::milliseconds interval,
+                                std::size_t count);
 
   AuditIntervals m_intervals;
   Clock::time_point m_list;  // when the next list is due

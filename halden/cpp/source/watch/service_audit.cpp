@@ -41,8 +41,8 @@ bool ServiceReader::RunAudit() {
     instances += partition.instances.size();
   }
   const auto due = m_audit.Take(Clock::now(), lists, instances);
-  if (due.list) AuditList();
-  if (due.instance) AuditInstance();
+  for (std::size_t i = 0; i < due.lists; ++i) AuditList();
+  for (std::size_t i = 0; i < due.instances; ++i) AuditInstance();
   return true;
 }
 

@@ -50,7 +50,6 @@ void WatcherDelivery::Start(std::weak_ptr<ServiceWatcher> watcher) {
 void WatcherDelivery::SetGuard(const std::optional<MassRemovalGuard>& guard) {
   zr::MutexLock lock(m_mtx);
   if (guard ? m_guard && m_guard->Options() == *guard : !m_guard) return;
-  if (m_table.Held() != 0) StatusChanged();
   for (const auto& id : m_table.ListHeld()) m_table.Remove(id);
   m_guard.reset();
   if (guard) m_guard.emplace(*guard);
@@ -71,7 +70,7 @@ InstanceTable::Outcome WatcherDelivery::Put(const ServiceId& id, const NodeVersi
   zr::MutexLock lock(m_mtx);
   const bool held = m_table.IsHeld(id);
   const auto outcome = m_table.Put(id, version, std::move(payload), force);
-  if (held && !m_table.IsHeld(id)) OnNotHeldAnyMore(id);
+  if (held && !m_table.IsHeld(id)) m_guard->Forget(id);
   Schedule(lock);
   return outcome;
 }
@@ -81,7 +80,7 @@ InstanceTable::Outcome WatcherDelivery::Quarantine(const ServiceId& id, const No
   zr::MutexLock lock(m_mtx);
   const bool held = m_table.IsHeld(id);
   const auto outcome = m_table.Quarantine(id, version, force);
-  if (held && !m_table.IsHeld(id)) OnNotHeldAnyMore(id);
+  if (held && !m_table.IsHeld(id)) m_guard->Forget(id);
   Schedule(lock);
   return outcome;
 }
@@ -92,7 +91,6 @@ void WatcherDelivery::Remove(const ServiceId& id) {
   const auto present = m_table.Size() - m_table.Held();
   if (m_guard && m_table.Hold(id)) {
     if (m_guard->Hold(id, Clock::now(), present)) {
-      if (m_table.Held() == 1) StatusChanged();
       ScheduleGuard();
     } else {
       m_table.Remove(id);
@@ -206,6 +204,9 @@ WatcherDelivery::Known WatcherDelivery::Snapshot() const {
 
 /// Releases `lock`, which is on m_mtx, and posts a delivery if there is something to tell and none is on its way.
 void WatcherDelivery::Schedule(zr::MutexLock& lock) {
+  // Whether any are held is part of the state that is told.
+  const bool heldBefore = std::exchange(m_status.held, m_table.Held()) != 0;
+  if (heldBefore != (m_table.Held() != 0)) StatusChanged();
   const bool handlersDue = !m_errors.empty() || (m_statusDue && m_statusHandler);
   const bool due = !m_scheduled && (m_table.HasChanges() || handlersDue || QueuesAreDue());
   m_scheduled |= due;
@@ -224,11 +225,6 @@ void WatcherDelivery::Schedule(zr::MutexLock& lock) {
     m_scheduled = false;  // else nothing would ever be delivered again
     throw;
   }
-}
-
-void WatcherDelivery::OnNotHeldAnyMore(const ServiceId& id) {
-  if (m_guard) m_guard->Forget(id);
-  if (m_table.Held() == 0) StatusChanged();
 }
 
 void WatcherDelivery::StatusChanged() {
@@ -259,11 +255,9 @@ void WatcherDelivery::OnGuardDue(RemovalGuard::TimePoint due) {
 
 void WatcherDelivery::RemoveDue() {
   if (!m_guard) return;
-  const bool held = m_table.Held() != 0;
   for (const auto& id : m_guard->Due(Clock::now())) {
     if (m_table.IsHeld(id)) m_table.Remove(id);
   }
-  if (held && m_table.Held() == 0) StatusChanged();
   ScheduleGuard();
 }
 

@@ -122,7 +122,6 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   void ScheduleGuard() ZR_REQUIRES(m_mtx);
   void OnGuardDue(RemovalGuard::TimePoint due);
   void RemoveDue() ZR_REQUIRES(m_mtx);
-  void OnNotHeldAnyMore(const ServiceId& id) ZR_REQUIRES(m_mtx);
   void Deliver();
   bool DeliverOne();
   void DeliverErrors(zr::MutexLock& lock) ZR_REQUIRES(m_mtx);

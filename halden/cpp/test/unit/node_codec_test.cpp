@@ -8,6 +8,8 @@
 #include <fstream>
 #include <string>
 
+#include "halden/instance_data.h"
+
 namespace zr::halden::details {
 
 namespace {
@@ -69,8 +71,11 @@ TEST(NodeCodecTest, TheDocumentsTestVectorIsWhatIsWritten) {
   const auto decoded = DecodeNode(TestVector());
   ASSERT_TRUE(decoded.payload) << decoded.error;
   EXPECT_EQ(EncodeNode(ParsePayload(*decoded.payload), Envelope(TestVector()).user()), TestVector());
-  EXPECT_THAT(ParsePayload(*decoded.payload).ShortDebugString(),
+  const auto data = ParsePayload(*decoded.payload);
+  EXPECT_THAT(data.ShortDebugString(),
               HasSubstr(R"(port: 9090 } version: "1.2" weight: 2 start_time_ms: 1700000000000)"));
+  EXPECT_EQ(FindAttribute(data, "zone"), "a");
+  EXPECT_EQ(FindAttribute(data, "row"), std::nullopt);
 }
 
 TEST(NodeCodecTest, WhatIsPublishedIsReadAndCompressionNeverMakesItLonger) {

@@ -1,0 +1,192 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#include "simulation/scripted.h"
+
+#include <iostream>
+
+#include "simulation/data_center.h"
+
+namespace zr::halden::simulation {
+
+bool SpreadsReads(std::uint64_t seed) {
+  World played(seed);
+  played.faults.reset();
+  DataCenter dc(0);
+  std::vector<std::shared_ptr<ServiceWatcher>> watchers;
+  const auto await = [&](auto condition) {
+    const auto end = played.now + 60s;
+    while (!condition() && played.now < end) played.RunUntil(played.now + 1s);
+  };
+  const auto live = [&] {
+    return std::all_of(watchers.begin(), watchers.end(),
+                       [](auto& one) { return one->Status().freshness == Freshness::Live; });
+  };
+  for (int i = 0; i < 60; ++i) dc.Put(DrawId());
+  for (int i = 0; i < 12; ++i) {
+    const zr::String hosts = dc.ensemble.servers.front().address + dc.chroot;
+    const auto connection = std::make_shared<Connection>(std::vector{hosts}, true, "", 6s, dc.name);
+    connection->Start(nullptr);
+    watchers.push_back(std::make_shared<ServiceWatcher>(connection, kService, [](int) {}));
+    watchers.back()->Start();
+  }
+  await(live);
+  const auto first = std::exchange(played.pauses, {});
+  for (const auto session : dc.ensemble.Sessions()) dc.ensemble.Expire(session);
+  await([&] { return played.pauses.size() == watchers.size() && live(); });
+  const auto [least, most] = std::minmax_element(played.pauses.begin(), played.pauses.end());
+  const bool fine = live() && !first.empty() && *most - *least > 2ms &&
+                    std::all_of(first.begin(), first.end(), [](Duration pause) { return pause < 1ms; });
+  if (!fine)
+    std::cout << "seed " << seed << ": known services are not read at different moments" << std::endl;
+  watchers.clear();
+  dc.Destroy();
+  played.RunUntil(played.now + 60s);
+  return fine;
+}
+
+bool DistrustsDeposedLeaders(std::uint64_t seed) {
+  World played(seed);
+  played.faults.reset();
+  played.faults[Fault::DeposedLeader] = true;
+  DataCenter dc(0);
+  const auto run = [&](Duration time) {
+    for (const auto end = played.now + time; played.now < end; dc.Check()) played.RunUntil(played.now + 1s);
+  };
+  dc.Heal();
+  for (const auto& id : dc.ids) dc.Put(id);
+  dc.Watch(nullptr, nullptr);
+  run(10s);
+  Ensemble& ensemble = dc.ensemble;
+  Server& leader = *ensemble.leader;
+  if (ensemble.servers.size() > 1) {
+    ensemble.Freeze(leader);
+    run(10s);
+    for (int i = 0; i < 5; ++i) dc.Put(DrawId());
+    run(1s);
+    ensemble.RefuseClients(leader, true);
+    run(played.Between(2s, 6s));
+    ensemble.Thaw(leader);
+    run(3s);
+    ensemble.RefuseClients(leader, false);
+  }
+  run(60s);
+  if (const auto wrong = dc.Wrong(); !wrong.empty()) played.Violation(wrong);
+  if (!played.violation.empty())
+    std::cout << "seed " << seed << ", a deposed leader: " << played.violation << std::endl;
+  dc.Destroy();
+  played.RunUntil(played.now + 60s);
+  return played.violation.empty();
+}
+
+namespace {
+
+struct Listener : ServiceWatcherObserver {
+  void OnInstanceAdded(ServiceWatcher&, const ServiceId&, const ServiceInstanceData&) override { Hear(); }
+  void OnInstanceModified(ServiceWatcher&, const ServiceId&, const ServiceInstanceData&) override { Hear(); }
+  void OnInstanceRemoved(ServiceWatcher&, const ServiceId&) override { Hear(); }
+  void Hear() { last = world->now; }
+  Time last{};
+};
+
+/// A watcher and a publisher, each with a connection of its own, and how long what they do takes in round trips.
+struct FarAway {
+  static constexpr Duration kTrip = 400ms;
+
+  FarAway() {
+    dc.ensemble.distance = kTrip / 2;
+    dc.Destroy();
+    world->RunUntil(world->now + 60s);
+  }
+
+  std::shared_ptr<Connection> Connect() {
+    auto connection = std::make_shared<Connection>(
+        std::vector<zr::String>{dc.ensemble.servers.front().address + dc.chroot}, true, "", 3s, dc.name);
+    connection->Start(nullptr);
+    world->RunUntil(world->now + 10s);
+    return connection;
+  }
+
+  /// In round trips.
+  double Trips(const std::function<Time()>& act, Duration limit = 5s) {
+    const Time begin = act();
+    world->RunUntil(world->now + limit);
+    return listener->last < begin ? 1e9 : (listener->last - begin) / 1.0 / kTrip;
+  }
+
+  /// What comes in the way now and then counts no more than the half of the times.
+  double Median(const std::function<Time()>& act) {
+    std::vector<double> trips(15);
+    for (double& one : trips) one = Trips(act);
+    std::sort(trips.begin(), trips.end());
+    return trips[trips.size() / 2];
+  }
+
+  void AtMost(double limit, double trips, const char* what) {
+    if (trips > limit)
+      world->Violation(what + (" took " + std::to_string(trips)) + " round trips, not " +
+                       std::to_string(limit));
+  }
+
+  DataCenter dc{0};
+  std::shared_ptr<Listener> listener = std::make_shared<Listener>();
+};
+
+}  // namespace
+
+bool FollowsFromFarAway(std::uint64_t seed) {
+  World played(seed);
+  played.faults.reset();
+  FarAway far;
+  DataCenter& dc = far.dc;
+  dc.ids.resize(2000);
+  for (auto& id : dc.ids) dc.Put(id = DrawId());
+  auto watched = far.Connect();
+  const auto watcher = std::make_shared<ServiceWatcher>(watched, kService, [](int) {});
+  watcher->RegisterShared(far.listener);
+  far.AtMost(12, far.Trips([&] { return watcher->Start(), played.now; }, 30s), "the load of 2,000");
+
+  auto published = far.Connect();
+  std::unique_ptr<ServicePublisher> publisher;
+  const auto join = [&] {
+    publisher = std::make_unique<ServicePublisher>(published, kService, DrawId());
+    publisher->Publish(NewData("p"));
+    const Time end = played.now + 60s;
+    while (dc.HistoryOf(publisher->Id()).empty() && played.now < end) played.RunUntil(played.now + 1ms);
+    return played.now;
+  };
+  far.AtMost(1.6, far.Median(join), "a join");
+  far.AtMost(1.6, far.Median([&] { return dc.Put(dc.ids[0]), played.now; }), "an update");
+  far.AtMost(0.6, far.Median([&, i = 1UL]() mutable { return dc.Delete(dc.ids[i++]), played.now; }),
+             "a removal");
+
+  watcher->SetAudit({5min, 60s});
+  for (auto& link : dc.ensemble.servers.front().links) link->dataWatches.erase(dc.PathOf(dc.ids[0]));
+  far.AtMost(170, far.Trips([&] { return dc.Put(dc.ids[0]), played.now; }, 80s), "what the audit finds");
+  if (watcher->Status().drifts != 1) played.Violation("a drift was not counted");
+
+  const auto queue = std::make_shared<EventQueue>();
+  watcher->RegisterShared(queue);
+  watcher->SetMassRemovalGuard(MassRemovalGuard{0.1, 10s});
+  const auto holds = [&](Duration time) {
+    played.RunUntil(played.now + time);
+    bool held = false;
+    for (const auto& event : queue->Drain())
+      held = event.IsInstance() ? held : event.status.watcher.held != 0;
+    return held;
+  };
+  holds(5s);
+  dc.DeleteMany();
+  if (!holds(5s) || holds(20s)) played.Violation("what the guard holds is not told when it begins or ends");
+
+  auto other = std::make_shared<ServiceWatcher>(watched, "others", [](int) {});
+  other->Start();
+  played.RunUntil(played.now + 10s);
+  other.reset();
+  played.RunUntil(played.now + 10s);
+  if (watched->Status().reconnects != 0)
+    played.Violation("a watcher that ended cost its connection the handle");
+  if (!played.violation.empty())
+    std::cout << "seed " << seed << ", far away: " << played.violation << std::endl;
+  return played.violation.empty();
+}
+
+}  // namespace zr::halden::simulation

@@ -1,0 +1,22 @@
+// Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+
+namespace zr::halden::simulation {
+
+// Plays of a fixed course, for what chance seldom meets or no rule for all runs can tell. False, and said why, when
+// something is not as it must be.
+
+/// Clients that come back together read what they do not know at once, and what they know at moments of their own.
+bool SpreadsReads(std::uint64_t seed);
+
+/// A client that saw the newest and is left with nobody but a leader that was deposed does not believe what that one says.
+/// Seeds with one server play nothing.
+bool DistrustsDeposedLeaders(std::uint64_t seed);
+
+/// From far away a load, a join, an update and a removal take no more round trips than they need, a lost event is found
+/// by the audit, and a watcher that ends costs the others nothing.
+bool FollowsFromFarAway(std::uint64_t seed);
+
+}  // namespace zr::halden::simulation
