@@ -5,6 +5,7 @@
 #include <charconv>
 #include <set>
 #include <string>
+#include <system_error>
 
 namespace zr::halden::agent {
 
@@ -43,10 +44,22 @@ RenderOptions ParseRender(std::string_view text) {
   return options;
 }
 
+std::filesystem::path Resolved(const std::filesystem::path& path) {
+  constexpr int mostLinks = 40;  // as the system follows
+  std::error_code error;
+  auto place = std::filesystem::absolute(path);
+  for (int i = 0; i < mostLinks && std::filesystem::is_symlink(std::filesystem::symlink_status(place, error));
+       ++i) {
+    place = place.parent_path() / std::filesystem::read_symlink(place, error);
+  }
+  const auto folder = std::filesystem::canonical(place.parent_path(), error);
+  return error ? place : folder / place.filename();
+}
+
 void RefuseSharedTargets(const std::vector<RenderOptions>& files) {
   std::set<std::filesystem::path> targets;
   for (const auto& file : files) {
-    if (targets.insert(std::filesystem::weakly_canonical(file.target)).second) continue;
+    if (targets.insert(Resolved(file.target)).second) continue;
     throw RenderError("\"" + file.target.string() + "\" is the target of two templates");
   }
 }

@@ -39,6 +39,9 @@ struct RenderOptions {
 /// Of "TEMPLATE:TARGET" or "SERVICE:TEMPLATE:TARGET". Throws RenderError.
 RenderOptions ParseRender(std::string_view text);
 
+/// The path that links lead to, also where nothing is there yet.
+std::filesystem::path Resolved(const std::filesystem::path& path);
+
 /// Throws RenderError where two of them have the same target.
 void RefuseSharedTargets(const std::vector<RenderOptions>& files);
 

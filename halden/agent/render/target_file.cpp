@@ -25,13 +25,6 @@ using Path = std::filesystem::path;
   throw RenderError(what + " \"" + path.string() + "\": " + std::generic_category().message(error));
 }
 
-/// As it is where links lead; as it is given while it is not there.
-Path Resolved(const Path& path) {
-  std::error_code error;
-  const auto real = std::filesystem::canonical(path, error);
-  return error ? std::filesystem::absolute(path) : real;
-}
-
 std::optional<struct stat> StatusOf(const Path& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) == 0) return status;

@@ -121,9 +121,9 @@ TEST_F(RenderTest, NoInstanceCanAddWordsOrLines) {
 }
 
 TEST_F(RenderTest, ReloadsOnlyWhatHasChangedAndKeepsModeAndLink) {
-  Write("real", "old");
+  std::filesystem::create_symlink("real", m_options.target);
+  EXPECT_EQ(Run({"old"}), RenderResult::Written) << "what the link names is not there yet";
   chmod(File("real").c_str(), 0640);
-  std::filesystem::create_symlink(File("real"), m_options.target);
   m_options.check =
       "grep -q a \"$HALDEN_FILE\" && test \"$(cat \"$HALDEN_TARGET\")\" != \"$(cat \"$HALDEN_FILE\")\"";
   m_options.reload = "cat \"$HALDEN_FILE\" >>'" + File("reloads").string() + "'";
