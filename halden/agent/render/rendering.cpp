@@ -22,19 +22,18 @@ RenderOutcome Rendering::Run(const std::vector<std::string>& lists) try {
 
 RenderOutcome Rendering::Bring(const TemplateData& data) {
   const auto present = m_target.Read();
-  if (present && !data.empty.empty() && !m_options.allowEmpty) {
-    return {RenderResult::HeldBack, data.empty.front(), data.instances, present->size()};
-  }
-  const std::string content = m_template.Render(data);
+  const bool isHeldBack = present && !data.empty.empty() && !m_options.allowEmpty;
+  const std::string content = isHeldBack ? *present : m_template.Render(data);
   const bool differs = present != content;
   if (differs) Replace(content);
-  if (!m_options.reload.empty() && m_target.IsReloadOwed()) {
+  const bool isOwed = !m_options.reload.empty() && m_target.IsReloadOwed();
+  if (isOwed) {  // also for what was written before it is held back
     RunChecked("reload", m_options.reload);
     m_target.SetReloadOwed(false);
-  } else if (!differs) {
-    return {RenderResult::Unchanged, "", data.instances, content.size()};
   }
-  return {RenderResult::Written, "", data.instances, content.size()};
+  if (isHeldBack) return {RenderResult::HeldBack, data.empty.front(), data.instances, content.size()};
+  const auto result = differs || isOwed ? RenderResult::Written : RenderResult::Unchanged;
+  return {result, "", data.instances, content.size()};
 }
 
 void Rendering::Replace(const std::string& content) try {

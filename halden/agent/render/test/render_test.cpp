@@ -143,6 +143,7 @@ TEST_F(RenderTest, AReloadThatFailedIsMadeUpForThoughNothingChanges) {
   m_options.reload = "test -e '" + File("well").string() + "'";
   EXPECT_EQ(Run({"a"}), RenderResult::Failed);
   EXPECT_EQ(Run({"a"}), RenderResult::Failed) << "also after a restart";
+  EXPECT_EQ(Run({}), RenderResult::Failed) << "also while nothing may be written";
   Write("well", "");
   EXPECT_EQ(Run({"a"}), RenderResult::Written);
   EXPECT_EQ(Run({"a"}), RenderResult::Unchanged);
