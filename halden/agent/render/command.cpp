@@ -111,7 +111,8 @@ class RunningCommand {
       std::array<pollfd, 3> polled{pollfd{m_ended.Get(), POLLIN, 0}, pollfd{stop, POLLIN, 0},
                                    pollfd{hasOutput ? m_output.Get() : -1, POLLIN, 0}};
       const int ready = poll(polled.data(), polled.size(), static_cast<int>(std::max<long>(left.count(), 0)));
-      if (ready == 0) return "killed: it took too long" + Printed();
+      // Also where there is always more to read.
+      if (ready == 0 || left.count() <= 0) return "killed: it took too long" + Printed();
       if (ready < 0 && errno != EINTR) return "cannot wait for it: " + ErrorText(errno);
       if (ready < 0) continue;
       if (polled[0].revents != 0) return Result();
@@ -121,18 +122,19 @@ class RunningCommand {
   }
 
  private:
+  static constexpr std::size_t kMostText = 2048;  // the first words say what is wrong
+
   /// False at its end, or for now.
   bool ReadOutput() {
-    constexpr std::size_t most = 2048;  // the first words say what is wrong
     std::array<char, 4096> part{};
     const ssize_t length = read(m_output.Get(), part.data(), part.size());
     if (length <= 0) return false;
-    m_text.append(part.data(), std::min(static_cast<std::size_t>(length), most - m_text.size()));
+    m_text.append(part.data(), std::min(static_cast<std::size_t>(length), kMostText - m_text.size()));
     return true;
   }
 
   std::string Printed() {
-    while (ReadOutput()) {
+    while (m_text.size() < kMostText && ReadOutput()) {
     }
     while (!m_text.empty() && m_text.back() == '\n') m_text.pop_back();
     return m_text.empty() ? "" : ": " + m_text;

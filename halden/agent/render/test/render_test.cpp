@@ -173,6 +173,8 @@ TEST_F(RenderTest, CommandsInheritNeitherDescriptorsNorSignalsAndEndInTime) {
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(RunCommand("echo said; sleep 60 & sleep 60", {}, 100ms, m_stop.Get()),
             "killed: it took too long: said");
+  EXPECT_THAT(RunCommand("for i in 1 2 3 4; do yes & done; yes", {}, 100ms, m_stop.Get()),
+              StartsWith("killed: it took too long: y\n"));
   EXPECT_EQ(RunCommand("sleep 60 &", {}, 60s, m_stop.Get()), "")
       << "what it leaves running is not waited for";
   eventfd_write(m_stop.Get(), 1);
