@@ -117,6 +117,7 @@ std::chrono::milliseconds RetryPause(unsigned failures) {
 ///
 ///   Idle --change--> Waiting --its time has come--> Working --done--> Idle
 ///   Waiting --change--> Waiting, for longer
+///   Waiting --its time has come, and there is nothing to make it of yet--> Idle
 ///   Working --done, and it has failed or something has changed meanwhile--> Waiting
 class FileRenderer::State : public std::enable_shared_from_this<State> {
  public:
@@ -173,8 +174,9 @@ class FileRenderer::State : public std::enable_shared_from_this<State> {
 
   void Begin() {
     auto lists = m_lists();  // should it throw, the next change tries again
-    SetPhase(Phase::Working);
     m_firstChange.reset();
+    if (lists.empty()) return SetPhase(Phase::Idle);
+    SetPhase(Phase::Working);
     m_worker->Begin(std::move(lists));
   }
 

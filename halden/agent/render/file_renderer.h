@@ -31,7 +31,7 @@ struct RenderCounters {
 class FileRenderer {
  public:
   /// The lists of all services that the file is made of, as /v1/services/S/instances returns them. Called only when a
-  /// file is about to be made.
+  /// file is about to be made. None: not all of them were read; then nothing is made before the next change.
   using Lists = std::function<std::vector<std::string>()>;
 
   FileRenderer(const boost::asio::any_io_executor& loop, const RenderOptions& options, Lists lists);

@@ -11,6 +11,7 @@ void Files::Configure(const std::vector<RenderOptions>& options) {
   for (const auto& option : options) {
     auto lists = [this, service = option.service] {
       std::vector<std::string> texts;
+      if (Tags(service).empty()) return texts;  // a service or a data centre has come since
       for (const auto& [name, view] : m_views) {
         if (service.empty() || service == name) texts.push_back(view->List({}));
       }
@@ -25,9 +26,7 @@ void Files::Configure(const std::vector<RenderOptions>& options) {
 void Files::OnChange() {
   for (File& file : m_files) {
     std::string tags = Tags(file.service);
-    if (tags.empty() || tags == file.told) continue;
-    file.told = std::move(tags);
-    file.renderer->Changed();
+    if (std::exchange(file.told, tags) != tags && !tags.empty()) file.renderer->Changed();
   }
 }
 
