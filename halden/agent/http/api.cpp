@@ -243,9 +243,17 @@ Api::Text Api::Cached(KnownTexts& known, const std::shared_ptr<const ServiceView
   return last.text;
 }
 
-/// Each text counts until its last reader has taken it: readers that are slow must not hold ever more of them.
-Api::Text Api::Budgeted(std::string text) const {
+/// Each text counts until its last reader has taken it: readers that are slow must not hold ever more of them. Those
+/// that are only kept for the next reader give way.
+Api::Text Api::Budgeted(std::string text) {
   const std::size_t size = text.size();
+  if (*m_bodyBytes + size > m_mostBodyBytes) {
+    for (KnownTexts* known : {&m_lists, &m_targets}) {
+      for (auto& [service, one] : *known) {
+        if (one.text.use_count() == 1) one = {};
+      }
+    }
+  }
   if (*m_bodyBytes + size > m_mostBodyBytes && *m_bodyBytes != 0) {
     throw Refused{TryLater("Ask again later: too many answers are being read slowly.")};
   }

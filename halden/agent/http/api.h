@@ -76,7 +76,7 @@ class Api {
   const std::shared_ptr<const ServiceView>& Find(const std::string& service) const;
   Text Cached(KnownTexts& known, const std::shared_ptr<const ServiceView>& view, const std::string& asked,
               const std::function<std::string()>& make);
-  Text Budgeted(std::string text) const;
+  Text Budgeted(std::string text);
 
   const ServiceViews& m_views;
   const HttpMetrics& m_metrics;
