@@ -79,7 +79,11 @@ std::string EventStream::Next(Clock::time_point now) {
   std::string text;
   if (!m_begun) text = "retry: 2000\n\n";
   m_begun = true;
-  for (std::size_t i = 0; i < m_views.size(); ++i) TellNext(*m_views[i], m_sources[i], text);
+  for (std::size_t i = 0; i < m_views.size(); ++i) {
+    const std::size_t next = (m_turn + i) % m_views.size();
+    TellNext(*m_views[next], m_sources[next], text);
+  }
+  m_turn = (m_turn + 1) % m_views.size();
   if (now >= m_nextHeartbeat) {
     text += "event: heartbeat\ndata: {}\n\n";
     m_nextHeartbeat = now + kHeartbeat;

@@ -48,6 +48,7 @@ class EventStream {
 
   const std::vector<std::shared_ptr<const ServiceView>> m_views;
   std::vector<Source> m_sources;  // one for each view
+  std::size_t m_turn = 0;         // whose turn it is to be first: the others may find no room
   bool m_begun = false;
   bool m_hasId = true;  // the client may have one
   Clock::time_point m_nextHeartbeat;
