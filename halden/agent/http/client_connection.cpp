@@ -292,16 +292,22 @@ void ClientConnection::Leave() {
 /// streams that would be noticed by the next write only. That something can be read may be said of what was read
 /// already, so it is looked at.
 void ClientConnection::AwaitBytes(std::function<void()> then) {
-  m_socket.async_wait(Socket::wait_read, [self = shared_from_this(),
-                                          then = std::move(then)](const error_code& error) mutable {
-    if (self->m_state == ClientState::Closed) return;
-    char byte = 0;
-    const auto got = recv(self->m_socket.native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-    const bool nothing = got < 0 && (errno == EAGAIN || errno == EINTR);
-    if (error || got == 0 || (got < 0 && !nothing)) return self->Close();
-    if (nothing) return self->AwaitBytes(std::move(then));
-    then();
+  m_onBytes = std::move(then);
+  if (std::exchange(m_awaitingBytes, true)) return;  // since an earlier request
+  m_socket.async_wait(Socket::wait_read, [self = shared_from_this()](const error_code& error) {
+    self->m_awaitingBytes = false;
+    if (self->m_state != ClientState::Closed) self->OnBytes(error);
   });
+}
+
+void ClientConnection::OnBytes(const error_code& error) {
+  char byte = 0;
+  const auto got = recv(m_socket.native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  const bool nothing = got < 0 && (errno == EAGAIN || errno == EINTR);
+  if (error || got == 0 || (got < 0 && !nothing)) return Close();
+  const auto then = std::exchange(m_onBytes, nullptr);
+  if (nothing) return AwaitBytes(then);
+  then();
 }
 
 void ClientConnection::Close() {

@@ -76,6 +76,7 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   void Stream(BeginStream begin);
   void SendPiece();
   void AwaitBytes(std::function<void()> then);
+  void OnBytes(const boost::system::error_code& error);
 
   Socket m_socket;
   Server& m_server;
@@ -92,8 +93,10 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   bool m_keepAlive = true;                    // after this answer
   bool m_leaving = false;                     // the agent ends
   bool m_idle = false;                        // between two requests
-  std::optional<WaitForChange> m_wait;        // in Waiting
-  std::unique_ptr<EventStream> m_stream;      // in Streaming
+  bool m_awaitingBytes = false;
+  std::function<void()> m_onBytes;        // once they are there
+  std::optional<WaitForChange> m_wait;    // in Waiting
+  std::unique_ptr<EventStream> m_stream;  // in Streaming
 };
 
 }  // namespace zr::halden::agent
