@@ -66,8 +66,8 @@ void FollowedService::Await() {
                         [weak = weak_from_this()](const boost::system::error_code& error) {
                           const auto self = weak.lock();
                           if (error || !self) return;
+                          self->Await();  // first: whatever fails below, the rest is taken
                           self->Drain();
-                          self->Await();
                         });
 }
 

@@ -68,8 +68,8 @@ void Server::Accept(Acceptor& acceptor) {
   acceptor.async_accept([this, &acceptor](const error_code& error, auto socket) {
     if (error == asio::error::operation_aborted || !acceptor.is_open()) return;
     if (!error) {
-      Take(ClientConnection::Socket(std::move(socket)));
-      return Accept(acceptor);
+      Accept(acceptor);  // first: whatever fails below, others are taken
+      return Take(ClientConnection::Socket(std::move(socket)));
     }
     // Out of descriptors, most likely: some will be free again.
     constexpr std::chrono::milliseconds pause{100};

@@ -214,28 +214,25 @@ void Agent::AwaitReload() {
   m_reload.async_wait(asio::posix::stream_descriptor::wait_read, [this](const error_code& error) {
     if (error) return;
     m_takeReload();
+    AwaitReload();  // first: whatever fails below, the next one is heard
     m_manager.Tell("RELOADING=1");
     Reload();
     m_manager.Tell("READY=1");
-    AwaitReload();
   });
 }
 
 /// What was wrong before is better than what is half right: with faults all stays as it is.
-void Agent::Reload() {
+void Agent::Reload() try {
   const Configuration loaded = Load(m_options);
   if (!loaded.faults.empty()) {
     ZRLOG(ZRLOG_ERROR, Log()) << "the configuration is not read again, faults=" << loaded.faults;
     return;
   }
-  try {
-    Follow(loaded.settings, loaded.ensembles);
-  } catch (const std::exception& e) {
-    ZRLOG(ZRLOG_ERROR, Log()) << "the configuration could not be applied, error=" << e.what();
-    return;
-  }
+  Follow(loaded.settings, loaded.ensembles);
   ZRLOG(ZRLOG_INFO, Log()) << "read the configuration again, services=" << m_follower.Views().size()
                            << ", data_centers=" << loaded.ensembles.size();
+} catch (const std::exception& e) {
+  ZRLOG(ZRLOG_ERROR, Log()) << "the configuration could not be applied, error=" << e.what();
 }
 
 void Agent::TellManager() {
