@@ -1,6 +1,8 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "agent/http/server.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +10,8 @@
 #include <chrono>
 #include <filesystem>
 #include <utility>
+
+#include "base/file_descriptor.h"
 
 namespace zr::halden::agent {
 
@@ -18,12 +22,27 @@ using Local = asio::local::stream_protocol;
 
 namespace {
 
-/// Whether somebody takes connections there.
-bool IsServed(const asio::any_io_executor& loop, const Local::endpoint& endpoint) {
-  Local::socket probe(loop);
+/// Nobody takes connections there. One who does, and is frozen, must not keep us waiting.
+bool IsAbandoned(const asio::any_io_executor& loop, const Local::endpoint& endpoint) {
+  Local::socket probe(loop, endpoint.protocol());
+  probe.non_blocking(true);
   error_code error;
   probe.connect(endpoint, error);
-  return !error;
+  return error == asio::error::connection_refused;
+}
+
+/// The file's number; 0 where there is none. Nobody else's has it while we hold ours open.
+std::uint64_t NodeOf(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+/// Of two agents that begin at once the second finds the first: what it returns is to be held until that listens.
+details::FileDescriptor LockFolder(const std::string& path) {
+  const auto folder = std::filesystem::absolute(path).parent_path();
+  details::FileDescriptor locked(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (locked) static_cast<void>(flock(locked.Get(), LOCK_EX));
+  return locked;
 }
 
 }  // namespace
@@ -40,7 +59,7 @@ Server::Server(asio::io_context& loop, const ServiceViews& views, std::span<cons
 Server::~Server() {
   const auto clients = m_clients;  // each takes itself out
   for (const auto& client : clients) client->Close();
-  if (!m_path.empty()) unlink(m_path.c_str());
+  GivePathUp();
 }
 
 std::uint16_t Server::Listen(const tcp::endpoint& endpoint) {
@@ -54,13 +73,21 @@ std::uint16_t Server::Listen(const tcp::endpoint& endpoint) {
 
 void Server::Listen(const std::string& path) {
   const Local::endpoint endpoint(path);
+  const auto lock = LockFolder(path);
   const bool isSocket = std::filesystem::is_socket(std::filesystem::symlink_status(path));
-  if (isSocket && !IsServed(m_local.get_executor(), endpoint)) unlink(path.c_str());
+  if (isSocket && IsAbandoned(m_local.get_executor(), endpoint)) unlink(path.c_str());
   m_local.open(endpoint.protocol());
   m_local.bind(endpoint);
   m_path = path;
+  m_pathNode = NodeOf(path);
   m_local.listen();
   Accept(m_local);
+}
+
+/// Before the socket closes: the next agent may take the name from then on, and that one's must stay.
+void Server::GivePathUp() {
+  if (m_pathNode != 0 && NodeOf(m_path) == m_pathNode) unlink(m_path.c_str());
+  m_pathNode = 0;
 }
 
 template <typename Acceptor>
@@ -99,6 +126,7 @@ void Server::OnChange() {
 void Server::Leave() {
   error_code ignored;
   m_tcp.close(ignored);
+  GivePathUp();
   m_local.close(ignored);
   const auto clients = m_clients;
   for (const auto& client : clients) client->Leave();

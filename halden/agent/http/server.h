@@ -59,6 +59,7 @@ class Server {
  private:
   template <typename Acceptor>
   void Accept(Acceptor& acceptor);
+  void GivePathUp();
   void Take(ClientConnection::Socket socket);
 
   const ServiceViews& m_views;
@@ -68,7 +69,8 @@ class Server {
   Api m_api;
   boost::asio::ip::tcp::acceptor m_tcp;
   boost::asio::local::stream_protocol::acceptor m_local;
-  std::string m_path;  // of the local one, if there is one
+  std::string m_path;            // of the local one, if there is one
+  std::uint64_t m_pathNode = 0;  // the file there, while it is ours
   std::set<std::shared_ptr<ClientConnection>> m_clients;
   std::set<ClientConnection*> m_listeners;  // of them, those that wait or stream
 };

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -189,7 +190,8 @@ TEST_F(AgentTest, StreamsGoOnWhereTheyWereCutAndBeginAnewWithAnotherAgent) {
 
 TEST_F(AgentTest, KeepsServingWhatIsStaleAndSaysSo) {
   m_publisher->Publish("orders", Id(1), Data("h1"));
-  StartAgent();
+  const auto socket = m_folder.Path() / "socket";
+  StartAgent("--socket " + socket.string());
   RawClient stream = Stream();
   stream.ReadUntil("event: synced");
   m_publisher.reset();
@@ -203,12 +205,16 @@ TEST_F(AgentTest, KeepsServingWhatIsStaleAndSaysSo) {
   const std::string everything =
       m_agent->Ask("/v1/services") + m_agent->Ask("/v1/services/orders/status") + m_agent->Ask("/metrics");
   EXPECT_THAT(everything, Not(HasSubstr(m_server.ConnectString())));
-  AgentProcess unread(Words());  // which has never read it
+  std::filesystem::remove(socket);
+  AgentProcess unread(Words("--socket " + socket.string()));  // which has never read it
   EXPECT_THAT(unread.Ask("/readyz"), StartsWith("HTTP/1.1 503 "));
   EXPECT_THAT(unread.Ask("/v1/prometheus/orders"), StartsWith("HTTP/1.1 503 "));
   m_server.Start();
   EXPECT_THAT(stream.ReadUntil("\"live\""), Not(HasSubstr("removed")));
   unread.Await("/readyz", "200 OK");
+  m_agent->Signal(SIGTERM);
+  EXPECT_EQ(m_agent->End(), 0);
+  EXPECT_TRUE(std::filesystem::exists(socket)) << "it is the other's by now";
 }
 
 TEST_F(AgentTest, SlowGreedyAndBrokenClientsHarmNobodyElse) {
