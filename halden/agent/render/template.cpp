@@ -79,9 +79,16 @@ class TagCheck {
       Close(at, name);
     } else {
       if (!IsKnown(name)) Fail(m_file, m_text, at, "nothing is called \"" + std::string(name) + "\"");
-      if (sigil == '#' || sigil == '^') m_sections.push_back(name);
+      if (sigil == '#' || sigil == '^') Open(at, name);
     }
     return true;
+  }
+
+  /// Parsed sections are gone through, and freed, one inside the other.
+  void Open(std::size_t at, std::string_view name) {
+    constexpr std::size_t deepest = 100;
+    m_sections.push_back(name);
+    if (m_sections.size() > deepest) Fail(m_file, m_text, at, "more than 100 sections are open");
   }
 
   void Close(std::size_t at, std::string_view name) {
@@ -123,6 +130,12 @@ class TagCheck {
   std::vector<std::string_view> m_sections;  // that are open
 };
 
+/// The text, once it may be parsed.
+const std::string& Checked(const std::filesystem::path& file, const std::string& text) {
+  TagCheck(file, text).Run();
+  return text;
+}
+
 std::string Word(std::string text) {
   constexpr std::string_view unsafe = " \"'`#;$\\{}()<>|&!%";
   std::replace_if(
@@ -133,8 +146,7 @@ std::string Word(std::string text) {
 }  // namespace
 
 Template::Template(const std::filesystem::path& file)
-    : m_file(file), m_text(ReadTemplate(file)), m_parsed(m_text) {
-  TagCheck(m_file, m_text).Run();
+    : m_file(file), m_text(ReadTemplate(file)), m_parsed(Checked(m_file, m_text)) {
   if (!m_parsed.is_valid()) {
     const std::string message = m_parsed.error_message();  // "... at OFFSET"
     const auto at = message.rfind(" at ");

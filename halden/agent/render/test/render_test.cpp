@@ -76,6 +76,8 @@ class RenderTest : public Test {
 };
 
 TEST_F(RenderTest, TemplatesThatAreWrongSayWhere) {
+  std::string deep;
+  for (int i = 0; i < 101; ++i) deep += "{{#id}}";
   const std::vector<std::pair<std::string, std::string>> wrong = {
       {"a\n  {{#instances}}\nb", ":2:3: Unclosed section"},
       {"{{#instances}}\n{{/instance}}{{/instances}}",
@@ -85,6 +87,7 @@ TEST_F(RenderTest, TemplatesThatAreWrongSayWhere) {
       {"{{#instances}}\n x {{hots}}\n{{/instances}}", ":2:4: nothing is called \"hots\""},
       {"{{=<% %>=}}{{\n<% status_is.ok %><%status.id2%>", ":2:19: nothing is called \"status.id2\""},
       {"{{> other}}", ":1:1: a template cannot include"},
+      {deep, ":1:701: more than 100 sections are open"},
   };
   for (const auto& [text, place] : wrong) {
     const auto render = [&, wrongText = text] { Render(wrongText, List({"h"})); };
