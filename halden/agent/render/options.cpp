@@ -62,6 +62,10 @@ void RefuseSharedTargets(const std::vector<RenderOptions>& files) {
     if (targets.insert(Resolved(file.target)).second) continue;
     throw RenderError("\"" + file.target.string() + "\" is the target of two templates");
   }
+  for (const auto& file : files) {
+    if (!targets.contains(Resolved(file.source))) continue;
+    throw RenderError("the template \"" + file.source.string() + "\" would be replaced: it is a target, too");
+  }
 }
 
 RenderWait ParseRenderWait(std::string_view text) {

@@ -42,7 +42,7 @@ RenderOptions ParseRender(std::string_view text);
 /// The path that links lead to, also where nothing is there yet.
 std::filesystem::path Resolved(const std::filesystem::path& path);
 
-/// Throws RenderError where two of them have the same target.
+/// Throws RenderError where two of them have the same target, or one is a template.
 void RefuseSharedTargets(const std::vector<RenderOptions>& files);
 
 /// Of "MIN:MAX" in seconds, such as "0.5:5", or of one number for both. Throws RenderError.
