@@ -13,7 +13,7 @@ namespace zr::halden::details {
 
 bool WatcherDelivery::Restore(const Snapshotted& service, std::vector<KeptInstance> instances) {
   zr::MutexLock lock(m_mtx);
-  if (m_status.freshness != Freshness::NeverSynchronized) return false;
+  if (m_origin.compared || m_status.freshness != Freshness::NeverSynchronized) return false;
   if (m_origin.read && m_origin.read != service.serviceCzxid) return false;  // the first read has got ahead
   m_status.freshness = Freshness::Restored;  // before the instances: the end of the first read looks for it
   m_status.restoredAsOf = service.asOf;
@@ -43,6 +43,7 @@ void WatcherDelivery::DropUnlisted(const std::function<bool(const ServiceId&)>& 
   std::vector<ServiceId> known;
   {
     const zr::MutexLock lock(m_mtx);
+    m_origin.compared = true;
     if (m_status.freshness != Freshness::Restored) return;
     known = m_table.List();
   }

@@ -103,6 +103,7 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
     std::optional<std::int64_t> read;      // czxid of the service's node, as read last
     std::optional<std::int64_t> restored;  // ... of the snapshot; none once compared
     std::uint64_t staleRevision = 0;       // of the table when it was live last
+    bool compared = false;  // with the lists: what is restored later would stay, whatever they say
   };
 
   /// What the status handler is told the changes of.
