@@ -12,6 +12,9 @@ namespace zr::halden::agent {
 
 namespace {
 
+/// Of what nobody can go on from.
+constexpr std::string_view kNoId = "none";
+
 std::string_view NameOf(Change::Kind kind) {
   switch (kind) {
     case Change::Kind::Added:
@@ -54,7 +57,7 @@ std::vector<std::string_view> Tags(std::string_view id) {
 EventStream::EventStream(std::vector<std::shared_ptr<const ServiceView>> views, std::string_view lastEventId,
                          Clock::time_point now)
     : m_views(std::move(views)), m_sources(m_views.size()), m_nextHeartbeat(now + kHeartbeat) {
-  auto tags = Tags(lastEventId);
+  auto tags = Tags(lastEventId == kNoId ? std::string_view() : lastEventId);
   tags.resize(m_views.size());
   for (std::size_t i = 0; i < m_views.size(); ++i) Welcome(*m_views[i], m_sources[i], tags[i]);
 }
@@ -123,7 +126,7 @@ void EventStream::AppendId(std::string& text) {
     }
     text += '\n';
   } else if (m_hasId) {
-    text += "id\n";
+    text.append("id: ").append(kNoId) += '\n';
   }
   text += '\n';
   m_hasId = resumable;

@@ -16,7 +16,8 @@ namespace zr::halden::agent {
 /// can take it: nothing waits here.
 ///
 /// An event has an id where a client that has taken it, and nothing later, can go on from it. The first that has none
-/// takes the id back, so that a browser which loses its connection then begins anew instead of being told twice.
+/// takes the id back, so that a browser which loses its connection then begins anew instead of being told twice. It does so
+/// by an id of its own: after an empty one clients send none, and the id that they began with, in the query, would count.
 class EventStream {
  public:
   using Clock = std::chrono::steady_clock;

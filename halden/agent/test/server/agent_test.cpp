@@ -180,6 +180,10 @@ TEST_F(AgentTest, StreamsGoOnWhereTheyWereCutAndBeginAnewWithAnotherAgent) {
       second.ReadEvent("modified"),
       AllOf(ContainsRegex("resumed.*event: removed.*event: modified.*\"h3\""), Not(HasSubstr("reset"))));
   EXPECT_THAT(Stream("/v1/events?service=orders", last).ReadUntil("removed"), HasSubstr("resumed"));
+  const auto query =
+      "?last_event_id=" + Id(added);  // of a stream that was cut where its id had been taken back
+  EXPECT_THAT(begin, HasSubstr("\"new\"}\nid: none\n"));
+  EXPECT_THAT(Stream(kEvents + query, "Last-Event-ID: none\r\n").ReadUntil("synced"), HasSubstr("\"new\""));
 
   m_agent->Signal(SIGTERM);
   EXPECT_EQ(second.ReadToEnd(), "retry: 1000\n\n");
