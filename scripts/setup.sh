@@ -18,7 +18,7 @@ if [[ "${1:-}" == "--clang" ]]; then # what scripts/check.sh and scripts/fuzz.sh
   packages+=(clang libclang-rt-dev clang-format clang-tidy)
 fi
 if [[ "${1:-}" == "--tests" ]]; then # what scripts/test.sh needs on top
-  packages+=(chromium-headless-shell haproxy systemd)
+  packages+=(chromium-headless-shell haproxy prometheus systemd)
 fi
 if [[ "${1:-}" == "--docs" ]]; then # what scripts/api_docs.sh needs on top
   packages+=(doxygen)

@@ -88,13 +88,15 @@ class RawClient {
   std::string m_text;
 };
 
-/// `halden serve`, at a port of its own. Killed when it outlives the test.
+/// `halden serve`, at a port of its own or a given one. Killed when it outlives the test.
 class AgentProcess {
  public:
-  explicit AgentProcess(const std::string& words) {
+  explicit AgentProcess(const std::string& words, std::uint16_t port = 0) {
     std::array<int, 2> ends{};
     EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
-    const std::string line = "exec " HALDEN_COMMAND " serve --listen 127.0.0.1:0 --log-level off " + words;
+    const std::string line =
+        "exec " HALDEN_COMMAND " serve --log-level off --listen 127.0.0.1:" + std::to_string(port) + ' ' +
+        words;
     m_pid = fork();
     if (m_pid == 0) {
       prctl(PR_SET_PDEATHSIG, SIGKILL);
