@@ -11,7 +11,6 @@
 #include <memory>
 #include <optional>
 #include <string_view>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -112,8 +111,8 @@ class ZR_EXPORT EventQueue final : public ServiceWatcherObserver {
  private:
   friend class details::WatcherDelivery;
 
-  using Key = std::tuple<zr::String, zr::String, ServiceId>;  // service, data centre
-  using DataCenterKey = std::pair<zr::String, zr::String>;    // service, data centre
+  using DataCenterKey = std::pair<zr::String, zr::String>;  // service, data centre
+  using Key = std::pair<const DataCenterKey*, ServiceId>;   // in m_dataCenters: there are many instances of each
 
   struct Waiting {
     const Key* instance = nullptr;       // in m_instances; null for
@@ -139,6 +138,7 @@ class ZR_EXPORT EventQueue final : public ServiceWatcherObserver {
   using InstanceMap = std::map<Key, Instance>;
 
   void Change(const ServiceWatcher& watcher, const ServiceId& id, const ServiceInstanceData* data);
+  const DataCenterKey* KeyOf(const ServiceWatcher& watcher) ZR_REQUIRES(m_mtx);
   void Reconcile(const ServiceWatcher& watcher);
   void Tell(const ServiceWatcher& watcher, ServiceEvent::Kind kind, const DataCenterStatus& status);
   std::optional<ServiceEvent> Take() ZR_REQUIRES(m_mtx);
@@ -155,7 +155,7 @@ class ZR_EXPORT EventQueue final : public ServiceWatcherObserver {
   mutable zr::Mutex m_mtx;  // no foreign code runs with it held
   zr::ConditionVariable m_changed;
   InstanceMap m_instances ZR_GUARDED_BY(m_mtx);
-  std::map<DataCenterKey, DataCenter> m_dataCenters ZR_GUARDED_BY(m_mtx);
+  std::map<DataCenterKey, DataCenter> m_dataCenters ZR_GUARDED_BY(m_mtx);  // only grows
   Order m_order ZR_GUARDED_BY(m_mtx);            // what waits, oldest first
   bool m_readable ZR_GUARDED_BY(m_mtx) = false;  // the descriptor is
   bool m_closed ZR_GUARDED_BY(m_mtx) = false;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <ostream>
 #include <system_error>
+#include <tuple>
 #include <utility>
 
 #include "base/wait_limit.h"
@@ -92,10 +93,10 @@ void EventQueue::OnInstanceModified(ServiceWatcher& watcher, const ServiceId& in
 /// `data` is null for what is removed. What the consumer has decides, not the kind of the event: another
 /// watcher of the same data centre tells everything as added.
 void EventQueue::Change(const ServiceWatcher& watcher, const ServiceId& id, const ServiceInstanceData* data) {
-  const Key key(watcher.ServiceName(), watcher.DataCenterName(), id);
   auto copy = data != nullptr ? std::make_unique<ServiceInstanceData>(*data) : nullptr;
   const zr::MutexLock lock(m_mtx);
   if (m_closed || !*watcher.m_current) return;
+  const Key key(KeyOf(watcher), id);
   if (!copy) {
     if (const auto found = m_instances.find(key); found != m_instances.end()) Remove(found);
     return;
@@ -106,18 +107,22 @@ void EventQueue::Change(const ServiceWatcher& watcher, const ServiceId& id, cons
   entry->second.data = std::move(copy);
 }
 
+const EventQueue::DataCenterKey* EventQueue::KeyOf(const ServiceWatcher& watcher) {
+  return &m_dataCenters.try_emplace({watcher.ServiceName(), watcher.DataCenterName()}).first->first;
+}
+
 /// The watcher has read everything and told it. What it does not know, and was told by one that is not in use
 /// any more, has gone while neither was there to tell.
 void EventQueue::Reconcile(const ServiceWatcher& watcher) {
   auto known = watcher.ListInstances();
   std::sort(known.begin(), known.end());
-  const Key first(watcher.ServiceName(), watcher.DataCenterName(), ServiceId{});
   const zr::MutexLock lock(m_mtx);
   if (m_closed) return;
-  for (auto next = m_instances.lower_bound(first); next != m_instances.end();) {
+  const auto* const dataCenter = KeyOf(watcher);
+  for (auto next = m_instances.lower_bound({dataCenter, ServiceId{}}); next != m_instances.end();) {
     const auto entry = next++;
-    const auto& [service, dcName, id] = entry->first;
-    if (service != watcher.ServiceName() || dcName != watcher.DataCenterName()) return;
+    const auto& [itsDataCenter, id] = entry->first;
+    if (itsDataCenter != dataCenter) return;
     if (!*entry->second.current && !std::binary_search(known.begin(), known.end(), id)) Remove(entry);
   }
 }
@@ -167,7 +172,8 @@ void EventQueue::Drop(std::optional<Order::iterator>& place) {
 ServiceEvent EventQueue::TakeInstance(InstanceMap::iterator entry) {
   Instance& instance = entry->second;
   ServiceEvent event;
-  std::tie(event.service, event.dcName, event.id) = entry->first;
+  event.id = entry->first.second;
+  std::tie(event.service, event.dcName) = *entry->first.first;
   if (instance.removed) {
     event.kind = ServiceEvent::Kind::Removed;
     instance.removed = instance.handedOut = false;
