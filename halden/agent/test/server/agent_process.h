@@ -11,11 +11,13 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -66,6 +68,13 @@ class RawClient {
     return read += ReadUntil("\n\n");
   }
   std::string ReadToEnd() { return ReadUntil("no answer has this in it"); }
+  /// What has come by now; null once the other has ended it and all was read.
+  std::optional<std::string> ReadNow() const {
+    std::array<char, 4096> part{};
+    const ssize_t length = recv(m_socket, part.data(), part.size(), MSG_DONTWAIT);
+    if (length == 0 || (length < 0 && errno != EAGAIN)) return std::nullopt;
+    return std::string(part.data(), length < 0 ? 0 : static_cast<std::size_t>(length));
+  }
   /// Goes away without a word, or with a reset.
   void Reset() {
     const linger hard{1, 0};

@@ -18,6 +18,7 @@
 #include "halden/testing/tcp_proxy.h"
 #include "halden/testing/zookeeper_ensemble.h"
 #include "logger/sink.h"
+#include "soak/stream_reader.h"
 #include "support/ensemble_test.h"
 #include "support/recording_observer.h"
 
@@ -238,6 +239,7 @@ struct Soak {
       Do(random.AnyOf(verbs));
       random.Rest(400ms);
       managed.checker->Drain();  // the other queue merges what comes in a whole round
+      stream.Read();
     }
     for (auto& dc : dcs) dc.writing = false;
     for (auto& dc : dcs) dc.HealNetwork();
@@ -256,7 +258,11 @@ struct Soak {
       client.Publish("truths", ServiceId(), ServiceInstanceData());  // who has written reads nothing older
       ReadInto(truth, client, dc.name, kService);
     }
-    const auto wrong = [&] { return managed.Wrong(truth) + application.Wrong(truth); };
+    const auto wrong = [&] {
+      stream.Read();
+      return managed.Wrong(truth) + application.Wrong(truth) + stream.wrong +
+             Difference("the stream's reader", stream.told, truth);
+    };
     Poll(kLimit, [&] { return wrong().empty(); });
     if (const auto text = wrong(); !text.empty()) Complain("after the round" + text);
     if (violations > 0) throw std::runtime_error("for what is told above");
@@ -276,6 +282,9 @@ struct Soak {
   std::deque<DataCenter> dcs = MakeDataCenters();
   Audience managed{LibraryManaged{config}};
   Audience application{ApplicationManaged()};
+  StreamReader stream{"--service orders --config " + config, [this](auto& told, const auto& event) {
+                        managed.checker->Take(told, event, "the stream's reader");
+                      }};
   const std::vector<Verb> verbs{
       {"kill servers",
        [this](auto& dc) {
@@ -307,7 +316,9 @@ struct Soak {
       {"publish", [this](auto& dc) { random.AnyOf(dc.publishers)->Publish(random.Data()); }},
       {"unpublish", [this](auto& dc) { random.AnyOf(dc.publishers)->Remove(); }},
       {"connect or disconnect", [this](auto& dc) { ToggleManaged(dc); }},
-      {"add or remove", [this](auto& dc) { ToggleAdded(dc); }}};
+      {"add or remove", [this](auto& dc) { ToggleAdded(dc); }},
+      {"cut the stream", [this](auto& /*dc*/) { stream.client.reset(); }},
+      {"restart the agent", [this](auto& /*dc*/) { stream.RestartAgent(); }}};
   std::deque<zr::String> steps;  // the last ones
   int rounds = 0;
   int faults = 0;
