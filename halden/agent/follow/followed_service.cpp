@@ -29,13 +29,14 @@ int Duplicate(int descriptor) {
 }  // namespace
 
 FollowedService::FollowedService(boost::asio::io_context& loop, const std::string& name,
-                                 const std::optional<MassRemovalGuard>& guard, std::function<void()> changed)
+                                 const FollowSettings& settings, std::function<void()> changed)
     : m_view(std::make_shared<ServiceView>(name, MakeEpoch())),
       m_changed(std::move(changed)),
       m_queue(std::make_shared<EventQueue>()),
       m_watcher(name, ApplicationManaged{}),
       m_readable(loop, Duplicate(m_queue->Descriptor())) {
-  m_watcher.SetMassRemovalGuard(guard);
+  m_watcher.SetMassRemovalGuard(settings.guard);
+  m_watcher.SetSnapshotFolder(settings.snapshotFolder);
   m_watcher.RegisterShared(m_queue);
 }
 
@@ -95,7 +96,8 @@ void FollowedService::Take(const ServiceEvent& event) {
       return m_view->Remove(event.dcName, event.id, ServiceView::Clock::now());
     case ServiceEvent::Kind::State:
     case ServiceEvent::Kind::Synchronized:
-      told->second = {event.status.watcher.freshness, event.status.watcher.staleSince};
+      told->second = {event.status.watcher.freshness, event.status.watcher.staleSince,
+                      event.status.watcher.restoredAsOf};
       return;
   }
 }
@@ -116,6 +118,7 @@ void FollowedService::Refresh() {
     const Told& told = m_told[status.name];
     status.watcher.freshness = told.freshness;
     status.watcher.staleSince = told.staleSince;
+    status.watcher.restoredAsOf = told.restoredAsOf;
     // Its text names servers, which are none of a client's business.
     if (status.connection.lastError != 0)
       status.connection.lastErrorText = zerror(status.connection.lastError);

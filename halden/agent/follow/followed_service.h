@@ -18,6 +18,12 @@
 
 namespace zr::halden::agent {
 
+/// How services are followed.
+struct FollowSettings {
+  std::optional<MassRemovalGuard> guard;
+  std::string snapshotFolder;  ///< see GlobalServiceWatcher::SetSnapshotFolder; empty: none
+};
+
 /// Brings what a watcher tells of one service into its view, on the loop's thread.
 ///
 /// Threads: the loop's. Watchers tell on threads of their own, and what they tell waits in a queue, merged, until the
@@ -27,8 +33,8 @@ class FollowedService : public std::enable_shared_from_this<FollowedService> {
  public:
   /// `changed` is called on the loop after the view has changed. Throws std::invalid_argument for a name that no
   /// service can have, std::system_error when no descriptor is to be had.
-  FollowedService(boost::asio::io_context& loop, const std::string& name,
-                  const std::optional<MassRemovalGuard>& guard, std::function<void()> changed);
+  FollowedService(boost::asio::io_context& loop, const std::string& name, const FollowSettings& settings,
+                  std::function<void()> changed);
 
   /// Once, when it is owned.
   void Start();
@@ -49,6 +55,7 @@ class FollowedService : public std::enable_shared_from_this<FollowedService> {
   struct Told {
     Freshness freshness = Freshness::NeverSynchronized;
     std::optional<std::chrono::system_clock::time_point> staleSince;
+    std::optional<std::chrono::system_clock::time_point> restoredAsOf;
   };
 
   void Await();

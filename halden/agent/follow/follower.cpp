@@ -26,13 +26,13 @@ Follower::Follower(boost::asio::io_context& loop, std::function<void()> changed)
 }
 
 void Follower::Follow(const DataCenterEnsembleMapT& ensembles, const std::set<std::string>& services,
-                      const std::optional<MassRemovalGuard>& guard) {
+                      const FollowSettings& settings) {
   std::erase_if(m_services, [&services](const auto& service) { return !services.contains(service.first); });
   std::erase_if(m_views, [&services](const auto& view) { return !services.contains(view.first); });
   ForgetDataCenters(ensembles);
   for (const auto& name : services) {
     if (m_services.contains(name)) continue;
-    const auto service = std::make_shared<FollowedService>(m_loop, name, guard, m_changed);
+    const auto service = std::make_shared<FollowedService>(m_loop, name, settings, m_changed);
     for (const auto& [unused, dataCenter] : m_dataCenters) service->Connect(dataCenter.conn);
     service->Start();
     m_services.emplace(name, service);

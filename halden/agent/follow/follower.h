@@ -7,14 +7,12 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 
 #include "agent/follow/followed_service.h"
 #include "agent/view/service_views.h"
 #include "halden/connection_v2.h"
-#include "halden/mass_removal_guard.h"
 #include "halden/utils.h"
 
 namespace zr::halden::agent {
@@ -28,10 +26,10 @@ class Follower {
   /// `changed` is called on the loop after a view has changed, or which there are.
   Follower(boost::asio::io_context& loop, std::function<void()> changed);
 
-  /// Follows these services in these data centres from now on, and no others. What stays is not touched. The guard holds
-  /// for services that are new.
+  /// Follows these services in these data centres from now on, and no others. What stays is not touched. The settings
+  /// hold for services that are new.
   void Follow(const DataCenterEnsembleMapT& ensembles, const std::set<std::string>& services,
-              const std::optional<MassRemovalGuard>& guard);
+              const FollowSettings& settings);
 
   const ServiceViews& Views() const { return m_views; }
 

@@ -65,8 +65,9 @@ std::string Lacking(const ServiceView& view, const Filter& filter,
   return names;
 }
 
+/// By this process: what it restored may be of long ago.
 bool WasRead(Freshness freshness) {
-  return freshness != Freshness::NeverSynchronized;
+  return freshness == Freshness::Live || freshness == Freshness::Stale;
 }
 
 std::string PathText(const Path& path) {

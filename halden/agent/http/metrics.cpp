@@ -55,6 +55,8 @@ void AddServices(std::vector<MetricFamily>& families, const ServiceViews& views)
   Family staleSince("stale_since_timestamp_seconds", "Since when it is stale.", MetricType::Gauge);
   Family resyncs("resyncs_total", "Complete reads of everything.", MetricType::Counter);
   Family drifts("drifts_total", "Changes whose event was lost, found by the audit.", MetricType::Counter);
+  Family unwritten("snapshot_errors_total", "Times that a snapshot file could not be written.",
+                   MetricType::Counter);
   for (const auto& [service, view] : views) {
     for (const auto& [dataCenter, status] : view->States()) {
       const Labels labels{{"service", service}, {"data_center", dataCenter}};
@@ -64,7 +66,9 @@ void AddServices(std::vector<MetricFamily>& families, const ServiceViews& views)
       quarantined.Add(labels, static_cast<double>(watcher.quarantined));
       resyncs.Add(labels, static_cast<double>(watcher.resyncs));
       drifts.Add(labels, static_cast<double>(watcher.drifts));
-      for (const auto one : {Freshness::NeverSynchronized, Freshness::Live, Freshness::Stale}) {
+      unwritten.Add(labels, static_cast<double>(watcher.snapshotErrors));
+      for (const auto one :
+           {Freshness::NeverSynchronized, Freshness::Restored, Freshness::Live, Freshness::Stale}) {
         Labels more = labels;
         more.push_back({"freshness", std::string(halden::ToString(one))});
         freshness.Add(std::move(more), one == watcher.freshness ? 1 : 0);
@@ -72,7 +76,7 @@ void AddServices(std::vector<MetricFamily>& families, const ServiceViews& views)
       if (watcher.staleSince) staleSince.Add(labels, Seconds(*watcher.staleSince));
     }
   }
-  Append(families, {&instances, &held, &quarantined, &freshness, &staleSince, &resyncs, &drifts});
+  Append(families, {&instances, &held, &quarantined, &freshness, &staleSince, &resyncs, &drifts, &unwritten});
 }
 
 /// Connections are shared by all services: any of them knows how one is doing.

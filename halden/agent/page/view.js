@@ -46,6 +46,9 @@ function centreBadge(state, now, isLost) {
   if (state.freshness === 'stale') {
     return badge('warn', '▲', `stale for ${duration(now - Date.parse(state.stale_since))}, shown as last known`);
   }
+  if (state.freshness === 'restored') {
+    return badge('warn', '▲', `not read yet, shown as known ${duration(now - Date.parse(state.restored_as_of))} ago`);
+  }
   return state.connection === 'authentication failed' ? badge('bad', '✕', 'not readable, authentication failed')
     : badge('idle', '○', `not read yet, ${state.connection}`);
 }
@@ -90,7 +93,8 @@ export function showCentres(model, perCentre, now, isLost) {
     const {instances, held} = perCentre.get(state.data_center) ?? {instances: 0, held: 0};
     const count = (label, value) => cell(label, `number${value ? '' : ' zero-count'}`, number.format(value));
     const error = state.freshness === 'live' ? '' : state.last_error || state.last_read_error;
-    const age = state.freshness === 'stale' ? duration(now - Date.parse(state.stale_since)) : '';
+    const since = state.stale_since ?? state.restored_as_of;
+    const age = since ? duration(now - Date.parse(since)) : '';
     const make = () => element('tr', {role: 'row'},
       element('th', {scope: 'row', role: 'rowheader'}, state.data_center), cell('State', '', centreBadge(state, now, isLost)),
       count('Instances', instances), count('Held', held), count('Unreadable', state.unreadable),

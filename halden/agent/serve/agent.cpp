@@ -81,6 +81,8 @@ Configuration Load(const AgentOptions& options) {
   for (const auto& warning : serve.warnings) ZRLOG(ZRLOG_WARNING, Log()) << warning.Text();
   Configuration loaded{
       Combined(std::move(serve.settings), options.settings), std::move(ensembles.ensembles), {}};
+  loaded.settings.snapshotFolder =
+      options.settings.snapshotFolder.empty() ? ensembles.snapshotFolder : options.settings.snapshotFolder;
   if (faults.empty() && loaded.settings.services.empty()) {
     add("no service to follow: name one with --service, or in services of [serve]");
   }
@@ -166,10 +168,10 @@ void Agent::Listen(const ServeSettings& settings) {
 }
 
 void Agent::Follow(const ServeSettings& settings, const DataCenterEnsembleMapT& ensembles) {
-  std::optional<MassRemovalGuard> guard;
-  if (settings.guard) guard.emplace().gracePeriod = *settings.guard;
+  FollowSettings follow{{}, settings.snapshotFolder};
+  if (settings.guard) follow.guard.emplace().gracePeriod = *settings.guard;
   m_rendered.Configure(settings.files);  // first: with a template that is wrong nothing changes
-  m_follower.Follow(ensembles, settings.services, guard);
+  m_follower.Follow(ensembles, settings.services, follow);
 }
 
 void Agent::OnChange() {

@@ -21,6 +21,7 @@ struct ServeSettings {
   std::set<std::string> allowedHosts;
   bool allowRemote = false;
   std::optional<std::chrono::milliseconds> guard;  ///< how long mass removals are held back
+  std::string snapshotFolder;                      ///< empty: that of the configuration, if it names one
   Limits limits;
   std::vector<RenderOptions> files;  ///< that follow services
 };

@@ -186,7 +186,8 @@ std::optional<Revision> ServiceView::FromTag(std::string_view tag) const {
 
 bool ServiceView::WasRead() const {
   return !m_states.empty() && std::none_of(m_states.begin(), m_states.end(), [](const auto& state) {
-    return state.second.watcher.freshness == Freshness::NeverSynchronized;
+    const auto freshness = state.second.watcher.freshness;
+    return freshness == Freshness::NeverSynchronized || freshness == Freshness::Restored;
   });
 }
 

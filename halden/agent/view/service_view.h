@@ -83,7 +83,7 @@ class ServiceView {
 
   const DataCenters& States() const { return m_states; }
   std::size_t Instances() const { return m_instances; }
-  /// Every data centre was read once, and there is one.
+  /// Every data centre was read once, and there is one. What was restored was not.
   bool WasRead() const;
 
   /// `{"service":...,"revision":...,"data_centers":[...],"instances":[...]}`; the same for the same `ListRevision`.

@@ -42,6 +42,7 @@ ServeOptions ReadServeOptions(const Words& words, logging::LogLevel logLevel,
   options.settings.allowedHosts.insert(words.allowedHosts.begin(), words.allowedHosts.end());
   options.settings.allowRemote = words.allowRemote;
   options.settings.guard = guard;
+  options.settings.snapshotFolder = words.snapshots;
   options.settings.files = ReadRenderOptions(words);
   return options;
 }

@@ -289,6 +289,7 @@ void AddServe(CLI::App& app, Words& words) {
   command.add_option("--config", words.config, kConfigMeaning)->type_name("FILE");
   DeclareServeOptions(command, words);
   AddGuard(command, words);
+  AddSnapshots(command, words);
   command.add_flag("--quiet", words.quiet, "Do not print where it listens");
   AddLogLevel(command, words);
   command.footer(

@@ -195,7 +195,9 @@ TEST_F(AgentTest, StreamsGoOnWhereTheyWereCutAndBeginAnewWithAnotherAgent) {
 TEST_F(AgentTest, KeepsServingWhatIsStaleAndSaysSo) {
   m_publisher->Publish("orders", Id(1), Data("h1"));
   const auto socket = m_folder.Path() / "socket";
-  StartAgent("--socket " + socket.string());
+  const std::string snapshots = "--snapshots " + m_folder.Path().string();
+  StartAgent(snapshots + " --socket " + socket.string());
+  ASSERT_TRUE(Poll(kLimit, [&] { return std::filesystem::exists(m_folder.Path() / "orders@eu.snapshot"); }));
   RawClient stream = Stream();
   stream.ReadUntil("event: synced");
   m_publisher.reset();
@@ -211,8 +213,12 @@ TEST_F(AgentTest, KeepsServingWhatIsStaleAndSaysSo) {
   EXPECT_THAT(everything, Not(HasSubstr(m_server.ConnectString())));
   std::filesystem::remove(socket);
   AgentProcess unread(Words("--socket " + socket.string()));  // which has never read it
-  EXPECT_THAT(unread.Ask("/readyz"), StartsWith("HTTP/1.1 503 "));
-  EXPECT_THAT(unread.Ask("/v1/prometheus/orders"), StartsWith("HTTP/1.1 503 "));
+  AgentProcess restored(Words(snapshots));
+  EXPECT_THAT(restored.Await(kList, "eu=restored"), HasSubstr("\"h1\""));
+  for (const auto* const agent : {&unread, &restored}) {
+    EXPECT_THAT(agent->Ask("/readyz"), StartsWith("HTTP/1.1 503 "));
+    EXPECT_THAT(agent->Ask("/v1/prometheus/orders"), StartsWith("HTTP/1.1 503 "));
+  }
   m_server.Start();
   EXPECT_THAT(stream.ReadUntil("\"live\""), Not(HasSubstr("removed")));
   unread.Await("/readyz", "200 OK");
