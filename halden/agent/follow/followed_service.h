@@ -48,6 +48,9 @@ class FollowedService : public std::enable_shared_from_this<FollowedService> {
   /// Brings what is only counted, and what is held, up to date.
   void Refresh();
 
+  /// Snapshot files, before the end.
+  bool WriteSnapshots(std::chrono::milliseconds limit) const { return m_watcher.WriteSnapshots(limit); }
+
   const std::shared_ptr<ServiceView>& View() const { return m_view; }
 
  private:

@@ -75,15 +75,20 @@ void Follower::RefreshRegularly() {
 }
 
 bool Follower::Close(std::chrono::milliseconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
+  const auto begin = std::chrono::steady_clock::now();
+  const auto left = [begin](std::chrono::milliseconds of) {
+    const auto rest =
+        std::chrono::ceil<std::chrono::milliseconds>(begin + of - std::chrono::steady_clock::now());
+    return std::max(rest, std::chrono::milliseconds(0));
+  };
   m_refresh.cancel();
+  bool done = true;
+  for (const auto& [name, service] : m_services) done = service->WriteSnapshots(left(limit / 2)) && done;
   m_services.clear();
   for (const auto& [name, dataCenter] : m_dataCenters) dataCenter.conn->Stop();
-  return std::all_of(m_dataCenters.begin(), m_dataCenters.end(), [deadline](const auto& dataCenter) {
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    return dataCenter.second.conn->AwaitClosed(std::max(left, std::chrono::milliseconds(0)));
-  });
+  for (const auto& [name, dataCenter] : m_dataCenters)
+    done = dataCenter.conn->AwaitClosed(left(limit)) && done;
+  return done;
 }
 
 }  // namespace zr::halden::agent

@@ -33,7 +33,7 @@ class Follower {
 
   const ServiceViews& Views() const { return m_views; }
 
-  /// Closes all sessions, and waits for it; false when that was not done at the deadline.
+  /// Writes what is kept in files and closes all sessions, and waits for it; false when that was not done at the deadline.
   bool Close(std::chrono::milliseconds limit);
 
  private:

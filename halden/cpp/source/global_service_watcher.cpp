@@ -272,6 +272,11 @@ void GlobalServiceWatcher::SetSnapshotFolder(const std::string& folder, std::chr
   }
 }
 
+bool GlobalServiceWatcher::WriteSnapshots(std::chrono::milliseconds limit) const {
+  const auto snapshots = m_settings->Snapshots();
+  return !snapshots || snapshots->Flush(limit);
+}
+
 void GlobalServiceWatcher::ReadSnapshots(const std::vector<zr::String>& dcNames) {
   if (const auto snapshots = m_settings->Snapshots()) snapshots->ReadAhead(dcNames);
 }
@@ -347,8 +352,7 @@ bool GlobalServiceWatcher::Close(std::chrono::milliseconds limit) {
       onEach([deadline](const auto& entry) { return entry.first->AwaitClosed(Until(deadline)); }) &&
       onEach(awaitHandlers);
   Release(true);
-  const auto snapshots = m_settings->Snapshots();
-  const bool kept = !snapshots || snapshots->Flush(Until(deadline));
+  const bool kept = WriteSnapshots(Until(deadline));
   return onEach(awaitHandlers) && closed && kept;
 }
 

@@ -225,6 +225,12 @@ TEST_F(AgentTest, KeepsServingWhatIsStaleAndSaysSo) {
   m_agent->Signal(SIGTERM);
   EXPECT_EQ(m_agent->End(), 0);
   EXPECT_TRUE(std::filesystem::exists(socket)) << "it is the other's by now";
+  m_publisher.emplace(m_server.ConnectString());
+  m_publisher->Publish("orders", Id(1), Data("as-it-was-last"));
+  restored.Await(kList, "as-it-was-last");
+  restored.Signal(SIGTERM);
+  restored.End();
+  EXPECT_EQ(std::system(("grep -q as-it-was-last " + m_folder.Path().string() + "/*.snapshot").c_str()), 0);
 }
 
 TEST_F(AgentTest, SlowGreedyAndBrokenClientsHarmNobodyElse) {

@@ -155,6 +155,9 @@ class ZR_EXPORT GlobalServiceWatcher final : public zr::Observable<ServiceWatche
   /// Call it before data centres are connected. Files are read by the thread that connects, a few milliseconds for
   /// 10,000 instances. Any number of processes of one user may share a folder. Empty: no files, as at the start.
   void SetSnapshotFolder(const std::string& folder, std::chrono::seconds maxAge = std::chrono::hours(24));
+  /// Writes those files now, as far as they can be and something has changed, and waits for it: true then, or where there
+  /// is no folder, false at the deadline. For the end of a program in application-managed mode, which has no `Close`.
+  bool WriteSnapshots(std::chrono::milliseconds limit) const;
   /// Is told of every data centre's changes of state (see DataCenterStatusHandler), of different ones
   /// concurrently. Takes the place of the one before; null for none. As a callback, it is bound by what is
   /// said above; the status it is given is all that it needs to ask.
