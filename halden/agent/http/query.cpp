@@ -8,6 +8,8 @@
 #include <charconv>
 #include <vector>
 
+#include "render/instance_text.h"
+
 namespace zr::halden::agent {
 
 namespace {
@@ -16,11 +18,30 @@ namespace {
   throw Refused{Problem(status, detail)};
 }
 
+bool IsRepeatable(std::string_view parameter) {
+  return parameter == "data_center" || parameter == "status" || parameter == "attribute" ||
+         parameter == "service";
+}
+
+/// Those of a newer writer are numbers: see tool::StatusText.
+bool IsStatus(std::string_view name) {
+  constexpr std::string_view unknown = "status-";
+  const auto number = name.substr(std::min(unknown.size(), name.size()));
+  return name == tool::kStatusOk || name == tool::kStatusDegraded ||
+         (name.starts_with(unknown) && !number.empty() &&
+          number.find_first_not_of("0123456789") == std::string_view::npos);
+}
+
 }  // namespace
 
 void RequireKnown(const Target& target, std::initializer_list<std::string_view> names) {
   for (const auto& [name, value] : target.query) {
-    if (std::find(names.begin(), names.end(), name) != names.end()) continue;
+    if (std::find(names.begin(), names.end(), name) != names.end()) {
+      const auto isSame = [&name = name](const auto& other) { return other.first == name; };
+      const auto count = std::count_if(target.query.begin(), target.query.end(), isSame);
+      if (count > 1 && !IsRepeatable(name)) Refuse(400, fmt::format("Give the parameter '{}' once.", name));
+      continue;
+    }
     if (names.size() == 0) Refuse(400, "Leave the query out: this path takes no parameters.");
     Refuse(400,
            fmt::format("Leave the parameter '{}' out: this path takes {}.", name, fmt::join(names, ", ")));
@@ -37,6 +58,7 @@ Filter ReadFilter(const Target& target, const ServiceView& view) {
       }
       filter.AddDataCenter(value);
     } else if (name == "status") {
+      if (!IsStatus(value)) Refuse(400, "Write status=ok or status=degraded.");
       filter.AddStatus(value);
     } else if (name == "attribute") {
       const auto colon = value.find(':');

@@ -19,7 +19,7 @@ struct Refused {
   Answer answer;
 };
 
-/// Throws Refused for a parameter that is not among these.
+/// Throws Refused for a parameter that is not among these, or is given twice and is no filter.
 void RequireKnown(const Target& target, std::initializer_list<std::string_view> names);
 /// Throws Refused for what no filter is, and for a data centre that is not followed.
 Filter ReadFilter(const Target& target, const ServiceView& view);

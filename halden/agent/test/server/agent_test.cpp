@@ -144,6 +144,8 @@ TEST_F(AgentTest, RefusesWhatItShouldAndSaysWhatToDo) {
       {"GET /v1/services/orders/instances?data_center=us HTTP/1.0\r\n" + host + "\r\n", "404"},
       {"GET /v1/services/orders/instances?datacenter=eu HTTP/1.0\r\n" + host + "\r\n", "400"},
       {"GET /v1/services/orders/instances?wait=61 HTTP/1.0\r\n" + host + "\r\n", "400"},
+      {"GET /v1/services/orders/instances?wait=1&wait=2 HTTP/1.0\r\n" + host + "\r\n", "400"},
+      {"GET /v1/services/orders/instances?status=okay HTTP/1.0\r\n" + host + "\r\n", "400"},
   };
   for (const auto& [request, status] : refused) {
     RawClient client(m_agent->Port());
