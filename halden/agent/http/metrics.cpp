@@ -105,6 +105,18 @@ void AddConnections(std::vector<MetricFamily>& families, const ServiceViews& vie
   Append(families, {&state, &sessions, &reconnects, &expiries});
 }
 
+void AddFiles(std::vector<MetricFamily>& families, const std::vector<FileMetrics>& all) {
+  Family files("files_total", "Times that a file was to be brought up to date.", MetricType::Counter);
+  Family failing("file_failing", "1 while the last try has failed.", MetricType::Gauge);
+  for (const auto& file : all) {
+    for (const auto& [result, count] : file.results) {
+      files.Add({{"target", file.target}, {"result", std::string(result)}}, static_cast<double>(count));
+    }
+    failing.Add({{"target", file.target}}, file.failing ? 1 : 0);
+  }
+  Append(families, {&files, &failing});
+}
+
 }  // namespace
 
 void HttpMetrics::CountDuration(std::string_view endpoint, std::chrono::steady_clock::duration duration) {
@@ -151,6 +163,7 @@ std::string MetricsText(const ServiceViews& views, const HttpMetrics& http) {
     rejected.Add({{"reason", std::string(reason)}}, static_cast<double>(count));
   }
   Append(families, {&requests, &durations, &connections, &rejected});
+  AddFiles(families, http.m_files);
   return prometheus::TextSerializer().Serialize(families);
 }
 

@@ -8,12 +8,20 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "agent/view/service_views.h"
 
 namespace zr::halden::agent {
 
-/// What the agent counts of its own clients, for /metrics. Threads: the loop's.
+/// Of a file that follows services.
+struct FileMetrics {
+  std::string target;
+  std::map<std::string_view, std::uint64_t> results;  ///< how often each has come; names are literals
+  bool failing = false;
+};
+
+/// What the agent counts of its own clients and files, for /metrics. Threads: the loop's.
 class HttpMetrics {
  public:
   /// Seconds that an answer may take to be made and sent, each the upper end of a bucket.
@@ -23,6 +31,7 @@ class HttpMetrics {
   void CountDuration(std::string_view endpoint, std::chrono::steady_clock::duration duration);
   void CountRejected(std::string_view reason) { ++m_rejected[reason]; }
   void SetConnections(std::size_t open) { m_connections = open; }
+  void SetFiles(std::vector<FileMetrics> files) { m_files = std::move(files); }
 
  private:
   friend std::string MetricsText(const ServiceViews& views, const HttpMetrics& http);
@@ -33,8 +42,12 @@ class HttpMetrics {
   };
   std::map<std::pair<std::string_view, unsigned>, std::uint64_t> m_requests;  // names are literals
   std::map<std::string_view, Durations> m_durations;
-  std::map<std::string_view, std::uint64_t> m_rejected;
+  // From the start on, so that the first is seen to come.
+  std::map<std::string_view, std::uint64_t> m_rejected{{"connections", 0},  {"listeners", 0},
+                                                       {"slow_request", 0}, {"slow_reader", 0},
+                                                       {"long_header", 0},  {"bad_request", 0}};
   std::size_t m_connections = 0;
+  std::vector<FileMetrics> m_files;
 };
 
 /// All metrics, as Prometheus reads them.

@@ -240,6 +240,7 @@ void Agent::Reload() try {
 void Agent::TellManager() {
   constexpr std::chrono::seconds interval{1};
   m_manager.TellStatus(StatusText(m_follower.Views()));
+  m_server->Metrics().SetFiles(m_rendered.Metrics());
   m_telling.expires_after(interval);
   m_telling.async_wait([this](const error_code& error) {
     if (!error) TellManager();

@@ -17,7 +17,10 @@ void Files::Configure(const std::vector<RenderOptions>& options) {
       }
       return texts;
     };
-    files.push_back({option.service, std::make_unique<FileRenderer>(m_loop, option, std::move(lists)), {}});
+    files.push_back({option.service,
+                     option.target.string(),
+                     std::make_unique<FileRenderer>(m_loop, option, std::move(lists)),
+                     {}});
   }
   m_files = std::move(files);
   OnChange();
@@ -28,6 +31,20 @@ void Files::OnChange() {
     std::string tags = Tags(file.service);
     if (std::exchange(file.told, tags) != tags && !tags.empty()) file.renderer->Changed();
   }
+}
+
+std::vector<FileMetrics> Files::Metrics() const {
+  std::vector<FileMetrics> all;
+  for (const File& file : m_files) {
+    const RenderCounters& counters = file.renderer->Counters();
+    all.push_back({file.target,
+                   {{"written", counters.written},
+                    {"unchanged", counters.unchanged},
+                    {"held_back", counters.heldBack},
+                    {"failed", counters.failed}},
+                   !counters.lastFailure.empty()});
+  }
+  return all;
 }
 
 std::string Files::Tags(const std::string& service) const {

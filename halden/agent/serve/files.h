@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/http/metrics.h"
 #include "agent/render/file_renderer.h"
 #include "agent/render/options.h"
 #include "agent/view/service_views.h"
@@ -25,9 +26,12 @@ class Files {
   void Configure(const std::vector<RenderOptions>& options);
   void OnChange();
 
+  std::vector<FileMetrics> Metrics() const;
+
  private:
   struct File {
     std::string service;  // empty: all
+    std::string target;
     std::unique_ptr<FileRenderer> renderer;
     std::string told;  // the tags of the lists that it was told of
   };

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -202,6 +203,9 @@ TEST_F(HaproxyTest, TrafficFollowsInstancesThatComeAndGoAcrossReloads) {
   Join(2);
   Join(3);
   EXPECT_TRUE(TrafficFollows()) << "two have come";
+  const auto told = "curl -s --unix-socket '" + File("socket") +
+                    "' http://localhost/metrics | grep -q 'result=\"written\"} [1-9]'";
+  EXPECT_TRUE(halden::testing::Poll(halden::testing::kLimit, [&] { return system(told.c_str()) == 0; }));
   Leave(1);
   EXPECT_TRUE(TrafficFollows()) << "one has gone";
 }
