@@ -31,19 +31,19 @@ std::string ReadService(const Words& words) {
   return words.service;
 }
 
-logging::LogLevel ReadLogLevel(const Words& words) {
+logging::LogLevel ReadLogLevel(const Words& words, const std::string& word) {
   if (words.verbose) return logging::ZRLOG_INFO;
-  const auto level = logging::ParseLogLevel(words.logLevel);
+  const auto level = logging::ParseLogLevel(word);
   if (!level) {
     Refuse(fmt::format("bad --log-level '{}': expected debug, info, warning, error, critical or off",
-                       EscapeControls(words.logLevel)));
+                       EscapeControls(word)));
   }
   return *level;
 }
 
 CommonOptions ReadCommon(const Words& words) {
   return {ConfigPath(words.config),
-          ReadLogLevel(words),
+          ReadLogLevel(words, words.logLevel),
           words.json,
           words.quiet,
           ReadSeconds("--timeout", words.timeout, std::chrono::milliseconds(0)),
@@ -144,11 +144,10 @@ void AddOutputOptions(CLI::App& command, Words& words) {
 }
 
 /// Returns the flag.
-CLI::Option* AddLogLevel(CLI::App& command, Words& words) {
-  auto* const level =
-      command.add_option("--log-level", words.logLevel, "debug, info, warning, error, critical or off")
-          ->type_name("LEVEL")
-          ->capture_default_str();
+CLI::Option* AddLogLevel(CLI::App& command, Words& words, std::string& word) {
+  auto* const level = command.add_option("--log-level", word, "debug, info, warning, error, critical or off")
+                          ->type_name("LEVEL")
+                          ->capture_default_str();
   return command.add_flag("--verbose", words.verbose, "The library's log on stderr")->excludes(level);
 }
 
@@ -159,7 +158,7 @@ CLI::App& AddCommand(CLI::App& app, Words& words, const Title& title, Reader rea
   command.add_option("--config", words.config, kConfigMeaning)->type_name("FILE");
   command.add_option("--timeout", words.timeout, timeout)->type_name("SECONDS");
   AddOutputOptions(command, words);
-  AddLogLevel(command, words)->excludes(command.get_option("--quiet"));
+  AddLogLevel(command, words, words.logLevel)->excludes(command.get_option("--quiet"));
   return command;
 }
 
@@ -280,7 +279,7 @@ void AddPublish(CLI::App& app, Words& words) {
 }
 
 Invocation ReadServe(const CLI::App& /*command*/, const Words& words) {
-  return ReadServeOptions(words, ReadLogLevel(words), ReadGuard(words));
+  return ReadServeOptions(words, ReadLogLevel(words, words.agentLogLevel), ReadGuard(words));
 }
 
 void AddServe(CLI::App& app, Words& words) {
@@ -291,7 +290,7 @@ void AddServe(CLI::App& app, Words& words) {
   AddGuard(command, words);
   AddSnapshots(command, words);
   command.add_flag("--quiet", words.quiet, "Do not print where it listens");
-  AddLogLevel(command, words);
+  AddLogLevel(command, words, words.agentLogLevel);
   command.footer(
       "Prints where it can be asked. SIGHUP reads the configuration again; SIGINT and SIGTERM end it. "
       "docs/agent.md\n"

@@ -31,6 +31,7 @@ struct Words {
   std::string config;
   std::string format;
   std::string logLevel{"error"};
+  std::string agentLogLevel{"warning"};  // nobody sits before it: what went wrong is looked up later
   bool verbose = false;
   bool quiet = false;
   bool json = false;
