@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <boost/asio/ip/tcp.hpp>
-#include <charconv>
 #include <map>
 #include <optional>
 #include <stdexcept>
@@ -39,23 +38,6 @@ int Duplicate(int descriptor) {
   const int copy = dup(descriptor);
   if (copy < 0) throw std::system_error(errno, std::generic_category(), "cannot wait for signals");
   return copy;
-}
-
-/// Throws where the text is no address with a port.
-asio::ip::tcp::endpoint ParseEndpoint(const std::string& text) {
-  const auto colon = text.rfind(':');
-  std::string host = text.substr(0, colon);
-  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
-  error_code error;
-  const auto address = asio::ip::make_address(host, error);
-  const char* const end = text.data() + text.size();
-  std::uint16_t port = 0;
-  const auto read = std::from_chars(colon == std::string::npos ? end : text.data() + colon + 1, end, port);
-  if (error || read.ec != std::errc() || read.ptr != end) {
-    throw std::runtime_error(fmt::format(
-        "bad --listen '{}': expected an address and a port, as 127.0.0.1:7470 or [::1]:7470", text));
-  }
-  return {address, port};
 }
 
 std::string HostOf(const asio::ip::tcp::endpoint& endpoint) {
@@ -140,6 +122,7 @@ void Agent::Listen(const ServeSettings& settings) {
   auto hosts = settings.allowedHosts;
   if (!listen.empty()) {
     endpoint = ParseEndpoint(listen);
+    if (!endpoint) throw std::runtime_error(fmt::format("bad --listen '{}': expected {}", listen, kEndpoint));
     if (!endpoint->address().is_loopback() && !settings.allowRemote) {
       throw std::runtime_error(fmt::format(
           "bad --listen '{}': everybody who reaches this address could read: add --allow-remote to mean it",

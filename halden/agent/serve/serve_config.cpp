@@ -4,10 +4,13 @@
 #include <fmt/format.h>
 #include <toml++/toml.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 #include "halden/service_name.h"
@@ -32,6 +35,11 @@ class Reader {
       if (node != nullptr && node->is_table()) ReadTable(*node->as_table());
     } catch (const toml::parse_error&) {  // told by who reads the rest of the file
     }
+    for (auto* const faults : {&m_config.faults, &m_config.warnings}) {
+      std::sort(faults->begin(), faults->end(), [](const ConfigFault& a, const ConfigFault& b) {
+        return std::tie(a.line, a.column) < std::tie(b.line, b.column);
+      });
+    }
     return std::move(m_config);
   }
 
@@ -42,7 +50,12 @@ class Reader {
     ServeSettings& settings = m_config.settings;
     const std::map<std::string_view, Take> keys{
         {"services", [&](const toml::node& node) { ReadServices(node); }},
-        {"listen", [&](const toml::node& node) { ReadText(node, "listen", settings.listen); }},
+        {"listen",
+         [&](const toml::node& node) {
+           ReadText(node, "listen", settings.listen);
+           const std::string text = settings.listen.value_or("");
+           if (!text.empty() && !ParseEndpoint(text)) Fault(node, "listen", kEndpoint);
+         }},
         {"socket", [&](const toml::node& node) { ReadText(node, "socket", settings.socket); }},
         {"allow_hosts", [&](const toml::node& node) { settings.allowedHosts = Texts(node, "allow_hosts"); }},
         {"allow_remote",
@@ -97,10 +110,12 @@ class Reader {
 
   void ReadFile(const toml::node& place, const toml::table& table) {
     RenderOptions file;
+    const toml::node* wait = nullptr;
     std::map<std::string, std::optional<std::string>, std::less<>> texts{
         {"service", {}}, {"template", {}}, {"target", {}}, {"check", {}}, {"reload", {}}, {"wait", {}}};
     for (const auto& [key, node] : table) {
       const auto text = texts.find(key.str());
+      if (key.str() == "wait") wait = &node;
       if (text != texts.end()) {
         ReadText(node, text->first, text->second);
       } else if (key.str() == "allow_empty" && node.is_boolean()) {
@@ -119,7 +134,7 @@ class Reader {
     try {
       if (texts["wait"]) file.wait = ParseRenderWait(*texts["wait"]);
     } catch (const RenderError& e) {
-      return Fault(place, "wait", fmt::format("two numbers of seconds, MIN:MAX ({})", e.what()));
+      return Fault(*wait, "wait", fmt::format("two numbers of seconds, MIN:MAX ({})", e.what()));
     }
     m_config.settings.files.push_back(std::move(file));
   }
@@ -171,6 +186,19 @@ class Reader {
 };
 
 }  // namespace
+
+std::optional<boost::asio::ip::tcp::endpoint> ParseEndpoint(const std::string& text) {
+  const auto colon = text.rfind(':');
+  std::string host = text.substr(0, colon);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+  boost::system::error_code error;
+  const auto address = boost::asio::ip::make_address(host, error);
+  const char* const end = text.data() + text.size();
+  std::uint16_t port = 0;
+  const auto read = std::from_chars(colon == std::string::npos ? end : text.data() + colon + 1, end, port);
+  if (error || read.ec != std::errc() || read.ptr != end) return std::nullopt;
+  return boost::asio::ip::tcp::endpoint(address, port);
+}
 
 ServeConfig ReadServeConfig(const std::string& path) {
   return Reader(path).Read();

@@ -1,10 +1,12 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <boost/asio/ip/tcp.hpp>
 #include <chrono>
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "agent/http/limits.h"
@@ -12,6 +14,10 @@
 #include "halden/zookeeper_config.h"
 
 namespace zr::halden::agent {
+
+/// Null where the text is not what kEndpoint says.
+std::optional<boost::asio::ip::tcp::endpoint> ParseEndpoint(const std::string& text);
+inline constexpr std::string_view kEndpoint = "an address and a port, as 127.0.0.1:7470 or [::1]:7470";
 
 /// What the agent does: what the command line says, and the table [serve] of the configuration where it says nothing.
 struct ServeSettings {
