@@ -21,6 +21,8 @@ class RenderError : public std::runtime_error {
 struct RenderWait {
   std::chrono::milliseconds min{500};
   std::chrono::milliseconds max{5000};
+
+  bool operator==(const RenderWait&) const = default;
 };
 
 /// A file that is to follow the services.
@@ -34,6 +36,8 @@ struct RenderOptions {
       30'000};  ///< either is killed after it, with all that it has started
   RenderWait wait;
   bool allowEmpty = false;  ///< else no list without instances takes the place of a file that is there
+
+  bool operator==(const RenderOptions&) const = default;
 };
 
 /// Of "TEMPLATE:TARGET" or "SERVICE:TEMPLATE:TARGET". Throws RenderError.

@@ -1,34 +1,57 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "agent/serve/files.h"
 
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <utility>
 
 namespace zr::halden::agent {
+
+namespace {
+
+/// What cannot be read is told by who parses it.
+std::string TextOf(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+}  // namespace
 
 void Files::Configure(const std::vector<RenderOptions>& options) {
   RefuseSharedTargets(options);
   std::vector<File> files;
   for (const auto& option : options) {
-    auto lists = [this, service = option.service] {
-      std::vector<std::string> texts;
-      if (Tags(service).empty()) return texts;  // a service or a data centre has come since
-      for (const auto& [name, view] : m_views) {
-        if (service.empty() || service == name) texts.push_back(view->List({}));
-      }
-      return texts;
-    };
-    files.push_back({option.service,
-                     option.target.string(),
-                     std::make_unique<FileRenderer>(m_loop, option, std::move(lists)),
-                     {}});
+    File& file = files.emplace_back(
+        File{option, std::filesystem::weakly_canonical(option.target).string(), TextOf(option.source)});
+    const auto isSame = [&file](const File& known) { return known.IsSame(file); };
+    if (std::none_of(m_files.begin(), m_files.end(), isSame)) file.renderer = MakeRenderer(option);
+  }
+  for (File& file : files) {  // nothing is thrown any more
+    const auto isSame = [&file](const File& known) { return known.IsSame(file); };
+    if (!file.renderer)
+      file.renderer = std::move(std::find_if(m_files.begin(), m_files.end(), isSame)->renderer);
   }
   m_files = std::move(files);
   OnChange();
 }
 
+std::unique_ptr<FileRenderer> Files::MakeRenderer(const RenderOptions& options) const {
+  auto lists = [this, service = options.service] {
+    std::vector<std::string> texts;
+    if (Tags(service).empty()) return texts;  // a service or a data centre has come since
+    for (const auto& [name, view] : m_views) {
+      if (service.empty() || service == name) texts.push_back(view->List({}));
+    }
+    return texts;
+  };
+  return std::make_unique<FileRenderer>(m_loop, options, std::move(lists));
+}
+
 void Files::OnChange() {
   for (File& file : m_files) {
-    std::string tags = Tags(file.service);
+    std::string tags = Tags(file.options.service);
     if (std::exchange(file.told, tags) != tags && !tags.empty()) file.renderer->Changed();
   }
 }
@@ -37,7 +60,7 @@ std::vector<FileMetrics> Files::Metrics() const {
   std::vector<FileMetrics> all;
   for (const File& file : m_files) {
     const RenderCounters& counters = file.renderer->Counters();
-    all.push_back({file.target,
+    all.push_back({file.options.target.string(),
                    {{"written", counters.written},
                     {"unchanged", counters.unchanged},
                     {"held_back", counters.heldBack},

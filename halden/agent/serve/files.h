@@ -22,7 +22,8 @@ class Files {
   Files(boost::asio::any_io_executor loop, const ServiceViews& views)
       : m_loop(std::move(loop)), m_views(views) {}
 
-  /// These from now on, and no others. Throws RenderError, and leaves all as it was.
+  /// These from now on, and no others. What stays goes on, a command that it runs included, unless its template has
+  /// changed. Throws RenderError, and leaves all as it was.
   void Configure(const std::vector<RenderOptions>& options);
   void OnChange();
 
@@ -30,12 +31,18 @@ class Files {
 
  private:
   struct File {
-    std::string service;  // empty: all
-    std::string target;
-    std::unique_ptr<FileRenderer> renderer;
-    std::string told;  // the tags of the lists that it was told of
+    RenderOptions options;
+    std::string target;   // where links lead
+    std::string content;  // of the template
+    std::unique_ptr<FileRenderer> renderer{};
+    std::string told{};  // the tags of the lists that it was told of
+
+    bool IsSame(const File& other) const {
+      return options == other.options && target == other.target && content == other.content;
+    }
   };
 
+  std::unique_ptr<FileRenderer> MakeRenderer(const RenderOptions& options) const;
   /// Empty while not all of them were read.
   std::string Tags(const std::string& service) const;
 
