@@ -74,10 +74,14 @@ void CheckServers(const EnsembleFacts& facts, Report& report) {
   }
   const std::size_t all = facts.servers.size();
   if (reached == all) return report.Ok("servers", fmt::format("{} of {} take connections", reached, all));
+  const bool closed = std::any_of(facts.servers.begin(), facts.servers.end(),
+                                  [](const auto& server) { return server.closes; });
   report.Add("servers", reached == 0 ? Verdict::Failure : Verdict::Warning,
              fmt::format("{} of {} take connections; {}", reached, all, errors),
-             reached == 0 ? "start the ensemble, or correct hosts and ports; look for a firewall between"
-                          : "start what is down, or take it out: there is less to fall back on without it");
+             closed ? "see who closes: a tunnel whose server is down or not who it should be (its log says "
+                      "which), a server whose maxClientCnxns is used up, or a TLS port without a tunnel"
+             : reached == 0 ? "start the ensemble, or correct hosts and ports; look for a firewall between"
+                            : "start what is down, or take it out: there is less to fall back on without it");
 }
 
 void CheckSession(const EnsembleFacts& facts, Report& report) {

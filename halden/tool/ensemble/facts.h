@@ -17,6 +17,7 @@ struct ServerFacts {
   bool isName = false;
   std::string resolveError;
   std::string connectError;  ///< empty where one of its addresses takes connections
+  bool closes = false;       ///< it takes them, and closes them before a word was said
 };
 
 /// What who has no credential may do to a service: permissions as bits (see details::Permission), of any of its

@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <sstream>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -25,25 +26,37 @@ namespace {
 
 using std::chrono::milliseconds;
 
+/// What a server does with a connection, and words for it: none where it is as it should be.
+struct Reception {
+  bool closes = false;
+  zr::String trouble;
+};
+
 /// 0, or the errno that connecting ended with.
-int Connect(const addrinfo& address, milliseconds limit) {
-  const int fd = socket(address.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (fd < 0) return errno;
-  int error = connect(fd, address.ai_addr, address.ai_addrlen) == 0 ? 0 : errno;
-  if (error == EINPROGRESS) {
-    pollfd writable{fd, POLLOUT, 0};
-    socklen_t length = sizeof error;
-    if (poll(&writable, 1, static_cast<int>(limit.count())) == 0) {
-      error = ETIMEDOUT;
-    } else if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
-      error = errno;
-    }
-  }
-  close(fd);
-  return error;
+int Connect(int fd, const addrinfo& address, milliseconds limit) {
+  if (connect(fd, address.ai_addr, address.ai_addrlen) == 0) return 0;
+  if (errno != EINPROGRESS) return errno;
+  pollfd writable{fd, POLLOUT, 0};
+  int error = 0;
+  socklen_t length = sizeof error;
+  if (poll(&writable, 1, static_cast<int>(limit.count())) == 0) return ETIMEDOUT;
+  return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
 }
 
-zr::String WhyOneUnreachable(const zr::String& address, milliseconds limit) {
+/// A server answers the question for its state, if only that it is not to be asked. Who closes the connection
+/// instead does not get it through to a server. One that is silent may be busy.
+bool Closes(int fd, milliseconds limit) {
+  constexpr std::string_view question = "srvr\n";  // a TLS port looks at five bytes before it closes
+  const auto gone = [] { return errno == ECONNRESET || errno == EPIPE; };
+  if (send(fd, question.data(), question.size(), MSG_NOSIGNAL) < 0) return gone();
+  pollfd readable{fd, POLLIN, 0};
+  if (poll(&readable, 1, static_cast<int>(limit.count())) <= 0) return false;
+  char answer = 0;
+  const auto length = recv(fd, &answer, 1, 0);
+  return length == 0 || (length < 0 && gone());
+}
+
+Reception ReceptionAtOne(const zr::String& address, milliseconds limit) {
   const auto colon = address.rfind(':');  // IPv6 has no brackets here
   addrinfo hints{};
   hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
@@ -51,21 +64,26 @@ zr::String WhyOneUnreachable(const zr::String& address, milliseconds limit) {
   addrinfo* list = nullptr;
   const int code =
       getaddrinfo(address.substr(0, colon).c_str(), address.substr(colon + 1).c_str(), &hints, &list);
-  if (code != 0) return gai_strerror(code);
+  if (code != 0) return {false, gai_strerror(code)};
   const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(list, freeaddrinfo);
-  const int error = Connect(*list, limit);
-  return error == 0 ? zr::String() : std::generic_category().message(error);
+  const int fd = socket(list->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0) return {false, std::generic_category().message(errno)};
+  const int error = Connect(fd, *list, limit);
+  const bool closes = error == 0 && Closes(fd, limit / 2);  // silent or not, it is known within `limit`
+  close(fd);
+  if (closes) return {true, "closes the connection at once"};
+  return {false, error == 0 ? zr::String() : std::generic_category().message(error)};
 }
 
-/// Why none of "address:port,address:port..." (numeric, IPv6 without brackets) takes a connection; empty when one does.
-zr::String WhyUnreachable(const zr::String& addresses, milliseconds limit) {
-  zr::String why = "no address";
+/// Of the first of "address:port,address:port..." (numeric, IPv6 without brackets) that is in order, else of the last.
+Reception ReceptionAt(const zr::String& addresses, milliseconds limit) {
+  Reception reception{false, "no address"};
   std::istringstream stream(addresses);
   for (zr::String address; std::getline(stream, address, ',');) {
-    why = WhyOneUnreachable(address, limit);
-    if (why.empty()) break;
+    reception = ReceptionAtOne(address, limit);
+    if (reception.trouble.empty()) break;
   }
-  return why;
+  return reception;
 }
 
 std::string NameOf(const details::HostPort& server) {
@@ -84,10 +102,12 @@ struct Findings {
 void Examine(const details::HostPort& server, std::size_t index, milliseconds limit, Findings& findings) {
   const auto resolved = details::Resolve({server});
   const bool found = !resolved.addresses.empty();
-  const auto connectError = found ? WhyUnreachable(resolved.addresses, limit) : "its name does not resolve";
+  const auto reception =
+      found ? ReceptionAt(resolved.addresses, limit) : Reception{false, "its name does not resolve"};
   const std::lock_guard lock(findings.mtx);
   findings.facts[index].resolveError = resolved.error;
-  findings.facts[index].connectError = connectError;
+  findings.facts[index].connectError = reception.trouble;
+  findings.facts[index].closes = reception.closes;
   --findings.open;
   findings.changed.notify_all();
 }

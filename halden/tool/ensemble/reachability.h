@@ -12,8 +12,8 @@
 /// Whether servers take connections, as this process finds it: for whoever is not told why a session fails. Any thread.
 namespace zr::halden::tool {
 
-/// Resolves each server and connects to it, to all at once. Waits up to `limit`; who has not answered by then is said
-/// not to have.
+/// Resolves each server, connects to it and asks how it is, all at once. Waits up to `limit`; who has not taken the
+/// connection by then is said not to answer.
 std::vector<ServerFacts> ExamineServers(const std::vector<details::HostPort>& servers,
                                         std::chrono::milliseconds limit);
 

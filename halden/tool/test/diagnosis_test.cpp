@@ -66,8 +66,7 @@ TEST(Diagnosis, TellsFailuresFromWarningsAndBothFromWhatIsWell) {
          f.hasCredential = true, f.service->exposure = {0, 5, 31, 31, 3};
        },
        "access: who has no credential can add instances, change 3 of 10, remove instances, take others' "
-       "rights "
-       "away\n"},
+       "rights away\n"},
       {[](auto& f) { f.service->exposure.code = ZNOAUTH; },
        "access: not all access lists could be read: not authenticated\n"},
       {[](auto& f) { f.service->unreadable = 2, f.service->unreadableExample = "/x: empty"; },
