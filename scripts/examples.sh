@@ -158,4 +158,13 @@ wait "$watcher" || true
 expect host-1 "$folder/list.out"
 exec 3>&- # the end of the publisher's input
 wait "$publisher" || fail "the publisher failed"
+
+echo "examples: TLS"
+if scripts/setup.sh --examples; then
+  examples/tls/run.sh "$prefix/bin/halden"
+  systemd-analyze verify --man=no examples/tls/halden-tunnel.service >"$folder/unit.log" 2>&1 || fail "a bad unit"
+  [[ ! -s "$folder/unit.log" ]] || fail "an unsound unit" # it succeeds with unknown keys
+else
+  echo "examples: skipped, stunnel is not installed and cannot be"
+fi
 echo "examples: all build and run"

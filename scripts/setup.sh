@@ -20,6 +20,9 @@ fi
 if [[ "${1:-}" == "--tests" ]]; then # what scripts/test.sh needs on top
   packages+=(chromium-headless-shell haproxy prometheus systemd)
 fi
+if [[ "${1:-}" == "--examples" ]]; then # what scripts/examples.sh needs on top
+  packages+=(stunnel4 openssl systemd)
+fi
 if [[ "${1:-}" == "--docs" ]]; then # what scripts/api_docs.sh needs on top
   packages+=(doxygen)
 fi
