@@ -43,7 +43,7 @@ int main(int argc, char** argv) {
     std::cout << request << ": " << first->dcName << " " << zr::halden::Endpoint(first->data);
     // Who died a moment ago is listed until its session ends: so the next one is asked where one does not answer.
     const auto second = table.Pick({first});
-    if (second->id != first->id)
+    if (second && (second->id != first->id || second->dcName != first->dcName))
       std::cout << ", else " << second->dcName << " " << zr::halden::Endpoint(second->data);
     std::cout << std::endl;
   }

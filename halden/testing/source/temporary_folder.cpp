@@ -21,8 +21,9 @@ TemporaryFolder::~TemporaryFolder() {
   std::filesystem::remove_all(m_path, ignored);
 }
 
-ConfigFile::ConfigFile(const DataCenterEnsembleMapT& dataCenters) {
+ConfigFile::ConfigFile(const DataCenterEnsembleMapT& dataCenters, const zr::String& local) {
   std::ofstream config(Path());
+  if (!local.empty()) config << "local = \"" << local << "\"\n";
   config << "[data_centers]\n";
   for (const auto& [name, ensemble] : dataCenters) config << "\"" << name << "\" = \"" << ensemble << "\"\n";
   if (!config.flush()) throw TestingError("cannot write " + Path());

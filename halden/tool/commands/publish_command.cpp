@@ -241,16 +241,15 @@ void SilencePublisherLog() {
   });
 }
 
-/// Takes the instances back, in order where that is possible.
-void RemoveAndClose(Instances& instances, Connection& conn) {
+/// Takes the instances back, in order where that is possible. What stays, empty when nothing does.
+std::string RemoveAndClose(Instances& instances, Connection& conn) {
   const ConnectionStatus status = conn.Status();
   const bool connected = status.state == ConnectionState::Connected;
   const bool removed = connected && instances.Remove(steady_clock::now() + kClosingLimit);
   conn.Stop();
   const bool closed = conn.AwaitClosed(kClosingLimit) && connected;
-  if (!removed && !closed && status.sessions > 0) {
-    Complain(conn.DataCenterName() + ": out of reach: the instances stay until the session times out");
-  }
+  if (removed || closed || status.sessions == 0) return {};
+  return conn.DataCenterName() + ": out of reach: the instances stay until the session times out";
 }
 
 }  // namespace
@@ -264,10 +263,10 @@ void PublishInstances(const PublishOptions& options, LineWriter& output) {
   try {
     ServeUntilEnd(instances, options, target, statusSignals, output);
   } catch (const Failure&) {
-    RemoveAndClose(instances, *target.conn);
+    if (const auto left = RemoveAndClose(instances, *target.conn); !left.empty()) Complain(left);
     throw;
   }
-  RemoveAndClose(instances, *target.conn);
+  if (const auto left = RemoveAndClose(instances, *target.conn); !left.empty()) throw Failure(kFailed, left);
 }
 
 }  // namespace zr::halden::tool

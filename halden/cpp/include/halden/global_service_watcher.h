@@ -101,6 +101,8 @@ class ZR_EXPORT GlobalServiceWatcher final : public zr::Observable<ServiceWatche
   void RemoveConnection(const std::shared_ptr<Connection>& conn);
 
   bool HasConnection(const zr::String& dcName) const;
+  /// Null where the data centre is not connected. Other watchers and publishers may use it too, in library-managed
+  /// mode until `DisconnectDC`, `StopManagedConnections` or `Close` stops it.
   std::shared_ptr<Connection> GetConnection(const zr::String& dcName) const;
 
   /// In either mode: publishes an instance of this service in the data centre, over the connection that is there

@@ -32,7 +32,8 @@ class ZR_EXPORT TemporaryFolder {
 /// Threads: constant after construction. Errors: the constructor throws TestingError when it cannot be written.
 class ZR_EXPORT ConfigFile {
  public:
-  explicit ConfigFile(const DataCenterEnsembleMapT& dataCenters);
+  /// `local`: the data centre that the program is in, or empty.
+  explicit ConfigFile(const DataCenterEnsembleMapT& dataCenters, const zr::String& local = {});
 
   std::string Path() const { return m_folder.Path() / "halden.toml"; }
 

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "halden/instance_data.h"
 #include "halden/service_id.h"
 #include "zr/messaging/halden/service.pb.h"
 #include "zrstl/export.h"
