@@ -69,8 +69,8 @@ void Follower::RefreshRegularly() {
   m_refresh.expires_after(kRefreshInterval);
   m_refresh.async_wait([this](const boost::system::error_code& error) {
     if (error) return;
+    RefreshRegularly();  // first: whatever fails below is looked at again
     for (const auto& [name, service] : m_services) service->Refresh();
-    RefreshRegularly();
   });
 }
 

@@ -2,17 +2,22 @@
 #include "agent/serve/files.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <system_error>
 #include <utility>
 
 namespace zr::halden::agent {
 
 namespace {
 
-/// What cannot be read is told by who parses it.
+/// What cannot be read, or is no template by its size or kind, is told by who parses it.
 std::string TextOf(const std::filesystem::path& path) {
+  constexpr std::uintmax_t most = 1024UL * 1024;
+  std::error_code error;
+  if (std::filesystem::file_size(path, error) > most || error) return {};  // a pipe would be waited for
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
 }
