@@ -32,6 +32,10 @@ std::optional<struct stat> StatusOf(const Path& path) {
   Fail("cannot look at", path);
 }
 
+void RequireFile(const struct stat& status, const Path& path) {
+  if (!S_ISREG(status.st_mode)) Fail("not a file that could be replaced:", path, EINVAL);
+}
+
 void WriteAll(int file, std::string_view text, const Path& path) {
   while (!text.empty()) {
     const ssize_t written = write(file, text.data(), text.size());
@@ -67,13 +71,16 @@ TargetFile::TargetFile(const std::filesystem::path& path)
     throw RenderError("there is no folder \"" + m_path.parent_path().string() + "\"");
   }
   const auto status = StatusOf(m_path);
-  if (status && !S_ISREG(status->st_mode)) Fail("not a file that could be replaced:", m_path, EINVAL);
+  if (status) RequireFile(*status, m_path);
 }
 
 std::optional<std::string> TargetFile::Read() const {
-  const FileDescriptor file(open(m_path.c_str(), O_RDONLY | O_CLOEXEC));
+  const FileDescriptor file(
+      open(m_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));  // it may be a pipe by now
   if (!file && errno == ENOENT) return std::nullopt;
-  if (!file) Fail("cannot read", m_path);
+  struct stat status {};
+  if (!file || fstat(file.Get(), &status) != 0) Fail("cannot read", m_path);
+  RequireFile(status, m_path);
   std::string text;
   std::array<char, 65536> part{};
   while (true) {

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <boost/asio/ip/tcp.hpp>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <stdexcept>
@@ -53,6 +54,12 @@ struct Configuration {
 };
 
 Configuration Load(const AgentOptions& options) {
+  std::error_code none;
+  const auto status = std::filesystem::status(options.configPath, none);
+  if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+    // A pipe would be read once only, and be waited for, with all that the loop does, when it is read again.
+    return {{}, {}, options.configPath + ": expected a file, which can be read again"};
+  }
   ZooKeeperConfig ensembles = ReadZooKeeperConfig(options.configPath);
   ServeConfig serve = ReadServeConfig(options.configPath);
   std::string faults;
