@@ -3,7 +3,10 @@
 
 #include <fmt/format.h>
 
+#include <cstddef>
+#include <iterator>
 #include <nlohmann/json.hpp>
+#include <unordered_map>
 
 #include "render/findings.h"
 #include "render/instance_text.h"
@@ -27,6 +30,21 @@ std::string HexText(std::int64_t number) {
   return fmt::format("{:#x}", static_cast<std::uint64_t>(number));
 }
 
+/// Of a key that comes twice the last value counts. The object by itself would look for each key among all before it, and
+/// who publishes chooses how many there are.
+void AddAttributes(Json& json, const ServiceInstanceData& data) {
+  auto& attributes = json.get_ref<Json::object_t&>();
+  std::unordered_map<std::string_view, std::ptrdiff_t> places;
+  for (const auto& attribute : data.attributes()) {
+    const auto [place, isNew] = places.try_emplace(attribute.key(), std::ssize(attributes));
+    if (isNew) {
+      attributes.emplace_back(attribute.key(), attribute.value());
+    } else {
+      std::next(attributes.begin(), place->second)->second = attribute.value();
+    }
+  }
+}
+
 void AddData(Json& json, const ServiceInstanceData& data) {
   json["host"] = data.host();
   Json& ports = json["ports"] = Json::array();
@@ -35,8 +53,7 @@ void AddData(Json& json, const ServiceInstanceData& data) {
   json["version"] = data.version();
   json["weight"] = data.weight();
   json["start_time_ms"] = data.start_time_ms();
-  Json& attributes = json["attributes"] = Json::object();
-  for (const auto& attribute : data.attributes()) attributes[attribute.key()] = attribute.value();
+  AddAttributes(json["attributes"] = Json::object(), data);
 }
 
 }  // namespace
