@@ -11,7 +11,7 @@ namespace zr::halden::agent {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
+using Json = nlohmann::json;
 using kainjow::mustache::data;
 
 std::string NameOf(std::string text) {

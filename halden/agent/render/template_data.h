@@ -15,7 +15,8 @@ namespace zr::halden::agent {
 /// What a template sees of the services. Instances stay as they were read until a section comes to them: as data they
 /// take ten times as much.
 struct TemplateData {
-  std::vector<nlohmann::ordered_json> lists;
+  std::vector<nlohmann::json>
+      lists;  ///< sorted by key: in the order written, each would be looked for among all before
   kainjow::mustache::data
       root;  ///< its `services` has one for each list, whose `instances` are as many placeholders
   std::vector<std::string> names;  ///< of the services, as templates write them
