@@ -149,6 +149,12 @@ TEST(ServiceView, FiltersByWhatAnInstanceSaysAndNotByWhatReadsLikeIt) {
   ServiceView view("orders", "e");
   view.Put("eu", Id(1), Data("h1", "b"));
   view.Put("eu", Id(2), Data("h2\",\"status\":\"degraded\",", "x\",\"zone\":\"b"));
+  auto named = Data("h3");
+  for (const auto* key : {"status", "z"}) {
+    named.add_attributes()->set_key(key);
+    named.mutable_attributes()->rbegin()->set_value("degraded");
+  }
+  view.Put("eu", Id(3), named);
   Filter zone;
   zone.AddAttribute("zone", "b");
   EXPECT_THAT(view.List(zone), AllOf(HasSubstr("h1"), Not(HasSubstr("h2"))));

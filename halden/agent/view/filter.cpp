@@ -31,10 +31,14 @@ void Filter::AddAttribute(std::string_view key, std::string_view value) {
 
 bool Filter::Takes(std::string_view text) const {
   constexpr std::string_view begin = "\"attributes\":{";
-  const auto has = [text](const std::string& status) { return text.find(status) != std::string_view::npos; };
+  const auto place = text.find(begin);
+  const auto before = text.substr(0, place);  // an attribute may be called "status"
+  const auto has = [before](const std::string& status) {
+    return before.find(status) != std::string_view::npos;
+  };
   if (!m_statuses.empty() && std::none_of(m_statuses.begin(), m_statuses.end(), has)) return false;
   if (m_attributes.empty()) return true;
-  const auto attributes = text.substr(text.find(begin) + begin.size() - 1);
+  const auto attributes = text.substr(place + begin.size() - 1);
   return std::all_of(m_attributes.begin(), m_attributes.end(),
                      [attributes](const std::string& wanted) { return HasAttribute(attributes, wanted); });
 }
