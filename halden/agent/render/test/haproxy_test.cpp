@@ -2,14 +2,12 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
-#include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -20,8 +18,8 @@
 #include <string>
 #include <string_view>
 #include <thread>
-#include <vector>
 
+#include "agent/bench/process.h"
 #include "base/file_descriptor.h"
 #include "halden/testing/held_port.h"
 #include "halden/testing/poll.h"
@@ -104,30 +102,6 @@ std::string Ask(std::uint16_t port, const std::string& service) {
                                                                                   : answer;
 }
 
-/// A process that is ended with the object.
-class Process {
- public:
-  explicit Process(std::vector<std::string> words) {
-    m_pid = fork();
-    if (m_pid != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGTERM);
-    std::vector<char*> arguments;
-    for (auto& word : words) arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    execvp(arguments[0], arguments.data());
-    _exit(127);
-  }
-  ~Process() {
-    kill(m_pid, SIGTERM);
-    waitpid(m_pid, nullptr, 0);
-  }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-
- private:
-  pid_t m_pid = 0;
-};
-
 class HaproxyTest : public Test {
  protected:
   HaproxyTest() {
@@ -189,16 +163,17 @@ TEST_F(HaproxyTest, TrafficFollowsInstancesThatComeAndGoAcrossReloads) {
   if (access("/usr/sbin/haproxy", X_OK) != 0)
     GTEST_SKIP() << "no HAProxy: scripts/setup.sh --tests installs it";
   Join(1);
-  const halden::testing::ConfigFile config({{"eu", m_zookeeper.ConnectString()}});
   // A new one takes over from the old, and has done so when the command ends: a signal to reload gets lost where it
   // comes while the proxy still handles the one before.
-  const std::string pid = "'" + File("pid") + "'";
-  const std::string reload = "haproxy -D -q -f \"$HALDEN_FILE\" -p " + pid + " $(test -e " + pid +
-                             " && echo -sf $(cat " + pid + "))";
-  const Process agent({HALDEN_COMMAND, "serve", "--quiet", "--service", "orders", "--listen", "", "--socket",
-                       File("socket"), "--config", config.Path(), "--render",
-                       File("template") + ":" + File("haproxy.cfg"), "--render-wait", "0.001:0.01", "--check",
-                       "haproxy -c -q -f \"$HALDEN_FILE\"", "--reload", reload});
+  std::ofstream(File("halden.toml"))
+      << "[data_centers]\neu = '" << m_zookeeper.ConnectString()
+      << "'\n[serve]\nservices = ['orders']\nlisten = ''\n"
+      << "socket = '" << File("socket") << "'\n[[serve.render]]\ntemplate = '" << File("template")
+      << "'\ntarget = '" << File("haproxy.cfg")
+      << "'\nwait = '0.001:0.01'\ncheck = 'haproxy -c -q -f $HALDEN_FILE'\nreload = 'haproxy -D -q -f "
+      << "$HALDEN_FILE -p " << File("pid") << " $(test -e " << File("pid") << " && echo -sf $(cat "
+      << File("pid") << "))'\n";
+  const Process agent(HALDEN_COMMAND " serve --quiet --config " + File("halden.toml"));
   ASSERT_TRUE(TrafficFollows());
   Join(2);
   Join(3);
