@@ -68,10 +68,10 @@ void Complete(const Json& instance, data& item) {
   }
   item["named_ports"] = std::move(ports);
   item["address"] = data(false);
-  if (const auto* const port = item.get("port"); port->is_string()) {
-    const auto host = OneLine(instance.value("host", std::string()));
-    const bool isIPv6 = host.find(':') != std::string::npos;
-    item["address"] = data((isIPv6 ? "[" + host + "]" : host) + ":" + port->string_value());
+  const auto host = OneLine(instance.value("host", std::string()));
+  if (const auto* const port = item.get("port"); port->is_string() && !host.empty()) {
+    const bool isBareIPv6 = host.find(':') != std::string::npos && host.front() != '[';
+    item["address"] = data((isBareIPv6 ? "[" + host + "]" : host) + ":" + port->string_value());
   }
   item["status_is"] = data(NameOf(instance.value("status", std::string())), data(true));
   if (instance.value("weight", 0) == 0) item["weight"] = data(false);

@@ -113,8 +113,8 @@ TEST_F(RenderTest, TellsWhatATemplateCannotFindOut) {
                    "{{#weight}}W{{/weight}}{{#version}}V{{/version}}{{#status_is.ok}}+{{/status_is.ok}}"
                    "{{#attribute_list}}{{name}}={{value}}{{/attribute_list}}"
                    "{{#attributes}}{{zone}}{{/attributes}}{{^last}};{{/last}}{{/instances}}{{/services}}",
-                   List({"a", "::1"})),
-            "orders:a:80:80,81+zone=aa;[::1]:80:80,81+zone=aa");
+                   List({"a", "::1", "[::1]", ""})),
+            "orders:a:80:80,81+zone=aa;[::1]:80:80,81+zone=aa;[::1]:80:80,81+zone=aa;:80,81+zone=aa");
 }
 
 TEST_F(RenderTest, NoInstanceCanAddWordsOrLines) {
