@@ -45,6 +45,15 @@ details::FileDescriptor LockFolder(const std::string& path) {
   return locked;
 }
 
+/// Who may read what this process creates may connect: the system asks for the right to write.
+void AdmitReaders(const std::string& path) {
+  constexpr mode_t readers = S_IRUSR | S_IRGRP | S_IROTH;
+  constexpr mode_t permissions = 0777;
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return;
+  static_cast<void>(chmod(path.c_str(), (status.st_mode & permissions) | (status.st_mode & readers) >> 1U));
+}
+
 }  // namespace
 
 Server::Server(asio::io_context& loop, const ServiceViews& views, std::span<const StaticFile> files,
@@ -80,6 +89,7 @@ void Server::Listen(const std::string& path) {
   m_local.bind(endpoint);
   m_path = path;
   m_pathNode = NodeOf(path);
+  AdmitReaders(path);
   m_local.listen();
   Accept(m_local);
 }

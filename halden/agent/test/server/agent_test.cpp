@@ -99,15 +99,17 @@ class AgentTest : public Test {
 TEST_F(AgentTest, ServesListsThatCanBeWaitedOn) {
   m_publisher->Publish("orders", Id(1), Data("h1"));
   m_publisher->Publish("orders", Id(2), Data("h2", "b"));
-  StartAgent("--socket " + (m_folder.Path() / "socket").string());
+  const auto socket = m_folder.Path() / "socket";
+  StartAgent("--socket " + socket.string());
+  const auto mode = static_cast<unsigned>(std::filesystem::status(socket).permissions());
+  EXPECT_EQ((mode & 0444U) >> 1U, mode & 0222U) << "who may read may connect";
   const std::string list = m_agent->Ask(kList);
   EXPECT_THAT(list, AllOf(HasSubstr("\"host\":\"h1\""), HasSubstr("\"host\":\"h2\""), HasSubstr("nosniff")));
   EXPECT_EQ(Header(list, "Halden-Freshness"), "eu=live");
   EXPECT_THAT(m_agent->Ask(std::string(kList) + "?attribute=zone:b&status=ok"),
               AllOf(Not(HasSubstr("h1")), HasSubstr("h2")));
-  EXPECT_EQ(
-      CurlOutput("--unix-socket " + (m_folder.Path() / "socket").string() + " http://localhost" + kList),
-      list.substr(list.find("\r\n\r\n") + 4));
+  EXPECT_EQ(CurlOutput("--unix-socket " + socket.string() + " http://localhost" + kList),
+            list.substr(list.find("\r\n\r\n") + 4));
   EXPECT_THAT(m_agent->Ask("/v1/services/orders/instances/eu/" + ToString(Id(1))),
               HasSubstr("\"host\":\"h1\""));
   EXPECT_THAT(m_agent->Ask("/"), AllOf(HasSubstr("text/html"), HasSubstr("<!")));
