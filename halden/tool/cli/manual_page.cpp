@@ -63,7 +63,8 @@ std::string RoffOption(const OptionSpec& option) {
 constexpr std::string_view kClosingSections =
     ".SH EXIT STATUS\n"
     ".TP\n0\nDone, or ended by a signal that asked for it, with nothing left to do.\n"
-    ".TP\n1\nFailed; what is wrong is said on stderr. \\fBpublish\\fR also when it ends and cannot remove its nodes.\n"
+    ".TP\n1\nFailed; what is wrong is said on stderr. \\fBpublish\\fR also when it ends and cannot remove "
+    "its nodes.\n"
     ".TP\n2\nWrong usage.\n"
     ".SH ENVIRONMENT\n"
     ".TP\n\\fBHALDEN_CONFIG\\fR\nThe configuration file, where \\fB\\-\\-config\\fR is not given.\n"

@@ -112,7 +112,8 @@ class ZR_EXPORT EventQueue final : public ServiceWatcherObserver {
   friend class details::WatcherDelivery;
 
   using DataCenterKey = std::pair<zr::String, zr::String>;  // service, data centre
-  using Key = std::pair<const DataCenterKey*, ServiceId>;   // in m_dataCenters: there are many instances of each
+  using Key =
+      std::pair<const DataCenterKey*, ServiceId>;  // in m_dataCenters: there are many instances of each
 
   struct Waiting {
     const Key* instance = nullptr;       // in m_instances; null for
@@ -156,8 +157,8 @@ class ZR_EXPORT EventQueue final : public ServiceWatcherObserver {
   zr::ConditionVariable m_changed;
   InstanceMap m_instances ZR_GUARDED_BY(m_mtx);
   std::map<DataCenterKey, DataCenter> m_dataCenters ZR_GUARDED_BY(m_mtx);  // only grows
-  Order m_order ZR_GUARDED_BY(m_mtx);            // what waits, oldest first
-  bool m_readable ZR_GUARDED_BY(m_mtx) = false;  // the descriptor is
+  Order m_order ZR_GUARDED_BY(m_mtx);                                      // what waits, oldest first
+  bool m_readable ZR_GUARDED_BY(m_mtx) = false;                            // the descriptor is
   bool m_closed ZR_GUARDED_BY(m_mtx) = false;
 };
 
