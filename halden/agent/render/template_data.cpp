@@ -62,7 +62,10 @@ data ToData(const Json& json) {
 void Complete(const Json& instance, data& item) {
   data ports(data::type::object);
   item["port"] = data(false);
-  for (const auto& port : instance.value("ports", Json::array())) {
+  const auto given = instance.value("ports", Json::array());
+  if (!given.empty())
+    item["port"] = ToData(given.front().value("port", Json()));  // the main one, if all have names
+  for (const auto& port : given) {
     const auto name = port.value("name", std::string());
     (name.empty() ? item["port"] : ports[NameOf(name)]) = ToData(port.value("port", Json()));
   }

@@ -23,10 +23,10 @@ constexpr const char* kAwaitAnswers = "How long to wait for data centres that do
 
 std::string ReadService(const Words& words) {
   if (!IsValidServiceName(words.service)) {
-    Refuse(
-        fmt::format("bad service name '{}': expected 1 to 255 bytes of UTF-8 without '/' and control "
-                    "characters, and not '.' or '..'",
-                    EscapeControls(words.service)));
+    Refuse(fmt::format(
+        "bad service name '{}': expected 1 to 255 bytes of UTF-8 without '/', control characters and "
+        "what else ZooKeeper refuses, and not '.' or '..'",
+        EscapeControls(words.service)));
   }
   return words.service;
 }

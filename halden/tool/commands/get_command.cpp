@@ -43,6 +43,7 @@ Found ReadNode(EnsembleReader& reader, const GetOptions& options) {
     found.facts = ReadNodeFacts(reader.DataCenter(), id, path, reply.value, reply.stat);
   } else if (reply.code != ZNONODE) {
     found.trouble = TroubleOf(reader, reply.code, options.Patience());
+    if (reply.code == ZNOAUTH) found.trouble += ": " + path + " may not be read";
   }
   return found;
 }

@@ -28,7 +28,7 @@ void ListServices(const ServicesOptions& options, LineWriter& output) {
     services.insert(services.end(), part.begin(), part.end());
     if (!trouble.empty()) troubles += trouble + '\n';
   }
-  if (!troubles.empty()) troubles += DoctorHint(options, {});
+  if (!troubles.empty()) troubles += DoctorHint(options, "SERVICE");
   std::sort(services.begin(), services.end(), [](const ServiceCount& a, const ServiceCount& b) {
     return std::tie(a.name, a.dataCenter) < std::tie(b.name, b.dataCenter);
   });

@@ -60,10 +60,19 @@ std::string Unread(const std::vector<DataCenterStatus>& states, const DataCenter
   return text.empty() ? text : text + toTry;
 }
 
+std::string Refused(const std::vector<DataCenterStatus>& states, const std::string& toTry) {
+  std::string text;
+  for (const auto& state : states) {
+    if (!IsRead(state) || state.watcher.lastError != ZNOAUTH) continue;
+    text += state.name + ": some of its nodes may not be read\n";
+  }
+  return text.empty() ? text : text + toTry;
+}
+
 bool IsEmpty(const std::vector<DataCenterStatus>& states) {
   return std::all_of(states.begin(), states.end(), [](const DataCenterStatus& state) {
     return state.watcher.freshness == Freshness::Live && state.watcher.instances == 0 &&
-           state.watcher.quarantined == 0;
+           state.watcher.quarantined == 0 && state.watcher.lastError != ZNOAUTH;
   });
 }
 
@@ -76,13 +85,15 @@ void ShowLive(GlobalServiceWatcher& watcher, const DataCenterEnsembleMapT& ensem
   screen.Run([&](const Look& look, std::size_t rows) { return picture(watcher, look, rows); });
 }
 
-/// What has not been read in time.
+/// What has not been read in time, or may not be.
 std::string ShowOnce(GlobalServiceWatcher& watcher, const DataCenterEnsembleMapT& ensembles,
                      const ViewOptions& options, const Picture& picture, LineWriter& output) {
   Connect(watcher, ensembles);
   if (!AwaitInstances(watcher, options, output)) return {};
-  std::string unread =
-      Unread(watcher.Status(), ensembles, options.Patience(), DoctorHint(options, options.service));
+  const auto states = watcher.Status();
+  const auto toTry = DoctorHint(options, options.service);
+  std::string unread = Unread(states, ensembles, options.Patience(), toTry);
+  if (unread.empty()) unread = Refused(states, toTry);
   output.Write(picture(watcher, LookOf(output.Descriptor()), 0));
   if (!options.quiet && IsEmpty(watcher.Status()))
     Complain(NobodyPublishes(ensembles, options.service, output));

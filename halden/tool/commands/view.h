@@ -31,6 +31,9 @@ bool AwaitInstances(const GlobalServiceWatcher& watcher, const CommonOptions& op
 std::string Unread(const std::vector<DataCenterStatus>& states, const DataCenterEnsembleMapT& ensembles,
                    std::chrono::milliseconds patience, const std::string& toTry);
 
+/// A line for each data centre that was read, but for nodes that may not be, and what to try; else empty.
+std::string Refused(const std::vector<DataCenterStatus>& states, const std::string& toTry);
+
 /// That every data centre has been read and nobody has an instance there, readable or not.
 bool IsEmpty(const std::vector<DataCenterStatus>& states);
 

@@ -159,12 +159,19 @@ bool CheckNodes(const ServiceFacts& facts, const std::string& service, const std
                "try again, with a longer --timeout where it is large");
     return false;
   }
+  if (facts.refused != 0) {
+    report.Add("service", Verdict::Failure,
+               fmt::format("{} below it may not be read, and not followed: {}",
+                           Counted(facts.refused, "node"), facts.refusedExample),
+               "let everybody read what is published (acl = \"creator\" does), or give the data centre an "
+               "auth_file with a credential that may read it");
+  }
   if (facts.unreadable != 0) {
     report.Add("service", Verdict::Failure,
-               fmt::format("{} of {} cannot be read and are not announced: {}", facts.unreadable,
+               fmt::format("{} of {} without a value that can be read: {}", facts.unreadable,
                            Counted(facts.instances, "instance"), facts.unreadableExample),
                "mend or stop what writes it; 'halden get' prints one node");
-  } else {
+  } else if (facts.refused == 0) {
     report.Ok("service", fmt::format("{}, all readable", Counted(facts.instances, "instance")));
   }
   if (facts.unfit != 0) {

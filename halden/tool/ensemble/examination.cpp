@@ -46,7 +46,7 @@ class ServiceExamination {
 
  private:
   void ExaminePartition(const zr::String& path, const details::Reply& list) {
-    if (!Readable(list.code)) return;
+    if (!Readable(path, list.code)) return;
     CountWatch(path);
     std::vector<Question> questions;
     for (const auto& name : list.children) {
@@ -83,7 +83,7 @@ class ServiceExamination {
   }
 
   void ExamineNode(const zr::String& path, const details::Reply& node) {
-    if (!Readable(node.code)) return;
+    if (!Readable(path, node.code)) return;
     CountWatch(path);
     ++m_facts.instances;
     m_instances.push_back({Request::Kind::GetAccess, path});
@@ -105,8 +105,9 @@ class ServiceExamination {
   }
 
   /// What has gone since it was listed is not there; other errors are kept.
-  bool Readable(int code) {
-    if (code != ZOK && code != ZNONODE) m_facts.code = code;
+  bool Readable(const zr::String& path, int code) {
+    if (code == ZNOAUTH && m_facts.refused++ == 0) m_facts.refusedExample = path;
+    if (code != ZOK && code != ZNONODE && code != ZNOAUTH) m_facts.code = code;
     return code == ZOK;
   }
   void CountOdd(const zr::String& path) {

@@ -38,7 +38,9 @@ struct ServiceFacts {
   std::string oddExample;    ///< the path of one of them
   std::size_t unreadable = 0;
   std::string unreadableExample;  ///< the path of one of them, why, and who wrote it
-  std::size_t unfit = 0;          ///< that say what no client can use
+  std::size_t refused = 0;        ///< partitions and instances that may not be read
+  std::string refusedExample;
+  std::size_t unfit = 0;  ///< that say what no client can use
   std::string unfitExample;
   std::size_t sessionless = 0;  ///< that stay when their writers go
   std::string sessionlessExample;

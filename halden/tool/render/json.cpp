@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <iterator>
 #include <nlohmann/json.hpp>
-#include <unordered_map>
+#include <unordered_set>
 
 #include "render/findings.h"
 #include "render/instance_text.h"
@@ -30,18 +30,13 @@ std::string HexText(std::int64_t number) {
   return fmt::format("{:#x}", static_cast<std::uint64_t>(number));
 }
 
-/// Of a key that comes twice the last value counts. The object by itself would look for each key among all before it, and
+/// Of a key that comes twice the first value counts. The object by itself would look for each key among all before it, and
 /// who publishes chooses how many there are.
 void AddAttributes(Json& json, const ServiceInstanceData& data) {
   auto& attributes = json.get_ref<Json::object_t&>();
-  std::unordered_map<std::string_view, std::ptrdiff_t> places;
+  std::unordered_set<std::string_view> known;
   for (const auto& attribute : data.attributes()) {
-    const auto [place, isNew] = places.try_emplace(attribute.key(), std::ssize(attributes));
-    if (isNew) {
-      attributes.emplace_back(attribute.key(), attribute.value());
-    } else {
-      std::next(attributes.begin(), place->second)->second = attribute.value();
-    }
+    if (known.insert(attribute.key()).second) attributes.emplace_back(attribute.key(), attribute.value());
   }
 }
 

@@ -22,6 +22,8 @@ std::string WriterText(const messaging::halden::User& user) {
 std::string TimeText(std::int64_t ms, TimePoint now) {
   if (ms <= 0) return "-";
   const TimePoint time = FromMilliseconds(ms);
+  constexpr std::chrono::minutes skew{1};  // of clocks
+  if (time > now + skew) return LocalTime(time) + " (in the future)";
   return fmt::format("{} ({} ago)", LocalTime(time), Age(time, now));
 }
 

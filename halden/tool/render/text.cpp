@@ -161,7 +161,8 @@ std::string UtcTime(TimePoint time) {
 
 TimePoint FromMilliseconds(std::int64_t sinceEpoch) {
   // A time that a writer made up must not overflow the clock's finer unit.
-  constexpr std::int64_t most = std::int64_t{253'402'300'799} * 1000;  // the end of the year 9999
+  constexpr std::int64_t most =
+      std::chrono::floor<std::chrono::milliseconds>(TimePoint::max()).time_since_epoch().count();
   return TimePoint(std::chrono::milliseconds(std::clamp<std::int64_t>(sinceEpoch, 0, most)));
 }
 

@@ -17,6 +17,15 @@ std::optional<std::uint16_t> Legal(std::uint32_t port) {
   return static_cast<std::uint16_t>(port);
 }
 
+/// "h:80", "[::1]", "h 1": what clients could not connect to as it stands.
+bool IsHost(const zr::String& host) {
+  const auto isBad = [](unsigned char letter) {
+    return letter <= ' ' || letter == 0x7F || letter == '[' || letter == ']' || letter == '/';
+  };
+  if (std::any_of(host.begin(), host.end(), isBad)) return false;
+  return std::count(host.begin(), host.end(), ':') != 1;  // an IPv6 address has more
+}
+
 }  // namespace
 
 std::optional<std::uint16_t> FindPort(const ServiceInstanceData& data, std::string_view name) {
@@ -62,6 +71,9 @@ zr::String WhyUnfit(const ServiceInstanceData& data, std::string_view serviceNam
     return "its service is " + Quoted(data.service_name()) + ": expected " + Quoted(serviceName);
   }
   if (data.host().empty()) return "it names no host: expected the name or address that clients connect to";
+  if (!IsHost(data.host()))
+    return "its host is " + Quoted(data.host()) +
+           ": expected a name or address without port, brackets and blanks";
   std::set<std::string_view> names;
   for (const auto& port : data.ports()) {
     const zr::String which = port.name().empty() ? "the port without a name" : "port " + Quoted(port.name());

@@ -234,6 +234,10 @@ TEST_F(ServicePublisherTest, DataThatFitsInNoNodeIsRefusedAndLargeTextIsCompress
   portless.add_ports()->set_port(70'000);
   EXPECT_THAT([&] { m_publisher->Publish(portless); },
               ::testing::ThrowsMessage<ZooError>(::testing::HasSubstr("is 70000")));
+  for (const char* const host : {"[::1]", "h:80", "h 1", "h\n"}) {
+    EXPECT_THAT([&] { m_publisher->Publish(MakeInstance(host)); },
+                ::testing::ThrowsMessage<ZooError>(::testing::HasSubstr("its host is")));
+  }
   EXPECT_TRUE(m_publisher->AwaitPublished(kLimit)) << "what was published before stays";
 }
 
