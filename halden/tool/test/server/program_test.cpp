@@ -172,9 +172,13 @@ TEST_F(Command, AuthenticatesAndProtectsAndNeverTellsTheSecret) {
                             "services --log-level debug", "status orders --json", "doctor orders --json"})
     outcome(words);
   outcome("get orders --log-level debug " + line[0]);
+  Program closed = Start("publish closed --dc eu --host h --port 80 --acl auth::cdrwa");
+  ASSERT_THAT(closed.Read(1), SizeIs(1));
   std::ofstream(m_config) << "[data_centers]\neu = '" << server.ConnectString("/p") << "'\n";
   EXPECT_THAT(Outcome("doctor orders"),
               ContainsRegex("who has no credential can add instances\n.* 0 warnings"));
+  EXPECT_THAT(Outcome("list closed"), ContainsRegex("some of its nodes may not be read.*= 1"));
+  EXPECT_THAT(Outcome("doctor closed"), HasSubstr("1 node below it may not be read"));
   EXPECT_THAT(Outcome("publish orders --dc eu --host h --port 1 --acl creator"),
               HasSubstr("no auth_file\n= 2"));
   EXPECT_THAT(all, Not(HasSubstr("secret-word")));
