@@ -61,26 +61,6 @@ TEST_F(ConnectionTest, WhatCanNeverWorkIsThrownByStartAndNothingElseIs) {
   EXPECT_EQ(unresolvable->Status().state, ConnectionState::Connecting);
 }
 
-TEST_F(ConnectionTest, ASecondStartKeepsTheSessionAndAStartAfterStopMakesOne) {
-  const zr::String byName = "localhost:" + std::to_string(Server(kDc).Port()) + m_chroot;
-  const auto conn = std::make_shared<Connection>(std::vector<zr::String>{"localhost:1", byName}, true, "",
-                                                 kSessionTimeout, kDc);
-  EXPECT_TRUE(conn->AwaitClosed(kLimit)) << "was never open";
-  conn->Start(nullptr);
-  ASSERT_TRUE(AwaitState(*conn, ConnectionState::Connected));
-  const auto session = conn->Status().sessionId;
-  conn->Start(nullptr);
-  const auto watcher = Watch(conn);
-  ASSERT_TRUE(watcher->AwaitSynchronized(kLimit));
-  EXPECT_EQ(conn->Status().sessionId, session);
-  conn->Stop();
-  conn->Start(nullptr);  // while the old session may still be closing
-  const ServiceId id = Publish(kDc, "host");
-  ASSERT_TRUE(m_observer->Await(EventKind::Added, kDc, id));
-  EXPECT_NE(conn->Status().sessionId, session);
-  EXPECT_EQ(conn->Status().sessions, 2U);
-}
-
 TEST_F(ConnectionTest, AServerThatTakesTheConnectionAndNeverAnswersIsNotWaitedForLong) {
   const CapturingLog log;
   const auto conn = MakeConnection(kDc, true, {}, std::chrono::minutes(1));

@@ -191,27 +191,6 @@ TEST_F(ServiceWatcherTest, StrangeNodesAreNoInstances) {
   EXPECT_EQ(log.Count("halden.service_watcher", "node ignored"), 4) << "once for each";
 }
 
-TEST_F(ServiceWatcherTest, MoreWatchesThanAPacketHoldsSurviveAReconnectAndAnExpiry) {
-  // The client library sets all watches again in one packet, which the server refuses past a megabyte.
-  m_chroot += "/" + zr::String(1000, 'x');
-  constexpr std::size_t count = 1200;
-  for (std::size_t i = 0; i < count; ++i) Publish(kDc, "host");
-  const auto conn = MakeConnection(kDc);
-  conn->Start(nullptr);
-  m_watcher = MakeWatcher(conn, m_observer);
-  ASSERT_TRUE(m_observer->Await("all", [](const auto& events) { return events.size() == count; }));
-  Server(kDc).Kill();
-  Server(kDc).Start();
-  const ServiceId reconnected = Publish(kDc, "reconnected");
-  ASSERT_TRUE(m_observer->Await(EventKind::Added, kDc, reconnected));
-  conn->ForceExpire();
-  ASSERT_TRUE(Eventually([&] { return conn->Status().expiries == 1; }));
-  ASSERT_TRUE(AwaitFreshness(*m_watcher, Freshness::Live));
-  const ServiceId renewed = Publish(kDc, "renewed");
-  ASSERT_TRUE(m_observer->Await(EventKind::Added, kDc, renewed));
-  EXPECT_EQ(m_observer->Events().size(), count + 2);
-}
-
 TEST_F(ServiceWatcherTest, ASlowObserverDelaysNeitherQueriesNorOthersAndGetsTheNewestState) {
   const auto entered = std::make_shared<Happening>();
   const auto opened = std::make_shared<Happening>();
@@ -249,28 +228,6 @@ TEST_F(ServiceWatcherTest, WithoutRenewalAnExpiryIsReportedAndWaitsForStart) {
   conn->Start(nullptr);
   ASSERT_TRUE(m_observer->Await(EventKind::Added, kDc, added));
   EXPECT_EQ(m_observer->Events().size(), 2U);
-}
-
-TEST_F(ServiceWatcherTest, TwoServicesShareAConnectionWithoutMixing) {
-  const auto invoices = std::make_shared<RecordingObserver>();
-  GlobalServiceWatcher ordersWatcher(kService, ApplicationManaged{});
-  GlobalServiceWatcher invoicesWatcher("invoices", ApplicationManaged{});
-  ordersWatcher.RegisterWeak(m_observer);
-  invoicesWatcher.RegisterWeak(invoices);
-  ordersWatcher.AddConnection(m_conn);
-  invoicesWatcher.AddConnection(m_conn);
-  EXPECT_EQ(m_conn->Status().state, ConnectionState::Stopped) << "it is the application's to start";
-  m_conn->Start(nullptr);
-  const ServiceId id = Publish(kDc, "order");
-  Client(kDc).Publish("invoices", id, MakeInstance("invoice"));
-  ASSERT_TRUE(m_observer->AwaitHost(kDc, id, "order"));
-  ASSERT_TRUE(invoices->AwaitHost(kDc, id, "invoice"));
-  ordersWatcher.RemoveConnection(m_conn);
-  EXPECT_THAT(ordersWatcher.ListInstances(), IsEmpty());
-  Client(kDc).Unpublish(kService, id);
-  Client(kDc).Publish("invoices", id, MakeInstance("changed"));
-  ASSERT_TRUE(invoices->AwaitHost(kDc, id, "changed"));
-  EXPECT_EQ(m_observer->Events().size(), 1U);
 }
 
 TEST_F(ServiceWatcherTest, WhatMustNotBeReadIsReportedAndComesOnceItMay) {

@@ -45,6 +45,7 @@ struct StreamReader {
     };
     if (block.find("\nid") != std::string::npos) {
       lastId = field("\nid: ");
+      if (lastId == "none") lastId.clear();  // begins anew
       restarted = false;
     }
     const auto name = field("event: ");
