@@ -81,6 +81,7 @@ bool LongWay::Take(Lane& lane, Clock::time_point& free) const {
     }
     due += m_distance.trip / 2;
     if (m_distance.jitter.count() > 0) due += m_distance.jitter * (std::rand() % 1024) / 1024;
+    if (m_distance.loss > 0 && std::rand() < m_distance.loss * RAND_MAX) due += m_distance.trip;
     if (!lane.pieces.empty()) due = std::max(due, lane.pieces.back().due);
     lane.pieces.push_back({due, std::move(bytes)});
   }

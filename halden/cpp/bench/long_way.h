@@ -24,6 +24,8 @@ struct Distance {
   double bytesPerSecond = 0;          ///< each way of all connections together; 0: no limit
   std::chrono::microseconds jitter{
       0};  ///< at most so much later, each way; what was sent first arrives first
+  double loss =
+      0;  ///< share of packets that are lost: they arrive a trip later, sent again, and hold up all behind
 };
 
 /// A long way to a server on a loopback port: all that is sent arrives later, as much as wanted at a time. Only the

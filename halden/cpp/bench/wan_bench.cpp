@@ -227,6 +227,12 @@ void BenchNarrow() {
       NarrowWay{"1 Mbit/s, 40 ms", {.trip = milliseconds(40), .bytesPerSecond = kMegabit}, kServices[1]},
       NarrowWay{"80 ms with 20 ms of jitter",
                 {.trip = milliseconds(80), .bytesPerSecond = 1000 * kMegabit, .jitter = milliseconds(20)},
+                kServices[2]},
+      NarrowWay{"80 ms with 20 ms of jitter and 1 % loss",
+                {.trip = milliseconds(80),
+                 .bytesPerSecond = 1000 * kMegabit,
+                 .jitter = milliseconds(20),
+                 .loss = 0.01},
                 kServices[2]}};
   for (const auto& narrow : narrowWays) BenchNarrowWay(server, narrow);
   BenchStall(server);

@@ -184,6 +184,11 @@ bool FollowsFromFarAway(std::uint64_t seed) {
   played.RunUntil(played.now + 10s);
   if (watched->Status().reconnects != 0)
     played.Violation("a watcher that ended cost its connection the handle");
+  const auto reads = watcher->Status().resyncs;
+  dc.ensemble.servers.front().DropLinks(false);
+  played.RunUntil(played.now + 20s);
+  if (watched->Status().reconnects != 1 || watcher->Status().resyncs != reads)
+    played.Violation("a connection that was lost for a moment cost a read of everything");
   if (!played.violation.empty())
     std::cout << "seed " << seed << ", far away: " << played.violation << std::endl;
   return played.violation.empty();
