@@ -111,8 +111,8 @@ Agent::Agent(AgentOptions options, const Signals& signals)
   for (const PageFile& file : PageFiles()) m_files.push_back({file.path, file.contentType, file.content});
   const Configuration loaded = Load(m_options);
   if (!loaded.faults.empty()) throw std::runtime_error(loaded.faults);
-  Listen(loaded.settings);
   Follow(loaded.settings, loaded.ensembles);
+  Listen(loaded.settings);  // last: nobody is told where before all else is in order
   AwaitStop();
   AwaitReload();
   TellManager();

@@ -33,6 +33,11 @@ ap-south = "[2001:db8::1]:2181,[2001:db8::2]:2181,[2001:db8::3]:2181"
 # hosts = "zk1.sa-east.example:2181,zk2.sa-east.example:2181/platform"
 # auth_file = "sa-east.auth"
 # acl = "creator"
+
+# What "halden serve" follows, and where it listens (docs/agent.md).
+# [serve]
+# services = ["orders", "payments"]
+# listen = "127.0.0.1:7470"
 )";
 }
 

@@ -15,7 +15,7 @@ std::string ConfigPath(const std::string& given) {
   const char* const set = std::getenv("HALDEN_CONFIG");  // NOLINT(concurrency-mt-unsafe): nobody sets it
   if (set != nullptr && *set != '\0') return set;
   if (access(ofHost.c_str(), F_OK) == 0) return ofHost;
-  Refuse("no configuration: give --config FILE, set HALDEN_CONFIG, or write " + ofHost +
+  Refuse("no configuration: name a FILE, set HALDEN_CONFIG, or write " + ofHost +
          " ('halden config example' prints one)");
 }
 

@@ -34,10 +34,13 @@ ServeOptions ReadServeOptions(const Words& words, logging::LogLevel logLevel,
                               const std::optional<std::chrono::milliseconds>& guard) {
   ServeOptions options{ConfigPath(words.config), logLevel, words.quiet, {}};
   for (const auto& service : words.services) {
-    if (!IsValidServiceName(service)) Refuse(fmt::format("bad --service '{}'", EscapeControls(service)));
+    if (!IsValidServiceName(service))
+      Refuse(fmt::format("bad --service '{}': expected the name of a service", EscapeControls(service)));
     options.settings.services.insert(service);
   }
   options.settings.listen = words.listen;
+  if (words.listen && !words.listen->empty() && !agent::ParseEndpoint(*words.listen))
+    Refuse(fmt::format("bad --listen '{}': expected {}", EscapeControls(*words.listen), agent::kEndpoint));
   options.settings.socket = words.socket;
   options.settings.allowedHosts.insert(words.allowedHosts.begin(), words.allowedHosts.end());
   options.settings.allowRemote = words.allowRemote;

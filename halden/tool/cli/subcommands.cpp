@@ -180,7 +180,8 @@ void AddService(CLI::App& command, Words& words, bool required = true) {
 CLI::Option* AddGuard(CLI::App& command, Words& words) {
   return command
       .add_option("--guard", words.guard,
-                  "Hold the removal of more than half of a data centre's instances back for so long")
+                  "Hold the removal of more than half of a data centre's instances, and of three or more, "
+                  "back for so long")
       ->type_name("SECONDS");
 }
 
