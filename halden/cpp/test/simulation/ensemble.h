@@ -370,7 +370,8 @@ struct Ensemble {
   Time lastReached{};
   Time lastTrouble{};  ///< when something of the faults above was last so
   Time nextContainerCheck{world->now + 20s};
-  unsigned life = 0;  ///< times that all data was lost
+  unsigned life = 0;        ///< times that all data was lost
+  std::uint64_t asked = 0;  ///< requests that come only when something has happened, and not of an audit
 };
 
 }  // namespace zr::halden::simulation

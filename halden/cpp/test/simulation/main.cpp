@@ -107,6 +107,12 @@ struct Scenario {
   void End() {
     world->Note("end");
     world->calm = true;
+    Await(45s);  // servers remove what is empty
+    for (auto& dc : dcs) dc->ensemble.asked = 0;
+    Await(60s);
+    for (auto& dc : dcs) {
+      if (dc->ensemble.asked != 0) world->Violation("more is asked although nothing happens any more");
+    }
     global.reset();
     for (auto& dc : dcs) dc->Destroy();
     Await(60s);

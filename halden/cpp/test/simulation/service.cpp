@@ -50,6 +50,7 @@ bool Ensemble::Serve(Link& link, const Message& request) {
   if (op == Message::Connect) return ServeConnect(link, request);
   if (op == Message::Ping) return Reply(link, request, Make({}));
   if (op == Message::SetWatches) return ServeWatches(link, request);
+  if (op != Message::GetChildren && op != Message::Exists) ++asked;
   const bool reads = op == Message::Get || op == Message::GetChildren || op == Message::Exists;
   return reads ? ServeRead(link, request) : ServeWrite(link, request);
 }
