@@ -35,8 +35,8 @@ class Server;
 /// One client, from its first byte to its last: requests one after the other, one answer at a time. It has one timer,
 /// which stands for whatever it must do next; when that passes, it is closed.
 ///
-/// Threads: the loop's. Ownership: the server shares it until it is closed; operations that are pending share it, too, and end
-/// when it is closed.
+/// Threads: the loop's. Ownership: the server shares it until it is closed; operations that are pending share
+/// it, too, and end when it is closed.
 class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
  public:
   using Socket = boost::asio::generic::stream_protocol::socket;

@@ -28,7 +28,8 @@ struct AgentOptions {
 /// `halden serve`: follows services and serves what is known of them, until it is told to stop.
 ///
 /// Threads: `Run` is the one loop that does everything but what watchers do. Errors: the constructor throws
-/// std::runtime_error, one line for each thing that is wrong, for a configuration with faults and for what cannot be listened on.
+/// std::runtime_error, one line for each thing that is wrong, for a configuration with faults and for what
+/// cannot be listened on.
 class Agent {
  public:
   /// The program's own signals come as descriptors that become readable; `takeReload` takes one that waits.

@@ -66,11 +66,12 @@ ZR_EXPORT std::ostream& operator<<(std::ostream& out, ServiceEvent::Kind kind);
 /// data centre at most one State and one Synchronized wait, behind all instances that were told before them.
 ///
 /// While it is registered it loses nothing; what was told before, it does not hear: register it before data centres
-/// are connected. `AwaitDelivered` of the watcher says when it has all that is known. A data centre that was disconnected and connected again tells its
-/// instances anew: those that the consumer has come out as modified, and once all is read, those that are not
-/// there any more as removed; until then the consumer keeps them. An event that was cut short, because an
-/// observer before the queue threw, is told to the queue all the same; where the queue had it already, it may
-/// come out again as modified. What the watcher of a connection that was removed still tells is passed over.
+/// are connected. `AwaitDelivered` of the watcher says when it has all that is known. A data centre that was
+/// disconnected and connected again tells its instances anew: those that the consumer has come out as
+/// modified, and once all is read, those that are not there any more as removed; until then the consumer
+/// keeps them. An event that was cut short, because an observer before the queue threw, is told to the queue
+/// all the same; where the queue had it already, it may come out again as modified. What the watcher of a
+/// connection that was removed still tells is passed over.
 ///
 /// Threads: any thread may call any operation; one consumer, or several that do not mind the order between
 /// them: each event wakes one. `Pop` waits; nothing else does.

@@ -166,7 +166,8 @@ class ZR_EXPORT GlobalServiceWatcher final : public zr::Observable<ServiceWatche
   void SetStatusHandler(DataCenterStatusHandler handler);
 
   /// Library-managed mode: stops all connections, and waits until their sessions are closed, no callback runs
-  /// any more, handlers included, and snapshot files are written, as far as they can be; false when that was not so at the deadline. Not from a callback.
+  /// any more, handlers included, and snapshot files are written, as far as they can be; false when that was
+  /// not so at the deadline. Not from a callback.
   bool Close(std::chrono::milliseconds limit);
 
  private:

@@ -44,8 +44,8 @@ class ZR_EXPORT RoutingTable {
   /// A data centre that was disconnected, whose queue tells no removals.
   void Forget(const zr::String& dcName);
 
-  /// By chance, as said above; null when there is none. Its `freshness` is that of when it was told. Not one of `tried`, those that did not answer just now, while
-  /// there are others.
+  /// By chance, as said above; null when there is none. Its `freshness` is that of when it was told. Not one
+  /// of `tried`, those that did not answer just now, while there are others.
   InstancePtr Pick(const std::vector<InstancePtr>& tried = {}) const;
 
   std::size_t Size() const;

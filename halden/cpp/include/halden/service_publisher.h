@@ -67,7 +67,8 @@ struct PublisherStatus {
 /// Errors: the constructor throws std::invalid_argument (null connection, bad service name, bad `acl`); `Publish` throws
 /// ZooError(ZBADARGUMENTS) and says why for data that is not fit to be published (see WhyUnfit: no host, another
 /// service's name, ports that are none or have the same name), that does not fit into a node, or that no reader
-/// would accept; what was published before stays. Failed writes are logged to "halden.publisher", kept in `Status`, and tried again with back-off.
+/// would accept; what was published before stays. Failed writes are logged to "halden.publisher", kept in
+/// `Status`, and tried again with back-off.
 class ZR_EXPORT ServicePublisher {
  public:
   ServicePublisher(std::shared_ptr<Connection> conn, const zr::String& serviceName, const ServiceId& id,

@@ -234,7 +234,8 @@ void ConnectionCore::ReplaceHandle() {
   Open();
 }
 
-void ConnectionCore::Watch(const std::weak_ptr<Epoch>& epoch, const std::shared_ptr<Watchdog>& watchdog) {
+void ConnectionCore::RunWatchdog(const std::weak_ptr<Epoch>& epoch,
+                                 const std::shared_ptr<Watchdog>& watchdog) {
   Poster()(Watchdog::kPeriod, [this, epoch, watchdog] {
     const auto current = epoch.lock();
     if (!current || current != m_epoch) return;
@@ -251,7 +252,7 @@ void ConnectionCore::Watch(const std::weak_ptr<Epoch>& epoch, const std::shared_
     // While it waits for answers the library does not ping: something small is asked, or the session would expire.
     if (Connected() && current->Unsaid() > current->Timeout() / 3)
       current->Submit({.kind = Request::Kind::Exists, .path = "/", .outsideChroot = true});
-    Watch(epoch, watchdog);
+    RunWatchdog(epoch, watchdog);
   });
 }
 

@@ -155,7 +155,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   std::shared_ptr<Epoch> EndEpoch();
   void ReplaceHandle();
   void RaiseBarrier();
-  void Watch(const std::weak_ptr<Epoch>& epoch, const std::shared_ptr<Watchdog>& watchdog);
+  void RunWatchdog(const std::weak_ptr<Epoch>& epoch, const std::shared_ptr<Watchdog>& watchdog);
   void Act(Watchdog::Verdict verdict);
 
   void OnSession(int state);

@@ -28,7 +28,7 @@ void SessionEnd::Begin(const clientid_t& session, std::unique_ptr<Farewell> fare
 
 /// The session before is done with, one way or the other.
 void SessionEnd::Next() {
-  ++m_step;
+  ++m_newestStep;
   m_farewell.reset();
   m_epoch.reset();
   m_tries = 0;
@@ -85,9 +85,9 @@ void SessionEnd::Fail() {
 
 /// Takes the place of a step that was to come.
 void SessionEnd::After(Clock::duration delay, Step step) {
-  m_post(delay, [weak = weak_from_this(), number = ++m_step, step] {
+  m_post(delay, [weak = weak_from_this(), number = ++m_newestStep, step] {
     const auto self = weak.lock();
-    if (self && self->m_step == number) (self.get()->*step)();
+    if (self && self->m_newestStep == number) (self.get()->*step)();
   });
 }
 

@@ -72,7 +72,7 @@ class SessionEnd final : public std::enable_shared_from_this<SessionEnd> {
   int m_tries = 0;
   std::unique_ptr<Farewell> m_farewell;  // while AwaitingAnswer
   std::shared_ptr<Epoch> m_epoch;        // while TakingUp
-  std::uint64_t m_step = 0;              // the only one that may still be taken
+  std::uint64_t m_newestStep = 0;        // the only one that may still be taken
 };
 
 }  // namespace zr::halden::details
