@@ -25,6 +25,8 @@ TEST(ConnectStringTest, GoodOnesAreTakenApart) {
       {longLabel + ".1:1", {{{longLabel + ".1", 1}}, ""}},
       {"h:1/a%3Fb%253F%41?auth_file=%2Fetc%2Fa%20%26/b%3Fc", {{{"h", 1}}, "/a?b%3F%41", "/etc/a &/b?c"}},
       {"h:1?acl=creator&auth_file=/a", {{{"h", 1}}, "", "/a", "creator"}},
+      {"h:1?acl=digest:u:Xr3nUUi4lWzWqGSSIJLrJtDZv3Q=:r",
+       {{{"h", 1}}, "", "", "digest:u:Xr3nUUi4lWzWqGSSIJLrJtDZv3Q=:r"}},
       {WithOption("h:1", kAuthFileOption, "/%\xC3\xA9+&=?"), {{{"h", 1}}, "", "/%\xC3\xA9+&=?"}},
   };
   for (const auto& [text, value] : cases) {
