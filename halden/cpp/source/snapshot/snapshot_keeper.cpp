@@ -161,14 +161,13 @@ void SnapshotKeeper::Place::WriteIfDue(Kept& kept, bool atEnd) const {
 }
 
 void SnapshotKeeper::Place::Write(Kept& kept, const WatcherDelivery::Keepable& now) const {
-  using Outcome = SnapshotWritten::Outcome;
   auto instances = kept.delivery->CopyInstances();
   const auto after = kept.delivery->ToKeep();  // it may have been lost, and read anew, while they were copied
   if (!after || after->service.serviceCzxid != now.service.serviceCzxid) return;
   const auto result = WriteSnapshotFile(
       folder, {service, kept.dcName, now.service.serviceCzxid, now.service.asOf, std::move(instances)});
-  if (result.outcome == Outcome::Busy) return;
-  if (result.outcome != Outcome::Failed) {
+  if (result.outcome == SnapshotWritten::Outcome::Busy) return;
+  if (result.outcome != SnapshotWritten::Outcome::Failed) {
     kept.written = now;
     kept.retryAt.reset();
     if (!std::exchange(kept.failing, false)) return;
