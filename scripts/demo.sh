@@ -212,7 +212,7 @@ check "nothing is wrong" halden doctor orders --quiet
 
 step "For programs in any language, Prometheus and browsers: halden serve"
 printf '{{#instances}}\nserver {{address}}{{^status_is.ok}} backup{{/status_is.ok}}\n{{/instances}}\n' >"$folder/template"
-background "$program" serve --config "$folder/halden.toml" --service orders --listen 127.0.0.1:0 \
+background "$program" serve --config "$folder/halden.toml" --service orders --listen 127.0.0.1:0 --log-level error \
   --render "$folder/template:$folder/servers.conf" \
   >"$folder/agent.address" 2>>"$folder/halden.errors" </dev/null
 agent=$!

@@ -80,7 +80,7 @@ done
 
 echo "examples: a test that runs servers of its own"
 for build in shared static make; do
-  timeout 120 "$folder/$build/data_center_loss" >"$folder/loss.log" 2>&1 || fail "data_center_loss failed ($build)"
+  timeout 240 "$folder/$build/data_center_loss" >"$folder/loss.log" 2>&1 || fail "data_center_loss failed ($build)"
   expect "a leader hangs: the others elect one" "$folder/loss.log"
 done
 PATH='' "$folder/shared/data_center_loss" >"$folder/skipped.log" 2>&1 && fail "data_center_loss does without Java"
