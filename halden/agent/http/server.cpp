@@ -2,6 +2,7 @@
 #include "agent/http/server.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -37,11 +38,15 @@ std::uint64_t NodeOf(const std::string& path) {
   return lstat(path.c_str(), &status) == 0 ? status.st_ino : 0;
 }
 
-/// Of two agents that begin at once the second finds the first: what it returns is to be held until that listens.
+/// Of two agents that begin at once the second finds the first: what it returns is to be held until that listens. Who may
+/// read the folder can hold the lock, too, and must not keep us waiting for long.
 details::FileDescriptor LockFolder(const std::string& path) {
   const auto folder = std::filesystem::absolute(path).parent_path();
   details::FileDescriptor locked(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (locked) static_cast<void>(flock(locked.Get(), LOCK_EX));
+  constexpr int tries = 20;
+  constexpr int pauseMs = 50;
+  for (int i = 0; locked && i < tries && flock(locked.Get(), LOCK_EX | LOCK_NB) != 0; ++i)
+    poll(nullptr, 0, pauseMs);
   return locked;
 }
 

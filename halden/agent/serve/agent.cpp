@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "agent/page/page.h"
 #include "halden/zookeeper_config.h"
@@ -139,21 +140,23 @@ void Agent::Listen(const ServeSettings& settings) {
   }
   m_server =
       std::make_unique<Server>(m_loop, m_follower.Views(), m_files, AllowedHosts(hosts), settings.limits);
+  std::vector<std::string> places;  // told when all is in order
   try {
-    if (endpoint) {
-      const auto port = m_server->Listen(*endpoint);
-      if (m_options.announce) m_options.announce(fmt::format("http://{}:{}", HostOf(*endpoint), port));
-    }
+    if (endpoint)
+      places.push_back(fmt::format("http://{}:{}", HostOf(*endpoint), m_server->Listen(*endpoint)));
   } catch (const boost::system::system_error& e) {
     throw std::runtime_error(fmt::format("cannot listen on {}: {}", listen, e.code().message()));
   }
   try {
     if (!path.empty()) {
       m_server->Listen(path);
-      if (m_options.announce) m_options.announce("unix:" + path);
+      places.push_back("unix:" + path);
     }
   } catch (const boost::system::system_error& e) {
     throw std::runtime_error(fmt::format("cannot listen on {}: {}", path, e.code().message()));
+  }
+  for (const auto& place : places) {
+    if (m_options.announce) m_options.announce(place);
   }
 }
 

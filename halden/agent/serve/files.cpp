@@ -28,8 +28,7 @@ void Files::Configure(const std::vector<RenderOptions>& options) {
   RefuseSharedTargets(options);
   std::vector<File> files;
   for (const auto& option : options) {
-    File& file = files.emplace_back(
-        File{option, std::filesystem::weakly_canonical(option.target).string(), TextOf(option.source)});
+    File& file = files.emplace_back(File{option, Resolved(option.target).string(), TextOf(option.source)});
     const auto isSame = [&file](const File& known) { return known.IsSame(file); };
     if (std::none_of(m_files.begin(), m_files.end(), isSame)) file.renderer = MakeRenderer(option);
   }

@@ -6,6 +6,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -243,7 +244,15 @@ void SilencePublisherLog() {
 
 /// Takes the instances back, in order where that is possible. What stays, empty when nothing does.
 std::string RemoveAndClose(Instances& instances, Connection& conn) {
-  const ConnectionStatus status = conn.Status();
+  constexpr milliseconds betweenServers{1000};
+  constexpr milliseconds interval{10};
+  ConnectionStatus status = conn.Status();
+  for (auto left = betweenServers; status.state == ConnectionState::Suspended && left > interval;
+       left -= interval) {
+    std::this_thread::sleep_for(interval);
+    status = conn.Status();
+  }
+  if (status.state == ConnectionState::Expired) status.sessions = 0;  // its nodes went with it
   const bool connected = status.state == ConnectionState::Connected;
   const bool removed = connected && instances.Remove(steady_clock::now() + kClosingLimit);
   conn.Stop();

@@ -68,8 +68,11 @@ Reception ReceptionAtOne(const zr::String& address, milliseconds limit) {
   const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(list, freeaddrinfo);
   const int fd = socket(list->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd < 0) return {false, std::generic_category().message(errno)};
+  const auto begin = std::chrono::steady_clock::now();
   const int error = Connect(fd, *list, limit);
-  const bool closes = error == 0 && Closes(fd, limit / 2);  // silent or not, it is known within `limit`
+  const auto left = limit - std::chrono::ceil<milliseconds>(std::chrono::steady_clock::now() - begin);
+  const bool closes =
+      error == 0 && Closes(fd, std::max(left / 2, milliseconds(0)));  // silent or not, in time
   close(fd);
   if (closes) return {true, "closes the connection at once"};
   return {false, error == 0 ? zr::String() : std::generic_category().message(error)};

@@ -32,8 +32,9 @@ ZR_EXPORT bool IsDegraded(const ServiceInstanceData& data);
 /// The relative share of requests that is meant for it: 1 where it does not say.
 ZR_EXPORT std::uint32_t WeightOf(const ServiceInstanceData& data);
 
-/// Why `data` is not fit to be published as an instance of `serviceName`, for people; empty when it is. It must name
-/// that service and a host; its ports are from 1 to 65535, and no two have one name.
+/// Why `data` is not fit to be published as an instance of `serviceName`, for people; empty when it is. It
+/// must name that service and a host (without port, brackets, "/" and blanks); its ports are from 1 to 65535,
+/// and no two have one name.
 ZR_EXPORT zr::String WhyUnfit(const ServiceInstanceData& data, std::string_view serviceName);
 
 }  // namespace zr::halden

@@ -65,10 +65,10 @@ struct PublisherStatus {
 /// stay as they are. ZooKeeper leaves it to the node above who may delete: so of those who publish one service with
 /// different credentials, one may be unable to take its instance back, which then goes with its session.
 /// Errors: the constructor throws std::invalid_argument (null connection, bad service name, bad `acl`); `Publish` throws
-/// ZooError(ZBADARGUMENTS) and says why for data that is not fit to be published (see WhyUnfit: no host, another
-/// service's name, ports that are none or have the same name), that does not fit into a node, or that no reader
-/// would accept; what was published before stays. Failed writes are logged to "halden.publisher", kept in
-/// `Status`, and tried again with back-off.
+/// ZooError(ZBADARGUMENTS) and says why for data that is not fit to be published (see WhyUnfit: no host or
+/// none that can be connected to, another service's name, ports that are none or have the same name), that
+/// does not fit into a node, or that no reader would accept; what was published before stays. Failed writes
+/// are logged to "halden.publisher", kept in `Status`, and tried again with back-off.
 class ZR_EXPORT ServicePublisher {
  public:
   ServicePublisher(std::shared_ptr<Connection> conn, const zr::String& serviceName, const ServiceId& id,

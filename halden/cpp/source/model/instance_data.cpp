@@ -73,7 +73,7 @@ zr::String WhyUnfit(const ServiceInstanceData& data, std::string_view serviceNam
   if (data.host().empty()) return "it names no host: expected the name or address that clients connect to";
   if (!IsHost(data.host()))
     return "its host is " + Quoted(data.host()) +
-           ": expected a name or address without port, brackets and blanks";
+           ": expected a name or address without port, brackets, \"/\" and blanks";
   std::set<std::string_view> names;
   for (const auto& port : data.ports()) {
     const zr::String which = port.name().empty() ? "the port without a name" : "port " + Quoted(port.name());

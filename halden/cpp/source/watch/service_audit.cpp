@@ -25,7 +25,9 @@ void ServiceReader::AuditAfter(Clock::duration delay) {
     constexpr std::chrono::seconds whileOthersRead{1};
     Clock::duration next = whileOthersRead;
     TaskThread::RunGuarded([&] {
-      if (self->RunAudit()) next = self->m_audit.Wait(Clock::now());
+      self->Guarded([&] {
+        if (self->RunAudit()) next = self->m_audit.Wait(Clock::now());
+      });
     });
     self->AuditAfter(next);
   });

@@ -33,7 +33,7 @@ bool SpreadsReads(std::uint64_t seed) {
   for (const auto session : dc.ensemble.Sessions()) dc.ensemble.Expire(session);
   await([&] { return played.pauses.size() == watchers.size() && live(); });
   const auto [least, most] = std::minmax_element(played.pauses.begin(), played.pauses.end());
-  const bool fine = live() && !first.empty() && *most - *least > 2ms &&
+  const bool fine = live() && !first.empty() && !played.pauses.empty() && *most - *least > 2ms &&
                     std::all_of(first.begin(), first.end(), [](Duration pause) { return pause < 1ms; });
   if (!fine)
     std::cout << "seed " << seed << ": known services are not read at different moments" << std::endl;
