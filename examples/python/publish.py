@@ -79,7 +79,10 @@ class Publisher:
             except exceptions.NodeExistsError:
                 pass  # somebody was faster
             return None
-        if stat.ephemeralOwner != self.client.client_id[0]:
+        session = self.client.client_id
+        if session is None:  # lost since
+            return None
+        if stat.ephemeralOwner != session[0]:
             if stat.ephemeralOwner == self.rival:
                 return "waiting"  # it took its node back: so it lives, and has this id too
             self.rival = stat.ephemeralOwner  # of an earlier session that died, or of somebody who sees it go
@@ -128,6 +131,8 @@ def main():
         sys.exit(__doc__)
     from kazoo.client import KazooClient
     hosts, service, host, port = sys.argv[1:]
+    if not host or not service or "/" in service or not port.isdigit() or not 1 <= int(port) <= 65535:
+        sys.exit("expected a HOST, a SERVICE without '/', and a PORT from 1 to 65535")
     payload = instance(service, host, [("", int(port))], start_time_ms=int(time.time() * 1000))
     data = node(payload, str(os.geteuid()), socket.gethostname(), os.getpid(), "publish.py/1")
     client = KazooClient(hosts=hosts, timeout=30)
