@@ -113,6 +113,7 @@ std::vector<double> WriteDuringLoad(const std::string& hosts, const Service& ser
     ServicePublisher publisher(conn, "writers", MakeServiceId());
     ServiceInstanceData data;
     data.set_service_name("writers");
+    data.set_host("writer.example");
     publisher.Publish(data);
     conn->Start(nullptr);
     Require(publisher.AwaitPublished(kLimit), "not published");
