@@ -177,6 +177,7 @@ TEST_F(ServicePublisherTest, WhatItsCreatorProtectsStrangersReadAndJoinAndDoNoth
   other.Publish(MakeInstance("guest"));
   ASSERT_TRUE(friendly.AwaitPublished(kLimit));
   ASSERT_TRUE(other.AwaitPublished(kLimit));
+  ASSERT_TRUE(m_observer->AwaitHost(kDc, third, "guest"));
   friendly.Remove();
   EXPECT_TRUE(friendly.AwaitAbsent(kLimit));
   other.Remove();
