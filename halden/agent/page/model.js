@@ -5,6 +5,7 @@
 export const BUCKET_MS = 5000;
 export const BUCKETS = 120; // ten minutes
 const NEW_MS = 60000;
+const NEVER_READ = 'never synchronised';
 
 const keyOf = (instance) => `${instance.data_center}/${instance.id}`;
 
@@ -59,7 +60,9 @@ export class Model {
     const known = this.incoming ? this.incoming.instances : this.instances;
     const key = keyOf(data);
     const before = known.get(key);
-    const joined = !before && !this.incoming;
+    // What a data centre's first list brings was there before.
+    const {freshness = NEVER_READ} = this.centres.get(data.data_center) ?? {};
+    const joined = !before && !this.incoming && freshness !== NEVER_READ;
     known.set(key, {key, data, text: searchText(data), since: joined ? now : before?.since ?? 0});
     if (joined) this.count(now, 'joined');
   }
