@@ -20,4 +20,5 @@ esac
 scripts/setup.sh --tests
 cmake --preset "$preset" >/dev/null
 cmake --build --preset "$preset"
-ctest --test-dir "build/$preset" --output-on-failure --no-tests=error --parallel 2 "$@"
+# More than there are processors: the tests wait for servers most of the time.
+ctest --test-dir "build/$preset" --output-on-failure --no-tests=error --parallel "$((2 * $(nproc)))" "$@"

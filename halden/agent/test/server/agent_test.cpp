@@ -263,7 +263,7 @@ TEST_F(AgentTest, SlowGreedyAndBrokenClientsHarmNobodyElse) {
   clients[2].Reset();                                     // one that streams leaves, and there is room
   ASSERT_TRUE(Poll(kLimit, [this] { return Stream().ReadUntil("\r\n").find("200") != std::string::npos; }));
   const auto begin = std::chrono::steady_clock::now();
-  EXPECT_THAT(m_agent->Ask(kList), HasSubstr("\"r29\""));
+  EXPECT_THAT(m_agent->Await(kList, "\"r29\""), HasSubstr("\"r29\""));
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
   // What each holds: a list that all share, its header, a piece of a stream. The system's own buffers come on top.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which keep what is freed
