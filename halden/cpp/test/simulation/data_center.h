@@ -206,6 +206,10 @@ struct DataCenter {
 
   /// Every now and then: what must hold at all times.
   void Check() {
+    for (auto& publisher : publishers) {
+      const auto done = ensemble.othersWrites[PathOf(publisher.it->Id())] + ensemble.life;
+      if (publisher.it->Status().undone > done) world->Violation("undone by others, who have not done it");
+    }
     for (auto& one : watchers) {
       const auto limit = std::chrono::milliseconds(one.client->timeout) + 1s;
       if (!ensemble.Reached() && world->now - ensemble.lastReached > limit &&

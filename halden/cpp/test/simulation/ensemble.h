@@ -153,7 +153,9 @@ struct Ensemble {
   int Write(Message write) {
     if (!HasQuorum()) return ZCONNECTIONLOSS;
     const int code = leader->tree.Check(write);
-    if (code == ZOK) Commit({.writes = {std::move(write)}});
+    if (code != ZOK) return code;
+    ++othersWrites[write.path];
+    Commit({.writes = {std::move(write)}});
     return code;
   }
 
@@ -367,6 +369,7 @@ struct Ensemble {
   std::set<std::int64_t> taken{};             ///< sessions whose clients know of them
   std::set<std::string, PathOrder> denied{};  ///< nodes that may not be read
   std::map<std::string, std::vector<Incarnation>, PathOrder> history{};
+  std::map<std::string, std::uint64_t> othersWrites{};  ///< by path
   Time lastReached{};
   Time lastTrouble{};  ///< when something of the faults above was last so
   Time nextContainerCheck{world->now + 20s};
