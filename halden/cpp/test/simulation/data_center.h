@@ -34,11 +34,13 @@ inline std::string HostOf(const Tree::Node* node) {
 struct Client {
   std::shared_ptr<Connection> connection;
   int timeout = 0;
-  int mayEnd = 0;  ///< sessions that the application has asked to end
+  int mayEnd = 0;        ///< sessions that the application has asked to end
+  bool stopped = false;  ///< ever
 
   void Start() { connection->Start(nullptr); }
   void Stop() {
     ++mayEnd;
+    stopped = true;
     world->Note("client %d stops", timeout);
     connection->Stop();
   }
@@ -120,9 +122,9 @@ struct DataCenter {
         {.op = Message::Create, .path = path, .flags = container ? ZOO_CONTAINER : ZOO_PERSISTENT});
   }
 
-  void Put(const ServiceId& id) {
-    const auto path = PathOf(id);
-    const auto bytes = details::EncodeNode(NewData("h"), {});
+  void Put(const ServiceId& id) { Put(PathOf(id), NewData("h")); }
+  void Put(const std::string& path, const ServiceInstanceData& data) {
+    const auto bytes = details::EncodeNode(data, {});
     if (ensemble.Write({.op = Message::Set, .path = path, .data = bytes}) != ZNONODE) return;
     CreateParents(ParentOf(path));
     ensemble.Write({.op = Message::Create, .path = path, .data = bytes});
@@ -234,8 +236,10 @@ struct DataCenter {
         return "a publisher's node is not there";
     }
     for (auto& client : clients) {
-      if (client.connection->Status().state != ConnectionState::Connected)
-        return "a connection is not connected";
+      const auto status = client.connection->Status();
+      if (status.state != ConnectionState::Connected) return "a connection is not connected";
+      if (!client.stopped && status.sessions != status.expiries + 1)
+        return "sessions and expiries do not add up";
     }
     for (auto& one : watchers) {
       if (auto text = WrongWith(one); !text.empty()) return text;

@@ -358,6 +358,7 @@ struct Ensemble {
 
   const int number;
   Duration distance = world->OneIn(2) ? Duration() : world->Between(1ms, 500ms);  ///< from clients, one way
+  std::uint64_t bandwidth = 0;  ///< bytes a second of each connection; 0: as much as there is
   std::vector<Server> servers;
   Server* leader;
   std::vector<Transaction> log{};

@@ -15,6 +15,14 @@ Duration Latency(const Ensemble& ensemble) {
   return ensemble.distance + (world->OneIn(100) ? world->Between(5ms, 300ms) : world->Between(100us, 2ms));
 }
 
+/// Answers are what fills a way.
+Duration Length(const Ensemble& ensemble, const MessagePtr& message) {
+  if (ensemble.bandwidth == 0 || !message) return 1ns;
+  std::size_t bytes = 100 + message->data.size();
+  for (const auto& child : message->children) bytes += 4 + child.size();
+  return std::chrono::nanoseconds(bytes * 1'000'000'000 / ensemble.bandwidth);
+}
+
 }  // namespace
 
 std::shared_ptr<Link> Link::Open(const std::string& address) {
@@ -53,7 +61,7 @@ short Link::Ready(short events) const {
 }
 
 void Link::Put(Way& way, MessagePtr message) {
-  way.last = std::max(way.last + 1ns, world->now + Latency(ensemble));
+  way.last = std::max(way.last, world->now + Latency(ensemble)) + Length(ensemble, message);
   way.packets.emplace_back(way.last, std::move(message));
   if (!std::exchange(way.moving, true)) Carry(way, way.last - world->now);
 }

@@ -89,10 +89,9 @@ struct Listener : ServiceWatcherObserver {
 
 /// A watcher and a publisher, each with a connection of its own, and how long what they do takes in round trips.
 struct FarAway {
-  static constexpr Duration kTrip = 400ms;
-
-  FarAway() {
-    dc.ensemble.distance = kTrip / 2;
+  explicit FarAway(Duration itsTrip, std::uint64_t bandwidth = 0) : trip(itsTrip) {
+    dc.ensemble.distance = trip / 2;
+    dc.ensemble.bandwidth = bandwidth;
     dc.Destroy();
     world->RunUntil(world->now + 60s);
   }
@@ -109,7 +108,7 @@ struct FarAway {
   double Trips(const std::function<Time()>& act, Duration limit = 5s) {
     const Time begin = act();
     world->RunUntil(world->now + limit);
-    return listener->last < begin ? 1e9 : (listener->last - begin) / 1.0 / kTrip;
+    return listener->last < begin ? 1e9 : (listener->last - begin) / 1.0 / trip;
   }
 
   /// What comes in the way now and then counts no more than the half of the times.
@@ -126,6 +125,7 @@ struct FarAway {
                        std::to_string(limit));
   }
 
+  const Duration trip;
   DataCenter dc{0};
   std::shared_ptr<Listener> listener = std::make_shared<Listener>();
 };
@@ -135,7 +135,7 @@ struct FarAway {
 bool FollowsFromFarAway(std::uint64_t seed) {
   World played(seed);
   played.faults.reset();
-  FarAway far;
+  FarAway far(400ms);
   DataCenter& dc = far.dc;
   dc.ids.resize(2000);
   for (auto& id : dc.ids) dc.Put(id = DrawId());
@@ -198,6 +198,47 @@ bool FollowsFromFarAway(std::uint64_t seed) {
   published.reset();
   played.RunUntil(played.now + 60s);
   return fine;
+}
+
+bool LoadsOverANarrowWay(std::uint64_t seed) {
+  World played(seed);
+  played.faults.reset();
+  FarAway far(100ms, 50'000);
+  DataCenter& dc = far.dc;
+  for (int i = 0; i < 3000; ++i) dc.Put(DrawId());
+  for (int i = 0; i < 20;
+       ++i) {  // at the end 16 are under way at once, which takes longer than the session may be silent
+    auto data = NewData("l");
+    for (int j = 0; j < 50'000; ++j)
+      data.mutable_host()->push_back(static_cast<char>('a' + world->Below(26)));
+    dc.Put(dc.chroot + details::InstancePath(details::ServicePath("large"), DrawId()), data);
+  }
+  const auto connection = far.Connect();
+  const auto watcher = std::make_shared<ServiceWatcher>(connection, kService, [](int) {});
+  watcher->SetAudit({24h, 24h});
+  watcher->Start();
+  played.RunUntil(played.now + 2s);
+  const auto publisher = std::make_unique<ServicePublisher>(connection, "others", DrawId());
+  auto data = NewData("p");
+  data.clear_service_name();
+  publisher->Publish(data);
+  constexpr Duration way = 65536s / 50'000;
+  played.RunUntil(played.now + 6 * far.trip + way);  // for creating two parents, and the node
+  if (publisher->Status().state != PublishState::Published || watcher->Status().freshness == Freshness::Live)
+    played.Violation("a write waited for the end of a load");
+  played.RunUntil(played.now + 20s);
+  const auto largest = std::make_shared<ServiceWatcher>(connection, "large", [](int) {});
+  largest->SetAudit({24h, 24h});
+  largest->Start();
+  played.RunUntil(played.now + 40s);
+  for (const auto& one : {watcher, largest}) {
+    if (one->Status().freshness != Freshness::Live) played.Violation("not live over a narrow way");
+  }
+  if (connection->Status().sessions != 1 || connection->Status().reconnects != 0)
+    played.Violation("a narrow way cost the connection");
+  if (!played.violation.empty())
+    std::cout << "seed " << seed << ", a narrow way: " << played.violation << std::endl;
+  return std::exchange(played.violation, {}).empty();
 }
 
 }  // namespace zr::halden::simulation

@@ -19,4 +19,7 @@ bool DistrustsDeposedLeaders(std::uint64_t seed);
 /// by the audit, and a watcher that ends costs the others nothing.
 bool FollowsFromFarAway(std::uint64_t seed);
 
+/// Over a narrow way a load holds up no write for longer than 64 KiB take, and answers that take long cost no session.
+bool LoadsOverANarrowWay(std::uint64_t seed);
+
 }  // namespace zr::halden::simulation

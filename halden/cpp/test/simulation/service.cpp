@@ -50,7 +50,8 @@ bool Ensemble::Serve(Link& link, const Message& request) {
   if (op == Message::Connect) return ServeConnect(link, request);
   if (op == Message::Ping) return Reply(link, request, Make({}));
   if (op == Message::SetWatches) return ServeWatches(link, request);
-  if (op != Message::GetChildren && op != Message::Exists) ++asked;
+  const bool audits = (op == Message::GetChildren || op == Message::Exists) && request.path != "/";
+  if (!audits) ++asked;
   const bool reads = op == Message::Get || op == Message::GetChildren || op == Message::Exists;
   return reads ? ServeRead(link, request) : ServeWrite(link, request);
 }
