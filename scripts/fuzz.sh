@@ -16,22 +16,25 @@ cmake --build --preset fuzz
 
 folder=$(mktemp -d "${TMPDIR:-/tmp}/halden-fuzz-XXXXXX")
 trap 'rm -rf "$folder"' EXIT
-for target in node config connect_string snapshot request; do
-  room=halden/cpp/fuzz corpus=halden/cpp/fuzz/corpus/$target
-  if [[ "$target" == request ]]; then room=halden/agent/fuzz corpus=halden/agent/fuzz/corpus; fi
+fuzz() { # fuzz TARGET
+  local target=$1 room=halden/cpp/fuzz log="$folder/$1.log" input
+  [[ "$target" == request ]] && room=halden/agent/fuzz
   mkdir "$folder/$target" # finds go to a copy: the repository's corpus is made by hand
-  cp "$corpus"/* "$folder/$target"
+  cp "$room/corpus/$target"/* "$folder/$target"
   if ! build/fuzz/$room/halden_fuzz_"$target" -max_total_time="$seconds" -timeout=10 \
-    -artifact_prefix="$folder/" -print_final_stats=1 "$folder/$target" >"$folder/log" 2>&1; then
-    tail -n 60 "$folder/log" >&2
-    for input in "$folder"/{crash,leak,oom,slow-unit,timeout}-*; do
+    -artifact_prefix="$folder/$target." -print_final_stats=1 "$folder/$target" >"$log" 2>&1; then
+    tail -n 60 "$log" >&2
+    for input in "$folder/$target."{crash,leak,oom,slow-unit,timeout}-*; do
       [[ -f "$input" ]] || continue
       echo "fuzz: the input, $(stat --format=%s "$input") bytes:" >&2
       base64 "$input" >&2
     done
     echo "fuzz: $target failed" >&2
-    exit 1
+    return 1
   fi
-  runs=$(sed -n 's/^stat::number_of_executed_units: //p' "$folder/log")
-  echo "fuzz: $target: $runs inputs in $seconds s, no fault"
-done
+  echo "fuzz: $target: $(sed -n 's/^stat::number_of_executed_units: //p' "$log") inputs in $seconds s, no fault"
+}
+export -f fuzz
+export seconds folder
+printf '%s\n' node config connect_string snapshot request |
+  xargs --max-procs="$(nproc)" --replace bash -c 'fuzz {}'
