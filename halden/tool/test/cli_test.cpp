@@ -106,6 +106,7 @@ TEST(CommandLine, OffersHelpWithAnExampleAndTheVersionEverywhere) {
        {"watch", "list", "status", "get", "services", "doctor", "publish", "config"}) {
     const std::string help = std::get<Information>(Parse({command.c_str(), "--help"})).text;
     EXPECT_THAT(help, HasSubstr("Example:\n  halden " + command));
+    EXPECT_EQ(help.find("(required)") != std::string::npos, command == "publish");
     EXPECT_THAT(std::get<Information>(Parse({command.c_str(), "--version"})).text,
                 HasSubstr(HALDEN_CLIENT_VERSION));
   }

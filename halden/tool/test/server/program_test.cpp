@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "halden/testing/poll.h"
+#include "halden/testing/tcp_proxy.h"
 #include "halden/testing/zookeeper_server.h"
 
 namespace zr::halden::tool {
@@ -129,6 +130,10 @@ TEST_F(Command, NamesAnEnsembleThatIsDownAndDoesNotTakeItForAnEmptyOne) {
       Outcome("list a --timeout 0"),
       ContainsRegex("completely within 0 s: no server .* refused\nhalden: try: halden doctor a .*= 1"));
   EXPECT_THAT(Outcome("doctor --timeout 0"), ContainsRegex("failure  servers .* Connection refused.*= 1"));
+  const halden::testing::TcpProxy tunnel(1);  // closes what it takes: nobody is behind it
+  Configure("down = \"" + tunnel.ConnectString() + '"');
+  EXPECT_THAT(Outcome("doctor --timeout 0"), HasSubstr("see who closes"));
+  Configure("down = \"127.0.0.1:1\"");
   EXPECT_THAT(Outcome("publish a --dc us --host h --port 1"),
               ContainsRegex("bad --dc 'us': .* has down\n= 2"));
   EXPECT_THAT(Outcome("publish a --dc down --host h --port 1 --timeout 0"),
@@ -173,10 +178,13 @@ TEST_F(Command, AuthenticatesAndProtectsAndNeverTellsTheSecret) {
     outcome(words);
   outcome("get orders --log-level debug " + line[0]);
   Program closed = Start("publish closed --dc eu --host h --port 80 --acl auth::cdrwa");
-  ASSERT_THAT(closed.Read(1), SizeIs(1));
+  const auto taken = closed.Read(1);
+  ASSERT_THAT(taken, SizeIs(1));
   std::ofstream(m_config) << "[data_centers]\neu = '" << server.ConnectString("/p") << "'\n";
   EXPECT_THAT(Outcome("doctor orders"),
               ContainsRegex("who has no credential can add instances\n.* 0 warnings"));
+  EXPECT_THAT(Start("publish closed --dc eu --host h --port 1 --id " + taken[0]).Read(1),
+              ElementsAre(HasSubstr("its ACL")));
   EXPECT_THAT(Outcome("list closed"), ContainsRegex("some of its nodes may not be read.*= 1"));
   EXPECT_THAT(Outcome("doctor closed"), HasSubstr("1 node below it may not be read"));
   EXPECT_THAT(Outcome("publish orders --dc eu --host h --port 1 --acl creator"),
@@ -189,6 +197,7 @@ TEST_F(Command, PublishesWhatTheOthersTell) {
   server.Start();
   Configure("eu = \"" + server.ConnectString("/platform") + '"');
   EXPECT_THAT(Outcome("config check"), HasSubstr("in order, 1 data centre\n= 0"));
+  EXPECT_EQ(Outcome("complete data-centers"), "eu\n= 0");
   EXPECT_THAT(Outcome("doctor orders"), HasSubstr("the chroot /platform does not exist"));
   const std::string publish = "publish orders --dc eu --host h --port 80 --log-level off ";
   Program publisher = Start(publish + "--count 2");
