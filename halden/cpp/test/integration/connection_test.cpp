@@ -106,7 +106,7 @@ TEST_F(ConnectionTest, AForcedExpiryEndsTheSessionOnTheServerWithMuchOutstanding
   for (const auto& publisher : publishers) publisher->Publish(MakeInstance("changed"));
   conn->ForceExpire();
   conn->Stop();  // does not cut it short
-  ASSERT_TRUE(conn->AwaitClosed(kLimit));
+  ASSERT_TRUE(conn->AwaitClosed(kUnlessWoken));
   for (const auto& publisher : publishers) {
     const auto stat = Client(kDc).Stat(ZooKeeperClient::InstancePath(kService, publisher->Id()));
     EXPECT_FALSE(stat && stat->ephemeralOwner == session);

@@ -53,7 +53,7 @@ TEST_F(ServicePublisherTest, AnInstanceIsSeenFromPublicationToRemoval) {
   ServiceInstanceData data = MakeInstance("first");
   data.clear_service_name();
   m_publisher->Publish(data);
-  ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
+  ASSERT_TRUE(m_publisher->AwaitPublished(kUnlessWoken));
   EXPECT_EQ(Owner(m_id), m_conn->Status().sessionId);
   ASSERT_TRUE(m_observer->AwaitHost(kDc, m_id, "first"));
   EXPECT_EQ(m_observer->Events().at(0).data.service_name(), kService);
@@ -61,7 +61,7 @@ TEST_F(ServicePublisherTest, AnInstanceIsSeenFromPublicationToRemoval) {
   ASSERT_TRUE(m_publisher->AwaitPublished(kLimit));
   ASSERT_TRUE(m_observer->AwaitHost(kDc, m_id, "second"));
   m_publisher->Remove();
-  ASSERT_TRUE(m_publisher->AwaitAbsent(kLimit));
+  ASSERT_TRUE(m_publisher->AwaitAbsent(kUnlessWoken));
   EXPECT_EQ(Owner(m_id), -1);
   ASSERT_TRUE(m_observer->Await(EventKind::Removed, kDc, m_id));
   m_publisher->Publish(MakeInstance("third"));

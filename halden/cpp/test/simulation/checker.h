@@ -76,6 +76,7 @@ struct Checker : ServiceWatcherObserver {
             const zr::String& host) {
     const Key key(watcher.DataCenterName(), id);
     world->Note("%s: %s %s %s", name.c_str(), what, ToString(id).substr(0, 8).c_str(), host.c_str());
+    if (watcher.AwaitDelivered(0ms)) Object("is told, although all is said to have been", key);
     if (hosts.contains(key) != known) Object(known ? "not known, and not added" : "added twice", key);
     return key;
   }
@@ -131,13 +132,16 @@ struct Audience {
   }
 
   void Observe(auto& watcher, const std::shared_ptr<ServiceWatcherObserver>& first,
-               const std::shared_ptr<ServiceWatcherObserver>& last, std::chrono::milliseconds guardFor) {
-    watcher.SetAudit({20s, 40s});  // within the time that a view has to come right
-    if (world->faults[Fault::Guard]) watcher.SetMassRemovalGuard(MassRemovalGuard{0.3, guardFor});
+               const std::shared_ptr<ServiceWatcherObserver>& last) {
     watcher.RegisterShared(checker);
     if (world->faults[Fault::ThrowFirst] && first) watcher.RegisterShared(first);
     watcher.RegisterShared(consumer.queue);
     watcher.RegisterShared(last);
+  }
+
+  static void Equip(auto& watcher, std::chrono::milliseconds guardFor) {
+    watcher.SetAudit({20s, 40s});  // within the time that a view has to come right
+    if (world->faults[Fault::Guard]) watcher.SetMassRemovalGuard(MassRemovalGuard{0.3, guardFor});
   }
 
   std::shared_ptr<Checker> checker;

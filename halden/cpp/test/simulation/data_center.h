@@ -162,8 +162,8 @@ struct DataCenter {
         });
     one.client = &client;
     one.watcher = std::make_shared<ServiceWatcher>(client.connection, kService, [](int) {});
-    one.Observe(*one.watcher, first, last,
-                std::chrono::milliseconds(world->faults[Fault::Guard] ? 500 + world->Below(10'000) : 0));
+    Audience::Equip(*one.watcher, std::chrono::milliseconds(500 + world->Below(10'000)));
+    one.Observe(*one.watcher, first, last);
     one.watcher->Start();
     watchers.push_back(std::move(one));
   }

@@ -54,9 +54,10 @@ struct Scenario {
           return dcs[static_cast<std::size_t>(key.first.back() - '0')]->HistoryOf(key.second);
         });
     global = std::make_unique<GlobalServiceWatcher>(kService, ApplicationManaged());
-    audience->Observe(*global, nullptr, meddler, 3s);
+    audience->Observe(*global, nullptr, meddler);
     if (world->faults[Fault::Snapshots]) global->SetSnapshotFolder(snapshots.path);
     for (auto& dc : dcs) ToggleGlobal(true, *dc);
+    Audience::Equip(*global, 3s);  // what it watches already, too
   }
 
   void Run() {

@@ -15,6 +15,9 @@ namespace zr::halden::test {
 
 using namespace halden::testing;
 
+/// For the library's own waits: what comes true while nobody is woken would pass as well, at the end of a limit.
+inline constexpr std::chrono::hours kUnlessWoken{1};
+
 /// As Poll with the usual limit, for ASSERT_TRUE and EXPECT_TRUE; `describe` returns what is there instead.
 template <typename Condition, typename Describe>
 ::testing::AssertionResult Eventually(Condition&& condition, Describe&& describe) {
