@@ -279,7 +279,7 @@ bool Play(std::uint64_t seed, const Options& options, std::uint64_t& hash) {
 bool PlayAll(const Options& options) {
   std::cout << "seeds " << options.first << " to " << options.first + options.count - 1 << std::endl;
   std::uint64_t failed = 0;
-  for (const auto play : {SpreadsReads, FollowsFromFarAway, LoadsOverANarrowWay})
+  for (const auto play : {SpreadsReads, FollowsFromFarAway, LoadsOverANarrowWay, RetriesInGoodTime})
     failed += !play(options.first);
   for (std::uint64_t i = 0; i < options.count; ++i) {
     std::uint64_t hash = 0;

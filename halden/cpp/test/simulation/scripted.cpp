@@ -200,6 +200,41 @@ bool FollowsFromFarAway(std::uint64_t seed) {
   return fine;
 }
 
+bool RetriesInGoodTime(std::uint64_t seed) {
+  World played(seed);
+  played.faults.reset();
+  DataCenter dc(0);
+  dc.ensemble.distance = 10ms;
+  dc.Heal();
+  played.RunUntil(played.now + 30s);
+  const auto& publisher = *dc.publishers[0].it;
+  const auto path = dc.PathOf(publisher.Id());
+  const auto isThere = [&] { return HostOf(dc.ensemble.Truth()->Find(path)) == dc.publishers[0].host; };
+  for (int i = 0; i < 12; ++i) {  // each a failure of its own, long after the one before
+    dc.ensemble.denied.insert(path);
+    dc.Put(publisher.Id());
+    played.RunUntil(played.now + 1s);
+    if (isThere()) played.Violation("written over what may not be seen");
+    dc.ensemble.denied.clear();
+    played.RunUntil(played.now + 5s);
+    if (!isThere()) played.Violation("a failure is made up for later than the one before");
+    played.RunUntil(played.now + 40s);
+  }
+  const auto wage = [&](const std::function<void()>& attack, const std::function<std::size_t()>& deeds) {
+    const auto before = deeds();
+    for (int i = 0; i < 600; ++i, played.RunUntil(played.now + 100ms)) attack();
+    if (deeds() - before > 40) played.Violation("a war of more than 40 writes in a minute");
+  };
+  std::size_t others = 0;
+  wage([&] { dc.Put(publisher.Id()), ++others; },
+       [&] { return static_cast<std::size_t>(dc.ensemble.Truth()->Find(path)->stat.version) - others; });
+  wage([&] { dc.Delete(publisher.Id()); }, [&] { return dc.HistoryOf(publisher.Id()).size(); });
+  if (!played.violation.empty())
+    std::cout << "seed " << seed << ", retries: " << played.violation << std::endl;
+  dc.Destroy();
+  return std::exchange(played.violation, {}).empty();
+}
+
 bool LoadsOverANarrowWay(std::uint64_t seed) {
   World played(seed);
   played.faults.reset();

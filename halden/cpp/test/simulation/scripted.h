@@ -19,6 +19,10 @@ bool DistrustsDeposedLeaders(std::uint64_t seed);
 /// by the audit, and a watcher that ends costs the others nothing.
 bool FollowsFromFarAway(std::uint64_t seed);
 
+/// A publisher whose node may not be read for a moment, time and again, is soon back each time; against somebody who
+/// deletes it again and again it wages no war.
+bool RetriesInGoodTime(std::uint64_t seed);
+
 /// Over a narrow way a load holds up no write for longer than 64 KiB take, and answers that take long cost no session.
 bool LoadsOverANarrowWay(std::uint64_t seed);
 
