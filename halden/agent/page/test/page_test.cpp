@@ -1,19 +1,15 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
+#include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "agent/bench/process.h"
 #include "halden/testing/poll.h"
 #include "halden/testing/temporary_folder.h"
 #include "halden/testing/zookeeper_client.h"
@@ -25,70 +21,6 @@ namespace {
 using namespace ::testing;
 using Json = nlohmann::json;
 
-/// A program, what it prints or writes to one descriptor, and what it reads from another. Killed with the object.
-class Program {
- public:
-  /// A line for a shell, which finds the two at the descriptors given.
-  Program(const std::string& line, int reads, int writes) {
-    std::array<int, 2> in{};
-    std::array<int, 2> out{};
-    EXPECT_EQ(pipe2(in.data(), O_CLOEXEC), 0);
-    EXPECT_EQ(pipe2(out.data(), O_CLOEXEC), 0);
-    m_pid = fork();
-    if (m_pid == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      constexpr int aside = 20;  // neither may be where the other is to go
-      const int from = fcntl(in[0], F_DUPFD, aside);
-      const int to = fcntl(out[1], F_DUPFD, aside);
-      dup2(from, reads);
-      dup2(to, writes);
-      execl("/bin/sh", "sh", "-c", ("exec " + line).c_str(), nullptr);
-      _exit(127);
-    }
-    close(in[0]);
-    close(out[1]);
-    m_in = in[1];
-    m_out = out[0];
-  }
-  ~Program() {
-    Kill();
-    close(m_in);
-    close(m_out);
-  }
-  Program(const Program&) = delete;
-  Program& operator=(const Program&) = delete;
-
-  void Kill() {
-    if (m_pid <= 0) return;
-    kill(m_pid, SIGKILL);
-    waitpid(std::exchange(m_pid, 0), nullptr, 0);
-  }
-
-  void Write(const std::string& text) const {
-    EXPECT_EQ(write(m_in, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  }
-
-  /// Up to `end`, without it; empty when the program has ended.
-  std::string Read(char end) {
-    std::array<char, 65536> part{};
-    while (m_text.find(end) == std::string::npos) {
-      const ssize_t length = read(m_out, part.data(), part.size());
-      if (length <= 0) return "";
-      m_text.append(part.data(), static_cast<std::size_t>(length));
-    }
-    const auto at = m_text.find(end);
-    const auto text = m_text.substr(0, at);
-    m_text.erase(0, at + 1);
-    return text;
-  }
-
- private:
-  pid_t m_pid = 0;
-  int m_in = -1;
-  int m_out = -1;
-  std::string m_text;
-};
-
 /// A page in a browser, which is spoken to in its debugging protocol.
 class Browser {
  public:
@@ -96,7 +28,7 @@ class Browser {
       : m_program(program +
                       " --headless --no-sandbox --disable-gpu --remote-debugging-pipe --user-data-dir='" +
                       m_folder.Path().string() + "' about:blank 2>/dev/null",
-                  3, 4) {
+                  4, 3) {
     const Json target = Call("Target.createTarget", {{"url", "about:blank"}})["targetId"];
     m_session = Call("Target.attachToTarget", {{"targetId", target}, {"flatten", true}})["sessionId"];
     for (const auto* domain : {"Page", "Runtime", "Log"})
@@ -131,16 +63,16 @@ class Browser {
     m_program.Write(request.dump() + '\0');
     while (true) {
       const auto text = m_program.Read('\0');
-      if (text.empty()) return Json::object();
-      const Json answer = Json::parse(text);
+      if (!text) return Json::object();
+      const Json answer = Json::parse(*text);
       if (answer.value("id", 0) == m_lastId) return answer.value("result", Json::object());
       const auto event = answer.value("method", std::string());
-      if (event == "Log.entryAdded" || event == "Runtime.exceptionThrown") m_complaints.push_back(text);
+      if (event == "Log.entryAdded" || event == "Runtime.exceptionThrown") m_complaints.push_back(*text);
     }
   }
 
   const halden::testing::TemporaryFolder m_folder;
-  Program m_program;
+  Process m_program;
   std::string m_session;
   int m_lastId = 0;
   std::vector<std::string> m_complaints;
@@ -174,9 +106,9 @@ TEST(PageTest, ShowsWhatHappensToDataCentresInstancesAndTheAgentItself) {
   Publish(eu, 1);
   Publish(us, 2);
   const halden::testing::ConfigFile config({{"eu", eu.ConnectString()}, {"us", us.ConnectString()}});
-  Program agent(HALDEN_COMMAND " serve --service orders --listen 127.0.0.1:0 --config " + config.Path(),
-                STDIN_FILENO, STDOUT_FILENO);
-  const auto line = agent.Read('\n');
+  Process agent(HALDEN_COMMAND " serve --service orders --listen 127.0.0.1:0 --config " + config.Path(),
+                STDOUT_FILENO);
+  const auto line = agent.Read('\n').value_or("");
   const auto url = line.find("http://");
   ASSERT_NE(url, std::string::npos) << line;
   Browser browser(program, line.substr(url));
@@ -194,7 +126,8 @@ TEST(PageTest, ShowsWhatHappensToDataCentresInstancesAndTheAgentItself) {
       "document.getElementById('filter').dispatchEvent(new Event('input'))");
   EXPECT_TRUE(browser.Shows({"1 of 3 shown, 1 fit the filter"}));
   EXPECT_THAT(browser.Complaints(), IsEmpty());
-  agent.Kill();
+  agent.Signal(SIGKILL);
+  agent.End();
   EXPECT_TRUE(browser.Shows({"Agent unreachable since", "◌ live when last heard of"}));
 }
 

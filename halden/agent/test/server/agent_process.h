@@ -1,13 +1,10 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -16,11 +13,11 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
 #include <optional>
 #include <string>
 #include <utility>
 
+#include "agent/bench/process.h"
 #include "halden/testing/poll.h"
 
 namespace zr::halden::agent {
@@ -100,42 +97,19 @@ class RawClient {
 /// `halden serve`, at a port of its own or a given one. Killed when it outlives the test.
 class AgentProcess {
  public:
-  explicit AgentProcess(const std::string& words, std::uint16_t port = 0) {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
-    const std::string line =
-        "exec " HALDEN_COMMAND " serve --log-level off --listen 127.0.0.1:" + std::to_string(port) + ' ' +
-        words;
-    m_pid = fork();
-    if (m_pid == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      dup2(ends[1], STDOUT_FILENO);
-      execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
-      _exit(127);
-    }
-    close(ends[1]);
-    std::string text;
-    for (char c = 0; text.find('\n') == std::string::npos && read(ends[0], &c, 1) == 1;) text += c;
-    close(ends[0]);
+  explicit AgentProcess(const std::string& words, std::uint16_t port = 0)
+      : m_process(
+            HALDEN_COMMAND " serve --log-level off --listen 127.0.0.1:" + std::to_string(port) + ' ' + words,
+            STDOUT_FILENO) {
+    const auto text = m_process.Read('\n').value_or("");
     EXPECT_NE(text.find("listening on http://127.0.0.1:"), std::string::npos) << text;
     m_port = static_cast<std::uint16_t>(std::atoi(text.substr(text.rfind(':') + 1).c_str()));
   }
-  AgentProcess(const AgentProcess&) = delete;
-  AgentProcess& operator=(const AgentProcess&) = delete;
-  ~AgentProcess() {
-    if (m_pid <= 0) return;
-    Signal(SIGKILL);
-    End();
-  }
 
   std::uint16_t Port() const { return m_port; }
-  void Signal(int signal) const { kill(m_pid, signal); }
-  /// What it returned. Waits for it.
-  int End() {
-    int status = 0;
-    waitpid(std::exchange(m_pid, 0), &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
+  void Signal(int signal) const { m_process.Signal(signal); }
+  int End() { return m_process.End(); }
+  long ResidentKiB() const { return m_process.ResidentKiB(); }
 
   /// The whole answer to a request that ends its connection.
   std::string Ask(const std::string& target, const std::string& headers = {}) const {
@@ -149,17 +123,9 @@ class AgentProcess {
     testing::Poll(testing::kLimit, [&] { return (answer = Ask(target)).find(part) != std::string::npos; });
     return answer;
   }
-  /// Of memory, in KiB.
-  long Resident() const {
-    std::ifstream file("/proc/" + std::to_string(m_pid) + "/status");
-    for (std::string line; std::getline(file, line);) {
-      if (line.starts_with("VmRSS:")) return std::atol(line.c_str() + 6);
-    }
-    return 0;
-  }
 
  private:
-  pid_t m_pid = 0;
+  Process m_process;
   std::uint16_t m_port = 0;
 };
 

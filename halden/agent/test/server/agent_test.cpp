@@ -5,10 +5,8 @@
 #include <sys/un.h>
 
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -57,10 +55,7 @@ std::string Id(const std::string& event) {
 }
 
 std::string CurlOutput(const std::string& words) {
-  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(("curl -s -m 20 " + words).c_str(), "r"), pclose);
-  std::string text;
-  for (int c = fgetc(pipe.get()); c != EOF; c = fgetc(pipe.get())) text += static_cast<char>(c);
-  return text;
+  return OutputOf("curl -s -m 20 " + words);
 }
 
 class AgentTest : public Test {
@@ -241,7 +236,7 @@ TEST_F(AgentTest, KeepsServingWhatIsStaleAndSaysSo) {
 TEST_F(AgentTest, SlowGreedyAndBrokenClientsHarmNobodyElse) {
   for (unsigned i = 0; i < 600; ++i) m_publisher->Publish("orders", Id(i), Data(std::string(1000, 'h')));
   StartAgent();
-  [[maybe_unused]] const long before = m_agent->Resident();
+  [[maybe_unused]] const long before = m_agent->ResidentKiB();
   std::vector<RawClient> clients;
   for (int i = 0; i < 100; ++i) {
     clients.emplace_back(m_agent->Port()).Send("GET /healthz HTTP/1.1\r\nHost: loc");  // never ends
@@ -267,7 +262,7 @@ TEST_F(AgentTest, SlowGreedyAndBrokenClientsHarmNobodyElse) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
   // What each holds: a list that all share, its header, a piece of a stream. The system's own buffers come on top.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which keep what is freed
-  EXPECT_LT(m_agent->Resident() - before, 30'000);
+  EXPECT_LT(m_agent->ResidentKiB() - before, 30'000);
 #endif
   while (clients.size() < 520) clients.emplace_back(m_agent->Port());
   EXPECT_THAT(RawClient(m_agent->Port()).ReadUntil("\r\n"), HasSubstr("503"));

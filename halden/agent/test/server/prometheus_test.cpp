@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "bench/process.h"
+#include "agent/bench/process.h"
 #include "halden/testing/held_port.h"
 #include "halden/testing/temporary_folder.h"
 #include "halden/testing/zookeeper_client.h"

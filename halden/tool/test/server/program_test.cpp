@@ -1,20 +1,17 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <poll.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "agent/bench/process.h"
 #include "halden/testing/poll.h"
 #include "halden/testing/tcp_proxy.h"
 #include "halden/testing/zookeeper_server.h"
@@ -27,67 +24,19 @@ using Lines = std::vector<std::string>;
 
 const std::string kId = "00112233-4455-6677-8899-aabbccddeeff";
 
-/// The built command: what it prints and complains of, in one. Killed when it outlives the test.
-class Program {
+/// The built command: what it prints and complains of, in one.
+class Program : public agent::Process {
  public:
   /// `words` are split as by a shell.
-  explicit Program(const std::string& words) {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
-    const std::string line = "exec " HALDEN_COMMAND " " + words + " 2>&1";
-    m_pid = fork();
-    if (m_pid == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      dup2(ends[1], STDOUT_FILENO);
-      execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
-      _exit(127);
-    }
-    close(ends[1]);
-    m_output = ends[0];
-  }
-  ~Program() {
-    if (m_pid > 0) {
-      Signal(SIGKILL);
-      End();
-    }
-    close(m_output);
-  }
+  explicit Program(const std::string& words) : Process(HALDEN_COMMAND " " + words + " 2>&1", STDOUT_FILENO) {}
 
-  /// So many lines; fewer when the output ends, or nothing comes for twenty seconds.
+  /// So many lines; fewer when the output ends.
   Lines Read(std::size_t count) {
     Lines lines;
-    for (auto end = m_text.find('\n'); lines.size() < count; end = m_text.find('\n')) {
-      if (end == std::string::npos && !ReadMore()) break;
-      if (end == std::string::npos) continue;
-      lines.push_back(m_text.substr(0, end));
-      m_text.erase(0, end + 1);
-    }
+    for (auto line = std::optional<std::string>(); lines.size() < count && (line = Process::Read('\n'));)
+      lines.push_back(std::move(*line));
     return lines;
   }
-
-  void Signal(int signal) const { kill(m_pid, signal); }
-
-  /// What it returned. Waits for it.
-  int End() {
-    int status = 0;
-    waitpid(std::exchange(m_pid, 0), &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
- private:
-  bool ReadMore() {
-    constexpr int limitMs = 20'000;
-    pollfd readable{m_output, POLLIN, 0};
-    std::array<char, 4096> part{};
-    if (poll(&readable, 1, limitMs) <= 0) return false;
-    const ssize_t length = read(m_output, part.data(), part.size());
-    if (length > 0) m_text.append(part.data(), static_cast<std::size_t>(length));
-    return length > 0;
-  }
-
-  pid_t m_pid = 0;
-  int m_output = -1;
-  std::string m_text;
 };
 
 /// A configuration in a folder of its own.
