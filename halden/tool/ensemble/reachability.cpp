@@ -72,7 +72,8 @@ Reception ReceptionAtOne(const zr::String& address, milliseconds limit) {
   const int error = Connect(fd, *list, limit);
   const auto left = limit - std::chrono::ceil<milliseconds>(std::chrono::steady_clock::now() - begin);
   const bool closes =
-      error == 0 && Closes(fd, std::max(left / 2, milliseconds(0)));  // silent or not, in time
+      error == ECONNRESET ||  // taken, and closed by the time it was looked at
+      (error == 0 && Closes(fd, std::max(left / 2, milliseconds(0))));  // silent or not, in time
   close(fd);
   if (closes) return {true, "closes the connection at once"};
   return {false, error == 0 ? zr::String() : std::generic_category().message(error)};
