@@ -231,8 +231,10 @@ bool RetriesInGoodTime(std::uint64_t seed) {
   wage([&] { dc.Delete(publisher.Id()); }, [&] { return dc.HistoryOf(publisher.Id()).size(); });
   if (!played.violation.empty())
     std::cout << "seed " << seed << ", retries: " << played.violation << std::endl;
+  const bool fine = std::exchange(played.violation, {}).empty();
   dc.Destroy();
-  return std::exchange(played.violation, {}).empty();
+  played.RunUntil(played.now + 60s);
+  return fine;
 }
 
 bool LoadsOverANarrowWay(std::uint64_t seed) {
@@ -248,12 +250,12 @@ bool LoadsOverANarrowWay(std::uint64_t seed) {
       data.mutable_host()->push_back(static_cast<char>('a' + world->Below(26)));
     dc.Put(dc.chroot + details::InstancePath(details::ServicePath("large"), DrawId()), data);
   }
-  const auto connection = far.Connect();
-  const auto watcher = std::make_shared<ServiceWatcher>(connection, kService, [](int) {});
+  auto connection = far.Connect();
+  auto watcher = std::make_shared<ServiceWatcher>(connection, kService, [](int) {});
   watcher->SetAudit({24h, 24h});
   watcher->Start();
   played.RunUntil(played.now + 2s);
-  const auto publisher = std::make_unique<ServicePublisher>(connection, "others", DrawId());
+  auto publisher = std::make_unique<ServicePublisher>(connection, "others", DrawId());
   auto data = NewData("p");
   data.clear_service_name();
   publisher->Publish(data);
@@ -262,7 +264,7 @@ bool LoadsOverANarrowWay(std::uint64_t seed) {
   if (publisher->Status().state != PublishState::Published || watcher->Status().freshness == Freshness::Live)
     played.Violation("a write waited for the end of a load");
   played.RunUntil(played.now + 20s);
-  const auto largest = std::make_shared<ServiceWatcher>(connection, "large", [](int) {});
+  auto largest = std::make_shared<ServiceWatcher>(connection, "large", [](int) {});
   largest->SetAudit({24h, 24h});
   largest->Start();
   played.RunUntil(played.now + 40s);
@@ -273,7 +275,13 @@ bool LoadsOverANarrowWay(std::uint64_t seed) {
     played.Violation("a narrow way cost the connection");
   if (!played.violation.empty())
     std::cout << "seed " << seed << ", a narrow way: " << played.violation << std::endl;
-  return std::exchange(played.violation, {}).empty();
+  const bool fine = std::exchange(played.violation, {}).empty();
+  publisher.reset();
+  watcher.reset();
+  largest.reset();
+  connection.reset();
+  played.RunUntil(played.now + 60s);
+  return fine;
 }
 
 }  // namespace zr::halden::simulation
