@@ -243,8 +243,8 @@ bool LoadsOverANarrowWay(std::uint64_t seed) {
   FarAway far(100ms, 50'000);
   DataCenter& dc = far.dc;
   for (int i = 0; i < 3000; ++i) dc.Put(DrawId());
-  for (int i = 0; i < 20;
-       ++i) {  // at the end 16 are under way at once, which takes longer than the session may be silent
+  // At the end 16 of these are under way at once, which takes longer than the session may be silent.
+  for (int i = 0; i < 20; ++i) {
     auto data = NewData("l");
     for (int j = 0; j < 50'000; ++j)
       data.mutable_host()->push_back(static_cast<char>('a' + world->Below(26)));
