@@ -18,6 +18,11 @@ void KnownNode::OnCreationBegun(std::int64_t session) {
   }
 }
 
+/// When the answer is lost, that the node has gone is no deed of others.
+void KnownNode::OnDeletionBegun() {
+  if (m_kind == Kind::Confirmed) m_kind = Kind::Unknown;
+}
+
 void KnownNode::OnWriteBegun() {
   m_kind = Kind::Held;
   m_version = kAnyVersion;
@@ -53,10 +58,6 @@ const char* KnownNode::OnLooked(Reply& reply, std::int64_t session) {
 void KnownNode::Doubt() {
   if (m_kind == Kind::Confirmed) m_kind = Kind::Held;
   if (m_kind == Kind::Foreign) m_kind = Kind::Unknown;
-}
-
-void KnownNode::OnHandleReplaced() {
-  if (m_kind != Kind::Absent) m_kind = Kind::Unknown;
 }
 
 }  // namespace zr::halden::details

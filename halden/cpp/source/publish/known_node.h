@@ -20,9 +20,9 @@ namespace zr::halden::details {
 ///   Foreign    another session's, at the last look
 ///
 ///   Absent            --creation begun--------> Unknown --done------> Held
+///   Confirmed         --deletion begun--------> Unknown
 ///   Unknown, Held     --looked----------------> Absent, Confirmed, Foreign
 ///   Confirmed         --write begun, doubt----> Held;    Foreign --doubt--> Unknown
-///   Held, Confirmed   --another handle, with the same session--> Unknown
 ///   any               --deleted, session over-> Absent
 ///
 /// Threads: the connection's.
@@ -45,6 +45,7 @@ class KnownNode {
   bool IsSame(const Stat& stat) const { return m_created == stat.czxid; }
 
   void OnCreationBegun(std::int64_t session);
+  void OnDeletionBegun();
   void OnWriteBegun();
   void OnWritten(int version);
   void OnMarked(int version) { m_version = version; }
@@ -53,8 +54,6 @@ class KnownNode {
   const char* OnLooked(Reply& reply, std::int64_t session);
   /// Something may have happened to it.
   void Doubt();
-  /// A new handle: one that begins anew may see the past.
-  void OnHandleReplaced();
   void OnSessionOver() { m_kind = Kind::Absent; }
 
  private:

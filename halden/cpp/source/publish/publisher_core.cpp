@@ -79,7 +79,6 @@ void PublisherCore::OnConnected(Arrival arrival) {
 void PublisherCore::OnDisconnected(bool epochOver) {
   m_node.Doubt();
   if (epochOver) m_early.underWay = m_early.awaited = false;  // no answer will come
-  if (epochOver && m_core->SessionGoesOn()) m_node.OnHandleReplaced();
   if (epochOver && !m_core->SessionGoesOn()) {
     m_node.OnSessionOver();
     if (m_wish) m_board.Unsettle();

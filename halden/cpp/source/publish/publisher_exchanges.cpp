@@ -259,6 +259,7 @@ void PublisherCore::OnMarked(const Reply& reply) {
 void PublisherCore::Delete() {
   Request request{.kind = Request::Kind::Delete, .path = m_path};
   request.version = m_node.Version();
+  m_node.OnDeletionBegun();
   Send(PublisherPhase::Deleting, std::move(request), [this](const Reply& reply) { OnDeleted(reply); });
 }
 
