@@ -2,6 +2,7 @@
 #include "client/client_adaptor.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 
 #include <array>
 #include <chrono>
@@ -102,6 +103,10 @@ std::unique_ptr<Farewell> CloseAndEndSession(zhandle_t* handle, int socket) {
   const bool sent = std::exchange(t_ending, Ending::Withheld) == Ending::Sent;
   // The last request that the library makes of a handle is this one.
   return sent && kept ? std::make_unique<Farewell>(std::move(kept), t_lastXid) : nullptr;
+}
+
+void TakeForBroken(zhandle_t* /*handle*/, int socket) {
+  shutdown(socket, SHUT_RDWR);
 }
 
 }  // namespace zr::halden::details

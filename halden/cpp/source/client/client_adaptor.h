@@ -30,4 +30,7 @@ void CloseAndKeepSession(zhandle_t* handle);
 /// be awaited. Null when the request could not be sent within a millisecond.
 std::unique_ptr<Farewell> CloseAndEndSession(zhandle_t* handle, int socket);
 
+/// The library will take the connection on `socket`, or the try to make one, for broken, and go on with its next server.
+void TakeForBroken(zhandle_t* handle, int socket);
+
 }  // namespace zr::halden::details

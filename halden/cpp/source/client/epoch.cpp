@@ -116,6 +116,7 @@ int Epoch::InLibrary(const Function& function) {
   m_inLibrary = true;
   const int code = function();
   m_inLibrary = false;
+  if (code != ZOK && code != ZNOTHING) m_way.tried.reset();  // it lets go of the socket with every error
   if (m_life == Life::Closing) {
     Abandon();
     return ZINVALIDSTATE;
@@ -142,8 +143,10 @@ void Epoch::ReadAll() {
 }
 
 void Epoch::TakeSocket(int socket) {
-  if (!ConnectedNow()) fcntl(socket, F_SETFD, FD_CLOEXEC);  // it may be a new one
   m_way.socket = socket;
+  if (ConnectedNow()) return;
+  fcntl(socket, F_SETFD, FD_CLOEXEC);  // it may be a new one
+  if (!m_way.tried) m_way.tried = Clock::now();
 }
 
 /// The library opens connections, notices silence and pings in here.
@@ -197,6 +200,10 @@ void Epoch::Ready(const pollfd& socket) {
     }
   }
   if (broken || (socket.revents & POLLIN) != 0) ReadAll();
+}
+
+void Epoch::GiveUpServer() {
+  if (m_life == Life::Open && m_way.tried && !ConnectedNow()) TakeForBroken(m_handle, m_way.socket);
 }
 
 clientid_t Epoch::Session() const {

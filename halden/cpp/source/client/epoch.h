@@ -10,6 +10,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -63,8 +64,12 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
   clientid_t Session() const;
   /// The session's timeout as the server grants it.
   std::chrono::milliseconds Timeout() const { return std::chrono::milliseconds(zoo_recv_timeout(m_handle)); }
-  /// A server took the connection and has not answered yet.
-  bool Unanswered() const { return m_handle != nullptr && zoo_state(m_handle) == ZOO_ASSOCIATING_STATE; }
+  /// How long the server that is tried has not answered, whether it took the connection or not; zero while none is.
+  Clock::duration Unanswered() const {
+    return ConnectedNow() || !m_way.tried ? Clock::duration::zero() : Clock::now() - *m_way.tried;
+  }
+  /// The next one is tried then.
+  void GiveUpServer();
   const WatchBudget& Watches() const { return m_watches; }
   /// Events have told of what no answer since has come after: they move nothing that the handle shows the next server.
   bool HeardAhead() const { return m_heardAhead; }
@@ -89,14 +94,15 @@ class Epoch final : public std::enable_shared_from_this<Epoch> {
     SendWindow::Sent sent;
   };
   struct Way {
-    int socket = -1;            // as the library told last
-    bool full = false;          // the socket takes no more for now
-    bool lost = false;          // just now, after some time, and no other try was made yet
-    Clock::time_point knocked;  // asked the server for a session
-    Clock::time_point since;    // connected last
-    Clock::time_point resume;   // the library is not to be asked before
-    Clock::time_point asked;    // ... and was last
-    Clock::time_point spoke;    // made the last request
+    int socket = -1;                         // as the library told last
+    bool full = false;                       // the socket takes no more for now
+    bool lost = false;                       // just now, after some time, and no other try was made yet
+    std::optional<Clock::time_point> tried;  // began to, the server that the library is at now
+    Clock::time_point knocked;               // asked the server for a session
+    Clock::time_point since;                 // connected last
+    Clock::time_point resume;                // the library is not to be asked before
+    Clock::time_point asked;                 // ... and was last
+    Clock::time_point spoke;                 // made the last request
   };
   /// Open -> Closing (let go of inside a call of the library) -> Closed;   Open -> Closed
   enum class Life : std::uint8_t { Open, Closing, Closed };

@@ -242,7 +242,8 @@ void ConnectionCore::RunWatchdog(const std::weak_ptr<Epoch>& epoch,
     if (Connected())
       m_backoff.Reset();  // not at once: a session can be refused right after it is established
     TellAway();
-    Act(watchdog->Look({m_state, current->Unanswered(), current->Unheard(), current->Timeout(), Trip()}));
+    Act(watchdog->Look({m_state, current->Unanswered(), m_opening.givenUp, m_addresses->Count(),
+                        current->Unheard(), current->Timeout(), Trip()}));
     if (current != m_epoch) return;
     // The library compares lists of servers loosely, and drops what is under way: a new handle takes the new ones.
     if (!Connected() && current->Addresses() != m_addresses->Text()) return ReplaceHandle();
@@ -270,9 +271,11 @@ void ConnectionCore::Act(Watchdog::Verdict verdict) {
       if (m_addresses->AreNames())
         m_addresses->Resolve([this](const zr::String& error) { OnResolved(error); });
       return;
-    case V::ReplaceUnanswered:
-      ++m_opening.unanswered;
-      return replace("a server does not answer");
+    case V::GiveUpServer:
+      ++m_opening.givenUp;
+      ZRLOG(ZRLOG_INFO, ConnectionLog())
+          << "a server does not answer, trying anew, dc_name=" << m_options.dcName;
+      return m_epoch->GiveUpServer();
     case V::ReplaceRefused:
       return replace("no server has taken the session back within its timeout");
     case V::ReplaceSilent:
@@ -315,7 +318,7 @@ void ConnectionCore::OnEstablished() {
                                      << ", dc_name=" << m_options.dcName;
   const auto arrival = !newEpoch ? Arrival::SameHandle : resumed ? Arrival::NewHandle : Arrival::NewSession;
   m_proven = m_proven || arrival == Arrival::NewSession;
-  m_opening.unanswered = 0;
+  m_opening.givenUp = 0;
   if (!m_proven) RaiseBarrier();
   m_listeners.Tell([arrival](ConnectionListener& listener) { listener.OnConnected(arrival); });
 }

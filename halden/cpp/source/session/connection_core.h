@@ -112,7 +112,7 @@ class ConnectionCore final : public std::enable_shared_from_this<ConnectionCore>
   struct Opening {
     bool awaitingAddresses = false;
     std::uint64_t attempt = 0;         // a timer of an earlier one finds another number
-    unsigned unanswered = 0;           // servers in a row that took a connection and kept silent
+    unsigned givenUp = 0;              // tries in a row, for a silent server
     std::optional<clientid_t> resume;  // the session to go on with
     Credentials credentials;           // of the current session too
     Clock::time_point tellAway;        // when the log is to say that no server is reached

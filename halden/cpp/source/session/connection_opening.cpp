@@ -82,7 +82,7 @@ void ConnectionCore::OpenResolved() {
   m_epoch = OpenHandle(m_opening.resume ? &*m_opening.resume : nullptr, onSession, m_bulk.window);
   if (!m_epoch) return OpenLater();
   UpdateClosed();
-  RunWatchdog(m_epoch, std::make_shared<Watchdog>(m_opening.unanswered));
+  RunWatchdog(m_epoch, std::make_shared<Watchdog>());
 }
 
 void ConnectionCore::OpenLater() {

@@ -1,19 +1,28 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "session/watchdog.h"
 
+#include <algorithm>
+
 namespace zr::halden::details {
+
+namespace {
+
+/// Where all have been tried in vain the way may be longer than was thought.
+Clock::duration Patience(const Watchdog::Sight& sight) {
+  constexpr std::chrono::seconds usual{2};
+  return (usual + 4 * sight.trip) * (1U << std::min(sight.givenUp / sight.servers, 4U));
+}
+
+}  // namespace
 
 Watchdog::Verdict Watchdog::Look(const Sight& sight) {
   constexpr unsigned resolveRounds = 5;  // without a connection
-  const auto unansweredRounds = m_patience * (2 + static_cast<unsigned>(4 * sight.trip / kPeriod));
   if (sight.state == ConnectionState::Connected) {
     m_roundsAway = 0;
-    m_roundsUnanswered = 0;
     return sight.unheard > sight.timeout ? Verdict::ReplaceSilent : Verdict::Fine;
   }
   ++m_roundsAway;
-  m_roundsUnanswered = sight.unanswered ? m_roundsUnanswered + 1 : 0;
-  if (m_roundsUnanswered > unansweredRounds) return Verdict::ReplaceUnanswered;
+  if (sight.unanswered > Patience(sight)) return Verdict::GiveUpServer;
   if (sight.state == ConnectionState::Suspended && m_roundsAway * kPeriod > sight.timeout) {
     return Verdict::ReplaceRefused;
   }

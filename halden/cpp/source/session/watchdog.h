@@ -1,7 +1,6 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <algorithm>
 #include <chrono>
 
 #include "base/task_thread.h"
@@ -18,9 +17,9 @@ class Watchdog {
     Fine,
     Away,          ///< no connection; it will find one
     ResolveNames,  ///< ... for so long that names may have moved
-    /// A server took the connection and is silent: one that is just starting can lose it, and the library would
-    /// wait for two thirds of the session timeout.
-    ReplaceUnanswered,
+    /// A server does not answer at all: a host that is gone, a process that hangs, one that is just starting and has lost
+    /// its client. The library would wait for two thirds of the session timeout.
+    GiveUpServer,
     /// Nobody has taken the session back within its timeout. A handle never gets back to an ensemble that was set
     /// up anew: it shows what it has seen, and servers that know less refuse it.
     ReplaceRefused,
@@ -30,22 +29,19 @@ class Watchdog {
 
   struct Sight {
     ConnectionState state;
-    bool unanswered;                    ///< a server has taken the connection and not answered yet
+    Clock::duration unanswered;         ///< since when a server is tried; zero while none is
+    unsigned givenUp;                   ///< tries in a row that were
+    unsigned servers;                   ///< 1 or more
     Clock::duration unheard;            ///< since when an answer is owed
     std::chrono::milliseconds timeout;  ///< of the session
     Clock::duration trip;               ///< shortest round trip; zero where it is not known
   };
 
-  /// `unanswered`: handles in a row that were given up for a silent server: the way may be longer than was thought.
-  explicit Watchdog(unsigned unanswered) : m_patience(1U << std::min(unanswered, 4U)) {}
-
   /// Once in each period.
   Verdict Look(const Sight& sight);
 
  private:
-  const unsigned m_patience;
-  unsigned m_roundsAway = 0;        // without a connection
-  unsigned m_roundsUnanswered = 0;  // of those, in a row, with a server that does not answer
+  unsigned m_roundsAway = 0;  // without a connection
 };
 
 }  // namespace zr::halden::details

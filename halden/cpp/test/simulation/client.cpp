@@ -396,6 +396,10 @@ std::unique_ptr<Farewell> CloseAndEndSession(zhandle_t* handle, int /*socket*/) 
   return std::make_unique<Farewell>(FileDescriptor(link->descriptor), xid);
 }
 
+void TakeForBroken(zhandle_t* handle, int /*socket*/) {
+  handle->link->GiveUp();
+}
+
 Farewell::Result Farewell::Read() {
   const auto link = Link::Find(m_socket.Get());
   if (!link) return Result::Unknown;

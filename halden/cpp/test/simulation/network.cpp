@@ -98,6 +98,11 @@ MessagePtr Link::Receive() {
   return message;
 }
 
+void Link::GiveUp() {
+  refused = ended = true;
+  wake();
+}
+
 void Link::Leave() {
   if (std::exchange(left, true)) return;
   wake = nullptr;

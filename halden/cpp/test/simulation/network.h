@@ -62,7 +62,8 @@ struct Link : std::enable_shared_from_this<Link> {
   bool Ended() const { return ended && inbox.empty(); }
   void Send(MessagePtr message) { Put(toServer, std::move(message)); }
   MessagePtr Receive();
-  void Leave();  ///< closes the client's end
+  void GiveUp();  ///< as if it had broken, for the client
+  void Leave();   ///< closes the client's end
 
   // The server's end.
   void Answer(MessagePtr message) { Put(toClient, std::move(message)); }

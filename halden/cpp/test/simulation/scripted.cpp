@@ -7,6 +7,23 @@
 
 namespace zr::halden::simulation {
 
+namespace {
+
+/// Says what was not as it must be, if anything; who leaves after this finds a clean sheet.
+bool Fine(std::uint64_t seed, const char* play) {
+  if (!world->violation.empty())
+    std::cout << "seed " << seed << ", " << play << ": " << world->violation << std::endl;
+  return std::exchange(world->violation, {}).empty();
+}
+
+std::shared_ptr<Connection> ConnectTo(const std::string& hosts, std::chrono::milliseconds timeout) {
+  auto connection = std::make_shared<Connection>(std::vector<zr::String>{hosts}, true, "", timeout, "dc0");
+  connection->Start(nullptr);
+  return connection;
+}
+
+}  // namespace
+
 bool SpreadsReads(std::uint64_t seed) {
   World played(seed);
   played.faults.reset();
@@ -22,9 +39,7 @@ bool SpreadsReads(std::uint64_t seed) {
   };
   for (int i = 0; i < 60; ++i) dc.Put(DrawId());
   for (int i = 0; i < 12; ++i) {
-    const zr::String hosts = dc.ensemble.servers.front().address + dc.chroot;
-    const auto connection = std::make_shared<Connection>(std::vector{hosts}, true, "", 6s, dc.name);
-    connection->Start(nullptr);
+    const auto connection = ConnectTo(dc.ensemble.servers.front().address + dc.chroot, 6s);
     watchers.push_back(std::make_shared<ServiceWatcher>(connection, kService, [](int) {}));
     watchers.back()->Start();
   }
@@ -33,10 +48,10 @@ bool SpreadsReads(std::uint64_t seed) {
   for (const auto session : dc.ensemble.Sessions()) dc.ensemble.Expire(session);
   await([&] { return played.pauses.size() == watchers.size() && live(); });
   const auto [least, most] = std::minmax_element(played.pauses.begin(), played.pauses.end());
-  const bool fine = live() && !first.empty() && !played.pauses.empty() && *most - *least > 2ms &&
-                    std::all_of(first.begin(), first.end(), [](Duration pause) { return pause < 1ms; });
-  if (!fine)
-    std::cout << "seed " << seed << ": known services are not read at different moments" << std::endl;
+  if (!live() || first.empty() || played.pauses.empty() || *most - *least <= 2ms ||
+      std::any_of(first.begin(), first.end(), [](Duration pause) { return pause >= 1ms; }))
+    played.Violation("known services are not read at different moments");
+  const bool fine = Fine(seed, "reads after an expiry");
   watchers.clear();
   dc.Destroy();
   played.RunUntil(played.now + 60s);
@@ -70,11 +85,41 @@ bool DistrustsDeposedLeaders(std::uint64_t seed) {
   }
   run(60s);
   if (const auto wrong = dc.Wrong(); !wrong.empty()) played.Violation(wrong);
-  if (!played.violation.empty())
-    std::cout << "seed " << seed << ", a deposed leader: " << played.violation << std::endl;
   dc.Destroy();
   played.RunUntil(played.now + 60s);
-  return played.violation.empty();
+  return Fine(seed, "a deposed leader");
+}
+
+bool LeavesSilentServers(std::uint64_t seed) {
+  World played(seed);
+  played.faults.reset();
+  DataCenter dc(0);
+  dc.ensemble.distance = 10ms;
+  played.RunUntil(played.now + 10s);
+  auto& servers = dc.ensemble.servers;
+  Server& silent = played.OneOf(servers);
+  if (servers.size() == 1) {  // nobody to go to
+  } else if (played.OneIn(2)) {
+    dc.ensemble.Freeze(silent);
+  } else {
+    dc.ensemble.Partition(silent, true);
+  }
+  std::string hosts;
+  for (const auto& server : servers) hosts += (hosts.empty() ? "" : ",") + server.address;
+  played.RunUntil(played.now + 10s);
+  std::vector<std::shared_ptr<Connection>> connections;
+  for (int i = 0; i < 12; ++i) connections.push_back(ConnectTo(hosts, 30s));
+  played.RunUntil(played.now + 4s);
+  for (const auto& client : dc.clients) connections.push_back(client.connection);
+  for (const auto& one : connections) {
+    if (one->Status().state != ConnectionState::Connected)
+      played.Violation("one of three servers that is silent keeps clients from the others");
+  }
+  const bool fine = Fine(seed, "a silent server");
+  connections.clear();
+  dc.Destroy();
+  played.RunUntil(played.now + 60s);
+  return fine;
 }
 
 namespace {
@@ -97,9 +142,7 @@ struct FarAway {
   }
 
   std::shared_ptr<Connection> Connect() {
-    auto connection = std::make_shared<Connection>(
-        std::vector<zr::String>{dc.ensemble.servers.front().address + dc.chroot}, true, "", 3s, dc.name);
-    connection->Start(nullptr);
+    auto connection = ConnectTo(dc.ensemble.servers.front().address + dc.chroot, 3s);
     world->RunUntil(world->now + 10s);
     return connection;
   }
@@ -189,9 +232,7 @@ bool FollowsFromFarAway(std::uint64_t seed) {
   played.RunUntil(played.now + 20s);
   if (watched->Status().reconnects != 1 || watcher->Status().resyncs != reads)
     played.Violation("a connection that was lost for a moment cost a read of everything");
-  if (!played.violation.empty())
-    std::cout << "seed " << seed << ", far away: " << played.violation << std::endl;
-  const bool fine = std::exchange(played.violation, {}).empty();
+  const bool fine = Fine(seed, "far away");
   publisher.reset();
   watcher.reset();
   watched.reset();
@@ -229,9 +270,7 @@ bool RetriesInGoodTime(std::uint64_t seed) {
   wage([&] { dc.Put(publisher.Id()), ++others; },
        [&] { return static_cast<std::size_t>(dc.ensemble.Truth()->Find(path)->stat.version) - others; });
   wage([&] { dc.Delete(publisher.Id()); }, [&] { return dc.HistoryOf(publisher.Id()).size(); });
-  if (!played.violation.empty())
-    std::cout << "seed " << seed << ", retries: " << played.violation << std::endl;
-  const bool fine = std::exchange(played.violation, {}).empty();
+  const bool fine = Fine(seed, "retries");
   dc.Destroy();
   played.RunUntil(played.now + 60s);
   return fine;
@@ -273,9 +312,7 @@ bool LoadsOverANarrowWay(std::uint64_t seed) {
   }
   if (connection->Status().sessions != 1 || connection->Status().reconnects != 0)
     played.Violation("a narrow way cost the connection");
-  if (!played.violation.empty())
-    std::cout << "seed " << seed << ", a narrow way: " << played.violation << std::endl;
-  const bool fine = std::exchange(played.violation, {}).empty();
+  const bool fine = Fine(seed, "a narrow way");
   publisher.reset();
   watcher.reset();
   largest.reset();

@@ -15,6 +15,9 @@ bool SpreadsReads(std::uint64_t seed);
 /// Seeds with one server play nothing.
 bool DistrustsDeposedLeaders(std::uint64_t seed);
 
+/// Where one of three servers is silent, hung or cut off, clients that come and clients that it had are soon at another.
+bool LeavesSilentServers(std::uint64_t seed);
+
 /// From far away a load, a join, an update and a removal take no more round trips than they need, a lost event is found
 /// by the audit, and a watcher that ends costs the others nothing.
 bool FollowsFromFarAway(std::uint64_t seed);
