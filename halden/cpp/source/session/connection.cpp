@@ -6,28 +6,6 @@
 
 namespace zr::halden {
 
-std::string_view ToString(ConnectionState state) {
-  switch (state) {
-    case ConnectionState::Stopped:
-      return "stopped";
-    case ConnectionState::Connecting:
-      return "connecting";
-    case ConnectionState::Connected:
-      return "connected";
-    case ConnectionState::Suspended:
-      return "suspended";
-    case ConnectionState::Expired:
-      return "expired";
-    case ConnectionState::AuthFailed:
-      return "authentication failed";
-  }
-  return "unknown";
-}
-
-std::ostream& operator<<(std::ostream& out, ConnectionState state) {
-  return out << ToString(state);
-}
-
 const std::shared_ptr<details::ConnectionCore>& details::CoreOf(const Connection& conn) {
   return conn.m_core;
 }

@@ -1,7 +1,6 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #include "halden/service_watcher.h"
 
-#include <ostream>
 #include <stdexcept>
 #include <utility>
 
@@ -25,30 +24,6 @@ const zr::String& CheckedName(const zr::String& name) {
 }
 
 }  // namespace
-
-std::string_view ToString(Freshness freshness) {
-  switch (freshness) {
-    case Freshness::NeverSynchronized:
-      return "never synchronised";
-    case Freshness::Live:
-      return "live";
-    case Freshness::Stale:
-      return "stale";
-    case Freshness::Restored:
-      return "restored";
-  }
-  return "unknown";
-}
-
-std::ostream& operator<<(std::ostream& out, Freshness freshness) {
-  return out << ToString(freshness);
-}
-
-DataCenterCounters DataCenterStatus::Counters() const {
-  return {connection.sessions, connection.reconnects, connection.expiries,
-          watcher.resyncs,     watcher.drifts,        watcher.snapshotErrors,
-          watcher.instances,   watcher.held,          watcher.quarantined};
-}
 
 void Check(const std::optional<MassRemovalGuard>& guard) {
   if (!guard) return;
