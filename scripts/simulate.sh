@@ -12,7 +12,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-preset=release
+preset=dev
 case "${1:-}" in
   --asan) preset=asan; shift ;;
   --tsan) preset=tsan; shift ;;
