@@ -280,11 +280,11 @@ bool PlayAll(const Options& options) {
   std::cout << "seeds " << options.first << " to " << options.first + options.count - 1 << std::endl;
   std::uint64_t failed = 0;
   for (const auto play : {SpreadsReads, FollowsFromFarAway, LoadsOverANarrowWay, RetriesInGoodTime})
-    failed += !play(options.first);
+    failed += !PlayScripted(options.first, play);
   for (std::uint64_t i = 0; i < options.count; ++i) {
     std::uint64_t hash = 0;
     for (const auto play : {DistrustsDeposedLeaders, LeavesSilentServers})
-      failed += i % 4 == 0 && !play(options.first + i);
+      failed += i % 4 == 0 && !PlayScripted(options.first + i, play);
     bool fine = Play(options.first + i, options, hash);
     if (options.replayEvery != 0 && i % options.replayEvery == 0)
       fine = fine && Play(options.first + i, options, hash);

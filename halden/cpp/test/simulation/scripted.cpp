@@ -9,13 +9,6 @@ namespace zr::halden::simulation {
 
 namespace {
 
-/// Says what was not as it must be, if anything; who leaves after this finds a clean sheet.
-bool Fine(std::uint64_t seed, const char* play) {
-  if (!world->violation.empty())
-    std::cout << "seed " << seed << ", " << play << ": " << world->violation << std::endl;
-  return std::exchange(world->violation, {}).empty();
-}
-
 std::shared_ptr<Connection> ConnectTo(const std::string& hosts, std::chrono::milliseconds timeout) {
   auto connection = std::make_shared<Connection>(std::vector<zr::String>{hosts}, true, "", timeout, "dc0");
   connection->Start(nullptr);
@@ -24,14 +17,11 @@ std::shared_ptr<Connection> ConnectTo(const std::string& hosts, std::chrono::mil
 
 }  // namespace
 
-bool SpreadsReads(std::uint64_t seed) {
-  World played(seed);
-  played.faults.reset();
-  DataCenter dc(0);
+void SpreadsReads(DataCenter& dc) {
   std::vector<std::shared_ptr<ServiceWatcher>> watchers;
   const auto await = [&](auto condition) {
-    const auto end = played.now + 60s;
-    while (!condition() && played.now < end) played.RunUntil(played.now + 1s);
+    const auto end = world->now + 60s;
+    while (!condition() && world->now < end) world->RunUntil(world->now + 1s);
   };
   const auto live = [&] {
     return std::all_of(watchers.begin(), watchers.end(),
@@ -44,27 +34,19 @@ bool SpreadsReads(std::uint64_t seed) {
     watchers.back()->Start();
   }
   await(live);
-  const auto first = std::exchange(played.pauses, {});
+  const auto first = std::exchange(world->pauses, {});
   for (const auto session : dc.ensemble.Sessions()) dc.ensemble.Expire(session);
-  await([&] { return played.pauses.size() == watchers.size() && live(); });
-  const auto [least, most] = std::minmax_element(played.pauses.begin(), played.pauses.end());
-  if (!live() || first.empty() || played.pauses.empty() || *most - *least <= 2ms ||
+  await([&] { return world->pauses.size() == watchers.size() && live(); });
+  const auto [least, most] = std::minmax_element(world->pauses.begin(), world->pauses.end());
+  if (!live() || first.empty() || world->pauses.empty() || *most - *least <= 2ms ||
       std::any_of(first.begin(), first.end(), [](Duration pause) { return pause >= 1ms; }))
-    played.Violation("known services are not read at different moments");
-  const bool fine = Fine(seed, "reads after an expiry");
-  watchers.clear();
-  dc.Destroy();
-  played.RunUntil(played.now + 60s);
-  return fine;
+    world->Violation("known services are not read at different moments");
 }
 
-bool DistrustsDeposedLeaders(std::uint64_t seed) {
-  World played(seed);
-  played.faults.reset();
-  played.faults[Fault::DeposedLeader] = true;
-  DataCenter dc(0);
+void DistrustsDeposedLeaders(DataCenter& dc) {
+  world->faults[Fault::DeposedLeader] = true;
   const auto run = [&](Duration time) {
-    for (const auto end = played.now + time; played.now < end; dc.Check()) played.RunUntil(played.now + 1s);
+    for (const auto end = world->now + time; world->now < end; dc.Check()) world->RunUntil(world->now + 1s);
   };
   dc.Heal();
   for (const auto& id : dc.ids) dc.Put(id);
@@ -78,48 +60,37 @@ bool DistrustsDeposedLeaders(std::uint64_t seed) {
     for (int i = 0; i < 5; ++i) dc.Put(DrawId());
     run(1s);
     ensemble.RefuseClients(leader, true);
-    run(played.Between(2s, 6s));
+    run(world->Between(2s, 6s));
     ensemble.Thaw(leader);
     run(3s);
     ensemble.RefuseClients(leader, false);
   }
   run(60s);
-  if (const auto wrong = dc.Wrong(); !wrong.empty()) played.Violation(wrong);
-  dc.Destroy();
-  played.RunUntil(played.now + 60s);
-  return Fine(seed, "a deposed leader");
+  if (const auto wrong = dc.Wrong(); !wrong.empty()) world->Violation(wrong);
 }
 
-bool LeavesSilentServers(std::uint64_t seed) {
-  World played(seed);
-  played.faults.reset();
-  DataCenter dc(0);
+void LeavesSilentServers(DataCenter& dc) {
   dc.ensemble.distance = 10ms;
-  played.RunUntil(played.now + 10s);
+  world->RunUntil(world->now + 10s);
   auto& servers = dc.ensemble.servers;
-  Server& silent = played.OneOf(servers);
+  Server& silent = world->OneOf(servers);
   if (servers.size() == 1) {  // nobody to go to
-  } else if (played.OneIn(2)) {
+  } else if (world->OneIn(2)) {
     dc.ensemble.Freeze(silent);
   } else {
     dc.ensemble.Partition(silent, true);
   }
   std::string hosts;
   for (const auto& server : servers) hosts += (hosts.empty() ? "" : ",") + server.address;
-  played.RunUntil(played.now + 10s);
+  world->RunUntil(world->now + 10s);
   std::vector<std::shared_ptr<Connection>> connections;
   for (int i = 0; i < 12; ++i) connections.push_back(ConnectTo(hosts, 30s));
-  played.RunUntil(played.now + 4s);
+  world->RunUntil(world->now + 4s);
   for (const auto& client : dc.clients) connections.push_back(client.connection);
   for (const auto& one : connections) {
     if (one->Status().state != ConnectionState::Connected)
-      played.Violation("one of three servers that is silent keeps clients from the others");
+      world->Violation("one of three servers that is silent keeps clients from the others");
   }
-  const bool fine = Fine(seed, "a silent server");
-  connections.clear();
-  dc.Destroy();
-  played.RunUntil(played.now + 60s);
-  return fine;
 }
 
 namespace {
@@ -134,7 +105,7 @@ struct Listener : ServiceWatcherObserver {
 
 /// A watcher and a publisher, each with a connection of its own, and how long what they do takes in round trips.
 struct FarAway {
-  explicit FarAway(Duration itsTrip, std::uint64_t bandwidth = 0) : trip(itsTrip) {
+  FarAway(DataCenter& its, Duration itsTrip, std::uint64_t bandwidth = 0) : trip(itsTrip), dc(its) {
     dc.ensemble.distance = trip / 2;
     dc.ensemble.bandwidth = bandwidth;
     dc.Destroy();
@@ -169,48 +140,45 @@ struct FarAway {
   }
 
   const Duration trip;
-  DataCenter dc{0};
+  DataCenter& dc;
   std::shared_ptr<Listener> listener = std::make_shared<Listener>();
 };
 
 }  // namespace
 
-bool FollowsFromFarAway(std::uint64_t seed) {
-  World played(seed);
-  played.faults.reset();
-  FarAway far(400ms);
-  DataCenter& dc = far.dc;
+void FollowsFromFarAway(DataCenter& dc) {
+  FarAway far(dc, 400ms);
   dc.ids.resize(2000);
   for (auto& id : dc.ids) dc.Put(id = DrawId());
   auto watched = far.Connect();
   auto watcher = std::make_shared<ServiceWatcher>(watched, kService, [](int) {});
   watcher->RegisterShared(far.listener);
-  far.AtMost(12, far.Trips([&] { return watcher->Start(), played.now; }, 30s), "the load of 2,000");
+  far.AtMost(12, far.Trips([&] { return watcher->Start(), world->now; }, 30s), "the load of 2,000");
 
   auto published = far.Connect();
   std::unique_ptr<ServicePublisher> publisher;
   const auto join = [&] {
     publisher = std::make_unique<ServicePublisher>(published, kService, DrawId());
     publisher->Publish(NewData("p"));
-    const Time end = played.now + 60s;
-    while (dc.HistoryOf(publisher->Id()).empty() && played.now < end) played.RunUntil(played.now + 1ms);
-    return played.now;
+    const Time end = world->now + 60s;
+    while (dc.HistoryOf(publisher->Id()).empty() && world->now < end) world->RunUntil(world->now + 1ms);
+    return world->now;
   };
   far.AtMost(1.6, far.Median(join), "a join");
-  far.AtMost(1.6, far.Median([&] { return dc.Put(dc.ids[0]), played.now; }), "an update");
-  far.AtMost(0.6, far.Median([&, i = 1UL]() mutable { return dc.Delete(dc.ids[i++]), played.now; }),
+  far.AtMost(1.6, far.Median([&] { return dc.Put(dc.ids[0]), world->now; }), "an update");
+  far.AtMost(0.6, far.Median([&, i = 1UL]() mutable { return dc.Delete(dc.ids[i++]), world->now; }),
              "a removal");
 
   watcher->SetAudit({5min, 60s});
   for (auto& link : dc.ensemble.servers.front().links) link->dataWatches.erase(dc.PathOf(dc.ids[0]));
-  far.AtMost(170, far.Trips([&] { return dc.Put(dc.ids[0]), played.now; }, 80s), "what the audit finds");
-  if (watcher->Status().drifts != 1) played.Violation("a drift was not counted");
+  far.AtMost(170, far.Trips([&] { return dc.Put(dc.ids[0]), world->now; }, 80s), "what the audit finds");
+  if (watcher->Status().drifts != 1) world->Violation("a drift was not counted");
 
   const auto queue = std::make_shared<EventQueue>();
   watcher->RegisterShared(queue);
   watcher->SetMassRemovalGuard(MassRemovalGuard{0.1, 10s});
   const auto holds = [&](Duration time) {
-    played.RunUntil(played.now + time);
+    world->RunUntil(world->now + time);
     bool held = false;
     for (const auto& event : queue->Drain())
       held = event.IsInstance() ? held : event.status.watcher.held != 0;
@@ -218,69 +186,52 @@ bool FollowsFromFarAway(std::uint64_t seed) {
   };
   holds(5s);
   dc.DeleteMany();
-  if (!holds(5s) || holds(20s)) played.Violation("what the guard holds is not told when it begins or ends");
+  if (!holds(5s) || holds(20s)) world->Violation("what the guard holds is not told when it begins or ends");
 
   auto other = std::make_shared<ServiceWatcher>(watched, "others", [](int) {});
   other->Start();
-  played.RunUntil(played.now + 10s);
+  world->RunUntil(world->now + 10s);
   other.reset();
-  played.RunUntil(played.now + 10s);
+  world->RunUntil(world->now + 10s);
   if (watched->Status().reconnects != 0)
-    played.Violation("a watcher that ended cost its connection the handle");
+    world->Violation("a watcher that ended cost its connection the handle");
   const auto reads = watcher->Status().resyncs;
   dc.ensemble.servers.front().DropLinks(false);
-  played.RunUntil(played.now + 20s);
+  world->RunUntil(world->now + 20s);
   if (watched->Status().reconnects != 1 || watcher->Status().resyncs != reads)
-    played.Violation("a connection that was lost for a moment cost a read of everything");
-  const bool fine = Fine(seed, "far away");
-  publisher.reset();
-  watcher.reset();
-  watched.reset();
-  published.reset();
-  played.RunUntil(played.now + 60s);
-  return fine;
+    world->Violation("a connection that was lost for a moment cost a read of everything");
 }
 
-bool RetriesInGoodTime(std::uint64_t seed) {
-  World played(seed);
-  played.faults.reset();
-  DataCenter dc(0);
+void RetriesInGoodTime(DataCenter& dc) {
   dc.ensemble.distance = 10ms;
   dc.Heal();
-  played.RunUntil(played.now + 30s);
+  world->RunUntil(world->now + 30s);
   const auto& publisher = *dc.publishers[0].it;
   const auto path = dc.PathOf(publisher.Id());
   const auto isThere = [&] { return HostOf(dc.ensemble.Truth()->Find(path)) == dc.publishers[0].host; };
   for (int i = 0; i < 12; ++i) {  // each a failure of its own, long after the one before
     dc.ensemble.denied.insert(path);
     dc.Put(publisher.Id());
-    played.RunUntil(played.now + 1s);
-    if (isThere()) played.Violation("written over what may not be seen");
+    world->RunUntil(world->now + 1s);
+    if (isThere()) world->Violation("written over what may not be seen");
     dc.ensemble.denied.clear();
-    played.RunUntil(played.now + 5s);
-    if (!isThere()) played.Violation("a failure is made up for later than the one before");
-    played.RunUntil(played.now + 40s);
+    world->RunUntil(world->now + 5s);
+    if (!isThere()) world->Violation("a failure is made up for later than the one before");
+    world->RunUntil(world->now + 40s);
   }
   const auto wage = [&](const std::function<void()>& attack, const std::function<std::size_t()>& deeds) {
     const auto before = deeds();
-    for (int i = 0; i < 600; ++i, played.RunUntil(played.now + 100ms)) attack();
-    if (deeds() - before > 40) played.Violation("a war of more than 40 writes in a minute");
+    for (int i = 0; i < 600; ++i, world->RunUntil(world->now + 100ms)) attack();
+    if (deeds() - before > 40) world->Violation("a war of more than 40 writes in a minute");
   };
   std::size_t others = 0;
   wage([&] { dc.Put(publisher.Id()), ++others; },
        [&] { return static_cast<std::size_t>(dc.ensemble.Truth()->Find(path)->stat.version) - others; });
   wage([&] { dc.Delete(publisher.Id()); }, [&] { return dc.HistoryOf(publisher.Id()).size(); });
-  const bool fine = Fine(seed, "retries");
-  dc.Destroy();
-  played.RunUntil(played.now + 60s);
-  return fine;
 }
 
-bool LoadsOverANarrowWay(std::uint64_t seed) {
-  World played(seed);
-  played.faults.reset();
-  FarAway far(100ms, 50'000);
-  DataCenter& dc = far.dc;
+void LoadsOverANarrowWay(DataCenter& dc) {
+  FarAway far(dc, 100ms, 50'000);
   for (int i = 0; i < 3000; ++i) dc.Put(DrawId());
   // At the end 16 of these are under way at once, which takes longer than the session may be silent.
   for (int i = 0; i < 20; ++i) {
@@ -293,32 +244,37 @@ bool LoadsOverANarrowWay(std::uint64_t seed) {
   auto watcher = std::make_shared<ServiceWatcher>(connection, kService, [](int) {});
   watcher->SetAudit({24h, 24h});
   watcher->Start();
-  played.RunUntil(played.now + 2s);
+  world->RunUntil(world->now + 2s);
   auto publisher = std::make_unique<ServicePublisher>(connection, "others", DrawId());
   auto data = NewData("p");
   data.clear_service_name();
   publisher->Publish(data);
   constexpr Duration way = 65536s / 50'000;
-  played.RunUntil(played.now + 6 * far.trip + way);  // for creating two parents, and the node
+  world->RunUntil(world->now + 6 * far.trip + way);  // for creating two parents, and the node
   if (publisher->Status().state != PublishState::Published || watcher->Status().freshness == Freshness::Live)
-    played.Violation("a write waited for the end of a load");
-  played.RunUntil(played.now + 20s);
+    world->Violation("a write waited for the end of a load");
+  world->RunUntil(world->now + 20s);
   auto largest = std::make_shared<ServiceWatcher>(connection, "large", [](int) {});
   largest->SetAudit({24h, 24h});
   largest->Start();
-  played.RunUntil(played.now + 40s);
+  world->RunUntil(world->now + 40s);
   for (const auto& one : {watcher, largest}) {
-    if (one->Status().freshness != Freshness::Live) played.Violation("not live over a narrow way");
+    if (one->Status().freshness != Freshness::Live) world->Violation("not live over a narrow way");
   }
   if (connection->Status().sessions != 1 || connection->Status().reconnects != 0)
-    played.Violation("a narrow way cost the connection");
-  const bool fine = Fine(seed, "a narrow way");
-  publisher.reset();
-  watcher.reset();
-  largest.reset();
-  connection.reset();
+    world->Violation("a narrow way cost the connection");
+}
+
+bool PlayScripted(std::uint64_t seed, Course course) {
+  World played(seed);
+  played.faults.reset();
+  DataCenter dc(0);
+  course(dc);
+  const auto wrong = std::exchange(played.violation, {});
+  if (!wrong.empty()) std::cout << "seed " << seed << ", in a scripted play: " << wrong << std::endl;
+  dc.Destroy();
   played.RunUntil(played.now + 60s);
-  return fine;
+  return wrong.empty();
 }
 
 }  // namespace zr::halden::simulation
