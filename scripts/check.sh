@@ -39,7 +39,9 @@ of_files+=,bugprone-suspicious-include
 cmake --preset tidy >/dev/null
 cmake --preset tidy -B build/tidy-rooms -DCMAKE_UNITY_BUILD=ON -DCMAKE_UNITY_BUILD_BATCH_SIZE=20 \
   -DHALDEN_BUILD_TESTS=OFF -DHALDEN_BUILD_BENCH=OFF >/dev/null
-for build in tidy tidy-rooms; do cmake --build "build/$build" --target halden_proto >/dev/null; done # the generated header
+for build in tidy tidy-rooms; do # the generated headers
+  cmake --build "build/$build" --target generated/zr/messaging/halden/{service,snapshot}.pb.h >/dev/null
+done
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 tidy() { # tidy BUILD REGEX ARGUMENT...
