@@ -203,6 +203,7 @@ void Epoch::Ready(const pollfd& socket) {
 }
 
 void Epoch::GiveUpServer() {
+  ReadAll();  // if this thread was held up the answer may be there
   if (m_life == Life::Open && m_way.tried && !ConnectedNow()) TakeForBroken(m_handle, m_way.socket);
 }
 

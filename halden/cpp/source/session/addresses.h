@@ -1,7 +1,6 @@
 // Copyright the halden authors. SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <algorithm>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -26,8 +25,6 @@ class Addresses {
   /// try finds nothing.
   const zr::String& Text() const { return m_state->text; }
   bool AreNames() const { return m_areNames; }
-  /// 1 before any is known.
-  unsigned Count() const { return 1 + static_cast<unsigned>(std::ranges::count(Text(), ',')); }
 
   /// Resolves anew; `done` follows on this thread, at once if there are only addresses to take over. Not when
   /// a resolution is under way already: that one's `done` will do.

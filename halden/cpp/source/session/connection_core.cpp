@@ -242,8 +242,8 @@ void ConnectionCore::RunWatchdog(const std::weak_ptr<Epoch>& epoch,
     if (Connected())
       m_backoff.Reset();  // not at once: a session can be refused right after it is established
     TellAway();
-    Act(watchdog->Look({m_state, current->Unanswered(), m_opening.givenUp, m_addresses->Count(),
-                        current->Unheard(), current->Timeout(), Trip()}));
+    Act(watchdog->Look(
+        {m_state, current->Unanswered(), m_opening.givenUp, current->Unheard(), current->Timeout(), Trip()}));
     if (current != m_epoch) return;
     // The library compares lists of servers loosely, and drops what is under way: a new handle takes the new ones.
     if (!Connected() && current->Addresses() != m_addresses->Text()) return ReplaceHandle();
@@ -267,15 +267,16 @@ void ConnectionCore::Act(Watchdog::Verdict verdict) {
     case V::Fine:
     case V::Away:
       return;
-    case V::ResolveNames:
-      if (m_addresses->AreNames())
-        m_addresses->Resolve([this](const zr::String& error) { OnResolved(error); });
-      return;
     case V::GiveUpServer:
       ++m_opening.givenUp;
       ZRLOG(ZRLOG_INFO, ConnectionLog())
           << "a server does not answer, trying anew, dc_name=" << m_options.dcName;
-      return m_epoch->GiveUpServer();
+      m_epoch->GiveUpServer();
+      [[fallthrough]];
+    case V::ResolveNames:
+      if (m_addresses->AreNames())
+        m_addresses->Resolve([this](const zr::String& error) { OnResolved(error); });
+      return;
     case V::ReplaceRefused:
       return replace("no server has taken the session back within its timeout");
     case V::ReplaceSilent:

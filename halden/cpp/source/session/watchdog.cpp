@@ -7,10 +7,10 @@ namespace zr::halden::details {
 
 namespace {
 
-/// Where all have been tried in vain the way may be longer than was thought.
+/// Each time the way may be longer than was thought.
 Clock::duration Patience(const Watchdog::Sight& sight) {
   constexpr std::chrono::seconds usual{2};
-  return (usual + 4 * sight.trip) * (1U << std::min(sight.givenUp / sight.servers, 4U));
+  return (usual + 4 * sight.trip) * (1U << std::min(sight.givenUp, 4U));
 }
 
 }  // namespace

@@ -31,7 +31,6 @@ class Watchdog {
     ConnectionState state;
     Clock::duration unanswered;         ///< since when a server is tried; zero while none is
     unsigned givenUp;                   ///< tries in a row that were
-    unsigned servers;                   ///< 1 or more
     Clock::duration unheard;            ///< since when an answer is owed
     std::chrono::milliseconds timeout;  ///< of the session
     Clock::duration trip;               ///< shortest round trip; zero where it is not known
