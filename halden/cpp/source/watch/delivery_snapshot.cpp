@@ -39,6 +39,11 @@ void WatcherDelivery::SetServiceNode(std::int64_t czxid) {
                                       << m_core->DataCenterName();
 }
 
+void WatcherDelivery::ForgetServiceNode() {
+  const zr::MutexLock lock(m_mtx);
+  m_origin.read.reset();
+}
+
 void WatcherDelivery::DropUnlisted(const std::function<bool(const ServiceId&)>& isListed) {
   std::vector<ServiceId> known;
   {
@@ -55,9 +60,10 @@ void WatcherDelivery::DropUnlisted(const std::function<bool(const ServiceId&)>& 
 std::optional<WatcherDelivery::Keepable> WatcherDelivery::ToKeep() const {
   const zr::MutexLock lock(m_mtx);
   const bool stale = m_status.freshness == Freshness::Stale;
-  if (!IsSynchronized() || (stale && m_table.Revision() != m_origin.staleRevision)) return std::nullopt;
+  if (!IsSynchronized() || !m_origin.read || (stale && m_table.Revision() != m_origin.staleRevision))
+    return std::nullopt;
   const auto asOf = stale ? m_status.staleSince : std::nullopt;
-  return Keepable{{m_origin.read.value_or(0), asOf.value_or(TimeOfDay())}, m_table.Revision()};
+  return Keepable{{*m_origin.read, asOf.value_or(TimeOfDay())}, m_table.Revision()};
 }
 
 std::vector<KeptInstance> WatcherDelivery::CopyInstances() const {

@@ -86,7 +86,10 @@ void ServiceReader::StartOver() noexcept {
 
 void ServiceReader::OnWatch(int type, const zr::String& path) {
   const std::string_view rest = std::string_view(path).substr(m_path.size());
-  if (rest.empty()) return ReadService();
+  if (rest.empty()) {
+    if (type == ZOO_DELETED_EVENT) m_delivery->ForgetServiceNode();
+    return ReadService();
+  }
   const auto partition = ParsePartition(rest.substr(1, 2));
   if (!partition) return;
   if (rest.size() == 3) return ReadPartition(*partition, Haste::Now);

@@ -47,6 +47,8 @@ class WatcherDelivery : public std::enable_shared_from_this<WatcherDelivery> {
   void CountDrift();
   /// The service's node was read: the transaction that created it, 0 where there is none. It tells ensembles apart.
   void SetServiceNode(std::int64_t czxid);
+  /// It was deleted: whose instances will be known until it is read again is not known.
+  void ForgetServiceNode();
   /// Everything was read. What was restored and is in no list is gone, which these lists are the evidence of.
   void DropUnlisted(const std::function<bool(const ServiceId&)>& isListed);
   /// How many are known, if everything was read once; else none.
