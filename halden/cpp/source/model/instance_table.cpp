@@ -79,10 +79,10 @@ void InstanceTable::Restore(KeptInstance instance) {
   m_entries[instance.id].restored = true;
 }
 
-void InstanceTable::Disown() {
+void InstanceTable::Disown(std::int64_t czxid) {
   constexpr NodeVersion ofNoNode{-1, -1};
   for (auto& [id, entry] : m_entries) {
-    if (!entry.restored) continue;
+    if (!entry.restored || entry.seen.czxid >= czxid) continue;
     entry.seen = {};
     entry.good = ofNoNode;
     if (entry.announced != NodeVersion{}) entry.announced = ofNoNode;

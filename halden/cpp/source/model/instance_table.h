@@ -57,9 +57,9 @@ class InstanceTable {
   void Remove(const ServiceId& id);
   /// Was known to an earlier process; from here on as if it had been read. Nothing is done where the instance was read.
   void Restore(KeptInstance instance);
-  /// What was restored is of nodes of another ensemble: whatever is read is then another node, and newer. What was read
-  /// since stays as it is.
-  void Disown();
+  /// What was restored and created before `czxid` is of nodes that are gone, or of another ensemble: whatever is read is
+  /// then another node, and newer. What was read since stays as it is.
+  void Disown(std::int64_t czxid);
   /// The node is gone and the instance stays for now, marked as held, until `Remove`, or a `Put` of any node
   /// of its name, which is then a modification or nothing new. False, and nothing done, for what is not known
   /// or has not been announced: there is nothing to keep then.

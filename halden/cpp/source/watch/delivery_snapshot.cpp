@@ -3,6 +3,7 @@
 // What a watcher hands to a snapshot file, and what it takes from one. Instances restored are known instances, with the
 // versions of their nodes: so the first read is compared with them as any other.
 #include <algorithm>
+#include <limits>
 #include <thread>
 #include <utility>
 
@@ -25,14 +26,15 @@ bool WatcherDelivery::Restore(const Snapshotted& service, std::vector<KeptInstan
 }
 
 /// Another ensemble, or one that was set up anew: its transaction numbers say nothing about the snapshot's, so that nothing
-/// that it holds may pass for older than what was restored, nor for the same.
+/// that it holds may pass for older than what was restored, nor for the same. Or a service's node that was made anew in the
+/// same ensemble: what the snapshot holds of later is of this one, of which it had not heard.
 void WatcherDelivery::SetServiceNode(std::int64_t czxid) {
   zr::MutexLock lock(m_mtx);
   m_origin.read = czxid;
   const auto restored = std::exchange(m_origin.restored, std::nullopt);
   const bool other = restored.value_or(0) != 0 && czxid != 0 && restored != czxid;
   if (!other) return;
-  m_table.Disown();
+  m_table.Disown(*restored < czxid ? czxid : std::numeric_limits<std::int64_t>::max());
   lock.Unlock(m_mtx);
   ZRLOG(ZRLOG_WARNING, SnapshotLog()) << "snapshot is of another ensemble, or of before the service's node "
                                          "was made anew: what is read counts, dc_name="

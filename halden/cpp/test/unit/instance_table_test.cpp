@@ -90,15 +90,21 @@ TEST_F(InstanceTableTest, WhatWasRestoredIsComparedAsIfItHadBeenReadUnlessItsEns
   m_table.Restore({m_id, {10, 13}, "b"});  // late: what was read counts
   EXPECT_EQ(m_table.Find(m_id), "a");
 
-  m_table.Disown();
+  m_table.Disown(11);
   EXPECT_EQ(m_table.Put(m_id, {10, 12}, "a", false), Outcome::Unchanged) << "it was read";
+  m_table.Remove(m_id);
+  TakeOne();
+  m_table.Restore({m_id, {11, 12}, "a"});
+  TakeOne();
+  m_table.Disown(11);
+  EXPECT_EQ(m_table.Put(m_id, {11, 12}, "a", false), Outcome::Unchanged) << "of the service's node of now";
 
   for (const NodeVersion version : {NodeVersion{5, 5}, NodeVersion{10, 12}, NodeVersion{900, 900}}) {
     m_table.Remove(m_id);
     TakeOne();
     m_table.Restore({m_id, {10, 12}, "a"});
     TakeOne();
-    m_table.Disown();
+    m_table.Disown(11);
     EXPECT_EQ(m_table.Put(m_id, version, "a", false), Outcome::Changed);
     EXPECT_THAT(TakeOne(), ElementsAre(ChangeKind::Removed, ChangeKind::Added));
   }
