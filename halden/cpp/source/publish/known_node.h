@@ -37,6 +37,9 @@ class KnownNode {
   bool OfOurSessions() const;
   bool Holds(const std::string& bytes) const { return m_kind == Kind::Confirmed && m_bytes == bytes; }
 
+  /// Of a write that is not known to have been carried out a server that lags behind does not know.
+  bool MayBeWritten() const { return m_kind == Kind::Held && m_version == kAnyVersion; }
+
   // Of the last look.
   const std::string& Bytes() const { return m_bytes; }
   std::int64_t Owner() const { return m_owner; }

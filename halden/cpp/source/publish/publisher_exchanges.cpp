@@ -39,7 +39,8 @@ void PublisherCore::Look() {
     return SetPhase(PublisherPhase::Looking);
   }
   m_early.awaited = false;
-  if (m_node.What() != KnownNode::Kind::Held) m_core->Submit({.kind = Request::Kind::Sync, .path = m_path});
+  if (m_node.What() != KnownNode::Kind::Held || m_node.MayBeWritten())
+    m_core->Submit({.kind = Request::Kind::Sync, .path = m_path});
   Request request{.kind = Request::Kind::Get, .path = m_path, .watch = m_wish.has_value()};
   Send(PublisherPhase::Looking, std::move(request), [this](Reply& reply) { OnLooked(reply); });
 }
