@@ -52,7 +52,7 @@ tidy() { # tidy BUILD REGEX ARGUMENT...
   echo "check: clang-tidy failed" >&2
   exit 1
 }
-tidy tidy-rooms "^(?!.*(_proto_objects|_agent_page)\.dir/).*" -checks=-bugprone-suspicious-include \
+tidy tidy-rooms "^(?!.*(_proto_objects|_agent_page)\.dir/)(?!.*/generated/).*" -checks=-bugprone-suspicious-include \
   -header-filter="/$own/[^.]*\.(h|cpp)\$" # but what is generated
 tidy tidy "^(?!.*/(test|bench|fuzz)/)(?!$PWD/build/).*/$own/.*\.cpp\$" "-checks=-*,$of_files"
 
