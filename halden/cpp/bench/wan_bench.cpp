@@ -179,12 +179,14 @@ struct NarrowWay {
   const char* name;
   Distance distance;
   Service service;
+  double mostOfBare = 1.15;
 };
 
 void BenchNarrowWay(const Server& server, const NarrowWay& narrow) {
   const LongWay way(server.Port(), narrow.distance);
   PrintSides(fmt::format("{}: load of {}", narrow.name, narrow.service.instances), "ms",
-             Medians(LoadRounds(way.ConnectString(), narrow.service, 2)), Limit{Limit::kRatio, 1.15});
+             Medians(LoadRounds(way.ConnectString(), narrow.service, 2)),
+             Limit{Limit::kRatio, narrow.mostOfBare});
   if (narrow.distance.bytesPerSecond < kMegabit) return;  // 10,000 take half a minute
   const double most =
       3 * Millis(narrow.distance.trip).count() + 65536 / narrow.distance.bytesPerSecond * 1000;
@@ -229,7 +231,15 @@ void BenchNarrow() {
       NarrowWay{"80 ms with 20 ms of jitter",
                 {.trip = milliseconds(80), .bytesPerSecond = 1000 * kMegabit, .jitter = milliseconds(20)},
                 kServices[2]},
-      // TCP takes each loss for a sign of too much: 1.2 packets a trip over the root of the share is what it sends then.
+      // Servers' TCP does not slow down for a loss. More under way would be faster, and hold writes up for longer.
+      NarrowWay{"1 Gbit/s, 80 ms with 20 ms of jitter and 1 % loss",
+                {.trip = milliseconds(80),
+                 .bytesPerSecond = 1000 * kMegabit,
+                 .jitter = milliseconds(20),
+                 .loss = 0.01},
+                kServices[2],
+                2},
+      // Others' takes each loss for a sign of too much: 1.2 packets a trip over the root of the share is what it sends then.
       NarrowWay{"80 ms with 20 ms of jitter and 1 % loss",
                 {.trip = milliseconds(80),
                  .bytesPerSecond = 1448 * 1.2 / (0.080 * 0.1),

@@ -13,6 +13,7 @@
 
 #include "client/access_vector.h"
 #include "client/client_adaptor.h"
+#include "model/layout.h"
 
 namespace zr::halden::details {
 
@@ -34,17 +35,17 @@ void Cork(int socket, int on) {
   setsockopt(socket, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
 }
 
-/// About, of an answer on the wire.
+/// About, of an answer on the wire; and, for the time that each takes servers and us, some 300 more.
 std::size_t SizeOf(const Reply& reply) {
-  std::size_t bytes = 90 + reply.value.size();
+  std::size_t bytes = 90 + 300 + reply.value.size();
   for (const auto& child : reply.children) bytes += 4 + child.size();
   return bytes;
 }
 
-SendWindow::Kind AnswerOf(Request::Kind kind) {
-  switch (kind) {
+SendWindow::Kind AnswerOf(const Request& request) {
+  switch (request.kind) {
     case Request::Kind::GetChildren:
-      return SendWindow::Kind::List;
+      return IsServicePath(request.path) ? SendWindow::Kind::Lone : SendWindow::Kind::List;
     case Request::Kind::Get:
     case Request::Kind::GetAccess:
     case Request::Kind::Exists:
@@ -223,7 +224,7 @@ void Epoch::Submit(Request request) {
   const int code = Call(slot, slot->request.outsideChroot ? path : m_root + path);
   if (code == ZOK) {
     m_way.spoke = now;
-    slot->sent = m_window->OnSent(AnswerOf(slot->request.kind), now);
+    slot->sent = m_window->OnSent(AnswerOf(slot->request), now);
     return m_sent.push_back(slot);
   }
   m_post(Clock::duration::zero(), [weak = weak_from_this(), slot, code] {

@@ -2,36 +2,32 @@
 #include "client/send_window.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace zr::halden::details {
 
 namespace {
 
 // The slack of a narrow way: it only waits in line there, and a write that comes behind it waits for so much.
-constexpr double kSlackBytes = 24.0 * 1024;
-// At first: servers that are near are seldom at the end of a narrow way.
-constexpr double kFirst = 20.0 * 1024;
-constexpr double kFirstNear = 40.0 * 1024;
-constexpr std::chrono::milliseconds kNear{20};
+constexpr double kSlackBytes = 48.0 * 1024;
 // The slack of a fast way, in seconds: so long servers and we are busy with what has arrived.
 constexpr double kSlackTime = 0.003;
 // More than what the way holds, if all answers took the shortest time: on many ways some take longer.
 constexpr double kGain = 1.5;
-constexpr double kBurstGain = 1.25;
+constexpr double kRunGain = 1.25;
 // The window grows by no more at a time, whatever a round seems to say.
 constexpr double kMostGrowth = 16;
-constexpr double kMost = 8e6;
+constexpr double kMost = 16e6;
 constexpr std::uint64_t kLeast = 16;  // requests
 // A handful of answers says nothing of a rate.
 constexpr std::uint64_t kRoundOfSome = 16;
-constexpr std::uint64_t kBurst = 32;
+constexpr std::uint64_t kLeastRun = 32;
 // What comes within so short a time has come as fast as threads were scheduled, and not as fast as it can.
 constexpr std::chrono::milliseconds kShortestRound{4};
-constexpr double kShortestBurst = 0.005;
+constexpr double kShortestRun = 0.003;
 constexpr double kLongRound = 0.020;
 // So few requests before another cost it no time worth counting.
 constexpr std::uint64_t kFew = 4;
-constexpr int kRoundsToBeSure = 3;
 // What takes longer has been frozen, as a whole process may be.
 constexpr std::chrono::seconds kLongestTrip{5};
 // Before so many answers of a kind have come, it is not known how long they are, and no more than so many are asked for.
@@ -60,6 +56,7 @@ void SendWindow::OnAnswered(const Sent& sent, std::size_t bytes, Clock::time_poi
   usual += (size - usual) / 8;
   ++m_known[static_cast<std::size_t>(sent.kind)];
   MeasureTrip(sent, now);
+  FollowRun(sent, size, now);
   CountAnswer(size, now);
 }
 
@@ -79,9 +76,29 @@ void SendWindow::MeasureTrip(const Sent& sent, Clock::time_point now) {
   }
 }
 
+/// A silence in it means that something was held up, and what comes then has waited for that.
+void SendWindow::FollowRun(const Sent& sent, double bytes, Clock::time_point now) {
+  if (now - m_run.last > m_trip / 4) EndRun();
+  if (m_run.answers > 0) {
+    m_run.bytes += bytes;
+  } else if (now - sent.at <= m_trip * 3 / 2) {
+    m_run = {.begin = now, .last = now};
+  } else {
+    return;
+  }
+  ++m_run.answers;
+  m_run.last = now;
+}
+
+void SendWindow::EndRun() {
+  const Run run = std::exchange(m_run, {});
+  if (run.answers < kLeastRun) return;
+  const double lasted = std::max(Seconds(run.last - run.begin), kShortestRun);
+  m_round.runRate = std::max(m_round.runRate, run.bytes / lasted);
+}
+
 void SendWindow::CountAnswer(double bytes, Clock::time_point now) {
   if (m_round.end == 0) {
-    m_round.first = now;
     m_round.end = std::max(m_sent, m_answered + 1);
   } else {
     m_round.bytes += bytes;
@@ -92,13 +109,13 @@ void SendWindow::CountAnswer(double bytes, Clock::time_point now) {
 }
 
 void SendWindow::EndRound(Clock::time_point now) {
+  EndRun();
   if (m_answered - m_round.answered < kRoundOfSome) return;
   const double lasted = Seconds(now - m_round.begin);
   const double rate = m_round.bytes / lasted;
   if (!m_round.usedUp && rate < BestRate()) return;
   TakeRate(rate, lasted);
-  const double sought =
-      std::max(kGain * BestRate(), m_flat < kRoundsToBeSure ? kBurstGain * BurstRate(now) : 0);
+  const double sought = std::max(kGain * BestRate(), kRunGain * m_round.runRate);
   const double grown = kMostGrowth * std::max(m_size, m_round.bytes);
   m_size = std::min({sought * Seconds(m_trip) + Slack(), grown, kMost});
 }
@@ -109,21 +126,6 @@ void SendWindow::TakeRate(double rate, double lasted) {
   for (times = std::clamp<std::size_t>(times, 1, m_rates.size()); times > 0; --times) {
     m_rates[m_nextRate++ % m_rates.size()] = rate;
   }
-  const double best = BestRate();
-  if (best > 1.25 * m_grownTo) {
-    m_grownTo = best;
-    m_flat = 0;
-  } else {
-    ++m_flat;
-  }
-  if (m_flat > static_cast<int>(m_rates.size())) m_grownTo = best;  // it may have shrunk, and grow again
-}
-
-/// Zero where it says nothing: what comes together after a long silence has been held up somewhere.
-double SendWindow::BurstRate(Clock::time_point now) const {
-  const bool heldUp = m_round.first - m_round.begin > 2 * m_trip;
-  if (heldUp || m_answered - m_round.answered < kBurst) return 0;
-  return m_round.bytes / std::max(Seconds(now - m_round.first), kShortestBurst);
 }
 
 double SendWindow::BestRate() const {
@@ -139,7 +141,6 @@ void SendWindow::OnConnected(Clock::duration handshake, Clock::time_point now) {
   SendWindow anew(m_tripIsGuess ? handshake : std::min(handshake, m_trip));
   anew.m_known = m_known;
   anew.m_round = {.begin = now, .answered = m_answered};
-  anew.m_size = anew.m_trip < kNear ? kFirstNear : kFirst;
   anew.m_usual = m_usual;
   anew.m_sent = m_sent;
   anew.m_answered = m_answered;

@@ -12,17 +12,20 @@ namespace zr::halden::details {
 
 /// How much a connection should have under way, in bytes of answers: as much as keeps the way full, which is that of one
 /// round trip, and a little more. What is beyond that only waits in line, and whatever is asked next waits behind it.
+/// To an answer's bytes comes a fixed number for the time that it takes whatever its length: near by that is what a
+/// rate is made of.
 ///
 /// It goes by rounds: one ends when all that was under way at its first answer is answered. The best rate of the last
 /// rounds, times the shortest round trip, is what the way holds. A round in which the window was not used up says
-/// nothing against a better one before it. Where the answers of a round come in a small part of its time, the way was
-/// idle for the rest, and the rate at which they came is what it carries at least.
+/// nothing against a better one before it. Answers that come close together tell the rate of a way that was idle before
+/// them: but only where the first of them took no longer than the way is, since what was held up comes close together,
+/// too.
 ///
 /// Threads: the connection's.
 class SendWindow {
  public:
-  /// What is asked for: how much will come is known from what came for its like.
-  enum class Kind : std::uint8_t { List, Data, Write };
+  /// What is asked for: how much will come is known from what came for its like. `Lone` is a read that has none.
+  enum class Kind : std::uint8_t { List, Data, Lone, Write };
 
   /// A request on its way. Answers come in the order of the requests.
   struct Sent {
@@ -37,7 +40,7 @@ class SendWindow {
   explicit SendWindow(Clock::duration trip) : m_trip(trip) {}
 
   Sent OnSent(Kind kind, Clock::time_point now);
-  /// `bytes`: of the answer, about.
+  /// `bytes`: of the answer, about, with the fixed number.
   void OnAnswered(const Sent& sent, std::size_t bytes, Clock::time_point now);
   /// It will have no answer, or one that says nothing.
   void OnLost(const Sent& sent);
@@ -56,37 +59,44 @@ class SendWindow {
  private:
   struct Round {
     Clock::time_point begin{};
-    Clock::time_point first{};   // its first answer
     std::uint64_t answered = 0;  // before it
     std::uint64_t end = 0;       // how many are answered at its end; zero before the first
     double bytes = 0;            // behind the first
+    double runRate = 0;          // of the best run in it
     bool usedUp = false;
+  };
+  struct Run {  // of answers, one close behind the other
+    Clock::time_point begin{};
+    Clock::time_point last{};
+    std::uint64_t answers = 0;  // none: there is no run
+    double bytes = 0;           // behind the first
   };
 
   std::uint64_t UnderWay() const { return m_answered < m_sent ? m_sent - m_answered : 0; }
   double Room() const;
   void MeasureTrip(const Sent& sent, Clock::time_point now);
+  void FollowRun(const Sent& sent, double bytes, Clock::time_point now);
+  void EndRun();
   void CountAnswer(double bytes, Clock::time_point now);
   void EndRound(Clock::time_point now);
   void TakeRate(double rate, double lasted);
-  double BurstRate(Clock::time_point now) const;
   double BestRate() const;
   double Slack() const;
 
   std::uint64_t m_sent = 0;
   std::uint64_t m_answered = 0;
-  double m_expected = 0;                         // bytes under way
-  std::array<double, 3> m_usual{300, 300, 100};  // bytes of an answer of each kind lately
-  std::array<std::uint64_t, 3> m_known{};        // answers of each kind
+  double m_expected = 0;  // bytes under way
+  // Bytes of an answer of each kind lately. Lists are guessed short, so that all of a service's are asked for at once.
+  std::array<double, 4> m_usual{240, 600, 2000, 400};
+  std::array<std::uint64_t, 4> m_known{};  // answers of each kind
   bool m_asksForData = false;
   Clock::duration m_trip{};
   bool m_tripIsGuess = true;  // from the handshake, in which servers also write
   Round m_round;
+  Run m_run;
   std::array<double, 8> m_rates{};  // bytes a second, of the last rounds that count
   std::size_t m_nextRate = 0;
-  double m_grownTo = 0;  // the rate when it last grew by much
-  int m_flat = 0;        // rounds since then
-  double m_size = 20.0 * 1024;
+  double m_size = 64.0 * 1024;
 };
 
 }  // namespace zr::halden::details

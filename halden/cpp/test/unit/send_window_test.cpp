@@ -18,15 +18,16 @@ class SendWindowTest : public ::testing::Test {
     std::size_t answered = 0;
     for (const auto end = m_now + length; m_now < end; ++answered) {
       for (bool room = m_window.HasRoomForSome(); room; room = m_window.HasRoom()) {
-        m_free =
-            std::max(m_free, m_now + m_trip + m_jitter * static_cast<int>(m_underWay.size() * 37 % 64) / 64) +
-            m_each;
-        m_underWay.push_back({m_window.OnSent(SendWindow::Kind::Data, m_now), m_free});
+        const auto late = m_jitter * static_cast<int>(m_underWay.size() * 37 % 64) / 64;
+        m_free = std::max(m_free, m_now + m_trip + late) + m_each;
+        const bool lost = ++m_asked % m_lostEach == 0;  // once: it comes a trip later, and all behind it
+        m_due = std::max(m_due, m_free + m_trip * (lost ? 1 : 0));
+        m_underWay.push_back({m_window.OnSent(SendWindow::Kind::Data, m_now), m_due});
       }
       m_window.OnUsedUp();
       m_most = std::max(m_most, m_underWay.size());
       m_now = m_underWay.front().second;
-      m_window.OnAnswered(m_underWay.front().first, 400, m_now);
+      m_window.OnAnswered(m_underWay.front().first, 700, m_now);
       m_underWay.pop_front();
     }
     return answered;
@@ -38,8 +39,11 @@ class SendWindowTest : public ::testing::Test {
   Clock::duration m_each = 20us;
   Clock::time_point m_now{1h};
   Clock::time_point m_free{};
+  Clock::time_point m_due{};
   std::deque<std::pair<SendWindow::Sent, Clock::time_point>> m_underWay;
   std::size_t m_most = 0;
+  std::size_t m_asked = 0;
+  std::size_t m_lostEach = 1'000'000;
 };
 
 TEST_F(SendWindowTest, FillsALongWayWithinAFewTripsThoughItJitters) {
@@ -48,8 +52,17 @@ TEST_F(SendWindowTest, FillsALongWayWithinAFewTripsThoughItJitters) {
   EXPECT_GT(Load(10 * m_trip), 10 * 4000U * 8 / 10);  // 4,000 in each round trip is all that it carries
 }
 
+TEST_F(SendWindowTest, IsNotHeldDownByWhatIsSentAgain) {
+  m_lostEach = 300;
+  Load(10 * m_trip);
+  EXPECT_GT(Load(20 * m_trip), 20 * 4000U / 3);
+}
+
 TEST_F(SendWindowTest, KeepsTheLineAtANarrowWayShort) {
   m_each = 3ms;  // 1 Mbit/s
+  Load(20s);
+  EXPECT_LT(m_most * m_each, m_trip + 300ms);
+  m_lostEach = 50;
   Load(20s);
   EXPECT_LT(m_most * m_each, m_trip + 300ms);
 }
