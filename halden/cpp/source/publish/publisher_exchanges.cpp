@@ -5,12 +5,22 @@
 #include <utility>
 #include <vector>
 
+#include "model/access_list.h"
 #include "model/error_policy.h"
 #include "model/layout.h"
 #include "model/node_codec.h"
 #include "publish/publisher_core.h"
 
 namespace zr::halden::details {
+
+namespace {
+
+/// Everybody reads the partition, and so what is told there.
+bool MayEverybodyRead(const AccessListPtr& access) {
+  return !access || (PermissionsOfAnyone(*access) & kRead) != 0;
+}
+
+}  // namespace
 
 void PublisherCore::Send(PublisherPhase phase, Request request, ReplyFunction onReply) {
   SetPhase(phase);
@@ -95,7 +105,7 @@ Request PublisherCore::Creation() {
   request.data = *m_wish;
   request.mode = ZOO_EPHEMERAL;
   request.access = Access();
-  if (m_mayTell && m_wish->size() <= kMaxNewestBytes) {
+  if (m_mayTell && m_wish->size() <= kMaxNewestBytes && MayEverybodyRead(request.access)) {
     request.kind = Request::Kind::CreateAndTell;
     request.parentData = EncodeNewest({m_id, *m_wish});
   }

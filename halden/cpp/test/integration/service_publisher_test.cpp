@@ -168,6 +168,15 @@ TEST_F(ServicePublisherTest, WhatItsCreatorProtectsStrangersReadAndJoinAndDoNoth
   }
   EXPECT_EQ(code([&] { stranger.Delete(path); }), ZNOAUTH);
 
+  // What not everybody may read is told nobody by its partition either.
+  ServicePublisher secret(make("digest:owner:secret-word"), kService, second, "auth::cdrwa");
+  secret.Publish(MakeInstance("hidden"));
+  ASSERT_TRUE(secret.AwaitPublished(kLimit));
+  EXPECT_EQ(stranger.Get(path.parent_path()).value().find("hidden"), std::string::npos);
+  EXPECT_EQ(code([&] { stranger.Get(path.parent_path() / ToString(second).c_str()); }), ZNOAUTH);
+  secret.Remove();
+  EXPECT_TRUE(secret.AwaitAbsent(kLimit));
+
   // Whoever shares the credential shares the service; a stranger adds to it, and leaves with its session.
   ServicePublisher friendly(make("digest:owner:secret-word"), kService, second, "world:anyone:r,auth::cdrwa");
   const auto guest = MakeConnection(kDc);
