@@ -7,7 +7,6 @@
 #include <zookeeper/proto.h>
 
 #include <cerrno>
-#include <span>
 
 #include "client/client_adaptor.h"
 #include "client/name_resolution.h"
@@ -204,6 +203,15 @@ Done AsVoid(void_completion_t done, const void* data) {
   return [=](int code, const Message&) { done(code, data); };
 }
 
+Message PartOf(const zoo_op_t& op) {
+  if (op.type == ZOO_CHECK_OP)
+    return {.op = Message::Check, .path = op.check_op.path, .version = op.check_op.version};
+  if (op.type == ZOO_SETDATA_OP)
+    return {.op = Message::Set, .path = op.set_op.path, .data = Bytes(op.set_op.data, op.set_op.datalen)};
+  const auto& [path, data, length, buffer, size, access, flags, ttl] = op.create_op;
+  return {.op = Message::Create, .path = path, .data = Bytes(data, length), .flags = flags};
+}
+
 }  // namespace
 
 extern "C" {
@@ -341,20 +349,7 @@ void zoo_set_op_init(zoo_op_t* op, const char* path, const char* value, int leng
 int zoo_amulti(zhandle_t* zh, int count, const zoo_op_t* ops, zoo_op_result_t* results,
                void_completion_t done, const void* data) {
   Message message{.op = Message::Multi};
-  for (const auto& op : std::span(ops, static_cast<std::size_t>(count))) {
-    if (op.type == ZOO_CREATE_OP) {
-      message.parts.push_back({.op = Message::Create,
-                               .path = op.create_op.path,
-                               .data = Bytes(op.create_op.data, op.create_op.datalen),
-                               .flags = op.create_op.flags});
-    } else if (op.type == ZOO_SETDATA_OP) {
-      message.parts.push_back(
-          {.op = Message::Set, .path = op.set_op.path, .data = Bytes(op.set_op.data, op.set_op.datalen)});
-    } else {
-      message.parts.push_back(
-          {.op = Message::Check, .path = op.check_op.path, .version = op.check_op.version});
-    }
-  }
+  for (int i = 0; i < count; ++i) message.parts.push_back(PartOf(ops[i]));
   return zh->Ask(std::move(message), {}, [=](int code, const Message&) {
     for (int i = 0; i < count; ++i) results[i].err = code;
     done(code, data);

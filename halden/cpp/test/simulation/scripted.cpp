@@ -153,7 +153,7 @@ void FollowsFromFarAway(DataCenter& dc) {
   auto watched = far.Connect();
   auto watcher = std::make_shared<ServiceWatcher>(watched, kService, [](int) {});
   watcher->RegisterShared(far.listener);
-  far.AtMost(8, far.Trips([&] { return watcher->Start(), world->now; }, 30s), "the load of 2,000");
+  far.AtMost(12, far.Trips([&] { return watcher->Start(), world->now; }, 30s), "the load of 2,000");
 
   auto published = far.Connect();
   std::unique_ptr<ServicePublisher> publisher;
