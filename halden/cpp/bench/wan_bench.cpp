@@ -68,6 +68,8 @@ Samples LoadRounds(const std::string& hosts, const Service& service, int rounds)
   return samples;
 }
 
+constexpr double kMostTripsOfJoin = 1.6;
+
 /// The follower is far away, the writer is not.
 void BenchEvents(const Server& server, const std::string& hosts, milliseconds trip) {
   constexpr int cycles = 5;
@@ -100,13 +102,26 @@ void BenchEvents(const Server& server, const std::string& hosts, milliseconds tr
     }
   }
   for (std::size_t what = 0; what < names.size(); ++what) {
-    PrintSides(fmt::format("{} ms: {}", trip.count(), names[what]), "trip", Medians(trips[what]));
+    const bool judged = what == 0 && trip >= milliseconds(80);  // nearer, servers' own time counts
+    PrintSides(fmt::format("{} ms: {}", trip.count(), names[what]), "trip", Medians(trips[what]),
+               judged ? std::optional(Limit{Limit::kFigure, kMostTripsOfJoin}) : std::nullopt);
   }
 }
 
-/// How long until a change is confirmed that a publisher makes in the middle of a load, on the same connection. It is
-/// written, and looked at.
-std::vector<double> WriteDuringLoad(const std::string& hosts, const Service& service, int rounds) {
+enum class Moment : std::uint8_t { Beginning, Middle };
+
+struct MomentName {
+  Moment moment;
+  const char* name;
+};
+constexpr std::array<MomentName, 2> kMoments{
+    {{Moment::Beginning, "a publisher's write as a load begins"},
+     {Moment::Middle, "a publisher's write in the middle of a load"}}};
+
+/// How long until a change is confirmed that a publisher makes during a load, on the same connection. It is written,
+/// and looked at.
+std::vector<double> WriteDuringLoad(const std::string& hosts, const Service& service, Moment moment,
+                                    int rounds) {
   std::vector<double> took;
   for (int round = 0; round < rounds; ++round) {
     const auto conn = MakeConnection(hosts);
@@ -122,7 +137,7 @@ std::vector<double> WriteDuringLoad(const std::string& hosts, const Service& ser
     const auto watcher = std::make_shared<ServiceWatcher>(conn, service.name, nullptr);
     watcher->RegisterShared(observer);
     watcher->Start();
-    tally.Await({1, 0, 0});
+    if (moment == Moment::Middle) tally.Await({1, 0, 0});
     data.set_version("2");
     publisher.Publish(data);
     took.push_back(Time<Millis>([&] { Require(publisher.AwaitPublished(kLimit), "not published"); }));
@@ -141,9 +156,11 @@ void BenchDistance(const Server& server, milliseconds trip) {
                Medians(LoadRounds(way.ConnectString(), service, RoundsAt(trip))), Limit{Limit::kRatio, 1.1});
   }
   BenchEvents(server, way.ConnectString(), trip);
-  PrintFigure(
-      fmt::format("{} ms: a publisher's write in the middle of a load", trip.count()), "trip",
-      Median(WriteDuringLoad(way.ConnectString(), kServices[2], 3)) / static_cast<double>(trip.count()));
+  for (const auto& [moment, name] : kMoments) {
+    const double took = Median(WriteDuringLoad(way.ConnectString(), kServices[2], moment, 3));
+    PrintFigure(fmt::format("{} ms: {}", trip.count(), name), "trip",
+                took / static_cast<double>(trip.count()));
+  }
 }
 
 /// All three at once, each at its own distance.
@@ -190,8 +207,10 @@ void BenchNarrowWay(const Server& server, const NarrowWay& narrow) {
   if (narrow.distance.bytesPerSecond < kMegabit) return;  // 10,000 take half a minute
   const double most =
       3 * Millis(narrow.distance.trip).count() + 65536 / narrow.distance.bytesPerSecond * 1000;
-  PrintFigure(fmt::format("{}: a publisher's write in the middle of a load", narrow.name), "ms",
-              Median(WriteDuringLoad(way.ConnectString(), narrow.service, 3)), most);
+  for (const auto& [moment, name] : kMoments) {
+    PrintFigure(fmt::format("{}: {}", narrow.name, name), "ms",
+                Median(WriteDuringLoad(way.ConnectString(), narrow.service, moment, kRounds)), most);
+  }
 }
 
 /// Nothing arrives for a while, in the middle of a load: the sessions hold.
@@ -231,7 +250,7 @@ void BenchNarrow() {
       NarrowWay{"80 ms with 20 ms of jitter",
                 {.trip = milliseconds(80), .bytesPerSecond = 1000 * kMegabit, .jitter = milliseconds(20)},
                 kServices[2]},
-      // Servers' TCP does not slow down for a loss. More under way would be faster, and hold writes up for longer.
+      // As where TCP does not slow down for a loss. More under way would be faster, and hold writes up for longer.
       NarrowWay{"1 Gbit/s, 80 ms with 20 ms of jitter and 1 % loss",
                 {.trip = milliseconds(80),
                  .bytesPerSecond = 1000 * kMegabit,

@@ -13,7 +13,6 @@
 
 #include "client/access_vector.h"
 #include "client/client_adaptor.h"
-#include "model/layout.h"
 
 namespace zr::halden::details {
 
@@ -45,11 +44,12 @@ std::size_t SizeOf(const Reply& reply) {
 SendWindow::Kind AnswerOf(const Request& request) {
   switch (request.kind) {
     case Request::Kind::GetChildren:
-      return IsServicePath(request.path) ? SendWindow::Kind::Lone : SendWindow::Kind::List;
+      return request.alike ? SendWindow::Kind::List : SendWindow::Kind::Other;
     case Request::Kind::Get:
+      return request.alike ? SendWindow::Kind::Data : SendWindow::Kind::Other;
     case Request::Kind::GetAccess:
     case Request::Kind::Exists:
-      return SendWindow::Kind::Data;
+      return SendWindow::Kind::Other;
     default:
       return SendWindow::Kind::Write;
   }

@@ -43,6 +43,7 @@ struct Request {
   zr::String path;              ///< absolute, below the chroot
   bool outsideChroot = false;   ///< `path` is below the ensemble's own root instead
   bool watch = false;           ///< reads: also set a watch
+  bool alike = false;           ///< Get, GetChildren: one of many whose answers are about as long
   std::string data = {};        ///< Create, CreateAndTell, Set
   std::string parentData = {};  ///< CreateAndTell
   int mode = 0;                 ///< Create, CreateAndTell: ZOO_EPHEMERAL, ...

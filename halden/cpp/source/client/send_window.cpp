@@ -10,11 +10,17 @@ namespace {
 
 // The slack of a narrow way: it only waits in line there, and a write that comes behind it waits for so much.
 constexpr double kSlackBytes = 48.0 * 1024;
+// At first. Servers that are near are seldom at the end of a narrow way: all lists of a service may go at once.
+constexpr double kFirst = 64.0 * 1024;
+constexpr double kFirstNear = 160.0 * 1024;
+constexpr std::chrono::milliseconds kNear{20};
 // The slack of a fast way, in seconds: so long servers and we are busy with what has arrived.
 constexpr double kSlackTime = 0.003;
 // More than what the way holds, if all answers took the shortest time: on many ways some take longer.
 constexpr double kGain = 1.5;
 constexpr double kRunGain = 1.25;
+// Some of what was held up passes for a run: once rounds tell enough, no run is believed that says much more than they.
+constexpr double kMostOfRun = 2.25;
 // The window grows by no more at a time, whatever a round seems to say.
 constexpr double kMostGrowth = 16;
 constexpr double kMost = 16e6;
@@ -41,12 +47,16 @@ double Seconds(Clock::duration time) {
 }  // namespace
 
 SendWindow::Sent SendWindow::OnSent(Kind kind, Clock::time_point now) {
-  if (UnderWay() == 0) m_round = {.begin = now, .answered = m_answered};
+  if (UnderWay() == 0) {
+    m_round = {.begin = now, .answered = m_answered};
+    m_run = {};
+  }
   ++m_sent;
   m_asksForData = m_asksForData || kind == Kind::Data;
+  if (kind == Kind::Write) ++m_writes;
   const double expected = m_usual[static_cast<std::size_t>(kind)];
   m_expected += expected;
-  return {now, expected, kind, kind != Kind::Write && UnderWay() <= kFew};
+  return {now, expected, kind, m_writes == 0 && UnderWay() <= kFew};
 }
 
 void SendWindow::OnAnswered(const Sent& sent, std::size_t bytes, Clock::time_point now) {
@@ -62,17 +72,18 @@ void SendWindow::OnAnswered(const Sent& sent, std::size_t bytes, Clock::time_poi
 
 void SendWindow::OnLost(const Sent& sent) {
   ++m_answered;
+  if (sent.kind == Kind::Write && m_writes > 0) --m_writes;
   m_expected = UnderWay() == 0 ? 0 : m_expected - sent.expected;
 }
 
-/// A shorter one is believed at once. A longer one only where nothing was in line before it, and by and by.
+/// A shorter one is believed at once. A longer one only where nothing was in line before it, and by and by: something may
+/// have held it up. Too long a trip is mended by the next answer, too short a one by few.
 void SendWindow::MeasureTrip(const Sent& sent, Clock::time_point now) {
   const auto trip = std::min<Clock::duration>(now - sent.at, kLongestTrip);
-  if (trip < m_trip || (m_tripIsGuess && sent.measures)) {
+  if (trip < m_trip || m_trip == Clock::duration::zero()) {
     m_trip = trip;
-    m_tripIsGuess = false;
   } else if (sent.measures) {
-    m_trip += (trip - m_trip) / 8;
+    m_trip += std::min(trip - m_trip, m_trip) / 8;
   }
 }
 
@@ -115,7 +126,9 @@ void SendWindow::EndRound(Clock::time_point now) {
   const double rate = m_round.bytes / lasted;
   if (!m_round.usedUp && rate < BestRate()) return;
   TakeRate(rate, lasted);
-  const double sought = std::max(kGain * BestRate(), kRunGain * m_round.runRate);
+  const double run =
+      m_nextRate < m_rates.size() ? m_round.runRate : std::min(m_round.runRate, kMostOfRun * BestRate());
+  const double sought = std::max(kGain * BestRate(), kRunGain * run);
   const double grown = kMostGrowth * std::max(m_size, m_round.bytes);
   m_size = std::min({sought * Seconds(m_trip) + Slack(), grown, kMost});
 }
@@ -137,13 +150,14 @@ double SendWindow::Slack() const {
 }
 
 void SendWindow::OnConnected(Clock::duration handshake, Clock::time_point now) {
-  handshake = std::min<Clock::duration>(handshake, kLongestTrip);
-  SendWindow anew(m_tripIsGuess ? handshake : std::min(handshake, m_trip));
+  SendWindow anew(std::min<Clock::duration>(handshake, kLongestTrip));
   anew.m_known = m_known;
   anew.m_round = {.begin = now, .answered = m_answered};
+  anew.m_size = anew.m_trip < kNear ? kFirstNear : kFirst;
   anew.m_usual = m_usual;
   anew.m_sent = m_sent;
   anew.m_answered = m_answered;
+  anew.m_writes = m_writes;
   anew.m_expected = m_expected;
   *this = anew;
 }

@@ -18,21 +18,22 @@ namespace zr::halden::details {
 /// It goes by rounds: one ends when all that was under way at its first answer is answered. The best rate of the last
 /// rounds, times the shortest round trip, is what the way holds. A round in which the window was not used up says
 /// nothing against a better one before it. Answers that come close together tell the rate of a way that was idle before
-/// them: but only where the first of them took no longer than the way is, since what was held up comes close together,
-/// too.
+/// them. What was held up comes close together, too: so the first of them must not have taken much longer than the way
+/// is, and once there are rounds enough they say how much more a run can mean.
 ///
 /// Threads: the connection's.
 class SendWindow {
  public:
-  /// What is asked for: how much will come is known from what came for its like. `Lone` is a read that has none.
-  enum class Kind : std::uint8_t { List, Data, Lone, Write };
+  /// What is asked for: how much will come is known from what came for its like. The lists of partitions are alike, and
+  /// so are instances; what else is read is not.
+  enum class Kind : std::uint8_t { List, Data, Other, Write };
 
   /// A request on its way. Answers come in the order of the requests.
   struct Sent {
     Clock::time_point at{};
     double expected = 0;  ///< bytes
     Kind kind = Kind::Data;
-    bool measures = false;  ///< a read with little before it: how long it takes is the way's length
+    bool measures = false;  ///< a read behind few others and no write: it takes as long as the way
   };
 
   SendWindow() = default;
@@ -85,13 +86,12 @@ class SendWindow {
 
   std::uint64_t m_sent = 0;
   std::uint64_t m_answered = 0;
-  double m_expected = 0;  // bytes under way
-  // Bytes of an answer of each kind lately. Lists are guessed short, so that all of a service's are asked for at once.
-  std::array<double, 4> m_usual{240, 600, 2000, 400};
-  std::array<std::uint64_t, 4> m_known{};  // answers of each kind
+  std::uint64_t m_writes = 0;                         // under way
+  double m_expected = 0;                              // bytes under way
+  std::array<double, 4> m_usual{600, 600, 600, 400};  // bytes of an answer of each kind lately
+  std::array<std::uint64_t, 4> m_known{};             // answers of each kind
   bool m_asksForData = false;
-  Clock::duration m_trip{};
-  bool m_tripIsGuess = true;  // from the handshake, in which servers also write
+  Clock::duration m_trip{};  // at first that of the handshake, in which servers also write
   Round m_round;
   Run m_run;
   std::array<double, 8> m_rates{};  // bytes a second, of the last rounds that count

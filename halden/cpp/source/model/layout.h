@@ -30,10 +30,6 @@ inline zr::String ServicePath(const zr::String& service) {
   return path;
 }
 
-inline bool IsServicePath(std::string_view path) {
-  return path.rfind('/') == kServicesPath.size();
-}
-
 inline std::uint8_t PartitionOf(const ServiceId& id) {
   std::uint8_t partition = 0;
   for (const std::uint8_t byte : id) partition ^= byte;

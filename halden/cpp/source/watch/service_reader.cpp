@@ -176,7 +176,10 @@ void ServiceReader::ReadPartition(std::uint8_t number, Haste haste) {
 }
 
 void ServiceReader::SendPartitionRead(std::uint8_t number) {
-  Submit(Request::Kind::GetChildren, PartitionPath(m_path, number), true,
+  Submit({.kind = Request::Kind::GetChildren,
+          .path = PartitionPath(m_path, number),
+          .watch = true,
+          .alike = true},
          [number](ServiceReader& self, Reply& reply) { self.OnPartition(number, reply); });
   AskForNewest(number);
 }
@@ -242,7 +245,7 @@ void ServiceReader::ReadInstance(const ServiceId& id, Haste haste) {
 }
 
 void ServiceReader::SendInstanceRead(const ServiceId& id) {
-  Submit(Request::Kind::Get, InstancePath(m_path, id), true,
+  Submit({.kind = Request::Kind::Get, .path = InstancePath(m_path, id), .watch = true, .alike = true},
          [id](ServiceReader& self, Reply& reply) { self.OnInstance(id, reply); });
 }
 

@@ -164,7 +164,10 @@ class ServiceReader final : public ConnectionListener,
   void LogOddName(zr::String path, const zr::String& name);
   template <typename OnReply>
   void Submit(Request::Kind kind, zr::String path, bool watch, OnReply onReply) {
-    Request request{.kind = kind, .path = std::move(path), .watch = watch};
+    Submit(Request{.kind = kind, .path = std::move(path), .watch = watch}, std::move(onReply));
+  }
+  template <typename OnReply>
+  void Submit(Request request, OnReply onReply) {
     request.reply = [weak = weak_from_this(), generation = m_generation, onReply](Reply& reply) {
       const auto self = weak.lock();
       if (self && self->m_generation == generation) {

@@ -58,6 +58,17 @@ TEST_F(SendWindowTest, IsNotHeldDownByWhatIsSentAgain) {
   EXPECT_GT(Load(20 * m_trip), 20 * 4000U / 3);
 }
 
+TEST_F(SendWindowTest, DoesNotTakeWhatWasHeldUpForTheWay) {
+  m_window.OnConnected(m_trip, m_now);
+  std::vector<SendWindow::Sent> lists;
+  while (m_window.HasRoom()) lists.push_back(m_window.OnSent(SendWindow::Kind::List, m_now));
+  m_now += 1s;
+  for (const auto& list : lists) m_window.OnAnswered(list, 2000, m_now += 10us);
+  int requests = 0;
+  while (m_window.HasRoom()) m_window.OnSent(SendWindow::Kind::Data, m_now), ++requests;
+  EXPECT_LT(requests, 500);
+}
+
 TEST_F(SendWindowTest, KeepsTheLineAtANarrowWayShort) {
   m_each = 3ms;  // 1 Mbit/s
   Load(20s);
