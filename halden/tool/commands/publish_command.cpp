@@ -185,7 +185,7 @@ class Outage {
   Outage(const Connection& conn, const zr::String& ensemble) : m_conn(conn), m_ensemble(ensemble) {}
 
   void Look() {
-    constexpr std::chrono::seconds usual{1};
+    constexpr std::chrono::seconds usual{3};
     const auto now = steady_clock::now();
     const ConnectionStatus status = m_conn.Status();
     if (status.state == ConnectionState::Connected) {
@@ -244,7 +244,7 @@ void SilencePublisherLog() {
 
 /// Takes the instances back, in order where that is possible. What stays, empty when nothing does.
 std::string RemoveAndClose(Instances& instances, Connection& conn) {
-  constexpr milliseconds betweenServers{1000};
+  constexpr milliseconds betweenServers{3000};
   constexpr milliseconds interval{10};
   ConnectionStatus status = conn.Status();
   for (auto left = betweenServers; status.state == ConnectionState::Suspended && left > interval;

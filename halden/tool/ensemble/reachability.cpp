@@ -117,7 +117,7 @@ void Examine(const details::HostPort& server, std::size_t index, milliseconds li
 }
 
 std::string WhyNoSession(const zr::String& ensemble) {
-  constexpr milliseconds limit{1000};
+  constexpr milliseconds limit{3000};
   std::string parts;
   bool reached = false;
   for (const auto& server : ExamineServers(details::ParseConnectString(ensemble).value.hosts, limit)) {

@@ -15,7 +15,7 @@ namespace zr::halden::tool {
 
 std::vector<std::string> ReadServiceNames(const DataCenterEnsembleMapT& ensembles, LineWriter& output) {
   using Names = std::vector<std::string>;
-  constexpr std::chrono::seconds patience{2};
+  constexpr std::chrono::seconds patience{5};  // far away it takes three round trips
   const auto all = InEachDataCenter<Names>(ensembles, patience, output, [](EnsembleReader& reader) {
     return reader.Ask({details::Request::Kind::GetChildren, zr::String(details::kServicesPath)}).children;
   });

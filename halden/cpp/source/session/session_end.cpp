@@ -59,7 +59,8 @@ void SessionEnd::TakeUp() {
     if (self && self->m_epoch.get() == &epoch) self->OnTakenUp(state);
   });
   if (!m_epoch) return Fail();
-  After(m_patience, &SessionEnd::TakeUp);  // it may have begun with a server that is out of reach
+  // It may have begun with a server that is out of reach, or the way is longer than is known.
+  After(std::exchange(m_patience, 2 * m_patience), &SessionEnd::TakeUp);
 }
 
 /// The handle is not closed from inside what it tells.
