@@ -77,11 +77,7 @@ struct _zhandle {
   int Lose(int code) {
     if (link) std::exchange(link, nullptr)->Leave();
     const bool over = is_unrecoverable(this) != 0;
-    if (over) {
-      TellSession(state);
-    } else if (state == ZOO_CONNECTED_STATE) {
-      TellSession(ZOO_CONNECTING_STATE);
-    }
+    if (over || state == ZOO_CONNECTED_STATE) TellSession(over ? state : ZOO_CONNECTING_STATE);
     toSend.clear();
     if (!over) state = 0;
     for (const auto& one : std::exchange(asked, {})) one.done(code, {});
@@ -151,11 +147,9 @@ struct _zhandle {
     world->Note("handle %llx hears event %d %s", Number(), type, Tail(event.path));
     std::vector<Watch> contexts;
     for (int kind = 0; kind < 3; ++kind) {
-      if (kind == 2 ? type != ZOO_CHILD_EVENT && type != ZOO_DELETED_EVENT : type == ZOO_CHILD_EVENT)
-        continue;
-      const auto found = watches[kind].extract(event.path);
-      if (!found) continue;
-      for (const auto& one : found.mapped()) AddOnce(contexts, one);
+      if (type != ZOO_DELETED_EVENT && (type == ZOO_CHILD_EVENT) != (kind == 2)) continue;
+      if (const auto found = watches[kind].extract(event.path))
+        for (const auto& one : found.mapped()) AddOnce(contexts, one);
     }
     for (const auto& [function, one] : contexts) function(this, type, state, event.path.c_str(), one);
   }
@@ -331,19 +325,16 @@ int zoo_adelete(zhandle_t* zh, const char* path, int version, void_completion_t 
 }
 
 void zoo_check_op_init(zoo_op_t* op, const char* path, int version) {
-  op->type = ZOO_CHECK_OP;
-  op->check_op = {path, version};
+  *op = {.type = ZOO_CHECK_OP, .check_op = {path, version}};
 }
 
 void zoo_create_op_init(zoo_op_t* op, const char* path, const char* value, int length, const ACL_vector*,
                         int mode, char*, int) {
-  op->type = ZOO_CREATE_OP;
-  op->create_op = {path, value, length, nullptr, 0, nullptr, mode, 0};
+  *op = {.type = ZOO_CREATE_OP, .create_op = {path, value, length, nullptr, 0, nullptr, mode, 0}};
 }
 
 void zoo_set_op_init(zoo_op_t* op, const char* path, const char* value, int length, int version, Stat*) {
-  op->type = ZOO_SETDATA_OP;
-  op->set_op = {path, value, length, version, nullptr};
+  *op = {.type = ZOO_SETDATA_OP, .set_op = {path, value, length, version, nullptr}};
 }
 
 int zoo_amulti(zhandle_t* zh, int count, const zoo_op_t* ops, zoo_op_result_t* results,

@@ -303,8 +303,7 @@ int main(int argc, char** argv) {
   Options options;
   app.add_option("--seeds", options.count, "how many");
   app.add_option("--seed", options.first, "the first one; else taken from the clock");
-  app.add_option("--replay-every", options.replayEvery,
-                 "every so many seeds are played twice and compared; 0: none");
+  app.add_option("--replay-every", options.replayEvery, "these are played twice and compared; 0: none");
   app.add_option("--trace", options.traceLines, "lines of a failed seed's trace, at most 2000");
   CLI11_PARSE(app, argc, argv);
   zr::logging::g_minLogLevel = zr::logging::ZRLOG_WALL;

@@ -90,17 +90,15 @@ TEST_F(Handlers, TextIsOneLineWhateverTheMessageHolds) {
 }
 
 TEST_F(Handlers, JsonTakesKeysAndValuesApartAndKeepsWhatDoesNotFit) {
-  const std::array<std::array<const char*, 3>, 12> cases{{
+  const std::array<std::array<const char*, 3>, 10> cases{{
       {"ConnectDC called, dc_name=eu, x", "ConnectDC called", R"({"dc_name":"eu, x"})"},
       {"no ensemble with dc_name=", "no ensemble with", R"({"dc_name":""})"},
       {"made, n=a=b, x=, y.z-1=c, d", "made", R"({"n":"a=b","x":"","y.z-1":"c, d"})"},
       {"a=1 b=2, c d=3", "", R"({"a":"1 b=2, c d=3"})"},
       {"f: x, path=/a/b", "f: x", R"({"path":"/a/b"})"},
-      {"plain, text", "plain, text", "null"},
       {"= 1, a = 2, 3=4, (x=5", "= 1, a = 2, 3=4, (x=5", "null"},
       {"twice, a=1, a=2", "twice, a=1, a=2", "null"},
       {"", "", "null"},
-      {"=", "=", "null"},
       {"a, ", "a, ", "null"},
       {"said, \"k\"=1, k=\"\\", "said, \"k\"=1", R"({"k":"\"\\"})"},
   }};
