@@ -34,8 +34,8 @@ constexpr double kShortestRun = 0.003;
 constexpr double kLongRound = 0.020;
 // So few requests before another cost it no time worth counting.
 constexpr std::uint64_t kFew = 4;
-// What takes longer has been frozen, as a whole process may be.
-constexpr std::chrono::seconds kLongestTrip{5};
+// What takes longer has been frozen, as a whole process or a server may be: a silent server is waited for by the trip.
+constexpr std::chrono::seconds kLongestTrip{2};
 // Before so many answers of a kind have come, it is not known how long they are, and no more than so many are asked for.
 constexpr std::uint64_t kToKnow = 16;
 constexpr std::uint64_t kBeforeKnown = 1024;

@@ -19,8 +19,7 @@ namespace {
 using Watch = std::pair<watcher_fn, void*>;
 using Done = std::function<void(int code, const Message& answer)>;
 
-/// A request that is not answered yet.
-struct Asked {
+struct Asked {  // and not answered yet
   MessagePtr request;
   Watch watch;
   Done done;
@@ -40,7 +39,6 @@ std::string Bytes(const char* value, int length) {
 
 }  // namespace
 
-/// A handle of the client library.
 struct _zhandle {
   watcher_fn watcher;
   void* context;
