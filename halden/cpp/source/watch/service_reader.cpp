@@ -121,6 +121,7 @@ void ServiceReader::OnService(Reply& reply) {
     case ErrorAction::Absent:
       TakeListing(m_service, reply, m_path);
       m_delivery->SetServiceNode(0);
+      LeaveOutAbsent({});
       for (std::size_t i = 0; i < kPartitions; ++i) OnPartitionAbsent(static_cast<std::uint8_t>(i));
       AwaitService();
       break;
@@ -142,6 +143,7 @@ void ServiceReader::OnServiceListed(const Reply& reply) {
       LogOddName(m_path, name);
     }
   }
+  LeaveOutAbsent(present);
   for (std::size_t i = 0; i < kPartitions; ++i) {
     const auto number = static_cast<std::uint8_t>(i);
     if (!present[i]) {
@@ -151,6 +153,14 @@ void ServiceReader::OnServiceListed(const Reply& reply) {
       ReadPartition(number, UsualHaste());
     }
   }
+}
+
+/// What was to be asked for before it was known what there is, and has not had its turn.
+void ServiceReader::LeaveOutAbsent(const std::array<bool, kPartitions>& present) {
+  for (const auto number : m_toRead.lists) {
+    if (!present[number]) m_ledger.End(m_partitions[number].list.read);
+  }
+  std::erase_if(m_toRead.lists, [&present](std::uint8_t number) { return !present[number]; });
 }
 
 /// A list leaves no watch on a node that is absent; a check for existence does.

@@ -119,6 +119,7 @@ class ServiceReader final : public ConnectionListener,
   void ReadService();
   void OnService(Reply& reply);
   void OnServiceListed(const Reply& reply);
+  void LeaveOutAbsent(const std::array<bool, kPartitions>& present);
   void AwaitService();
   void OnServiceAwaited(const Reply& reply);
 

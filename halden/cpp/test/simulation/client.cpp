@@ -87,6 +87,7 @@ struct _zhandle {
   int Ask(Message message, Watch watch, Done done) {
     if (is_unrecoverable(this) != 0) return ZINVALIDSTATE;
     message.xid = ++lastXid;
+    ++world->asked;
     message.watch = watch.first != nullptr;
     if (begun && message.op == Message::GetChildren)
       world->pauses.push_back(world->now - *std::exchange(begun, std::nullopt));

@@ -118,7 +118,6 @@ struct FarAway {
     return connection;
   }
 
-  /// In round trips.
   double Trips(const std::function<Time()>& act, Duration limit = 5s) {
     const Time begin = act();
     world->RunUntil(world->now + limit);
@@ -156,6 +155,10 @@ void FollowsFromFarAway(DataCenter& dc) {
   far.AtMost(12, far.Trips([&] { return watcher->Start(), world->now; }, 30s), "the load of 2,000");
 
   auto published = far.Connect();
+  const int asked = world->asked;
+  const auto absent = std::make_shared<ServiceWatcher>(published, "absent", [](int) {});
+  far.Trips([&] { return absent->Start(), world->now; });
+  if (world->asked - asked > 200) world->Violation("all lists of a service that is not there are asked for");
   std::unique_ptr<ServicePublisher> publisher;
   const auto join = [&] {
     publisher = std::make_unique<ServicePublisher>(published, kService, DrawId());

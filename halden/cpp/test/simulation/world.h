@@ -156,6 +156,7 @@ struct World {
   Duration spent{};                    ///< so long has taken the task that runs
   int threads = 0;                     ///< alive; of TaskThread
   int handles = 0;                     ///< of the client library
+  int asked = 0;                       ///< requests of theirs
   std::vector<Duration> pauses{};      ///< from the begin of a session to the first list asked for in it
   std::vector<Ensemble*> ensembles{};  ///< by their numbers
   std::map<int, std::shared_ptr<Link>> links{};  ///< by their descriptors
